@@ -1,0 +1,245 @@
+#include "platform/log.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cctype>
+#include <cstring>
+
+#include <spdlog/async.h>
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/spdlog.h>
+#ifdef SV_HAVE_SYSTEMD
+#include <spdlog/sinks/systemd_sink.h>
+#endif
+
+namespace sv::log {
+namespace {
+
+struct State {
+    std::mutex mutex;
+    std::vector<Capture*> captures;
+    std::shared_ptr<spdlog::logger> logger;
+    std::string identifier = "sorveld";
+    std::atomic<bool> debug{false};
+    std::atomic<bool> output{true};
+
+    State() {
+        const char* lvl = std::getenv("SORVEL_LOG_LEVEL");
+        if (lvl && std::strcmp(lvl, "debug") == 0) debug = true;
+        if (lvl && std::strcmp(lvl, "quiet") == 0) output = false;
+    }
+};
+
+// Never destroyed: log calls may come from threads that outlive static
+// destruction at process exit.
+State& state() {
+    static State* s = new State;
+    return *s;
+}
+
+std::shared_ptr<spdlog::logger> makeLogger(const std::string& identifier) {
+    spdlog::sink_ptr sink;
+#ifdef SV_HAVE_SYSTEMD
+    if (std::getenv("JOURNAL_STREAM")) sink = std::make_shared<spdlog::sinks::systemd_sink_mt>(identifier);
+#endif
+    if (!sink) sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
+    if (!spdlog::thread_pool()) spdlog::init_thread_pool(8192, 1);
+    auto logger = std::make_shared<spdlog::async_logger>(
+        identifier, sink, spdlog::thread_pool(), spdlog::async_overflow_policy::overrun_oldest);
+    logger->set_level(spdlog::level::trace);
+    logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %n[%t] <%l> %v");
+    return logger;
+}
+
+void appendFormatted(std::string& out, const std::string& spec, const FormatArg& a, char conv,
+                     int lengthMod) {
+    char buf[128];
+    std::string f = spec;
+    switch (conv) {
+        case 'd':
+        case 'i': {
+            if (lengthMod == 0) {
+                std::snprintf(buf, sizeof buf, (f + "d").c_str(), static_cast<int32_t>(a.i));
+            } else {
+                std::snprintf(buf, sizeof buf, (f + "lld").c_str(), static_cast<long long>(a.i));
+            }
+            out += buf;
+            return;
+        }
+        case 'u':
+        case 'x':
+        case 'X': {
+            const char c[2] = {conv, 0};
+            if (lengthMod == 0) {
+                std::snprintf(buf, sizeof buf, (f + c).c_str(), static_cast<uint32_t>(a.u));
+            } else {
+                std::snprintf(buf, sizeof buf, (f + "ll" + c).c_str(),
+                              static_cast<unsigned long long>(a.u));
+            }
+            out += buf;
+            return;
+        }
+        case 'f':
+        case 'g':
+        case 'e': {
+            const char c[2] = {conv, 0};
+            double d = a.kind == FormatArg::Double ? a.d
+                       : a.kind == FormatArg::UInt ? double(a.u)
+                                                   : double(a.i);
+            std::snprintf(buf, sizeof buf, (f + c).c_str(), d);
+            out += buf;
+            return;
+        }
+        default:  // '@' and 's'
+            if (a.kind == FormatArg::Text) {
+                out += a.s;
+            } else if (a.kind == FormatArg::Double) {
+                std::snprintf(buf, sizeof buf, "%g", a.d);
+                out += buf;
+            } else if (a.kind == FormatArg::UInt) {
+                out += std::to_string(a.u);
+            } else {
+                out += std::to_string(a.i);
+            }
+    }
+}
+
+}  // namespace
+
+std::string format(std::string_view fmt, std::span<const FormatArg> args) {
+    static const FormatArg kNull{FormatArg::Text, 0, 0, 0, "(null)"};
+    std::string out;
+    out.reserve(fmt.size() + 16);
+    size_t next = 0;
+    for (size_t i = 0; i < fmt.size(); ++i) {
+        char ch = fmt[i];
+        if (ch != '%') {
+            out += ch;
+            continue;
+        }
+        if (i + 1 < fmt.size() && fmt[i + 1] == '%') {
+            out += '%';
+            ++i;
+            continue;
+        }
+        // %[flags][width][.precision][length]conversion
+        size_t j = i + 1;
+        std::string spec = "%";
+        while (j < fmt.size() && std::strchr("-+ #0", fmt[j])) spec += fmt[j++];
+        while (j < fmt.size() && std::isdigit(static_cast<unsigned char>(fmt[j]))) spec += fmt[j++];
+        if (j < fmt.size() && fmt[j] == '.') {
+            spec += fmt[j++];
+            while (j < fmt.size() && std::isdigit(static_cast<unsigned char>(fmt[j])))
+                spec += fmt[j++];
+        }
+        int lengthMod = 0;
+        while (j < fmt.size() && (fmt[j] == 'l' || fmt[j] == 'h' || fmt[j] == 'z' || fmt[j] == 'q')) {
+            if (fmt[j] == 'l' || fmt[j] == 'z' || fmt[j] == 'q') ++lengthMod;
+            ++j;
+        }
+        if (j >= fmt.size() || !std::strchr("@diuxXfgesc", fmt[j])) {
+            out.append(fmt.substr(i, j - i + (j < fmt.size() ? 1 : 0)));
+            i = j;
+            continue;
+        }
+        const FormatArg& a = next < args.size() ? args[next] : kNull;
+        ++next;
+        appendFormatted(out, spec, a, fmt[j] == 'c' ? 's' : fmt[j], lengthMod);
+        i = j;
+    }
+    return out;
+}
+
+void write(Level level, std::string&& line) {
+    State& s = state();
+    std::shared_ptr<spdlog::logger> logger;
+    {
+        std::lock_guard lock(s.mutex);
+        for (Capture* c : s.captures) c->append(level, line);
+        if (!s.output) return;
+        if (level != Level::Console) {
+            if (!s.logger) s.logger = makeLogger(s.identifier);
+            logger = s.logger;
+        }
+    }
+    switch (level) {
+        case Level::Default:
+            logger->info(line);
+            break;
+        case Level::Debug:
+            logger->debug(line);
+            break;
+        case Level::Error:
+            logger->error(line);
+            break;
+        case Level::Console:
+            line += '\n';
+            std::fwrite(line.data(), 1, line.size(), stderr);
+            break;
+    }
+}
+
+bool isDebugEnabled() { return state().debug.load(std::memory_order_relaxed); }
+void setDebugEnabled(bool enabled) { state().debug = enabled; }
+void setOutputEnabled(bool enabled) { state().output = enabled; }
+
+void setIdentifier(const std::string& identifier) {
+    State& s = state();
+    std::lock_guard lock(s.mutex);
+    s.identifier = identifier;
+    s.logger.reset();
+}
+
+void flush() {
+    std::shared_ptr<spdlog::logger> logger;
+    {
+        std::lock_guard lock(state().mutex);
+        logger = state().logger;
+    }
+    if (logger) logger->flush();
+    std::fflush(stderr);
+}
+
+Capture::Capture() {
+    std::lock_guard lock(state().mutex);
+    state().captures.push_back(this);
+}
+
+Capture::~Capture() {
+    std::lock_guard lock(state().mutex);
+    auto& v = state().captures;
+    v.erase(std::remove(v.begin(), v.end(), this), v.end());
+}
+
+void Capture::append(Level level, const std::string& text) {
+    std::lock_guard lock(mutex_);
+    lines_.push_back({level, text});
+}
+
+std::vector<Line> Capture::lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+}
+
+size_t Capture::count(std::string_view text, std::optional<Level> level) const {
+    std::lock_guard lock(mutex_);
+    return std::count_if(lines_.begin(), lines_.end(), [&](const Line& l) {
+        return l.text == text && (!level || l.level == *level);
+    });
+}
+
+size_t Capture::countContaining(std::string_view fragment) const {
+    std::lock_guard lock(mutex_);
+    return std::count_if(lines_.begin(), lines_.end(), [&](const Line& l) {
+        return l.text.find(fragment) != std::string::npos;
+    });
+}
+
+void Capture::clear() {
+    std::lock_guard lock(mutex_);
+    lines_.clear();
+}
+
+}  // namespace sv::log

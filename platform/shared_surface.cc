@@ -1,0 +1,160 @@
+#include "platform/shared_surface.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+namespace sv {
+namespace {
+
+std::atomic<uint64_t> gNextSurfaceID{1};
+
+void setError(std::string* error, std::string text) {
+    if (error) *error = std::move(text);
+}
+
+bool computeLayout(int32_t width, int32_t height, uint32_t bytesPerRow, size_t* size) {
+    if (width <= 0 || height <= 0 || width > 16384 || height > 16384) return false;
+    if (bytesPerRow < uint64_t(width) * 4) return false;
+    uint64_t total = uint64_t(bytesPerRow) * uint64_t(height);
+    if (total > SharedSurface::kMaxBytes) return false;
+    *size = static_cast<size_t>(total);
+    return true;
+}
+
+}  // namespace
+
+SharedSurface::SharedSurface(int fd, uint8_t* base, size_t size, SurfaceDescriptor desc,
+                             bool readOnly)
+    : fd_(fd), base_(base), size_(size), desc_(desc), readOnly_(readOnly),
+      id_(gNextSurfaceID.fetch_add(1, std::memory_order_relaxed)) {}
+
+SharedSurface::~SharedSurface() {
+    if (base_) munmap(base_, size_);
+    if (fd_ >= 0) close(fd_);
+}
+
+std::unique_ptr<SharedSurface> SharedSurface::allocate(int32_t width, int32_t height,
+                                                       PixelFormat format, std::string* error) {
+    if (format != PixelFormat::BGRA) {
+        setError(error, "unsupported pixel format");
+        return nullptr;
+    }
+    uint32_t bpr = (uint32_t(width > 0 ? width : 0) * 4 + 63) & ~63u;
+    size_t size = 0;
+    if (!computeLayout(width, height, bpr, &size)) {
+        setError(error, "surface size out of range");
+        return nullptr;
+    }
+    int fd = memfd_create("sv-surface", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (fd < 0) {
+        setError(error, std::string("memfd_create: ") + std::strerror(errno));
+        return nullptr;
+    }
+    if (ftruncate(fd, static_cast<off_t>(size)) != 0 ||
+        fcntl(fd, F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL) != 0) {
+        setError(error, std::string("sealing surface: ") + std::strerror(errno));
+        close(fd);
+        return nullptr;
+    }
+    void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (base == MAP_FAILED) {
+        setError(error, std::string("mmap: ") + std::strerror(errno));
+        close(fd);
+        return nullptr;
+    }
+    return std::unique_ptr<SharedSurface>(new SharedSurface(
+        fd, static_cast<uint8_t*>(base), size, {width, height, bpr, format}, false));
+}
+
+std::shared_ptr<SharedSurface> SharedSurface::create(int32_t width, int32_t height,
+                                                     PixelFormat format, std::string* error) {
+    return allocate(width, height, format, error);
+}
+
+std::shared_ptr<SharedSurface> SharedSurface::importDescriptor(int fd,
+                                                               const SurfaceDescriptor& desc,
+                                                               std::string* error) {
+    auto fail = [&](const char* why) -> std::shared_ptr<SharedSurface> {
+        if (fd >= 0) close(fd);
+        setError(error, why);
+        return nullptr;
+    };
+    if (fd < 0) return fail("no descriptor");
+    if (desc.pixelFormat != PixelFormat::BGRA) return fail("unsupported pixel format");
+    size_t size = 0;
+    if (!computeLayout(desc.width, desc.height, desc.bytesPerRow, &size))
+        return fail("surface size out of range");
+    int seals = fcntl(fd, F_GET_SEALS);
+    if (seals < 0 || !(seals & F_SEAL_SHRINK)) return fail("surface is not a sealed memfd");
+    struct stat st {};
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || uint64_t(st.st_size) < size)
+        return fail("surface descriptor smaller than its image");
+    void* base = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+    if (base == MAP_FAILED) return fail("mmap of received surface failed");
+    return std::shared_ptr<SharedSurface>(
+        new SharedSurface(fd, static_cast<uint8_t*>(base), size, desc, true));
+}
+
+int SharedSurface::duplicateFd() const { return fcntl(fd_, F_DUPFD_CLOEXEC, 0); }
+
+std::string SharedSurface::description() const {
+    return "<SharedSurface " + std::to_string(id_) + " " + std::to_string(desc_.width) + "x" +
+           std::to_string(desc_.height) + (readOnly_ ? " ro" : "") + ">";
+}
+
+struct SurfacePool::State {
+    std::mutex mutex;
+    std::vector<std::unique_ptr<SharedSurface>> free;
+    size_t maxFree;
+    size_t allocated = 0;
+};
+
+SurfacePool::SurfacePool(int32_t width, int32_t height, PixelFormat format, size_t maxFree)
+    : width_(width), height_(height), format_(format), state_(std::make_shared<State>()) {
+    state_->maxFree = maxFree;
+}
+
+SurfacePool::~SurfacePool() = default;
+
+std::shared_ptr<SharedSurface> SurfacePool::acquire(std::string* error) {
+    std::unique_ptr<SharedSurface> s;
+    {
+        std::lock_guard lock(state_->mutex);
+        if (!state_->free.empty()) {
+            s = std::move(state_->free.back());
+            state_->free.pop_back();
+        }
+    }
+    if (!s) {
+        s = SharedSurface::allocate(width_, height_, format_, error);
+        if (!s) return nullptr;
+        std::lock_guard lock(state_->mutex);
+        ++state_->allocated;
+    }
+    std::weak_ptr<State> weak = state_;
+    return std::shared_ptr<SharedSurface>(s.release(), [weak](SharedSurface* p) {
+        std::unique_ptr<SharedSurface> owned(p);
+        if (auto st = weak.lock()) {
+            std::lock_guard lock(st->mutex);
+            if (st->free.size() < st->maxFree) st->free.push_back(std::move(owned));
+        }
+    });
+}
+
+size_t SurfacePool::allocatedCount() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->allocated;
+}
+
+size_t SurfacePool::freeCount() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->free.size();
+}
+
+}  // namespace sv

@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Usage: scripts/build.sh [debug|release|asan|tsan] [cmake --build args...]
+# Configures build/<config> once and builds it. CI=true turns on -Werror.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+config="${1:-debug}"
+shift || true
+builddir="build/${config}"
+werror=OFF
+[ "${CI:-}" = "true" ] && werror=ON
+[ -n "${SV_WERROR:-}" ] && werror="${SV_WERROR}"
+
+case "$config" in
+  debug)   args=(-DCMAKE_BUILD_TYPE=Debug) ;;
+  release) args=(-DCMAKE_BUILD_TYPE=Release) ;;
+  asan)    args=(-DCMAKE_BUILD_TYPE=Debug "-DSV_SANITIZE=address;undefined" -DSV_BUILD_BENCH=OFF) ;;
+  tsan)    args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DSV_SANITIZE=thread -DSV_BUILD_BENCH=OFF) ;;
+  fuzz)    args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+                 -DSV_BUILD_FUZZ=ON -DSV_BUILD_TESTS=OFF -DSV_BUILD_BENCH=OFF) ;;
+  *) echo "unknown config: $config" >&2; exit 2 ;;
+esac
+
+export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/sorvel-ccache}"
+export CCACHE_BASEDIR="$PWD"
+export CCACHE_MAXSIZE="${CCACHE_MAXSIZE:-5G}"
+
+if [ ! -f "$builddir/build.ninja" ]; then
+  cmake -S . -B "$builddir" -G Ninja "${args[@]}" -DSV_WERROR="$werror"
+else
+  cmake "$builddir" -DSV_WERROR="$werror" >/dev/null
+fi
+jobs="${SV_JOBS:-$(nproc)}"
+cmake --build "$builddir" -j "$jobs" "$@"
