@@ -1,0 +1,25 @@
+// Subcommands of the `sorvel` command-line tool. Each lives in its own file
+// under client/cli/ and registers itself with a static CliRegistration, so a
+// subsystem adds a command without touching the others.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace sv::cli {
+
+struct Command {
+    const char* name;     // "trim", "shell", ...
+    const char* summary;  // one line for `sorvel --help`
+    // argv[0] is the command name; returns the process exit status.
+    int (*run)(int argc, char** argv);
+};
+
+void registerCommand(const Command& command);
+const std::vector<Command>& commands();
+
+struct CliRegistration {
+    explicit CliRegistration(const Command& c) { registerCommand(c); }
+};
+
+}  // namespace sv::cli
