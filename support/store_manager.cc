@@ -31,18 +31,18 @@ void SVStoreManager::loadItemDetailsForBundleIdentifier(const std::string& bundl
     // Runs on the lookup service's thread: only builds the record, then hands
     // over to the main queue. The error is not examined: a failed lookup
     // yields the same fallback record as one without results.
-    request.start([bundleID, completionHandler](const StoreLookupResponse& response,
-                                                std::error_code) {
-        const StoreItem* item = response.results.empty() ? nullptr : &response.results.front();
-        auto info = std::make_shared<SVStoreInfo>();
-        info->bundleID = bundleID;
-        info->appName = item && item->displayName ? item->displayName
-                                                  : _svLocalizedAppNameFromBundleID(bundleID);
-        info->author = item && item->artistName ? *item->artistName : std::string();
-        info->itemURL = item && item->shortProductURL ? *item->shortProductURL : std::string();
-        if (item) info->categories = item->genreNames;
-        DispatchQueue::main()->async([completionHandler, info] { completionHandler(info); });
-    });
+    request.start(
+        [bundleID, completionHandler](const StoreLookupResponse& response, std::error_code) {
+            const StoreItem* item = response.results.empty() ? nullptr : &response.results.front();
+            auto info = std::make_shared<SVStoreInfo>();
+            info->bundleID = bundleID;
+            info->appName = item && item->displayName ? item->displayName
+                                                      : _svLocalizedAppNameFromBundleID(bundleID);
+            info->author = item && item->artistName ? *item->artistName : std::string();
+            info->itemURL = item && item->shortProductURL ? *item->shortProductURL : std::string();
+            if (item) info->categories = item->genreNames;
+            DispatchQueue::main()->async([completionHandler, info] { completionHandler(info); });
+        });
 }
 
 namespace {

@@ -13,7 +13,7 @@
 namespace sv {
 
 class SVStoreManager {
-public:
+  public:
     // Receives the new record, which the handler then owns (it is not kept
     // elsewhere). Always called on the main queue.
     using CompletionHandler = std::function<void(std::shared_ptr<SVStoreInfo> storeInfo)>;
@@ -35,7 +35,7 @@ public:
 };
 
 class SVReachability {
-public:
+  public:
     // The host probed by default: a well-known public web host.
     static constexpr const char* kDefaultHostName = "www.example.com";
     using FlagsProvider = std::function<std::optional<uint32_t>(const std::string& host)>;

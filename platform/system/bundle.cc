@@ -42,7 +42,9 @@ std::optional<Value> readDictionaryFromFile(const std::string& path) {
     return v;
 }
 
-std::string Bundle::installShareDirectory() { return SV_SHARE_DIR; }
+std::string Bundle::installShareDirectory() {
+    return SV_SHARE_DIR;
+}
 
 std::vector<std::string> Bundle::searchPath() {
     std::vector<std::string> dirs;
@@ -91,7 +93,8 @@ std::shared_ptr<Bundle> Bundle::bundleForExecutablePath(const std::string& execu
     if (executablePath.empty() || executablePath.front() != '/') return nullptr;
     fs::path dir = fs::path(executablePath).lexically_normal().parent_path();
     for (;;) {
-        if (isRegularFile((dir / kBundleInfoFileName).string())) return bundleWithPath(dir.string());
+        if (isRegularFile((dir / kBundleInfoFileName).string()))
+            return bundleWithPath(dir.string());
         if (!dir.has_relative_path()) return nullptr;  // reached "/"
         dir = dir.parent_path();
     }
@@ -129,8 +132,7 @@ std::optional<Value> Bundle::localizedInfoDictionary() const {
     return *entries;
 }
 
-std::optional<std::string> Bundle::pathForResource(const std::string& name,
-                                                   const std::string& type,
+std::optional<std::string> Bundle::pathForResource(const std::string& name, const std::string& type,
                                                    const std::string& subdirectory,
                                                    const std::string& localization) const {
     // Names come from callers, not from the file system: refuse anything

@@ -41,7 +41,7 @@ inline constexpr const char* kBundleDevelopmentLanguageKey = "developmentLanguag
 inline constexpr const char* kLocalizedInfoKey = "localized";
 
 class Bundle {
-public:
+  public:
     // The bundle of the directory at `path`, or nullptr when no directory is
     // there. A directory without (or with an unreadable) bundle.json is a
     // bundle with an empty information dictionary.
@@ -86,7 +86,7 @@ public:
     std::string localizedStringForKey(const std::string& key, const std::string& value,
                                       const std::string& table) const;
 
-private:
+  private:
     Bundle(std::string path, Value info) : path_(std::move(path)), info_(std::move(info)) {}
     std::string path_;
     Value info_;

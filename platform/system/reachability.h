@@ -21,7 +21,7 @@ enum ReachabilityFlag : uint32_t {
 };
 
 class ReachabilityQuery {
-public:
+  public:
     static constexpr std::chrono::milliseconds kResolveTimeout{2000};
 
     static std::shared_ptr<ReachabilityQuery> createWithName(std::string host);
@@ -34,7 +34,7 @@ public:
 
     const std::string& host() const { return host_; }
 
-private:
+  private:
     explicit ReachabilityQuery(std::string host) : host_(std::move(host)) {}
     std::string host_;
 };

@@ -32,7 +32,7 @@ struct StoreLookupResponse {
 };
 
 class StoreLookupRequest {
-public:
+  public:
     enum class KeyProfile { Product };
     // Response closure: called once per response on a thread of the service
     // (never the caller's, never the main thread). The response is owned by
