@@ -57,7 +57,10 @@ std::optional<std::string> _svLocalizedStringFromFrameworkBundleWithKey(
             return table ? stringAt(*table, key.c_str()) : std::nullopt;
         };
         if (auto s = lookup(preferred)) return s;
-        if (auto s = lookup(baseLanguage(preferred))) return s;
+        std::string base = baseLanguage(preferred);
+        if (base != preferred) {
+            if (auto s = lookup(base)) return s;
+        }
     }
     return framework->localizedStringForKey(key, "", kStringTable);
 }

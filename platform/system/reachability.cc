@@ -39,7 +39,8 @@ void resolve(const std::string& host, const std::shared_ptr<Resolution>& state) 
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_DGRAM;
-    hints.ai_flags = AI_ADDRCONFIG;
+    // No AI_ADDRCONFIG: on a host with only loopback configured it hides
+    // "localhost"; the route check below rejects unusable families anyway.
     addrinfo* list = nullptr;
     int rc = getaddrinfo(host.c_str(), "443", &hints, &list);
     std::vector<ResolvedAddress> addresses;

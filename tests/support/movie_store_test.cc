@@ -175,11 +175,5 @@ TEST_F(MovieStoreTest, CreationDate) {
     EXPECT_FALSE(store._srGetCreationDateForFile(URL::fileURLWithPath(entry("none.mp4"))));
 }
 
-TEST(MovieStoreFolding, CaseAndDiacritics) {
-    EXPECT_EQ(foldCaseAndDiacritics("SVMovie_É"), "svmovie_e");
-    EXPECT_EQ(foldCaseAndDiacritics("Ångström Ĳ ß"), "angstrom Ĳ ß");
-    EXPECT_EQ(foldCaseAndDiacritics(std::string("\xC3", 1)), std::string("\xC3", 1));
-}
-
 }  // namespace
 }  // namespace sv

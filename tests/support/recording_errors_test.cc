@@ -45,12 +45,6 @@ TEST(RecordingErrors, CallerDictionaryIsCopiedNotModified) {
     EXPECT_EQ(_svUserErrorForCode(-5801, &notADictionary).userInfo.size(), 1u);
 }
 
-TEST(RecordingErrors, DirectErrorWithoutFactoryHasNoMessage) {
-    Error direct{kSVRecordingErrorDomain, -5808, Value::object()};
-    EXPECT_FALSE(direct.localizedDescription());
-    EXPECT_EQ(direct.description(), "Error Domain=org.sorvel.SVRecordingErrorDomain Code=-5808");
-}
-
 TEST(RecordingErrors, WireFormRoundTripAndHostileInput) {
     Error e = _svUserErrorForCode(-5805);
     EXPECT_EQ(Error::fromValue(e.toValue()), e);
