@@ -216,10 +216,10 @@ void Timer::cancel() {
 }
 
 void Semaphore::signal() {
-    {
-        std::lock_guard lock(mutex_);
-        ++count_;
-    }
+    // Notify under the lock: a waiter that wakes may destroy the semaphore as
+    // soon as it can take the lock.
+    std::lock_guard lock(mutex_);
+    ++count_;
     cv_.notify_one();
 }
 
