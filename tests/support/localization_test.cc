@@ -108,6 +108,29 @@ TEST(Localization, UnreadableTableIsSkipped) {
     EXPECT_EQ(_svFrameworkBundle()->localizedStringForKey("HELLO", "", "Other"), "HELLO");
 }
 
+TEST(Localization, ShippedTablesHaveEveryConsentAlertKey) {
+    auto framework = Bundle::bundleWithPath(SV_SOURCE_SHARE_DIR "/framework");
+    ASSERT_TRUE(framework);
+    for (const char* language : {"en", "de", "fr"}) {
+        auto table = framework->stringTable("Localizable", language);
+        ASSERT_TRUE(table) << language;
+        for (const char* suffix :
+             {"TITLE", "BODY", "BODY_CAMERA", "BODY_MIC", "DECLINE_BUTTON", "ACCEPT_BUTTON_1",
+              "ACCEPT_BUTTON_1_CAMERA", "ACCEPT_BUTTON_2", "ACCEPT_BUTTON_1_MICROPHONE_DISABLED"}) {
+            std::string key = std::string("ACKNOWLEDGEMENT_ALERT_") + suffix;
+            auto text = stringAt(*table, key.c_str());
+            ASSERT_TRUE(text && !text->empty()) << language << " " << key;
+            size_t placeholders = 0;
+            for (size_t at = text->find('%'); at != std::string::npos; at = text->find('%', at + 1))
+                ++placeholders;
+            EXPECT_EQ(placeholders, key == "ACKNOWLEDGEMENT_ALERT_TITLE" ? 1u : 0u) << key;
+            if (placeholders) {
+                EXPECT_NE(text->find("%@"), std::string::npos);
+            }
+        }
+    }
+}
+
 class AppNames : public ::testing::Test {
   protected:
     void SetUp() override {
