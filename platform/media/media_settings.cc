@@ -1,0 +1,108 @@
+#include "platform/media/media_settings.h"
+
+#include <cmath>
+
+#include "platform/log.h"
+
+namespace sv::media {
+namespace {
+
+bool fail(std::string* error, std::string text) {
+    if (error) *error = std::move(text);
+    return false;
+}
+
+// A whole number in [lo, hi] under `key`, or the default when absent.
+bool readInt(const Value& dict, const char* key, int64_t lo, int64_t hi, int64_t* out,
+             std::string* error) {
+    auto it = dict.find(key);
+    if (it == dict.end()) return true;
+    if (!it->is_number()) return fail(error, std::string(key) + " is not a number");
+    double v = it->get<double>();
+    if (!std::isfinite(v) || v < double(lo) || v > double(hi))
+        return fail(error, std::string(key) + " is out of range");
+    *out = int64_t(v);
+    return true;
+}
+
+}  // namespace
+
+std::optional<VideoSettings> parseVideoSettings(const Value& settings, std::string* error) {
+    if (!settings.is_object())
+        return fail(error, "video settings are not a dictionary"), std::nullopt;
+    VideoSettings s;
+    if (auto codec = stringAt(settings, kVideoCodecKey); !codec || *codec != kVideoCodecH264) {
+        fail(error, "video codec must be h264");
+        return std::nullopt;
+    }
+    int64_t w = 0, h = 0;
+    if (!readInt(settings, kVideoWidthKey, 2, 8192, &w, error) ||
+        !readInt(settings, kVideoHeightKey, 2, 8192, &h, error))
+        return std::nullopt;
+    if (w == 0 || h == 0) return fail(error, "video width and height are required"), std::nullopt;
+    // 4:2:0 needs even sizes; the writer's caller already rounds up.
+    s.width = int((w + 1) / 2 * 2);
+    s.height = int((h + 1) / 2 * 2);
+
+    const Value* props = dictAt(settings, kVideoCompressionPropertiesKey);
+    if (!props) return s;
+    for (auto it = props->begin(); it != props->end(); ++it) {
+        const std::string& k = it.key();
+        if (k != kVideoExpectedSourceFrameRateKey && k != kVideoProfileLevelKey &&
+            k != kVideoAverageBitRateKey && k != kVideoMaxKeyFrameIntervalKey &&
+            k != kVideoEncoderPresetKey)
+            log::info("MovieWriterInput: ignoring unknown compression property %@", k);
+    }
+    if (auto fr = props->find(kVideoExpectedSourceFrameRateKey); fr != props->end()) {
+        if (!fr->is_number() || !std::isfinite(fr->get<double>()) || fr->get<double>() < 1 ||
+            fr->get<double>() > 480)
+            return fail(error, "expected source frame rate is out of range"), std::nullopt;
+        s.frameRate = fr->get<double>();
+    }
+    if (auto p = props->find(kVideoProfileLevelKey); p != props->end()) {
+        if (!p->is_string() ||
+            (*p != kH264BaselineAutoLevel && *p != kH264MainAutoLevel && *p != kH264HighAutoLevel))
+            return fail(error, "unsupported profile level"), std::nullopt;
+        s.profile = p->get<std::string>();
+    }
+    int64_t br = s.averageBitRate, gop = s.maxKeyFrameInterval;
+    if (!readInt(*props, kVideoAverageBitRateKey, 10000, 200000000, &br, error) ||
+        !readInt(*props, kVideoMaxKeyFrameIntervalKey, 1, 100000, &gop, error))
+        return std::nullopt;
+    s.averageBitRate = br;
+    s.maxKeyFrameInterval = int(gop);
+    if (auto pr = props->find(kVideoEncoderPresetKey); pr != props->end()) {
+        static const char* kPresets[] = {"ultrafast", "superfast", "veryfast", "faster",  "fast",
+                                         "medium",    "slow",      "slower",   "veryslow"};
+        bool known = false;
+        for (const char* name : kPresets) known = known || (pr->is_string() && *pr == name);
+        if (!known) return fail(error, "unknown encoder preset"), std::nullopt;
+        s.preset = pr->get<std::string>();
+    }
+    return s;
+}
+
+std::optional<AudioSettings> parseAudioSettings(const Value& settings, std::string* error) {
+    if (!settings.is_object())
+        return fail(error, "audio settings are not a dictionary"), std::nullopt;
+    AudioSettings s;
+    if (auto f = stringAt(settings, kAudioFormatKey); !f || *f != kAudioFormatAAC)
+        return fail(error, "audio format must be aac"), std::nullopt;
+    int64_t ch = s.channels, rate = s.sampleRate, br = s.bitRate;
+    if (!readInt(settings, kAudioNumberOfChannelsKey, 1, 2, &ch, error) ||
+        !readInt(settings, kAudioSampleRateKey, 8000, 96000, &rate, error) ||
+        !readInt(settings, kAudioEncoderBitRateKey, 8000, 512000, &br, error))
+        return std::nullopt;
+    if (auto layout = stringAt(settings, kAudioChannelLayoutKey)) {
+        if ((*layout == kChannelLayoutStereo && ch != 2) ||
+            (*layout == kChannelLayoutMono && ch != 1) ||
+            (*layout != kChannelLayoutStereo && *layout != kChannelLayoutMono))
+            return fail(error, "channel layout does not match the channel count"), std::nullopt;
+    }
+    s.channels = int(ch);
+    s.sampleRate = int(rate);
+    s.bitRate = br;
+    return s;
+}
+
+}  // namespace sv::media
