@@ -54,7 +54,9 @@ struct TrackCut {
     int64_t end = 0;
     bool started = false;
     bool ended = false;
-    PacketList pending;  // from the last key frame, until the range starts
+    int64_t lastDuration = 0;   // the reader may leave packet durations out
+    int64_t frameDuration = 0;  // one frame at the track's average rate
+    PacketList pending;         // from the last key frame, until the range starts
 };
 
 }  // namespace
@@ -149,8 +151,11 @@ void MovieExporter::run() {
     if (!output || output->path.empty()) return fail(AVERROR(EINVAL), "no output URL");
     if (type != FileType::MPEG4) return fail(AVERROR(EINVAL), "unsupported file type");
     if (!asset_->isReadable()) {
-        auto e = *asset_->error();
-        return fail(e.code, e.message);
+        std::lock_guard lock(mu_);
+        error_ = asset_->error();
+        log::error("MovieExporter: %@", error_->description());
+        status_ = int(Status::Failed);
+        return;
     }
     if (!start.isValid() || !duration.isValid() || duration.value <= 0)
         return fail(AVERROR(EINVAL), "the time range is empty");
@@ -194,6 +199,8 @@ void MovieExporter::run() {
         cut.audio = is->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
         cut.start = *toTicks(start, is->time_base);
         cut.end = *toTicks(end, is->time_base);
+        if (is->avg_frame_rate.num > 0 && is->avg_frame_rate.den > 0)
+            cut.frameDuration = av_rescale_q(1, av_inv_q(is->avg_frame_rate), is->time_base);
         ++mapped;
     }
     if (mapped == 0) return fail(AVERROR_INVALIDDATA, "no audio or video track to copy");
@@ -245,6 +252,13 @@ void MovieExporter::run() {
         TrackCut& cut = cuts[pkt->stream_index];
         AVRational tb = in.ctx->streams[pkt->stream_index]->time_base;
         int64_t pts = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
+        if (pkt->duration > 0)
+            cut.lastDuration = pkt->duration;
+        else
+            pkt->duration = cut.lastDuration;
+        // Without durations the last frame would end where it starts and the
+        // edit list would hide it.
+        if (pkt->duration <= 0) pkt->duration = cut.frameDuration;
         if (cut.out < 0 || cut.ended || pts == AV_NOPTS_VALUE) {
             av_packet_unref(pkt);
             continue;
@@ -271,7 +285,8 @@ void MovieExporter::run() {
             for (auto*& p : cut.pending.packets)
                 if (wr >= 0) wr = write(p, cut, tb);
             cut.pending.clear();
-        } else if (pts >= cut.end) {
+        } else if (pts >= cut.end || (!cut.audio && pts + pkt->duration / 2 >= cut.end)) {
+            // A frame is kept only while at least half of it lies in the range.
             cut.ended = true;
             --open;
             av_packet_unref(pkt);

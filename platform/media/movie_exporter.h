@@ -6,7 +6,8 @@
 // packet of decoder preroll) and places them before time zero; the file's
 // edit list hides that lead-in, so players and FFmpeg start at the range's
 // first frame. At the end every track stops before its first packet that
-// would be presented at or after the range's end.
+// would be presented at or after the range's end (a video frame also when
+// less than half of it lies inside the range).
 //
 // Threads: MovieAsset and MovieExporter may be used from any thread. The
 // export runs on the default-priority global dispatch queue and its
