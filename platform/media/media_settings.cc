@@ -44,40 +44,52 @@ std::optional<VideoSettings> parseVideoSettings(const Value& settings, std::stri
     s.width = int((w + 1) / 2 * 2);
     s.height = int((h + 1) / 2 * 2);
 
+    // Compression properties may come from a broadcast extension: a value
+    // that cannot be used is logged and the default kept.
     const Value* props = dictAt(settings, kVideoCompressionPropertiesKey);
     if (!props) return s;
+    auto ignore = [](const std::string& key) {
+        log::error("MovieWriterInput: ignoring invalid compression property %@", key);
+    };
     for (auto it = props->begin(); it != props->end(); ++it) {
         const std::string& k = it.key();
-        if (k != kVideoExpectedSourceFrameRateKey && k != kVideoProfileLevelKey &&
-            k != kVideoAverageBitRateKey && k != kVideoMaxKeyFrameIntervalKey &&
-            k != kVideoEncoderPresetKey)
+        const Value& v = *it;
+        const bool finite = v.is_number() && std::isfinite(v.get<double>());
+        const double n = finite ? v.get<double>() : 0;
+        if (k == kVideoExpectedSourceFrameRateKey) {
+            if (finite && n >= 1 && n <= 480)
+                s.frameRate = n;
+            else
+                ignore(k);
+        } else if (k == kVideoProfileLevelKey) {
+            if (v.is_string() &&
+                (v == kH264BaselineAutoLevel || v == kH264MainAutoLevel || v == kH264HighAutoLevel))
+                s.profile = v.get<std::string>();
+            else
+                ignore(k);
+        } else if (k == kVideoAverageBitRateKey) {
+            if (finite && n >= 10000 && n <= 200000000)
+                s.averageBitRate = int64_t(n);
+            else
+                ignore(k);
+        } else if (k == kVideoMaxKeyFrameIntervalKey) {
+            if (finite && n >= 1 && n <= 100000)
+                s.maxKeyFrameInterval = int(n);
+            else
+                ignore(k);
+        } else if (k == kVideoEncoderPresetKey) {
+            // "ultrafast" is left out: its streams are no longer Main profile.
+            static const char* kPresets[] = {"superfast", "veryfast", "faster", "fast",
+                                             "medium",    "slow",     "slower", "veryslow"};
+            bool known = false;
+            for (const char* name : kPresets) known = known || (v.is_string() && v == name);
+            if (known)
+                s.preset = v.get<std::string>();
+            else
+                ignore(k);
+        } else {
             log::info("MovieWriterInput: ignoring unknown compression property %@", k);
-    }
-    if (auto fr = props->find(kVideoExpectedSourceFrameRateKey); fr != props->end()) {
-        if (!fr->is_number() || !std::isfinite(fr->get<double>()) || fr->get<double>() < 1 ||
-            fr->get<double>() > 480)
-            return fail(error, "expected source frame rate is out of range"), std::nullopt;
-        s.frameRate = fr->get<double>();
-    }
-    if (auto p = props->find(kVideoProfileLevelKey); p != props->end()) {
-        if (!p->is_string() ||
-            (*p != kH264BaselineAutoLevel && *p != kH264MainAutoLevel && *p != kH264HighAutoLevel))
-            return fail(error, "unsupported profile level"), std::nullopt;
-        s.profile = p->get<std::string>();
-    }
-    int64_t br = s.averageBitRate, gop = s.maxKeyFrameInterval;
-    if (!readInt(*props, kVideoAverageBitRateKey, 10000, 200000000, &br, error) ||
-        !readInt(*props, kVideoMaxKeyFrameIntervalKey, 1, 100000, &gop, error))
-        return std::nullopt;
-    s.averageBitRate = br;
-    s.maxKeyFrameInterval = int(gop);
-    if (auto pr = props->find(kVideoEncoderPresetKey); pr != props->end()) {
-        static const char* kPresets[] = {"ultrafast", "superfast", "veryfast", "faster",  "fast",
-                                         "medium",    "slow",      "slower",   "veryslow"};
-        bool known = false;
-        for (const char* name : kPresets) known = known || (pr->is_string() && *pr == name);
-        if (!known) return fail(error, "unknown encoder preset"), std::nullopt;
-        s.preset = pr->get<std::string>();
+        }
     }
     return s;
 }

@@ -286,7 +286,9 @@ void MovieExporter::run() {
                 if (wr >= 0) wr = write(p, cut, tb);
             cut.pending.clear();
         } else if (pts >= cut.end || (!cut.audio && pts + pkt->duration / 2 >= cut.end)) {
-            // A frame is kept only while at least half of it lies in the range.
+            // Past the end (a frame counts only while at least half of it
+            // lies in the range). Reordered frames that would follow in
+            // decode order need this one as a reference, so they go too.
             cut.ended = true;
             --open;
             av_packet_unref(pkt);
