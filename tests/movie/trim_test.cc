@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -114,6 +116,47 @@ TEST_F(TrimTest, FailuresCallTheHandlerOnceWithNothing) {
     EXPECT_EQ(capture.countContaining("SVMovieWriter: Export Trim Video Failed, due to error: "),
               4u);
 }
+
+#ifdef SV_SORVEL_PATH
+struct CommandResult {
+    int status = -1;
+    std::string output;
+};
+
+CommandResult runSorvel(const std::string& args) {
+    CommandResult r;
+    std::string cmd = std::string(SV_SORVEL_PATH) + " trim " + args + " 2>&1";
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return r;
+    char buf[512];
+    while (size_t n = fread(buf, 1, sizeof buf, p)) r.output.append(buf, n);
+    int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+TEST_F(TrimTest, CommandLineTool) {
+    const std::string out = *dir + "/cli.mp4";
+    auto ok = runSorvel(*source + " --start 2.4 --end 3.6 -o " + out);
+    EXPECT_EQ(ok.status, 0) << ok.output;
+    EXPECT_NE(ok.output.find(out), std::string::npos);
+    EXPECT_NEAR(probeMovie(out).duration, 54.0, 0.1);
+
+    auto missing = runSorvel(*dir + "/nope.mp4 --start 1 --end 1 -o " + out);
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_NE(missing.output.find("No such file or directory"), std::string::npos);
+    std::ofstream(*dir + "/notes.txt") << "hello";
+    auto text = runSorvel(*dir + "/notes.txt --start 1 --end 1 -o " + out);
+    EXPECT_EQ(text.status, 1);
+    EXPECT_NE(text.output.find("is not a movie"), std::string::npos);
+    auto nothing = runSorvel(*source + " --start 30 --end 30.5 -o " + out);
+    EXPECT_EQ(nothing.status, 1);
+    EXPECT_NE(nothing.output.find("leaves nothing"), std::string::npos);
+    EXPECT_EQ(runSorvel(*source + " --start -1 --end 1 -o " + out).status, 2);
+    EXPECT_EQ(runSorvel(*source + " --start 1 --end 1 -o " + *source).status, 1);
+    EXPECT_TRUE(fs::exists(*source));
+}
+#endif
 
 }  // namespace
 }  // namespace sv
