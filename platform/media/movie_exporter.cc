@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -22,6 +23,11 @@ int openInput(const std::string& path, InputContext& in) {
     if (r < 0) return r;
     return avformat_find_stream_info(in.ctx, nullptr);
 }
+
+// More frames than any H.264 stream reorders.
+constexpr size_t kMaxReorderDepth = 16;
+// Video is copied at a clock of at least this many ticks per second.
+constexpr int kFineTimescale = 90000;
 
 bool isCopiedType(AVMediaType t) {
     return t == AVMEDIA_TYPE_VIDEO || t == AVMEDIA_TYPE_AUDIO;
@@ -57,6 +63,7 @@ struct TrackCut {
     int64_t lastDuration = 0;   // the reader may leave packet durations out
     int64_t frameDuration = 0;  // one frame at the track's average rate
     PacketList pending;         // from the last key frame, until the range starts
+    PacketList overhang;        // past the end, until a reordered frame needs them
 };
 
 }  // namespace
@@ -187,6 +194,11 @@ void MovieExporter::run() {
         avcodec_parameters_copy(os->codecpar, is->codecpar);
         os->codecpar->codec_tag = 0;
         os->time_base = is->time_base;
+        if (is->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && is->time_base.den > 0 &&
+            is->time_base.den < kFineTimescale)
+            // A finer clock (an exact multiple) leaves room for reference
+            // frames squeezed in just before the range's end.
+            os->time_base.den *= (kFineTimescale + is->time_base.den - 1) / is->time_base.den;
         os->disposition = is->disposition;
         av_dict_copy(&os->metadata, is->metadata, 0);
         for (int s = 0; s < is->nb_side_data; ++s) {
@@ -232,10 +244,17 @@ void MovieExporter::run() {
     if (encoder) av_dict_set(&out->metadata, "encoder", encoder->c_str(), 0);
 
     int64_t written = 0;
-    auto write = [&](AVPacket* p, const TrackCut& cut, AVRational tb) {
+    // `squeeze` > 0 shows the packet for one tick, that many ticks before
+    // the range's end.
+    auto write = [&](AVPacket* p, const TrackCut& cut, AVRational tb, int squeeze = 0) {
+        const AVRational otb = out->streams[cut.out]->time_base;
         if (p->pts != AV_NOPTS_VALUE) p->pts -= cut.start;
         if (p->dts != AV_NOPTS_VALUE) p->dts -= cut.start;
-        av_packet_rescale_ts(p, tb, out->streams[cut.out]->time_base);
+        av_packet_rescale_ts(p, tb, otb);
+        if (squeeze > 0) {
+            p->pts = av_rescale_q(cut.end - cut.start, tb, otb) - squeeze;
+            p->duration = 0;
+        }
         p->stream_index = cut.out;
         p->pos = -1;
         ++written;
@@ -287,13 +306,30 @@ void MovieExporter::run() {
             cut.pending.clear();
         } else if (pts >= cut.end || (!cut.audio && pts + pkt->duration / 2 >= cut.end)) {
             // Past the end (a frame counts only while at least half of it
-            // lies in the range). Reordered frames that would follow in
-            // decode order need this one as a reference, so they go too.
-            cut.ended = true;
-            --open;
+            // lies in the range). Reordered frames before the end may still
+            // follow in decode order and need it as a reference: hold it
+            // until one does. A key frame or a long run ends the track.
+            if (cut.audio || (pkt->flags & AV_PKT_FLAG_KEY) ||
+                cut.overhang.packets.size() >= kMaxReorderDepth) {
+                cut.ended = true;
+                cut.overhang.clear();
+                --open;
+            } else {
+                cut.overhang.packets.push_back(av_packet_clone(pkt));
+            }
             av_packet_unref(pkt);
         } else {
-            wr = write(pkt, cut, tb);
+            // Held references are decoded but shown for one tick each just
+            // before the end, so the track still ends with the range.
+            // Written in decode order, shown in presentation order.
+            auto& held = cut.overhang.packets;
+            std::vector<int> later(held.size(), 0);
+            for (size_t k = 0; k < held.size(); ++k)
+                for (const AVPacket* other : held) later[k] += other->pts > held[k]->pts;
+            for (size_t k = 0; k < held.size() && wr >= 0; ++k)
+                wr = write(held[k], cut, tb, later[k] + 1);
+            cut.overhang.clear();
+            if (wr >= 0) wr = write(pkt, cut, tb);
             av_packet_unref(pkt);
         }
         if (wr < 0) {

@@ -5,13 +5,12 @@
 // the export keeps the packets from the preceding key frame (and one audio
 // packet of decoder preroll) and places them before time zero; the file's
 // edit list hides that lead-in, so players and FFmpeg start at the range's
-// first frame. At the end each track stops before its first packet (in
-// decode order) that would be presented at or after the range's end, a
-// video frame also when less than half of it lies inside the range; in a
-// stream with reordered (B) frames the frames that would follow it in
-// decode order are left out too, so the video may end up to the
-// reordering depth (two or three frames) early, but never shows a frame
-// from beyond the range.
+// first frame. At the end each track stops before its first packet that
+// would be presented at or after the range's end (a video frame also when
+// less than half of it lies inside the range). A reference frame past the
+// end that reordered (B) frames inside the range still need is kept for
+// decoding and shown for a single tick of a fine clock (at least 90 kHz)
+// just before the end, so the track and its edit end exactly with the range.
 //
 // Threads: MovieAsset and MovieExporter may be used from any thread. The
 // export runs on the default-priority global dispatch queue and its

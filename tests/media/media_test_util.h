@@ -184,6 +184,16 @@ inline DecodedVideo decodeVideo(const std::string& path, int maxFrames = 1 << 30
     }
     avcodec_send_packet(dec, nullptr);
     receive();
+    // Reference frames kept only for decoding are shown for a few
+    // microseconds just before the track's end: not a visible frame.
+    const double end = st->duration > 0 ? st->duration * av_q2d(st->time_base) : 1e18;
+    for (size_t i = out.times.size(); i-- > 0;) {
+        const double next = i + 1 < out.times.size() ? out.times[i + 1] : end;
+        if (next - out.times[i] < 1e-3) {
+            out.times.erase(out.times.begin() + long(i));
+            out.indices.erase(out.indices.begin() + long(i));
+        }
+    }
     av_frame_free(&frame);
     av_packet_free(&pkt);
     avcodec_free_context(&dec);
