@@ -21,7 +21,9 @@ class MovieWriterTest : public ::testing::Test {
         dir = makeTempDir();
         MovieStore::shared().setHomeDirectory(dir);
     }
-    void TearDown() override { fs::remove_all(dir); }
+    void TearDown() override {
+        if (!getenv("SV_KEEP")) fs::remove_all(dir);
+    }
 
     std::shared_ptr<SVStoreInfo> storeInfo() {
         auto info = std::make_shared<SVStoreInfo>();
