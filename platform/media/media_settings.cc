@@ -7,9 +7,10 @@
 namespace sv::media {
 namespace {
 
-bool fail(std::string* error, std::string text) {
+// Sets `error` and gives the empty result of either parser.
+std::nullopt_t fail(std::string* error, std::string text) {
     if (error) *error = std::move(text);
-    return false;
+    return std::nullopt;
 }
 
 // A whole number in [lo, hi] under `key`, or the default when absent.
@@ -17,10 +18,15 @@ bool readInt(const Value& dict, const char* key, int64_t lo, int64_t hi, int64_t
              std::string* error) {
     auto it = dict.find(key);
     if (it == dict.end()) return true;
-    if (!it->is_number()) return fail(error, std::string(key) + " is not a number");
+    if (!it->is_number()) {
+        fail(error, std::string(key) + " is not a number");
+        return false;
+    }
     double v = it->get<double>();
-    if (!std::isfinite(v) || v < double(lo) || v > double(hi))
-        return fail(error, std::string(key) + " is out of range");
+    if (!std::isfinite(v) || v < double(lo) || v > double(hi)) {
+        fail(error, std::string(key) + " is out of range");
+        return false;
+    }
     *out = int64_t(v);
     return true;
 }
@@ -28,8 +34,7 @@ bool readInt(const Value& dict, const char* key, int64_t lo, int64_t hi, int64_t
 }  // namespace
 
 std::optional<VideoSettings> parseVideoSettings(const Value& settings, std::string* error) {
-    if (!settings.is_object())
-        return fail(error, "video settings are not a dictionary"), std::nullopt;
+    if (!settings.is_object()) return fail(error, "video settings are not a dictionary");
     VideoSettings s;
     if (auto codec = stringAt(settings, kVideoCodecKey); !codec || *codec != kVideoCodecH264) {
         fail(error, "video codec must be h264");
@@ -39,7 +44,7 @@ std::optional<VideoSettings> parseVideoSettings(const Value& settings, std::stri
     if (!readInt(settings, kVideoWidthKey, 2, 8192, &w, error) ||
         !readInt(settings, kVideoHeightKey, 2, 8192, &h, error))
         return std::nullopt;
-    if (w == 0 || h == 0) return fail(error, "video width and height are required"), std::nullopt;
+    if (w == 0 || h == 0) return fail(error, "video width and height are required");
     // 4:2:0 needs even sizes; the writer's caller already rounds up.
     s.width = int((w + 1) / 2 * 2);
     s.height = int((h + 1) / 2 * 2);
@@ -95,11 +100,10 @@ std::optional<VideoSettings> parseVideoSettings(const Value& settings, std::stri
 }
 
 std::optional<AudioSettings> parseAudioSettings(const Value& settings, std::string* error) {
-    if (!settings.is_object())
-        return fail(error, "audio settings are not a dictionary"), std::nullopt;
+    if (!settings.is_object()) return fail(error, "audio settings are not a dictionary");
     AudioSettings s;
     if (auto f = stringAt(settings, kAudioFormatKey); !f || *f != kAudioFormatAAC)
-        return fail(error, "audio format must be aac"), std::nullopt;
+        return fail(error, "audio format must be aac");
     int64_t ch = s.channels, rate = s.sampleRate, br = s.bitRate;
     if (!readInt(settings, kAudioNumberOfChannelsKey, 1, 2, &ch, error) ||
         !readInt(settings, kAudioSampleRateKey, 8000, 96000, &rate, error) ||
@@ -109,7 +113,7 @@ std::optional<AudioSettings> parseAudioSettings(const Value& settings, std::stri
         if ((*layout == kChannelLayoutStereo && ch != 2) ||
             (*layout == kChannelLayoutMono && ch != 1) ||
             (*layout != kChannelLayoutStereo && *layout != kChannelLayoutMono))
-            return fail(error, "channel layout does not match the channel count"), std::nullopt;
+            return fail(error, "channel layout does not match the channel count");
     }
     s.channels = int(ch);
     s.sampleRate = int(rate);
