@@ -53,8 +53,10 @@ class MovieFileWriter;
 
 class MovieWriterInput {
   public:
-    // Opens the encoder for the settings (media_settings.h). Null with
-    // `error` set when the settings cannot be encoded.
+    // Opens the encoder for the settings (media_settings.h) and starts the
+    // input's worker thread (at normal priority, even when called from a
+    // background-priority queue). Null with `error` set when the settings
+    // cannot be encoded.
     static std::shared_ptr<MovieWriterInput> create(MediaType type, const Value& outputSettings,
                                                     MediaError* error = nullptr);
     // Stops the worker and drops queued samples, unless the owning writer is
@@ -92,6 +94,8 @@ class MovieWriterInput {
   private:
     friend class MovieFileWriter;
     explicit MovieWriterInput(std::shared_ptr<Core> core);
+    static std::shared_ptr<MovieWriterInput> createHere(MediaType type, const Value& outputSettings,
+                                                        MediaError* error);
     std::shared_ptr<Core> core_;
 };
 

@@ -1,4 +1,7 @@
 #include <pthread.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -9,6 +12,7 @@ extern "C" {
 }
 #include <libyuv.h>
 
+#include "platform/dispatch.h"
 #include "platform/log.h"
 #include "platform/media/ffmpeg_util.h"
 
@@ -101,6 +105,25 @@ AVSampleFormat sampleFormatOf(const AudioStreamFormat& f) {
 std::shared_ptr<MovieWriterInput> MovieWriterInput::create(MediaType type,
                                                            const Value& outputSettings,
                                                            MediaError* error) {
+    // Threads inherit the nice value of the thread that creates them: the
+    // encoder's threads and the worker must not run at the low priority of
+    // a background queue that sets a writer up, or recordings drop frames
+    // on a busy system. Such callers have them created on a default queue.
+    errno = 0;
+    const int nice = getpriority(PRIO_PROCESS, id_t(syscall(SYS_gettid)));
+    if (errno == 0 && nice > 0) {
+        std::shared_ptr<MovieWriterInput> input;
+        MediaError e;
+        DispatchQueue::global()->sync([&] { input = createHere(type, outputSettings, &e); });
+        if (!input && error) *error = e;
+        return input;
+    }
+    return createHere(type, outputSettings, error);
+}
+
+std::shared_ptr<MovieWriterInput> MovieWriterInput::createHere(MediaType type,
+                                                               const Value& outputSettings,
+                                                               MediaError* error) {
     installLogForwarding();
     auto core = std::make_shared<Core>();
     core->type = type;

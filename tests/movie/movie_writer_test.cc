@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "movie/movie_writer.h"
 #include "platform/log.h"
@@ -267,6 +268,26 @@ TEST_F(MovieWriterTest, FinishWithoutVideoAndWithoutFileWriter) {
     EXPECT_FALSE(finishWriter(bad));
 }
 
+// Nice values of this process's threads named `name`.
+std::vector<int> threadNiceValues(const std::string& name) {
+    std::vector<int> values;
+    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm");
+        std::string n;
+        std::getline(comm, n);
+        if (n != name) continue;
+        std::ifstream stat(task.path() / "stat");
+        std::string line;
+        std::getline(stat, line);
+        // Fields after the parenthesised name; nice is field 19.
+        std::istringstream rest(line.substr(line.rfind(')') + 2));
+        std::string field;
+        for (int i = 3; i <= 19 && rest >> field; ++i)
+            if (i == 19) values.push_back(std::stoi(field));
+    }
+    return values;
+}
+
 TEST_F(MovieWriterTest, StartWritingRemovesTheOldFile) {
     std::ofstream(path("old.mp4")) << "stale";
     log::Capture capture;
@@ -279,6 +300,11 @@ TEST_F(MovieWriterTest, StartWritingRemovesTheOldFile) {
     ASSERT_GE(lines.size(), 2u);
     EXPECT_EQ(lines[0].text, "SVMovieWriter: startWritingHandler");
     EXPECT_TRUE(capture.contains("SVMovieWriter: setupFileWriter"));
+    // Set up on the store's low-priority queue, yet encoding runs at normal
+    // priority.
+    auto nice = threadNiceValues("sv-mw-video");
+    ASSERT_FALSE(nice.empty());
+    for (int n : nice) EXPECT_EQ(n, 0);
 }
 
 }  // namespace
