@@ -1,0 +1,166 @@
+#include "platform/media/ffmpeg_util.h"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+
+extern "C" {
+#include <libavutil/mathematics.h>
+}
+
+#include "platform/dispatch.h"
+#include "platform/log.h"
+
+namespace sv::media {
+
+namespace {
+
+// FFmpeg's own messages: errors go to the system log, the rest is dropped.
+void forwardLog(void*, int level, const char* fmt, va_list args) {
+    if (level > AV_LOG_ERROR) return;
+    char line[1024];
+    std::vsnprintf(line, sizeof line, fmt, args);
+    std::string text(line);
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    log::error("FFmpeg: %@", text);
+}
+
+}  // namespace
+
+void installLogForwarding() {
+    static OnceFlag once;
+    dispatchOnce(once, [] { av_log_set_callback(forwardLog); });
+}
+
+std::string avErrorString(int code) {
+    char buf[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(code, buf, sizeof buf);
+    return buf;
+}
+
+MediaError makeError(int code, const std::string& what) {
+    return MediaError{code, what + ": " + avErrorString(code)};
+}
+
+void displayMatrixFor(const AffineTransform& t, int32_t m[9]) {
+    auto fixed16 = [](float v) { return int32_t(std::lround(double(v) * 65536.0)); };
+    m[0] = fixed16(t.a);
+    m[1] = fixed16(t.b);
+    m[2] = 0;
+    m[3] = fixed16(t.c);
+    m[4] = fixed16(t.d);
+    m[5] = 0;
+    m[6] = fixed16(t.tx);
+    m[7] = fixed16(t.ty);
+    m[8] = 1 << 30;
+}
+
+std::optional<std::string> applyMetadata(AVFormatContext* ctx, const MetadataList& items) {
+    std::optional<std::string> encoder;
+    for (const auto& item : items) {
+        if (!item || !item->value || item->value->empty()) continue;
+        std::string tag = fileTagForKey(item->key);
+        if (tag == "encoder")
+            encoder = *item->value;
+        else
+            av_dict_set(&ctx->metadata, tag.c_str(), item->value->c_str(), 0);
+    }
+    return encoder;
+}
+
+std::optional<int64_t> toTicks(const MediaTime& t, AVRational tb) {
+    if (!t.isValid()) return std::nullopt;
+    return av_rescale_rnd(t.value, tb.den, int64_t(t.timescale) * tb.num,
+                          AVRounding(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX));
+}
+
+MovieFileWriter::Muxer::~Muxer() {
+    if (ctx) {
+        if (ctx->pb) avio_closep(&ctx->pb);
+        avformat_free_context(ctx);
+    }
+}
+
+void MovieFileWriter::Muxer::failLocked(int code, const std::string& what) {
+    if (!error) error = makeError(code, what);
+    log::error("MovieFileWriter: %@", error->description());
+    status = int(Status::Failed);
+}
+
+bool MovieFileWriter::Muxer::ensureHeaderLocked() {
+    if (headerWritten) return true;
+    if (status != int(Status::Writing)) return false;
+    int r = avio_open(&ctx->pb, path.c_str(), AVIO_FLAG_WRITE);
+    if (r < 0) {
+        failLocked(r, "opening " + path);
+        return false;
+    }
+    opened = true;
+    auto encoder = applyMetadata(ctx, metadata);
+    AVDictionary* opts = nullptr;
+    // Reverse-DNS keys are only kept in the metadata-keys form of the box.
+    if (!metadata.empty()) av_dict_set(&opts, "movflags", "use_metadata_tags", 0);
+    r = avformat_write_header(ctx, &opts);
+    av_dict_free(&opts);
+    if (r < 0) {
+        failLocked(r, "writing the movie header");
+        return false;
+    }
+    // The movie box, and with it the metadata, is written when the file is
+    // closed, so the encoder name can replace the muxer's own here.
+    if (encoder) av_dict_set(&ctx->metadata, "encoder", encoder->c_str(), 0);
+    headerWritten = true;
+    return true;
+}
+
+bool MovieFileWriter::Muxer::writePacket(AVPacket* packet, int streamIndex, AVRational tb) {
+    std::lock_guard lock(mu);
+    if (status != int(Status::Writing) || !ensureHeaderLocked()) return false;
+    AVStream* st = ctx->streams[streamIndex];
+    av_packet_rescale_ts(packet, tb, st->time_base);
+    packet->stream_index = streamIndex;
+    int r = av_interleaved_write_frame(ctx, packet);
+    if (r < 0) {
+        failLocked(r, "writing a packet");
+        return false;
+    }
+    return true;
+}
+
+std::optional<MediaTime> MovieFileWriter::Muxer::sessionStart() const {
+    std::lock_guard lock(mu);
+    return start;
+}
+
+void MovieFileWriter::Muxer::inputDrained() {
+    bool last = false;
+    {
+        std::lock_guard lock(mu);
+        last = --pendingInputs == 0;
+    }
+    if (last) finalize();
+}
+
+void MovieFileWriter::Muxer::finalize() {
+    std::function<void()> done;
+    {
+        std::lock_guard lock(mu);
+        if (status == int(Status::Writing) && ensureHeaderLocked()) {
+            int r = av_write_trailer(ctx);
+            if (r < 0) failLocked(r, "finishing the movie");
+        }
+        if (ctx && ctx->pb) {
+            avio_flush(ctx->pb);
+            if (ctx->pb->error < 0) failLocked(ctx->pb->error, "writing " + path);
+            avio_closep(&ctx->pb);
+        }
+        if (status == int(Status::Writing)) status = int(Status::Completed);
+        done = std::move(completion);
+        completion = nullptr;
+    }
+    if (done) DispatchQueue::global()->async(std::move(done));
+}
+
+}  // namespace sv::media

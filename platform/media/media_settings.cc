@@ -1,0 +1,124 @@
+#include "platform/media/media_settings.h"
+
+#include <cmath>
+
+#include "platform/log.h"
+
+namespace sv::media {
+namespace {
+
+// Sets `error` and gives the empty result of either parser.
+std::nullopt_t fail(std::string* error, std::string text) {
+    if (error) *error = std::move(text);
+    return std::nullopt;
+}
+
+// A whole number in [lo, hi] under `key`, or the default when absent.
+bool readInt(const Value& dict, const char* key, int64_t lo, int64_t hi, int64_t* out,
+             std::string* error) {
+    auto it = dict.find(key);
+    if (it == dict.end()) return true;
+    if (!it->is_number()) {
+        fail(error, std::string(key) + " is not a number");
+        return false;
+    }
+    double v = it->get<double>();
+    if (!std::isfinite(v) || v < double(lo) || v > double(hi)) {
+        fail(error, std::string(key) + " is out of range");
+        return false;
+    }
+    *out = int64_t(v);
+    return true;
+}
+
+}  // namespace
+
+std::optional<VideoSettings> parseVideoSettings(const Value& settings, std::string* error) {
+    if (!settings.is_object()) return fail(error, "video settings are not a dictionary");
+    VideoSettings s;
+    if (auto codec = stringAt(settings, kVideoCodecKey); !codec || *codec != kVideoCodecH264) {
+        fail(error, "video codec must be h264");
+        return std::nullopt;
+    }
+    int64_t w = 0, h = 0;
+    if (!readInt(settings, kVideoWidthKey, 2, 8192, &w, error) ||
+        !readInt(settings, kVideoHeightKey, 2, 8192, &h, error))
+        return std::nullopt;
+    if (w == 0 || h == 0) return fail(error, "video width and height are required");
+    // 4:2:0 needs even sizes; the writer's caller already rounds up.
+    s.width = int((w + 1) / 2 * 2);
+    s.height = int((h + 1) / 2 * 2);
+
+    // Compression properties may come from a broadcast extension: a value
+    // that cannot be used is logged and the default kept.
+    const Value* props = dictAt(settings, kVideoCompressionPropertiesKey);
+    if (!props) return s;
+    auto ignore = [](const std::string& key) {
+        log::error("MovieWriterInput: ignoring invalid compression property %@", key);
+    };
+    for (auto it = props->begin(); it != props->end(); ++it) {
+        const std::string& k = it.key();
+        const Value& v = *it;
+        const bool finite = v.is_number() && std::isfinite(v.get<double>());
+        const double n = finite ? v.get<double>() : 0;
+        if (k == kVideoExpectedSourceFrameRateKey) {
+            if (finite && n >= 1 && n <= 480)
+                s.frameRate = n;
+            else
+                ignore(k);
+        } else if (k == kVideoProfileLevelKey) {
+            if (v.is_string() &&
+                (v == kH264BaselineAutoLevel || v == kH264MainAutoLevel || v == kH264HighAutoLevel))
+                s.profile = v.get<std::string>();
+            else
+                ignore(k);
+        } else if (k == kVideoAverageBitRateKey) {
+            if (finite && n >= 10000 && n <= 200000000)
+                s.averageBitRate = int64_t(n);
+            else
+                ignore(k);
+        } else if (k == kVideoMaxKeyFrameIntervalKey) {
+            if (finite && n >= 1 && n <= 100000)
+                s.maxKeyFrameInterval = int(n);
+            else
+                ignore(k);
+        } else if (k == kVideoEncoderPresetKey) {
+            // "ultrafast" is left out: its streams are no longer Main profile.
+            static const char* kPresets[] = {"superfast", "veryfast", "faster", "fast",
+                                             "medium",    "slow",     "slower", "veryslow"};
+            bool known = false;
+            for (const char* name : kPresets) known = known || (v.is_string() && v == name);
+            if (known)
+                s.preset = v.get<std::string>();
+            else
+                ignore(k);
+        } else {
+            log::info("MovieWriterInput: ignoring unknown compression property %@", k);
+        }
+    }
+    return s;
+}
+
+std::optional<AudioSettings> parseAudioSettings(const Value& settings, std::string* error) {
+    if (!settings.is_object()) return fail(error, "audio settings are not a dictionary");
+    AudioSettings s;
+    if (auto f = stringAt(settings, kAudioFormatKey); !f || *f != kAudioFormatAAC)
+        return fail(error, "audio format must be aac");
+    int64_t ch = s.channels, rate = s.sampleRate, br = s.bitRate;
+    if (!readInt(settings, kAudioNumberOfChannelsKey, 1, 2, &ch, error) ||
+        !readInt(settings, kAudioSampleRateKey, 8000, 96000, &rate, error) ||
+        !readInt(settings, kAudioEncoderBitRateKey, 8000, 512000, &br, error))
+        return std::nullopt;
+    if (auto layout = stringAt(settings, kAudioChannelLayoutKey)) {
+        if ((*layout == kChannelLayoutStereo && ch != 2) ||
+            (*layout == kChannelLayoutMono && ch != 1) ||
+            (*layout != kChannelLayoutStereo && *layout != kChannelLayoutMono))
+            return fail(error, "channel layout does not match the channel count");
+    }
+    s.channels = int(ch);
+    s.sampleRate = int(rate);
+    s.bitRate = br;
+    return s;
+}
+
+}  // namespace sv::media

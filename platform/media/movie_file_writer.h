@@ -1,0 +1,155 @@
+// The platform's movie file writer: MPEG-4 files with one H.264 track
+// (libx264) and AAC tracks (FFmpeg's native encoder), on FFmpeg's libraries.
+//
+// Real time: appending only hands the sample to the input's bounded queue and
+// returns; each input has one worker thread that converts (BGRA to I420 with
+// libyuv, any linear PCM to the encoder's format with libswresample),
+// encodes and multiplexes. While an input's queue is full it is not ready for
+// more media data and an append is refused, so the caller drops by its own
+// rule. Video pixels are never copied on the caller's thread: the queue holds
+// a reference to the SampleBuffer (and so to its SharedSurface) until the
+// worker has converted it.
+//
+// Timing: every sample is placed at (presentation time - session start time),
+// so all tracks share the one clock of the appended samples. Audio before the
+// session start is cut; an audio gap of more than 1024 samples is filled with
+// silence, an overlap is cut, smaller differences are taken as continuous.
+//
+// Threads: every method may be called from any thread, but an input must not
+// be appended to from two threads at once. The finish completion runs on the
+// default-priority global dispatch queue.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/geometry.h"
+#include "platform/media/metadata_item.h"
+#include "platform/media_time.h"
+#include "platform/sample_buffer.h"
+#include "platform/url.h"
+#include "platform/value.h"
+
+namespace sv::media {
+
+inline constexpr const char* kMovieWriterErrorDomain = "org.sorvel.MovieWriterErrorDomain";
+
+enum class MediaType { Video, Audio };
+enum class FileType { MPEG4 };
+
+// An error of this layer: its code is an FFmpeg error code (negative; a
+// negated errno for system errors) and its message says what failed.
+struct MediaError {
+    int code = 0;
+    std::string message;
+    std::string description() const { return message + " (" + std::to_string(code) + ")"; }
+};
+
+class MovieFileWriter;
+
+class MovieWriterInput {
+  public:
+    // Opens the encoder for the settings (media_settings.h) and starts the
+    // input's worker thread (at normal priority, even when called from a
+    // background-priority queue). Null with `error` set when the settings
+    // cannot be encoded.
+    static std::shared_ptr<MovieWriterInput> create(MediaType type, const Value& outputSettings,
+                                                    MediaError* error = nullptr);
+    // Stops the worker and drops queued samples, unless the owning writer is
+    // finishing: then the worker completes the finish on its own.
+    ~MovieWriterInput();
+    MovieWriterInput(const MovieWriterInput&) = delete;
+    MovieWriterInput& operator=(const MovieWriterInput&) = delete;
+
+    MediaType mediaType() const;
+    const Value& outputSettings() const;
+    // Encoded frame size of a video input (0 for audio).
+    int width() const;
+    int height() const;
+
+    void setExpectsMediaDataInRealTime(bool realTime);
+    bool expectsMediaDataInRealTime() const;
+    // The video track's display matrix; read when writing starts.
+    void setTransform(const AffineTransform& transform);
+    AffineTransform transform() const;
+
+    // True while the input belongs to a writing file writer that is not
+    // finishing and its queue has room.
+    bool isReadyForMoreMediaData() const;
+    // Queues the sample (a reference, no copy) and returns at once. False,
+    // and the sample is not kept, when the input is not ready or the sample
+    // is of the other media type.
+    bool appendSampleBuffer(std::shared_ptr<SampleBuffer> sample);
+
+    size_t queueCapacity() const;
+    // Samples dropped by the worker (unusable format, before the session).
+    uint64_t droppedSampleCount() const;
+
+    struct Core;
+
+  private:
+    friend class MovieFileWriter;
+    explicit MovieWriterInput(std::shared_ptr<Core> core);
+    static std::shared_ptr<MovieWriterInput> createHere(MediaType type, const Value& outputSettings,
+                                                        MediaError* error);
+    std::shared_ptr<Core> core_;
+};
+
+class MovieFileWriter {
+  public:
+    enum class Status : int { Unknown = 0, Writing = 1, Completed = 2, Failed = 3, Cancelled = 4 };
+
+    // A writer for `url`. Fails (null, `error` set) when the type is not
+    // MPEG-4 or the file cannot be created in its directory. The file itself
+    // is opened by the first worker that writes, never on the caller's thread.
+    static std::shared_ptr<MovieFileWriter> create(const URL& url, FileType type,
+                                                   MediaError* error = nullptr);
+    // Cancels an unfinished movie (the partial file is removed); a finish in
+    // progress completes on its own.
+    ~MovieFileWriter();
+    MovieFileWriter(const MovieFileWriter&) = delete;
+    MovieFileWriter& operator=(const MovieFileWriter&) = delete;
+
+    URL outputURL() const;
+    FileType outputFileType() const { return FileType::MPEG4; }
+
+    // Before startWriting. Items without a value are left out of the file.
+    void setMetadata(MetadataList items);
+    MetadataList metadata() const;
+
+    // Before startWriting; tracks keep the order of the calls. False when
+    // writing has started or the input belongs to another writer.
+    bool canAddInput(const std::shared_ptr<MovieWriterInput>& input) const;
+    void addInput(std::shared_ptr<MovieWriterInput> input);
+    std::vector<std::shared_ptr<MovieWriterInput>> inputs() const;
+
+    // Unknown -> writing. False (status unchanged or failed) otherwise.
+    bool startWriting();
+    // Samples are placed relative to this time; the first call counts.
+    void startSessionAtSourceTime(MediaTime time);
+
+    Status status() const;
+    // Null unless the status is failed.
+    std::optional<MediaError> error() const;
+
+    // Drains every input, flushes the encoders and closes the file; then
+    // `completion` runs on the default global queue (status completed or
+    // failed). When not writing, `completion` is called there at once.
+    void finishWriting(std::function<void()> completion);
+    // Stops at once and removes the partial file (status cancelled).
+    void cancelWriting();
+
+    struct Muxer;
+
+  private:
+    MovieFileWriter(URL url, std::shared_ptr<Muxer> muxer);
+    URL url_;
+    std::shared_ptr<Muxer> muxer_;
+    std::vector<std::shared_ptr<MovieWriterInput>> inputs_;  // guarded by the muxer's lock
+};
+
+}  // namespace sv::media
