@@ -70,7 +70,7 @@ std::vector<std::shared_ptr<sv::SharedSurface>> makeFrames() {
     for (int i = 0; i < kRing; ++i) {
         auto s = sv::SharedSurface::create(kWidth, kHeight);
         for (int y = 0; y < kHeight; ++y) {
-            uint8_t* row = s->row(y);
+            uint8_t* row = s->mutableRow(y);
             const uint8_t* text = &glyphs[size_t(y + i * 8) * kWidth];
             for (int x = 0; x < kWidth; ++x) {
                 bool panel = x < 320;
@@ -84,7 +84,7 @@ std::vector<std::shared_ptr<sv::SharedSurface>> makeFrames() {
         // A moving block, like a cursor or an animation.
         for (int y = 100; y < 300; ++y)
             for (int x = 400 + i * 20; x < 600 + i * 20; ++x) {
-                uint8_t* p = s->row(y) + 4 * x;
+                uint8_t* p = s->mutableRow(y) + 4 * x;
                 p[0] = 200, p[1] = uint8_t(i * 20), p[2] = 30;
             }
         frames.push_back(s);

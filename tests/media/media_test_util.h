@@ -27,7 +27,7 @@ namespace sv::testing {
 inline void drawIndex(SharedSurface& s, int index) {
     const int w = s.width(), h = s.height();
     for (int y = 0; y < h; ++y) {
-        uint8_t* row = s.row(y);
+        uint8_t* row = s.mutableRow(y);
         int r = y * 2 / h;
         for (int x = 0; x < w; ++x) {
             int bit = r * 8 + x * 8 / w;
