@@ -52,9 +52,10 @@ void CaptureOutput::deliver(std::shared_ptr<SampleBuffer> sample,
 // backend's sink thread.
 struct CaptureSession::DeviceStream {
     std::shared_ptr<CaptureDeviceInput> input;
-    std::unique_ptr<AudioSource> source;
     std::vector<uint8_t> pending;
     uint64_t pendingHostTime = 0;
+    // Last, so that it is destroyed (and its sink silenced) first.
+    std::unique_ptr<AudioSource> source;
 };
 
 std::shared_ptr<CaptureSession> CaptureSession::make(std::shared_ptr<AudioBackend> backend) {
@@ -65,12 +66,7 @@ CaptureSession::CaptureSession(std::shared_ptr<AudioBackend> backend)
     : backend_(std::move(backend)) {}
 
 CaptureSession::~CaptureSession() {
-    std::vector<std::shared_ptr<DeviceStream>> streams;
-    {
-        std::lock_guard lock(mutex_);
-        streams.swap(streams_);
-    }
-    for (auto& s : streams) s->source.reset();
+    closeStreams();
 }
 
 bool CaptureSession::canAddInput(const std::shared_ptr<CaptureInput>& input) const {
@@ -90,9 +86,11 @@ void CaptureSession::addInput(const std::shared_ptr<CaptureInput>& input) {
         log::error("CaptureSession: cannot add input %@", input ? "(input)" : "(null)");
         return;
     }
-    std::lock_guard lock(mutex_);
-    inputs_.push_back(input);
-    if (running_) openStreamsLocked();
+    {
+        std::lock_guard lock(mutex_);
+        inputs_.push_back(input);
+    }
+    if (running_) openStreams();
 }
 
 void CaptureSession::removeInput(const std::shared_ptr<CaptureInput>& input) {
@@ -132,17 +130,24 @@ void CaptureSession::removeOutput(const std::shared_ptr<CaptureOutput>& output) 
     std::erase(outputs_, output);
 }
 
-bool CaptureSession::openStreamsLocked() {
-    bool serverAnswered = inputs_.empty();
-    for (auto& i : inputs_) {
-        auto input = std::static_pointer_cast<CaptureDeviceInput>(i);
-        bool open = std::any_of(streams_.begin(), streams_.end(),
-                                [&](auto& s) { return s->input == input; });
-        if (open) continue;
+bool CaptureSession::openStreams() {
+    // The backend is called without the session lock: its sinks take that
+    // lock on the backend's thread while holding the backend's own.
+    std::vector<std::shared_ptr<CaptureDeviceInput>> missing;
+    {
+        std::lock_guard lock(mutex_);
+        for (auto& i : inputs_) {
+            auto input = std::static_pointer_cast<CaptureDeviceInput>(i);
+            if (std::none_of(streams_.begin(), streams_.end(),
+                             [&](auto& s) { return s->input == input; }))
+                missing.push_back(input);
+        }
+    }
+    bool serverAnswered = missing.empty();
+    for (auto& input : missing) {
         auto stream = std::make_shared<DeviceStream>();
         stream->input = input;
         std::weak_ptr<CaptureSession> weakSelf = weak_from_this();
-        std::weak_ptr<DeviceStream> weakStream = stream;
         int32_t status = kAudioNoError;
         // The sink runs on a backend thread; `stream` outlives every call
         // because its source is destroyed (which ends the calls) before it.
@@ -150,41 +155,14 @@ bool CaptureSession::openStreamsLocked() {
         stream->source = backend_->openDevice(
             *input->device(), AudioDataOutput::kFormat,
             [weakSelf, raw](std::span<const uint8_t> bytes, uint64_t hostTime) {
-                if (auto self = weakSelf.lock()) {
-                    // Accumulate to whole samples of kFramesPerSample frames.
-                    const size_t sampleBytes =
-                        AudioDataOutput::kFramesPerSample * AudioDataOutput::kFormat.bytesPerFrame;
-                    size_t offset = 0;
-                    while (offset < bytes.size()) {
-                        if (raw->pending.empty()) {
-                            raw->pendingHostTime =
-                                hostTime + HostClock::ticksForFrames(
-                                               offset / AudioDataOutput::kFormat.bytesPerFrame,
-                                               AudioDataOutput::kFormat.sampleRate);
-                        }
-                        size_t n =
-                            std::min(sampleBytes - raw->pending.size(), bytes.size() - offset);
-                        raw->pending.insert(raw->pending.end(), bytes.begin() + long(offset),
-                                            bytes.begin() + long(offset + n));
-                        offset += n;
-                        if (raw->pending.size() == sampleBytes) {
-                            self->deliverChunk(raw->input, raw->pending, raw->pendingHostTime);
-                            raw->pending.clear();
-                        }
-                    }
-                }
+                if (auto self = weakSelf.lock()) self->accumulate(*raw, bytes, hostTime);
             },
             [weakSelf](int32_t failure) {
                 log::error("CaptureSession: device recording ended: %i", failure);
                 // Report off the backend thread: observers may call back into the session.
                 DispatchQueue::global()->async([weakSelf] {
                     if (auto self = weakSelf.lock()) {
-                        std::vector<std::shared_ptr<DeviceStream>> streams;
-                        {
-                            std::lock_guard lock(self->mutex_);
-                            streams.swap(self->streams_);
-                        }
-                        for (auto& s : streams) s->source.reset();
+                        self->closeStreams();
                         self->setRunning(false);
                     }
                 });
@@ -196,9 +174,42 @@ bool CaptureSession::openStreamsLocked() {
                        status);
             continue;
         }
+        std::lock_guard lock(mutex_);
         streams_.push_back(std::move(stream));
     }
     return serverAnswered;
+}
+
+void CaptureSession::closeStreams() {
+    std::vector<std::shared_ptr<DeviceStream>> streams;
+    {
+        std::lock_guard lock(mutex_);
+        streams.swap(streams_);
+    }
+    for (auto& s : streams) s->source.reset();
+}
+
+// On the backend's thread: cut the recording into samples of
+// kFramesPerSample frames, each stamped with its first frame's host time.
+void CaptureSession::accumulate(DeviceStream& stream, std::span<const uint8_t> bytes,
+                                uint64_t hostTime) {
+    const auto& format = AudioDataOutput::kFormat;
+    const size_t sampleBytes = AudioDataOutput::kFramesPerSample * format.bytesPerFrame;
+    size_t offset = 0;
+    while (offset < bytes.size()) {
+        if (stream.pending.empty())
+            stream.pendingHostTime =
+                hostTime +
+                HostClock::ticksForFrames(offset / format.bytesPerFrame, format.sampleRate);
+        size_t n = std::min(sampleBytes - stream.pending.size(), bytes.size() - offset);
+        stream.pending.insert(stream.pending.end(), bytes.begin() + long(offset),
+                              bytes.begin() + long(offset + n));
+        offset += n;
+        if (stream.pending.size() == sampleBytes) {
+            deliverChunk(stream.input, stream.pending, stream.pendingHostTime);
+            stream.pending.clear();
+        }
+    }
 }
 
 void CaptureSession::deliverChunk(const std::shared_ptr<CaptureDeviceInput>& input,
@@ -225,12 +236,7 @@ void CaptureSession::setRunning(bool running) {
 
 void CaptureSession::startRunning() {
     if (running_) return;
-    bool serverAnswered;
-    {
-        std::lock_guard lock(mutex_);
-        serverAnswered = openStreamsLocked();
-    }
-    if (!serverAnswered) {
+    if (!openStreams()) {
         log::error("CaptureSession: the audio server does not answer; not running");
         return;
     }
@@ -238,12 +244,7 @@ void CaptureSession::startRunning() {
 }
 
 void CaptureSession::stopRunning() {
-    std::vector<std::shared_ptr<DeviceStream>> streams;
-    {
-        std::lock_guard lock(mutex_);
-        streams.swap(streams_);
-    }
-    for (auto& s : streams) s->source.reset();
+    closeStreams();
     setRunning(false);
 }
 

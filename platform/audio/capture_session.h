@@ -131,8 +131,11 @@ class CaptureSession : public Observable, public std::enable_shared_from_this<Ca
 
   private:
     struct DeviceStream;
-    // False when inputs are attached and the server answered for none of them.
-    bool openStreamsLocked();
+    // Opens a recording for each input without one; false when inputs are
+    // attached and the server answered for none of them.
+    bool openStreams();
+    void closeStreams();
+    void accumulate(DeviceStream& stream, std::span<const uint8_t> bytes, uint64_t hostTime);
     void setRunning(bool running);
     void deliverChunk(const std::shared_ptr<CaptureDeviceInput>& input,
                       std::span<const uint8_t> bytes, uint64_t hostTime);

@@ -290,7 +290,9 @@ TEST(AudioTapQueue, RejectsBadArgumentsAndDropsAudioWithoutBuffers) {
     ASSERT_EQ(rec.queue->allocateBuffer(882, &b), 0);
     ASSERT_EQ(rec.queue->enqueueBuffer(b), 0);
     ASSERT_TRUE(rec.waitFor(2));
-    rec.queue.reset();  // the destructor disposes
+    // Dispose first: the callback reads rec.queue until dispose returns.
+    EXPECT_EQ(rec.queue->dispose(true), 0);
+    rec.queue.reset();
     EXPECT_EQ(backend->openSources(), 0);
 }
 
