@@ -172,7 +172,7 @@ class RecordStream {
 
     // With the lock held. `device`: source name or index, null for the
     // default; `sinkInput`: PA_INVALID_INDEX or the sink input to monitor.
-    bool connect(const char* name, const char* device, uint32_t sinkInput) {
+    bool connect(const char* name, const char* device, uint32_t sinkInput, pa_usec_t fragmentUsec) {
         stream_ = pa_stream_new(conn_->context(), name, &spec_, nullptr);
         if (!stream_) return false;
         if (sinkInput != PA_INVALID_INDEX) pa_stream_set_monitor_stream(stream_, sinkInput);
@@ -184,7 +184,7 @@ class RecordStream {
         pa_buffer_attr attr;
         attr.maxlength = uint32_t(-1);
         attr.tlength = attr.prebuf = attr.minreq = uint32_t(-1);
-        attr.fragsize = uint32_t(pa_usec_to_bytes(20000, &spec_));
+        attr.fragsize = uint32_t(pa_usec_to_bytes(fragmentUsec, &spec_));
         auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING |
                                        PA_STREAM_AUTO_TIMING_UPDATE |
                                        (sinkInput != PA_INVALID_INDEX ? PA_STREAM_DONT_MOVE : 0));
@@ -318,7 +318,7 @@ class PulseDeviceSource : public AudioSource {
                 if (onFailure_) onFailure_(kAudioNoDeviceError);
             });
         return stream_->connect("sorveld microphone", device.empty() ? nullptr : device.c_str(),
-                                PA_INVALID_INDEX);
+                                PA_INVALID_INDEX, 20000);
     }
     ~PulseDeviceSource() override {
         PulseConnection::Lock lock(conn_->mainloop());
@@ -379,7 +379,7 @@ class PulseProcessTap : public AudioSource {
     }
 
   private:
-    static constexpr pa_usec_t kTickUsec = 20000;
+    static constexpr pa_usec_t kTickUsec = 40000;
 
     struct Tapped {
         std::unique_ptr<RecordStream> stream;
@@ -452,7 +452,8 @@ class PulseProcessTap : public AudioSource {
             },
             nullptr);
         std::string device = std::to_string(monitorSource);
-        if (!t.stream->connect("sorveld application audio", device.c_str(), sinkInput)) {
+        // Tap buffers last about 0.65 s: larger fragments save wake-ups.
+        if (!t.stream->connect("sorveld application audio", device.c_str(), sinkInput, kTickUsec)) {
             log::error("AudioTapQueue: cannot monitor stream %u of process %i: %@", sinkInput, pid_,
                        pa_strerror(pa_context_errno(conn_->context())));
             return;
