@@ -388,7 +388,7 @@ TEST(CaptureManager, ResumeWithoutAGapOrAfterStopAllAddsNoSilence) {
 
 TEST(CaptureManager, BuffersOfAStoppedTapNeverReachTheNextTap) {
     // With a refused stop, the old tap still counts as running: only the
-    // identity test keeps its queued buffers away from the new tap.
+    // identity test keeps its queued buffers from being delivered.
     for (bool stopFails : {false, true}) {
         SCOPED_TRACE(stopFails ? "stop refused" : "stop succeeded");
         auto backend = fastBackend();
@@ -401,22 +401,22 @@ TEST(CaptureManager, BuffersOfAStoppedTapNeverReachTheNextTap) {
         ASSERT_EQ(startedA.get_future().wait_for(3s), std::future_status::ready);
         ASSERT_TRUE(a.waitFor(1));
 
-        // Hold the tap queue; behind it queue A's buffers, the stop, the
-        // start of B, and (while still held) more buffers of A.
-        std::promise<void> release;
-        std::shared_future<void> released = release.get_future().share();
-        SVCaptureManager::audioDispatchQueue()->async([released] { released.wait(); });
-        backend->setFailTapStop(stopFails);
-        std::thread stopper([&] { m->stopAppAudioCapture(); });
-        std::this_thread::sleep_for(30ms);
-        m->startAppAudioCaptureForProcessID(pidB, b.handler(), nullptr);
-        std::this_thread::sleep_for(150ms);  // A fills its three buffers meanwhile
-        release.set_value();
-        stopper.join();
-        backend->setFailTapStop(false);
+        // Occupy the tap queue while A fills its three buffers, so that their
+        // tasks wait behind; then stop A from that same task (a sync call on
+        // the current queue runs inline), ahead of them, and start B behind
+        // them. A's queued buffers then meet a manager whose tap is no longer A.
+        size_t aAtStop = 0;
+        SVCaptureManager::audioDispatchQueue()->sync([&] {
+            std::this_thread::sleep_for(150ms);
+            backend->setFailTapStop(stopFails);
+            m->stopAppAudioCapture();
+            backend->setFailTapStop(false);
+            aAtStop = a.count();
+            m->startAppAudioCaptureForProcessID(pidB, b.handler(), nullptr);
+        });
         ASSERT_TRUE(b.waitFor(3));
         m->stopAllCapture();
-
+        EXPECT_EQ(a.count(), aAtStop) << "a buffer of the stopped tap was delivered";
         for (auto& s : b.samples())
             EXPECT_NEAR(frequencyOf(s), syntheticToneFrequencyForProcess(pidB), 1.0);
         EXPECT_EQ(backend->openSources(), 0);
