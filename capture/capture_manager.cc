@@ -1,7 +1,5 @@
 #include "capture/capture_manager.h"
 
-#include <cstring>
-
 #include "platform/audio/host_clock.h"
 #include "platform/log.h"
 

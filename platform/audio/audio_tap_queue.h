@@ -77,8 +77,11 @@ class AudioTapQueue {
     // Starts recording now; the running listeners hear `true` once the
     // backend records.
     int32_t start();
-    // Stops at once: buffers being filled or waiting for the callback go back
-    // to the enqueued state (with zero valid bytes); listeners hear `false`.
+    // Stops at once (a deferred stop, immediate = false, is not offered and
+    // behaves the same): buffers being filled or waiting for the callback go
+    // back to the enqueued state (with zero valid bytes); listeners hear
+    // `false` before it returns. A non-zero status means the server refused
+    // and the queue goes on recording.
     int32_t stop(bool immediate);
     // Stops and frees every buffer; every later call fails with kAudioDisposedError.
     int32_t dispose(bool immediate);
