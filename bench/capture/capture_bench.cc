@@ -1,8 +1,8 @@
 // Application audio tap and microphone through SVCaptureManager: CPU time of
-// this process per second of tapped audio, and the delay from a buffer's
-// first frame (its presentation time) to its delivery to the output closure.
-// Runs on the synthetic backend and, when a private server can be started,
-// on PulseAudio. Prints "name value unit" lines.
+// this process (all its threads) per second of tapped audio in steady state, and the delay from a
+// buffer's first frame (its presentation time) to its delivery to the output closure. Runs on the
+// synthetic backend and, when a private server can be started, on PulseAudio. Prints "name value
+// unit" lines.
 #include <time.h>
 
 #include <algorithm>
@@ -41,7 +41,11 @@ double percentile(std::vector<double> v, double p) {
 struct Run {
     std::vector<double> delaysMs;
     double audioSeconds = 0;
+    // Steady state: process CPU time from the first delivery to the last,
+    // and the audio delivered in between (set-up and tear-down excluded).
     double cpu = 0;
+    double steadyAudioSeconds = 0;
+    double firstCpu = -1;
 };
 
 // Taps `pid` (or records the microphone) until `audioSeconds` of audio arrived.
@@ -52,12 +56,19 @@ Run run(const std::shared_ptr<sv::AudioBackend>& backend, bool microphone, int32
     Run r;
     auto handler = [&](const std::shared_ptr<sv::SampleBuffer>& s) {
         const uint64_t now = sv::HostClock::now();
+        const double cpu = cpuSeconds();
+        const double seconds = s->duration().seconds();
         std::lock_guard lock(mutex);
         r.delaysMs.push_back((sv::HostClock::toSeconds(now) - s->presentationTime().seconds()) *
                              1e3);
-        r.audioSeconds += s->duration().seconds();
+        r.audioSeconds += seconds;
+        if (r.firstCpu < 0) {
+            r.firstCpu = cpu;
+        } else {
+            r.steadyAudioSeconds += seconds;
+            r.cpu = cpu - r.firstCpu;
+        }
     };
-    const double cpu0 = cpuSeconds();
     m->setCaptureStartTime(sv::HostClock::toMediaTime(sv::HostClock::now()));
     if (microphone)
         m->startMicrophoneCaptureWithOutput(handler, nullptr);
@@ -72,7 +83,6 @@ Run run(const std::shared_ptr<sv::AudioBackend>& backend, bool microphone, int32
         std::this_thread::sleep_for(5ms);
     }
     m->stopAllCapture();
-    r.cpu = cpuSeconds() - cpu0;
     std::lock_guard lock(mutex);
     return r;
 }
@@ -82,8 +92,8 @@ void print(const std::string& name, double value, const char* unit) {
 }
 
 void report(const std::string& prefix, const Run& r, bool cpu) {
-    if (cpu && r.audioSeconds > 0)
-        print(prefix + "_cpu_per_audio_second", r.cpu / r.audioSeconds * 1e3, "ms/s");
+    if (cpu && r.steadyAudioSeconds > 0)
+        print(prefix + "_cpu_per_audio_second", r.cpu / r.steadyAudioSeconds * 1e3, "ms/s");
     print(prefix + "_first_frame_to_delivery_p50", percentile(r.delaysMs, 50), "ms");
     print(prefix + "_first_frame_to_delivery_p99", percentile(r.delaysMs, 99), "ms");
     print(prefix + "_samples", double(r.delaysMs.size()), "count");
@@ -100,9 +110,9 @@ int main() {
         auto fast = std::make_shared<sv::SyntheticAudioBackend>(
             sv::SyntheticAudioBackend::Options{.speed = 20});
         Run cpu = run(fast, false, 4242, 60.0, 30s);
-        if (cpu.audioSeconds > 0)
-            print("capture_tap_synthetic_cpu_per_audio_second", cpu.cpu / cpu.audioSeconds * 1e3,
-                  "ms/s");
+        if (cpu.steadyAudioSeconds > 0)
+            print("capture_tap_synthetic_cpu_per_audio_second",
+                  cpu.cpu / cpu.steadyAudioSeconds * 1e3, "ms/s");
         auto realTime = std::make_shared<sv::SyntheticAudioBackend>();
         report("capture_tap_synthetic", run(realTime, false, 4242, 5.0, 15s), false);
         report("capture_mic_synthetic", run(realTime, true, 0, 3.0, 10s), true);
