@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -53,6 +54,7 @@ Run run(const std::shared_ptr<sv::AudioBackend>& backend, bool microphone, int32
         double audioSeconds, std::chrono::seconds timeout) {
     auto m = sv::SVCaptureManager::make(backend);
     std::mutex mutex;
+    std::condition_variable cv;
     Run r;
     auto handler = [&](const std::shared_ptr<sv::SampleBuffer>& s) {
         const uint64_t now = sv::HostClock::now();
@@ -68,19 +70,17 @@ Run run(const std::shared_ptr<sv::AudioBackend>& backend, bool microphone, int32
             r.steadyAudioSeconds += seconds;
             r.cpu = cpu - r.firstCpu;
         }
+        cv.notify_all();
     };
     m->setCaptureStartTime(sv::HostClock::toMediaTime(sv::HostClock::now()));
     if (microphone)
         m->startMicrophoneCaptureWithOutput(handler, nullptr);
     else
         m->startAppAudioCaptureForProcessID(pid, handler, nullptr);
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        {
-            std::lock_guard lock(mutex);
-            if (r.audioSeconds >= audioSeconds) break;
-        }
-        std::this_thread::sleep_for(5ms);
+    {
+        // Sleep until done: polling would add its own wake-ups to the figures.
+        std::unique_lock lock(mutex);
+        cv.wait_for(lock, timeout, [&] { return r.audioSeconds >= audioSeconds; });
     }
     m->stopAllCapture();
     std::lock_guard lock(mutex);

@@ -448,6 +448,28 @@ TEST(CaptureManager, FailedStopDropsTheTapAndItsLateBuffers) {
     EXPECT_EQ(backend->openSources(), 0);
 }
 
+TEST(CaptureManager, TapThatCannotStartLogsAndNeverCallsDidStart) {
+    auto m = SVCaptureManager::make(fastBackend());
+    log::Capture logs;
+    std::atomic<bool> started{false};
+    m->setCaptureStartTime(MediaTime::make(1, 1));
+    m->startAppAudioCaptureForProcessID(
+        -1, [](auto&) {}, [&] { started = true; });
+    SVCaptureManager::audioDispatchQueue()->sync([] {});
+    // Binding fails, then the start: both logged, and the start went on.
+    EXPECT_EQ(logs.count("SVRecordingManager: startAudioCapture error: -50", log::Level::Error),
+              1u);
+    EXPECT_EQ(logs.count("SVRecordingManager: startAudioCapture error: -66604", log::Level::Error),
+              1u);
+    EXPECT_TRUE(logs.contains(
+        "SVRecordingManager: startAudioCapture: Successfully started Audio Tap Queue Recording"));
+    std::this_thread::sleep_for(100ms);
+    EXPECT_FALSE(started);
+    m->stopAppAudioCapture();
+    EXPECT_EQ(logs.count("SVRecordingManager: Audio Tap Queue has been disposed"), 1u);
+    EXPECT_FALSE(started);
+}
+
 TEST(CaptureManager, StopWithoutATapDoesNothing) {
     auto m = SVCaptureManager::make(fastBackend());
     log::Capture logs;
