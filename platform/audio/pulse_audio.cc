@@ -1,0 +1,645 @@
+#include "platform/audio/pulse_audio.h"
+
+#include <pulse/pulseaudio.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <map>
+#include <vector>
+
+#include "platform/audio/host_clock.h"
+#include "platform/log.h"
+
+namespace sv {
+
+// One server connection: a threaded main loop and its context. Every
+// libpulse object is touched only with the main loop's lock held (or on its
+// thread, which holds it).
+class PulseConnection {
+  public:
+    using SubscriptionHandler = std::function<void(pa_subscription_event_type_t, uint32_t)>;
+
+    class Lock {
+      public:
+        explicit Lock(pa_threaded_mainloop* m)
+            : m_(pa_threaded_mainloop_in_thread(m) ? nullptr : m) {
+            if (m_) pa_threaded_mainloop_lock(m_);
+        }
+        ~Lock() {
+            if (m_) pa_threaded_mainloop_unlock(m_);
+        }
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+
+      private:
+        pa_threaded_mainloop* m_;
+    };
+
+    static std::shared_ptr<PulseConnection> open(const std::string& server,
+                                                 std::chrono::milliseconds timeout) {
+        auto c = std::shared_ptr<PulseConnection>(new PulseConnection);
+        c->mainloop_ = pa_threaded_mainloop_new();
+        if (!c->mainloop_) return nullptr;
+        pa_threaded_mainloop_set_name(c->mainloop_, "sv-pulse");
+        pa_proplist* props = pa_proplist_new();
+        pa_proplist_sets(props, PA_PROP_APPLICATION_NAME, "sorveld");
+        pa_proplist_sets(props, PA_PROP_APPLICATION_ID, "sorveld");
+        c->context_ = pa_context_new_with_proplist(pa_threaded_mainloop_get_api(c->mainloop_),
+                                                   "sorveld", props);
+        pa_proplist_free(props);
+        if (!c->context_) return nullptr;
+        pa_context_set_state_callback(c->context_, &PulseConnection::onState, c.get());
+        pa_context_set_subscribe_callback(c->context_, &PulseConnection::onEvent, c.get());
+        if (pa_context_connect(c->context_, server.empty() ? nullptr : server.c_str(),
+                               PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0)
+            return nullptr;
+        if (pa_threaded_mainloop_start(c->mainloop_) < 0) return nullptr;
+        Lock lock(c->mainloop_);
+        bool timedOut = false;
+        pa_time_event* timer = pa_context_rttime_new(
+            c->context_, pa_rtclock_now() + pa_usec_t(timeout.count()) * 1000,
+            [](pa_mainloop_api*, pa_time_event*, const struct timeval*, void* userdata) {
+                auto* self = static_cast<PulseConnection*>(userdata);
+                self->timedOut_ = true;
+                pa_threaded_mainloop_signal(self->mainloop_, 0);
+            },
+            c.get());
+        for (;;) {
+            pa_context_state_t st = pa_context_get_state(c->context_);
+            if (st == PA_CONTEXT_READY) break;
+            if (!PA_CONTEXT_IS_GOOD(st) || c->timedOut_) {
+                timedOut = true;
+                break;
+            }
+            pa_threaded_mainloop_wait(c->mainloop_);
+        }
+        if (timer) pa_threaded_mainloop_get_api(c->mainloop_)->time_free(timer);
+        if (timedOut) return nullptr;
+        pa_operation* op =
+            pa_context_subscribe(c->context_, PA_SUBSCRIPTION_MASK_SINK_INPUT, nullptr, nullptr);
+        if (op) pa_operation_unref(op);
+        return c;
+    }
+
+    ~PulseConnection() {
+        closing_ = true;
+        if (mainloop_) pa_threaded_mainloop_stop(mainloop_);
+        if (context_) {
+            pa_context_disconnect(context_);
+            pa_context_unref(context_);
+        }
+        if (mainloop_) pa_threaded_mainloop_free(mainloop_);
+    }
+
+    pa_threaded_mainloop* mainloop() const { return mainloop_; }
+    pa_context* context() const { return context_; }
+
+    // With the lock held.
+    bool ready() const { return pa_context_get_state(context_) == PA_CONTEXT_READY; }
+    uint64_t addSubscriber(SubscriptionHandler h) {
+        subscribers_[nextSubscriber_] = std::move(h);
+        return nextSubscriber_++;
+    }
+    void removeSubscriber(uint64_t id) { subscribers_.erase(id); }
+
+  private:
+    PulseConnection() = default;
+
+    static void onState(pa_context* c, void* userdata) {
+        auto* self = static_cast<PulseConnection*>(userdata);
+        pa_context_state_t st = pa_context_get_state(c);
+        if ((st == PA_CONTEXT_FAILED || st == PA_CONTEXT_TERMINATED) && !self->closing_)
+            log::error("PulseAudio: connection ended: %@", pa_strerror(pa_context_errno(c)));
+        pa_threaded_mainloop_signal(self->mainloop_, 0);
+    }
+    static void onEvent(pa_context*, pa_subscription_event_type_t t, uint32_t idx, void* userdata) {
+        auto* self = static_cast<PulseConnection*>(userdata);
+        // Handlers may remove themselves: iterate over a snapshot of ids.
+        std::vector<uint64_t> ids;
+        for (auto& [id, h] : self->subscribers_) ids.push_back(id);
+        for (uint64_t id : ids) {
+            auto it = self->subscribers_.find(id);
+            if (it != self->subscribers_.end()) it->second(t, idx);
+        }
+    }
+
+    pa_threaded_mainloop* mainloop_ = nullptr;
+    pa_context* context_ = nullptr;
+    bool timedOut_ = false;
+    bool closing_ = false;
+    std::map<uint64_t, SubscriptionHandler> subscribers_;
+    uint64_t nextSubscriber_ = 1;
+};
+
+namespace {
+
+bool sampleSpecFor(const AudioStreamFormat& f, pa_sample_spec* spec) {
+    if (!f.isLinearPCM() || f.channelsPerFrame == 0 || f.channelsPerFrame > PA_CHANNELS_MAX)
+        return false;
+    bool be = f.formatFlags & AudioStreamFormat::kFlagIsBigEndian;
+    if (f.bitsPerChannel == 16 && (f.formatFlags & AudioStreamFormat::kFlagIsSignedInteger))
+        spec->format = be ? PA_SAMPLE_S16BE : PA_SAMPLE_S16LE;
+    else if (f.bitsPerChannel == 32 && (f.formatFlags & AudioStreamFormat::kFlagIsFloat))
+        spec->format = be ? PA_SAMPLE_FLOAT32BE : PA_SAMPLE_FLOAT32LE;
+    else
+        return false;
+    spec->rate = uint32_t(std::lround(f.sampleRate));
+    spec->channels = uint8_t(f.channelsPerFrame);
+    return pa_sample_spec_valid(spec) && f.bytesPerFrame == pa_frame_size(spec);
+}
+
+// A record stream (of a source, or a monitor of one sink input) that hands
+// its data with host-time stamps to `onData`, on the main loop's thread.
+class RecordStream {
+  public:
+    using DataHandler = std::function<void(const uint8_t* bytes, size_t length, uint64_t hostTime)>;
+
+    // How a chunk's first frame is stamped. Device: when the server says it
+    // was recorded (now minus the stream's latency). Arrival: when the server
+    // handed it over (now minus what is still unread); for monitors of
+    // playback streams, whose reported latency is the sink's look-ahead
+    // rather than an age, that is when the server mixed the audio.
+    enum class Timing { Device, Arrival };
+
+    RecordStream(PulseConnection* conn, const pa_sample_spec& spec, Timing timing,
+                 DataHandler onData, std::function<void()> onEnded)
+        : conn_(conn),
+          spec_(spec),
+          timing_(timing),
+          onData_(std::move(onData)),
+          onEnded_(std::move(onEnded)) {}
+
+    // With the lock held. `device`: source name or index, null for the
+    // default; `sinkInput`: PA_INVALID_INDEX or the sink input to monitor.
+    bool connect(const char* name, const char* device, uint32_t sinkInput, pa_usec_t fragmentUsec) {
+        stream_ = pa_stream_new(conn_->context(), name, &spec_, nullptr);
+        if (!stream_) return false;
+        if (sinkInput != PA_INVALID_INDEX) pa_stream_set_monitor_stream(stream_, sinkInput);
+        pa_stream_set_read_callback(stream_, &RecordStream::onRead, this);
+        pa_stream_set_state_callback(stream_, &RecordStream::onState, this);
+        pa_stream_set_overflow_callback(
+            stream_, [](pa_stream*, void* u) { static_cast<RecordStream*>(u)->anchored_ = false; },
+            this);
+        pa_buffer_attr attr;
+        attr.maxlength = uint32_t(-1);
+        attr.tlength = attr.prebuf = attr.minreq = uint32_t(-1);
+        attr.fragsize = uint32_t(pa_usec_to_bytes(fragmentUsec, &spec_));
+        auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING |
+                                       PA_STREAM_AUTO_TIMING_UPDATE |
+                                       (sinkInput != PA_INVALID_INDEX ? PA_STREAM_DONT_MOVE : 0));
+        return pa_stream_connect_record(stream_, device, &attr, flags) == 0;
+    }
+
+    // With the lock held; no callback runs after it.
+    ~RecordStream() {
+        if (!stream_) return;
+        pa_stream_set_read_callback(stream_, nullptr, nullptr);
+        pa_stream_set_state_callback(stream_, nullptr, nullptr);
+        pa_stream_set_overflow_callback(stream_, nullptr, nullptr);
+        pa_stream_disconnect(stream_);
+        pa_stream_unref(stream_);
+    }
+
+    bool ended() const { return ended_; }
+
+  private:
+    static void onState(pa_stream* s, void* u) {
+        auto* self = static_cast<RecordStream*>(u);
+        pa_stream_state_t st = pa_stream_get_state(s);
+        if ((st == PA_STREAM_FAILED || st == PA_STREAM_TERMINATED) && !self->ended_) {
+            self->ended_ = true;
+            if (self->onEnded_) self->onEnded_();
+        }
+    }
+
+    static void onRead(pa_stream* s, size_t, void* u) {
+        auto* self = static_cast<RecordStream*>(u);
+        const uint64_t now = HostClock::now();
+        pa_usec_t latency = 0;
+        int negative = 0;
+        if (self->timing_ == Timing::Arrival || pa_stream_get_latency(s, &latency, &negative) < 0) {
+            // No timing information yet: take the newest frame as recorded now.
+            latency = pa_bytes_to_usec(pa_stream_readable_size(s), &self->spec_);
+            negative = 0;
+        }
+        // The oldest unread frame was recorded `latency` ago (or, for a source
+        // that renders ahead such as a monitor, will be played `latency` from now).
+        const uint64_t firstUnread =
+            negative ? now + latency * 1000 : now - std::min<uint64_t>(now, latency * 1000);
+        const size_t frameSize = pa_frame_size(&self->spec_);
+        uint64_t consumedFrames = 0;
+        for (;;) {
+            const void* data = nullptr;
+            size_t length = 0;
+            if (pa_stream_peek(s, &data, &length) < 0 || length == 0) break;
+            if (!data) {  // a hole: what follows is not contiguous
+                self->anchored_ = false;
+                pa_stream_drop(s);
+                continue;
+            }
+            const uint64_t measured =
+                firstUnread + HostClock::ticksForFrames(consumedFrames, self->spec_.rate);
+            uint64_t expected = self->anchorTime_ +
+                                HostClock::ticksForFrames(self->anchorFrames_, self->spec_.rate);
+            if (!self->anchored_) {
+                self->anchored_ = true;
+                self->anchorTime_ = measured;
+                self->anchorFrames_ = 0;
+                self->driftFrames_ = 0;
+                expected = measured;
+            } else {
+                self->trackDrift(int64_t(measured) - int64_t(expected), length / frameSize);
+                expected = self->anchorTime_ +
+                           HostClock::ticksForFrames(self->anchorFrames_, self->spec_.rate);
+            }
+            const size_t frames = length / frameSize;
+            if (frames)
+                self->onData_(static_cast<const uint8_t*>(data), frames * frameSize, expected);
+            self->anchorFrames_ += frames;
+            consumedFrames += frames;
+            pa_stream_drop(s);
+        }
+    }
+
+    // The latency measurement jitters by tens of milliseconds from one read
+    // to the next, so the stamps follow it only when it stays more than
+    // 30 ms off for half a second, and then by the smallest offset seen.
+    void trackDrift(int64_t drift, size_t frames) {
+        constexpr int64_t kThreshold = 30'000'000;
+        if (std::llabs(drift) <= kThreshold) {
+            driftFrames_ = 0;
+            return;
+        }
+        int sign = drift > 0 ? 1 : -1;
+        if (driftFrames_ == 0 || sign != driftSign_) {
+            driftSign_ = sign;
+            driftMin_ = std::llabs(drift);
+            driftFrames_ = 0;
+        }
+        driftMin_ = std::min(driftMin_, int64_t(std::llabs(drift)));
+        driftFrames_ += frames;
+        if (driftFrames_ >= spec_.rate / 2) {
+            anchorTime_ = uint64_t(int64_t(anchorTime_) + driftSign_ * driftMin_);
+            driftFrames_ = 0;
+        }
+    }
+
+    PulseConnection* conn_;
+    pa_sample_spec spec_;
+    Timing timing_;
+    DataHandler onData_;
+    std::function<void()> onEnded_;
+    pa_stream* stream_ = nullptr;
+    bool ended_ = false;
+    bool anchored_ = false;
+    uint64_t anchorTime_ = 0;
+    uint64_t anchorFrames_ = 0;
+    uint64_t driftFrames_ = 0;
+    int driftSign_ = 0;
+    int64_t driftMin_ = 0;
+};
+
+// The recording of a device.
+class PulseDeviceSource : public AudioSource {
+  public:
+    PulseDeviceSource(std::shared_ptr<PulseConnection> conn, AudioChunkSink sink,
+                      AudioSourceFailure onFailure)
+        : conn_(std::move(conn)), sink_(std::move(sink)), onFailure_(std::move(onFailure)) {}
+
+    bool open(const std::string& device, const pa_sample_spec& spec) {
+        PulseConnection::Lock lock(conn_->mainloop());
+        stream_ = std::make_unique<RecordStream>(
+            conn_.get(), spec, RecordStream::Timing::Device,
+            [this](const uint8_t* bytes, size_t length, uint64_t hostTime) {
+                sink_(std::span<const uint8_t>(bytes, length), hostTime);
+            },
+            [this] {
+                if (onFailure_) onFailure_(kAudioNoDeviceError);
+            });
+        return stream_->connect("sorveld microphone", device.empty() ? nullptr : device.c_str(),
+                                PA_INVALID_INDEX, 20000);
+    }
+    ~PulseDeviceSource() override {
+        PulseConnection::Lock lock(conn_->mainloop());
+        stream_.reset();
+    }
+
+  private:
+    std::shared_ptr<PulseConnection> conn_;
+    AudioChunkSink sink_;
+    AudioSourceFailure onFailure_;
+    std::unique_ptr<RecordStream> stream_;
+};
+
+// The tap of one process: a monitor stream per sink input of the process,
+// mixed on a timeline whose frame 0 is the tap's start.
+class PulseProcessTap : public AudioSource {
+  public:
+    PulseProcessTap(std::shared_ptr<PulseConnection> conn, int32_t pid,
+                    const AudioStreamFormat& format, AudioChunkSink sink,
+                    AudioSourceFailure onFailure)
+        : conn_(std::move(conn)),
+          pid_(pid),
+          format_(format),
+          sink_(std::move(sink)),
+          onFailure_(std::move(onFailure)) {
+        spec_.format = PA_SAMPLE_S16NE;
+        spec_.rate = uint32_t(std::lround(format.sampleRate));
+        spec_.channels = uint8_t(format.channelsPerFrame);
+        channels_ = format.channelsPerFrame;
+        capacityFrames_ = uint64_t(spec_.rate) * 4;
+        ring_.assign(capacityFrames_ * channels_, 0);
+        delayFrames_ = uint64_t(spec_.rate) * PulseAudioBackend::kTapLatencyMs / 1000;
+        bigEndian_ = format.formatFlags & AudioStreamFormat::kFlagIsBigEndian;
+    }
+
+    bool start() {
+        PulseConnection::Lock lock(conn_->mainloop());
+        if (!conn_->ready()) return false;
+        t0_ = HostClock::now();
+        subscriber_ = conn_->addSubscriber(
+            [this](pa_subscription_event_type_t t, uint32_t idx) { onSinkInputEvent(t, idx); });
+        track(pa_context_get_sink_input_info_list(conn_->context(), &PulseProcessTap::onSinkInput,
+                                                  this));
+        timer_ = pa_context_rttime_new(conn_->context(), pa_rtclock_now() + kTickUsec,
+                                       &PulseProcessTap::onTick, this);
+        return timer_ != nullptr;
+    }
+
+    ~PulseProcessTap() override {
+        PulseConnection::Lock lock(conn_->mainloop());
+        if (timer_) pa_threaded_mainloop_get_api(conn_->mainloop())->time_free(timer_);
+        if (subscriber_) conn_->removeSubscriber(subscriber_);
+        for (pa_operation* op : operations_) {
+            pa_operation_cancel(op);
+            pa_operation_unref(op);
+        }
+        streams_.clear();
+    }
+
+  private:
+    static constexpr pa_usec_t kTickUsec = 40000;
+
+    struct Tapped {
+        std::unique_ptr<RecordStream> stream;
+        uint32_t sink = PA_INVALID_INDEX;
+        bool anchored = false;
+        int64_t nextFrame = 0;
+    };
+    struct SinkLookup {
+        PulseProcessTap* tap;
+        uint32_t sinkInput;
+    };
+
+    void track(pa_operation* op) {
+        std::erase_if(operations_, [](pa_operation* o) {
+            if (pa_operation_get_state(o) == PA_OPERATION_RUNNING) return false;
+            pa_operation_unref(o);
+            return true;
+        });
+        if (op) operations_.push_back(op);
+    }
+
+    void onSinkInputEvent(pa_subscription_event_type_t t, uint32_t idx) {
+        if ((t & PA_SUBSCRIPTION_EVENT_FACILITY_MASK) != PA_SUBSCRIPTION_EVENT_SINK_INPUT) return;
+        auto type = t & PA_SUBSCRIPTION_EVENT_TYPE_MASK;
+        if (type == PA_SUBSCRIPTION_EVENT_REMOVE) {
+            streams_.erase(idx);
+            return;
+        }
+        // New or changed (for instance moved to another sink): look again.
+        track(pa_context_get_sink_input_info(conn_->context(), idx, &PulseProcessTap::onSinkInput,
+                                             this));
+    }
+
+    static void onSinkInput(pa_context*, const pa_sink_input_info* info, int eol, void* u) {
+        auto* self = static_cast<PulseProcessTap*>(u);
+        if (eol || !info) return;
+        const char* pidText = pa_proplist_gets(info->proplist, PA_PROP_APPLICATION_PROCESS_ID);
+        if (!pidText) return;
+        char* end = nullptr;
+        long pid = std::strtol(pidText, &end, 10);
+        if (end == pidText || *end != '\0' || pid != self->pid_) return;
+        auto it = self->streams_.find(info->index);
+        if (it != self->streams_.end() && it->second.sink == info->sink &&
+            !it->second.stream->ended())
+            return;
+        // Monitor streams record from the monitor source of the input's sink.
+        auto lookup = std::make_unique<SinkLookup>(SinkLookup{self, info->index});
+        self->track(pa_context_get_sink_info_by_index(self->conn_->context(), info->sink,
+                                                      &PulseProcessTap::onSink, lookup.get()));
+        self->lookups_.push_back(std::move(lookup));
+    }
+
+    static void onSink(pa_context*, const pa_sink_info* info, int eol, void* u) {
+        auto* lookup = static_cast<SinkLookup*>(u);
+        PulseProcessTap* self = lookup->tap;
+        if (eol || !info) {
+            if (eol) std::erase_if(self->lookups_, [lookup](auto& l) { return l.get() == lookup; });
+            return;
+        }
+        self->attach(lookup->sinkInput, info->index, info->monitor_source);
+    }
+
+    void attach(uint32_t sinkInput, uint32_t sink, uint32_t monitorSource) {
+        Tapped t;
+        t.sink = sink;
+        t.stream = std::make_unique<RecordStream>(
+            conn_.get(), spec_, RecordStream::Timing::Arrival,
+            [this, sinkInput](const uint8_t* bytes, size_t length, uint64_t hostTime) {
+                mix(sinkInput, bytes, length, hostTime);
+            },
+            nullptr);
+        std::string device = std::to_string(monitorSource);
+        // Tap buffers last about 0.65 s: larger fragments save wake-ups.
+        if (!t.stream->connect("sorveld application audio", device.c_str(), sinkInput, kTickUsec)) {
+            log::error("AudioTapQueue: cannot monitor stream %u of process %i: %@", sinkInput, pid_,
+                       pa_strerror(pa_context_errno(conn_->context())));
+            return;
+        }
+        log::debug("AudioTapQueue: recording stream %u of process %i", sinkInput, pid_);
+        streams_[sinkInput] = std::move(t);
+    }
+
+    int64_t frameAt(uint64_t hostTime) const {
+        return std::llround((double(int64_t(hostTime - t0_))) * double(spec_.rate) / 1e9);
+    }
+
+    void mix(uint32_t sinkInput, const uint8_t* bytes, size_t length, uint64_t hostTime) {
+        auto it = streams_.find(sinkInput);
+        if (it == streams_.end()) return;
+        Tapped& t = it->second;
+        const int64_t measured = frameAt(hostTime);
+        if (!t.anchored || std::llabs(measured - t.nextFrame) > 2) {
+            t.anchored = true;
+            t.nextFrame = measured;
+        }
+        const size_t frames = length / (2 * channels_);
+        const auto* samples = reinterpret_cast<const int16_t*>(bytes);
+        for (size_t i = 0; i < frames; ++i) {
+            int64_t f = t.nextFrame + int64_t(i);
+            if (f < int64_t(emitFrame_) || f >= int64_t(emitFrame_ + capacityFrames_)) continue;
+            int32_t* slot = &ring_[(uint64_t(f) % capacityFrames_) * channels_];
+            for (uint32_t c = 0; c < channels_; ++c) {
+                int16_t v;
+                std::memcpy(&v, samples + i * channels_ + c, 2);
+                slot[c] += v;
+            }
+        }
+        t.nextFrame += int64_t(frames);
+        // Mix far enough behind real time for the latest stream to land in
+        // place: its newest frame's age plus a margin, within the ring.
+        const int64_t lag = frameAt(HostClock::now()) - t.nextFrame;
+        const int64_t wanted = lag + int64_t(spec_.rate) * 40 / 1000;
+        const int64_t limit = int64_t(capacityFrames_) / 2;
+        if (wanted > int64_t(delayFrames_)) {
+            delayFrames_ = uint64_t(std::min(wanted, limit));
+            log::debug("AudioTapQueue: mixing %li ms behind for process %i",
+                       long(int64_t(delayFrames_) * 1000 / int64_t(spec_.rate)), pid_);
+        }
+    }
+
+    static void onTick(pa_mainloop_api* api, pa_time_event* e, const struct timeval*, void* u) {
+        auto* self = static_cast<PulseProcessTap*>(u);
+        if (!self->conn_->ready()) {
+            // The server went away: report once and stop ticking.
+            if (self->onFailure_) self->onFailure_(kAudioServerUnavailableError);
+            self->onFailure_ = nullptr;
+            return;
+        }
+        self->emit();
+        std::erase_if(self->streams_, [](auto& kv) { return kv.second.stream->ended(); });
+        (void)api;
+        pa_context_rttime_restart(self->conn_->context(), e, pa_rtclock_now() + kTickUsec);
+    }
+
+    // Hands everything older than the mixing delay to the sink.
+    void emit() {
+        const int64_t target = frameAt(HostClock::now()) - int64_t(delayFrames_);
+        if (target <= int64_t(emitFrame_)) return;
+        uint64_t remaining = uint64_t(target) - emitFrame_;
+        while (remaining) {
+            uint64_t n = std::min<uint64_t>(remaining, capacityFrames_);
+            out_.resize(n * channels_ * 2);
+            uint8_t* p = out_.data();
+            for (uint64_t i = 0; i < n; ++i) {
+                int32_t* slot = &ring_[((emitFrame_ + i) % capacityFrames_) * channels_];
+                for (uint32_t c = 0; c < channels_; ++c) {
+                    auto s = uint16_t(int16_t(std::clamp(slot[c], -32768, 32767)));
+                    slot[c] = 0;
+                    p[0] = uint8_t(bigEndian_ ? s >> 8 : s);
+                    p[1] = uint8_t(bigEndian_ ? s : s >> 8);
+                    p += 2;
+                }
+            }
+            sink_(out_, t0_ + HostClock::ticksForFrames(emitFrame_, spec_.rate));
+            emitFrame_ += n;
+            remaining -= n;
+        }
+    }
+
+    std::shared_ptr<PulseConnection> conn_;
+    int32_t pid_;
+    AudioStreamFormat format_;
+    AudioChunkSink sink_;
+    AudioSourceFailure onFailure_;
+    pa_sample_spec spec_{};
+    uint32_t channels_ = 1;
+    bool bigEndian_ = false;
+    uint64_t t0_ = 0;
+    uint64_t emitFrame_ = 0;
+    uint64_t capacityFrames_ = 0;
+    uint64_t delayFrames_ = 0;
+    std::vector<int32_t> ring_;
+    std::vector<uint8_t> out_;
+    std::map<uint32_t, Tapped> streams_;
+    std::vector<pa_operation*> operations_;
+    std::vector<std::unique_ptr<SinkLookup>> lookups_;
+    pa_time_event* timer_ = nullptr;
+    uint64_t subscriber_ = 0;
+};
+
+}  // namespace
+
+PulseAudioBackend::PulseAudioBackend(std::string server) : server_(std::move(server)) {}
+PulseAudioBackend::~PulseAudioBackend() = default;
+
+bool PulseAudioBackend::serverAnswers(const std::string& server,
+                                      std::chrono::milliseconds timeout) {
+    return PulseConnection::open(server, timeout) != nullptr;
+}
+
+std::shared_ptr<PulseConnection> PulseAudioBackend::connection(int32_t* status) {
+    std::lock_guard lock(mutex_);
+    if (connection_) {
+        PulseConnection::Lock l(connection_->mainloop());
+        if (!connection_->ready()) connection_.reset();
+    }
+    if (!connection_) connection_ = PulseConnection::open(server_, std::chrono::milliseconds(2000));
+    if (!connection_) {
+        if (status) *status = kAudioServerUnavailableError;
+        return nullptr;
+    }
+    if (status) *status = kAudioNoError;
+    return connection_;
+}
+
+std::shared_ptr<CaptureDevice> PulseAudioBackend::defaultAudioDevice() {
+    auto conn = connection(nullptr);
+    if (!conn) return nullptr;
+    // The server's default source at the time of recording, whatever it is then.
+    auto d = std::make_shared<CaptureDevice>();
+    d->uniqueID = "";
+    d->localizedName = "Default Source";
+    return d;
+}
+
+std::unique_ptr<AudioSource> PulseAudioBackend::openDevice(const CaptureDevice& device,
+                                                           const AudioStreamFormat& format,
+                                                           AudioChunkSink sink,
+                                                           AudioSourceFailure onFailure,
+                                                           int32_t* status) {
+    int32_t st = kAudioNoError;
+    pa_sample_spec spec{};
+    auto conn = connection(&st);
+    std::unique_ptr<AudioSource> result;
+    if (conn && (!sink || !sampleSpecFor(format, &spec))) st = kAudioUnsupportedFormatError;
+    if (conn && st == kAudioNoError) {
+        auto source =
+            std::make_unique<PulseDeviceSource>(conn, std::move(sink), std::move(onFailure));
+        if (source->open(device.uniqueID, spec))
+            result = std::move(source);
+        else
+            st = kAudioNoDeviceError;
+    }
+    if (status) *status = st;
+    return result;
+}
+
+std::unique_ptr<AudioSource> PulseAudioBackend::openProcessTap(int32_t pid,
+                                                               const AudioStreamFormat& format,
+                                                               AudioChunkSink sink,
+                                                               AudioSourceFailure onFailure,
+                                                               int32_t* status) {
+    int32_t st = kAudioNoError;
+    pa_sample_spec spec{};
+    auto conn = connection(&st);
+    std::unique_ptr<AudioSource> result;
+    if (conn && (!sink || !sampleSpecFor(format, &spec) || format.bitsPerChannel != 16))
+        st = kAudioUnsupportedFormatError;
+    else if (conn && pid <= 0)
+        st = kAudioNoProcessError;
+    if (conn && st == kAudioNoError) {
+        auto tap = std::make_unique<PulseProcessTap>(conn, pid, format, std::move(sink),
+                                                     std::move(onFailure));
+        if (tap->start())
+            result = std::move(tap);
+        else
+            st = kAudioServerUnavailableError;
+    }
+    if (status) *status = st;
+    return result;
+}
+
+}  // namespace sv

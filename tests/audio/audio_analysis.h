@@ -1,0 +1,64 @@
+// Helpers for audio tests: decoding 16-bit PCM samples and measuring tones.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <numbers>
+#include <vector>
+
+#include "platform/sample_buffer.h"
+
+namespace sv::testing {
+
+// The first channel of a 16-bit PCM run, as values in [-1, 1).
+inline std::vector<double> pcm16Samples(const uint8_t* bytes, size_t length,
+                                        const AudioStreamFormat& format) {
+    std::vector<double> out;
+    const bool be = format.formatFlags & AudioStreamFormat::kFlagIsBigEndian;
+    const size_t frame = format.bytesPerFrame ? format.bytesPerFrame : 2;
+    for (size_t off = 0; off + 2 <= length; off += frame) {
+        uint16_t u = be ? uint16_t(bytes[off] << 8 | bytes[off + 1])
+                        : uint16_t(bytes[off + 1] << 8 | bytes[off]);
+        out.push_back(double(int16_t(u)) / 32768.0);
+    }
+    return out;
+}
+
+inline std::vector<double> pcm16Samples(const SampleBuffer& s) {
+    if (!s.dataBlock()) return {};
+    return pcm16Samples(s.dataBlock()->data(), s.dataBlock()->size(), s.audioFormat());
+}
+
+// Amplitude of the component at `frequency` (a full-scale sine gives about 1).
+inline double toneAmplitude(const std::vector<double>& x, double rate, double frequency) {
+    if (x.empty()) return 0;
+    double re = 0, im = 0;
+    const double w = 2 * std::numbers::pi * frequency / rate;
+    for (size_t i = 0; i < x.size(); ++i) {
+        re += x[i] * std::cos(w * double(i));
+        im -= x[i] * std::sin(w * double(i));
+    }
+    return 2 * std::sqrt(re * re + im * im) / double(x.size());
+}
+
+// Frequency from rising zero crossings (for a single clean tone).
+inline double zeroCrossingFrequency(const std::vector<double>& x, double rate) {
+    long first = -1, last = -1, count = 0;
+    for (size_t i = 1; i < x.size(); ++i) {
+        if (x[i - 1] < 0 && x[i] >= 0) {
+            if (first < 0) first = long(i);
+            last = long(i);
+            ++count;
+        }
+    }
+    if (count < 2) return 0;
+    return double(count - 1) * rate / double(last - first);
+}
+
+inline double rms(const std::vector<double>& x) {
+    double s = 0;
+    for (double v : x) s += v * v;
+    return x.empty() ? 0 : std::sqrt(s / double(x.size()));
+}
+
+}  // namespace sv::testing

@@ -1,0 +1,330 @@
+// The audio platform services on the synthetic backend: host clock,
+// observation, capture session and the audio tap queue.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include "platform/audio/audio_tap_queue.h"
+#include "platform/audio/capture_session.h"
+#include "platform/audio/host_clock.h"
+#include "platform/audio/synthetic_audio.h"
+#include "tests/audio/audio_analysis.h"
+
+using namespace std::chrono_literals;
+
+namespace sv {
+namespace {
+
+TEST(HostClock, TicksAreNanosecondsOnTheMonotonicClock) {
+    uint64_t a = HostClock::now();
+    std::this_thread::sleep_for(2ms);
+    uint64_t b = HostClock::now();
+    EXPECT_GE(b - a, 2'000'000u);
+    MediaTime t = HostClock::toMediaTime(b);
+    EXPECT_TRUE(t.isValid());
+    EXPECT_EQ(t.timescale, 1'000'000'000);
+    EXPECT_EQ(HostClock::fromMediaTime(t), b);
+    EXPECT_EQ(HostClock::fromMediaTime(MediaTime::make(3, 2)), 1'500'000'000u);
+    EXPECT_EQ(HostClock::fromMediaTime(MediaTime::invalid()), 0u);
+    EXPECT_EQ(HostClock::ticksForFrames(44100, 44100.0), 1'000'000'000u);
+}
+
+struct RecordingObserver : KeyValueObserver {
+    std::vector<std::pair<std::string, KeyValueChange>> changes;
+    bool removeSelf = false;
+    void observeValueForKeyPath(const std::string& keyPath, Observable& object,
+                                const KeyValueChange& change, void*) override {
+        changes.emplace_back(keyPath, change);
+        if (removeSelf) object.removeObserver(this, keyPath);
+    }
+};
+
+TEST(Observation, RegistrationRemovalAndErrors) {
+    auto session = CaptureSession::make(std::make_shared<SyntheticAudioBackend>());
+    auto observer = std::make_shared<RecordingObserver>();
+    EXPECT_THROW(session->removeObserver(observer.get(), "running"), ObservationError);
+
+    session->addObserver(observer, "running",
+                         KeyValueObservingOptionNew | KeyValueObservingOptionOld, nullptr);
+    session->startRunning();
+    ASSERT_EQ(observer->changes.size(), 1u);
+    EXPECT_EQ(observer->changes[0].second.newValue, Value(true));
+    EXPECT_EQ(observer->changes[0].second.oldValue, Value(false));
+
+    // An observer may remove itself from inside the callback.
+    observer->removeSelf = true;
+    session->stopRunning();
+    EXPECT_EQ(observer->changes.size(), 2u);
+    EXPECT_EQ(session->observationCount("running"), 0u);
+    EXPECT_THROW(session->removeObserver(observer.get(), "running"), ObservationError);
+
+    // A released observer is skipped.
+    auto gone = std::make_shared<RecordingObserver>();
+    session->addObserver(gone, "running", 0, nullptr);
+    gone.reset();
+    session->startRunning();
+    EXPECT_EQ(session->observationCount("running"), 0u);
+    session->stopRunning();
+}
+
+struct Delegate : CaptureDataOutputSampleBufferDelegate {
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::vector<std::shared_ptr<SampleBuffer>> samples;
+    std::shared_ptr<DispatchQueue> expectedQueue;
+    std::atomic<bool> wrongQueue{false};
+    void captureOutputDidOutputSampleBuffer(const std::shared_ptr<CaptureOutput>&,
+                                            const std::shared_ptr<SampleBuffer>& sample,
+                                            const std::shared_ptr<CaptureConnection>&) override {
+        if (!expectedQueue->isCurrent()) wrongQueue = true;
+        std::lock_guard lock(mutex);
+        samples.push_back(sample);
+        cv.notify_all();
+    }
+    bool waitFor(size_t n, std::chrono::milliseconds timeout = 3s) {
+        std::unique_lock lock(mutex);
+        return cv.wait_for(lock, timeout, [&] { return samples.size() >= n; });
+    }
+};
+
+TEST(CaptureSession, InputsOutputsAndDelivery) {
+    auto backend = std::make_shared<SyntheticAudioBackend>(
+        SyntheticAudioBackend::Options{.microphoneFrequency = 1000.0});
+    auto session = CaptureSession::make(backend);
+    auto device = defaultCaptureDeviceForAudio(backend);
+    ASSERT_TRUE(device);
+    auto input = CaptureDeviceInput::make(device);
+    ASSERT_TRUE(input);
+    EXPECT_FALSE(CaptureDeviceInput::make(nullptr));
+    EXPECT_TRUE(session->canAddInput(input));
+    session->addInput(input);
+    EXPECT_FALSE(session->canAddInput(input));
+    EXPECT_FALSE(session->canAddInput(CaptureDeviceInput::make(device)));  // same device
+
+    auto output = AudioDataOutput::make();
+    auto delegate = std::make_shared<Delegate>();
+    delegate->expectedQueue = DispatchQueue::serial("test.delivery");
+    output->setSampleBufferDelegate(delegate, delegate->expectedQueue);
+    EXPECT_TRUE(session->canAddOutput(output));
+    EXPECT_FALSE(session->canAddOutput(VideoDataOutput::make()));
+    session->addOutput(output);
+    EXPECT_FALSE(session->canAddOutput(output));
+
+    session->startRunning();
+    EXPECT_TRUE(session->isRunning());
+    ASSERT_TRUE(delegate->waitFor(8));
+    session->stopRunning();
+    EXPECT_FALSE(session->isRunning());
+    EXPECT_EQ(backend->openSources(), 0);
+    EXPECT_FALSE(delegate->wrongQueue);
+
+    std::vector<std::shared_ptr<SampleBuffer>> samples;
+    {
+        std::lock_guard lock(delegate->mutex);
+        samples = delegate->samples;
+    }
+    std::vector<double> all;
+    for (size_t i = 0; i < samples.size(); ++i) {
+        const auto& s = *samples[i];
+        EXPECT_EQ(s.numSamples(), 1024);
+        EXPECT_EQ(s.audioFormat(), AudioDataOutput::kFormat);
+        EXPECT_EQ(s.duration(), MediaTime::make(1024, 44100));
+        if (i > 0) {
+            // Contiguous on the host clock, to the nanosecond.
+            double step =
+                subtract(s.presentationTime(), samples[i - 1]->presentationTime()).seconds();
+            EXPECT_NEAR(step, 1024.0 / 44100.0, 2e-9);
+        }
+        auto x = testing::pcm16Samples(s);
+        all.insert(all.end(), x.begin(), x.end());
+    }
+    EXPECT_NEAR(testing::zeroCrossingFrequency(all, 44100), 1000.0, 2.0);
+    // Stamps are on the host clock: the newest is not in the future.
+    EXPECT_LE(HostClock::fromMediaTime(samples.back()->presentationTime()), HostClock::now());
+}
+
+TEST(CaptureSession, StaysStoppedWhenTheServerDoesNotAnswer) {
+    auto backend = std::make_shared<SyntheticAudioBackend>(
+        SyntheticAudioBackend::Options{.serverAvailable = false});
+    auto session = CaptureSession::make(backend);
+    session->addInput(CaptureDeviceInput::make(backend->defaultAudioDevice()));
+    auto observer = std::make_shared<RecordingObserver>();
+    session->addObserver(observer, "running", 0, nullptr);
+    session->startRunning();
+    EXPECT_FALSE(session->isRunning());
+    EXPECT_TRUE(observer->changes.empty());
+    // Without inputs a session runs regardless.
+    auto empty = CaptureSession::make(backend);
+    empty->startRunning();
+    EXPECT_TRUE(empty->isRunning());
+}
+
+// Collects what an audio tap queue hands over; recycles every buffer.
+struct TapRecorder {
+    std::shared_ptr<AudioTapQueue> queue;
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::vector<std::pair<AudioTimeStamp, std::vector<uint8_t>>> buffers;
+    std::vector<uint32_t> packets;
+    std::vector<bool> running;
+
+    AudioTapQueue::InputCallback callback() {
+        return [this](AudioTapQueueBuffer* b, const AudioTimeStamp& ts, uint32_t n,
+                      const AudioStreamPacketDescription* descs) {
+            EXPECT_EQ(descs, nullptr);
+            {
+                std::lock_guard lock(mutex);
+                auto* p = static_cast<uint8_t*>(b->audioData);
+                buffers.emplace_back(ts, std::vector<uint8_t>(p, p + b->audioDataByteSize));
+                packets.push_back(n);
+                cv.notify_all();
+            }
+            queue->enqueueBuffer(b);
+        };
+    }
+    bool waitFor(size_t n, std::chrono::milliseconds timeout = 3s) {
+        std::unique_lock lock(mutex);
+        return cv.wait_for(lock, timeout, [&] { return buffers.size() >= n; });
+    }
+};
+
+constexpr AudioStreamFormat kTapFormat = AudioStreamFormat::pcm16(44100.0, 1, true);
+
+TEST(AudioTapQueue, FillsBuffersWithTheProcessToneStampedOnTheHostClock) {
+    auto backend =
+        std::make_shared<SyntheticAudioBackend>(SyntheticAudioBackend::Options{.speed = 20});
+    TapRecorder rec;
+    ASSERT_EQ(AudioTapQueue::create(backend, kTapFormat, rec.callback(), 0, &rec.queue), 0);
+    EXPECT_EQ(rec.queue->start(), kAudioNoProcessError);  // not bound to a process yet
+    EXPECT_EQ(rec.queue->setProcessID(4242), 0);
+    AudioStreamFormat format;
+    ASSERT_EQ(rec.queue->getStreamFormat(&format), 0);
+    EXPECT_EQ(format, kTapFormat);
+    uint32_t maxPacket = 0;
+    EXPECT_EQ(rec.queue->getMaximumPacketSize(&maxPacket), 0);
+    EXPECT_EQ(maxPacket, 2u);
+
+    AudioTapQueue::ListenerToken token = 0;
+    ASSERT_EQ(rec.queue->addRunningListener(
+                  [&rec](bool r) {
+                      std::lock_guard lock(rec.mutex);
+                      rec.running.push_back(r);
+                  },
+                  &token),
+              0);
+    AudioTapQueueBuffer* buffers[3];
+    for (auto& b : buffers) {
+        ASSERT_EQ(rec.queue->allocateBuffer(8820, &b), 0);
+        ASSERT_EQ(rec.queue->enqueueBuffer(b), 0);
+    }
+    EXPECT_EQ(rec.queue->enqueueBuffer(buffers[0]), kAudioBufferInUseError);
+    ASSERT_EQ(rec.queue->start(), 0);
+    ASSERT_TRUE(rec.waitFor(6));
+    ASSERT_EQ(rec.queue->stop(true), 0);
+    size_t delivered;
+    {
+        std::lock_guard lock(rec.mutex);
+        delivered = rec.buffers.size();
+        EXPECT_EQ(rec.running, (std::vector<bool>{true, false}));
+    }
+    std::this_thread::sleep_for(50ms);
+    {
+        std::lock_guard lock(rec.mutex);
+        EXPECT_EQ(rec.buffers.size(), delivered) << "no callback after stop";
+    }
+
+    std::vector<double> all;
+    for (size_t i = 0; i < delivered; ++i) {
+        auto& [ts, bytes] = rec.buffers[i];
+        EXPECT_EQ(bytes.size(), 8820u);  // filled to the byte size
+        EXPECT_EQ(rec.packets[i], 4410u);
+        EXPECT_EQ(ts.sampleTime, double(4410 * i));
+        if (i > 0) {
+            EXPECT_NEAR(double(ts.hostTime - rec.buffers[i - 1].first.hostTime), 1e8, 2);
+        }
+        auto x = testing::pcm16Samples(bytes.data(), bytes.size(), kTapFormat);
+        all.insert(all.end(), x.begin(), x.end());
+    }
+    EXPECT_NEAR(testing::zeroCrossingFrequency(all, 44100), syntheticToneFrequencyForProcess(4242),
+                1.0);
+
+    EXPECT_EQ(rec.queue->freeBuffer(buffers[0]), 0);
+    EXPECT_EQ(rec.queue->freeBuffer(buffers[0]), kAudioInvalidBufferError);
+    EXPECT_EQ(rec.queue->removeRunningListener(token), 0);
+    EXPECT_EQ(rec.queue->removeRunningListener(token), kAudioParamError);
+    EXPECT_EQ(rec.queue->dispose(true), 0);
+    EXPECT_EQ(rec.queue->start(), kAudioDisposedError);
+    EXPECT_EQ(rec.queue->enqueueBuffer(buffers[1]), kAudioDisposedError);
+    EXPECT_EQ(backend->openSources(), 0);
+}
+
+TEST(AudioTapQueue, RejectsBadArgumentsAndDropsAudioWithoutBuffers) {
+    auto backend =
+        std::make_shared<SyntheticAudioBackend>(SyntheticAudioBackend::Options{.speed = 20});
+    TapRecorder rec;
+    std::shared_ptr<AudioTapQueue> q;
+    EXPECT_EQ(
+        AudioTapQueue::create(backend, AudioStreamFormat::float32(44100, 1), rec.callback(), 0, &q),
+        kAudioUnsupportedFormatError);
+    EXPECT_EQ(AudioTapQueue::create(backend, kTapFormat, nullptr, 0, &q), kAudioParamError);
+    EXPECT_EQ(AudioTapQueue::create(nullptr, kTapFormat, rec.callback(), 0, &q), kAudioParamError);
+    EXPECT_FALSE(q);
+
+    ASSERT_EQ(AudioTapQueue::create(backend, kTapFormat, rec.callback(), 0, &rec.queue), 0);
+    EXPECT_EQ(rec.queue->setProcessID(0), kAudioParamError);
+    AudioTapQueueBuffer* b = nullptr;
+    EXPECT_EQ(rec.queue->allocateBuffer(0, &b), kAudioParamError);
+    EXPECT_EQ(rec.queue->allocateBuffer(kAudioTapQueueMaxBufferBytes + 1, &b), kAudioParamError);
+    AudioTapQueueBuffer foreign(16, nullptr);
+    EXPECT_EQ(rec.queue->enqueueBuffer(&foreign), kAudioInvalidBufferError);
+
+    // Running without any enqueued buffer: nothing arrives, nothing breaks.
+    ASSERT_EQ(rec.queue->setProcessID(7), 0);
+    ASSERT_EQ(rec.queue->start(), 0);
+    std::this_thread::sleep_for(60ms);
+    ASSERT_EQ(rec.queue->allocateBuffer(882, &b), 0);
+    ASSERT_EQ(rec.queue->enqueueBuffer(b), 0);
+    ASSERT_TRUE(rec.waitFor(2));
+    // Dispose first: the callback reads rec.queue until dispose returns.
+    EXPECT_EQ(rec.queue->dispose(true), 0);
+    rec.queue.reset();
+    EXPECT_EQ(backend->openSources(), 0);
+}
+
+TEST(AudioTapQueue, DisposeFromItsOwnCallbackIsSafe) {
+    auto backend =
+        std::make_shared<SyntheticAudioBackend>(SyntheticAudioBackend::Options{.speed = 20});
+    std::shared_ptr<AudioTapQueue> queue;
+    std::atomic<int> calls{0};
+    std::promise<void> done;
+    ASSERT_EQ(AudioTapQueue::create(
+                  backend, kTapFormat,
+                  [&](AudioTapQueueBuffer*, const AudioTimeStamp&, uint32_t,
+                      const AudioStreamPacketDescription*) {
+                      if (calls++ == 0) {
+                          EXPECT_EQ(queue->dispose(true), 0);
+                          done.set_value();
+                      }
+                  },
+                  0, &queue),
+              0);
+    queue->setProcessID(9);
+    AudioTapQueueBuffer* b;
+    queue->allocateBuffer(882, &b);
+    queue->enqueueBuffer(b);
+    queue->allocateBuffer(882, &b);
+    queue->enqueueBuffer(b);
+    ASSERT_EQ(queue->start(), 0);
+    ASSERT_EQ(done.get_future().wait_for(3s), std::future_status::ready);
+    std::this_thread::sleep_for(30ms);
+    EXPECT_EQ(calls.load(), 1);
+    queue.reset();
+}
+
+}  // namespace
+}  // namespace sv

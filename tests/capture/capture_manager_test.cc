@@ -1,0 +1,482 @@
+// SVCaptureManager on the synthetic backend: the microphone's did-start and
+// observation rules, sample routing, the reset of all capture, and the
+// application audio tap (start-time gate, gap filling after a resume, stale
+// buffers of a stopped tap, stop without a tap).
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include "capture/capture_manager.h"
+#include "platform/audio/host_clock.h"
+#include "platform/audio/synthetic_audio.h"
+#include "platform/log.h"
+#include "tests/audio/audio_analysis.h"
+
+using namespace std::chrono_literals;
+
+namespace sv {
+namespace {
+
+// Collects samples from a handler, noting whether each ran on `queue`.
+class SampleSink {
+  public:
+    explicit SampleSink(std::shared_ptr<DispatchQueue> queue = nullptr)
+        : queue_(std::move(queue)) {}
+    SVCaptureManager::SampleHandler handler() {
+        return [this](const std::shared_ptr<SampleBuffer>& s) {
+            if (queue_ && !queue_->isCurrent()) wrongQueue_ = true;
+            std::lock_guard lock(mutex_);
+            samples_.push_back(s);
+            cv_.notify_all();
+        };
+    }
+    bool waitFor(size_t n, std::chrono::milliseconds timeout = 5s) {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, timeout, [&] { return samples_.size() >= n; });
+    }
+    std::vector<std::shared_ptr<SampleBuffer>> samples() {
+        std::lock_guard lock(mutex_);
+        return samples_;
+    }
+    size_t count() {
+        std::lock_guard lock(mutex_);
+        return samples_.size();
+    }
+    bool wrongQueue() const { return wrongQueue_; }
+
+  private:
+    std::shared_ptr<DispatchQueue> queue_;
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::vector<std::shared_ptr<SampleBuffer>> samples_;
+    std::atomic<bool> wrongQueue_{false};
+};
+
+std::shared_ptr<SyntheticAudioBackend> fastBackend() {
+    // 20× real time: a 0.65 s tap buffer every 33 ms.
+    return std::make_shared<SyntheticAudioBackend>(SyntheticAudioBackend::Options{.speed = 20});
+}
+
+double frequencyOf(const std::shared_ptr<SampleBuffer>& s) {
+    return testing::zeroCrossingFrequency(testing::pcm16Samples(*s), 44100);
+}
+
+TEST(CaptureManager, CreationSetsFormatQueuesAndCategory) {
+    auto m = SVCaptureManager::make(fastBackend());
+    const AudioStreamFormat& f = m->audioBasicDescription();
+    EXPECT_EQ(f.sampleRate, 44100.0);
+    EXPECT_EQ(f.formatID, AudioStreamFormat::kFormatLinearPCM);
+    EXPECT_EQ(f.formatFlags, 14u);
+    EXPECT_EQ(f.bytesPerPacket, 2u);
+    EXPECT_EQ(f.framesPerPacket, 1u);
+    EXPECT_EQ(f.bytesPerFrame, 2u);
+    EXPECT_EQ(f.channelsPerFrame, 1u);
+    EXPECT_EQ(f.bitsPerChannel, 16u);
+    EXPECT_FALSE(m->captureStartTime().isValid());
+    EXPECT_TRUE(m->sessionSampleBufferQueue()->isSerial());
+    EXPECT_EQ(SVCaptureManager::audioDispatchQueue(), SVCaptureManager::audioDispatchQueue());
+    EXPECT_EQ(AudioSession::sharedInstance().category(), AudioSessionCategory::Record);
+    EXPECT_EQ(AudioSession::sharedInstance().categoryOptions(), 1u);
+}
+
+TEST(CaptureManager, SharedManagerIsCreatedOnce) {
+    setProcessAudioBackend(fastBackend());
+    std::shared_ptr<SVCaptureManager> seen[4];
+    std::vector<std::thread> threads;
+    for (auto& s : seen) threads.emplace_back([&s] { s = SVCaptureManager::sharedManager(); });
+    for (auto& t : threads) t.join();
+    for (auto& s : seen) EXPECT_EQ(s, seen[0]);
+    EXPECT_FALSE(seen[0]->captureStartTime().isValid());
+}
+
+TEST(CaptureManager, MicrophoneDidStartRules) {
+    auto m = SVCaptureManager::make(fastBackend());
+    SampleSink first, second;
+    int firstStarts = 0, secondStarts = 0;
+    m->startMicrophoneCaptureWithOutput(first.handler(), [&] { ++firstStarts; });
+    // The session started running inside the call: the closure ran once and
+    // the observation is gone.
+    EXPECT_EQ(firstStarts, 1);
+    EXPECT_TRUE(m->isRecordingMicrophone());
+    EXPECT_TRUE(m->sessionInProgress());
+    auto session = m->captureSession();
+    ASSERT_TRUE(session && session->isRunning());
+    EXPECT_EQ(session->observationCount("running"), 0u);
+    EXPECT_FALSE(m->micDidStartHandler());
+
+    // Starting twice changes nothing and never calls the second closure.
+    m->startMicrophoneCaptureWithOutput(second.handler(), [&] { ++secondStarts; });
+    EXPECT_EQ(secondStarts, 0);
+    EXPECT_EQ(m->captureSession(), session);
+    ASSERT_TRUE(first.waitFor(3));
+    EXPECT_EQ(second.count(), 0u);
+
+    // Detaching the microphone keeps the session running and the handler.
+    m->stopMicrophoneCapture();
+    EXPECT_FALSE(m->isRecordingMicrophone());
+    EXPECT_TRUE(session->isRunning());
+    EXPECT_TRUE(m->microphoneOutputHandler());
+
+    // A start while the session runs calls the closure before it returns; a
+    // null output keeps the old handler.
+    bool calledInside = false;
+    m->startMicrophoneCaptureWithOutput(nullptr, [&] { calledInside = true; });
+    EXPECT_TRUE(calledInside);
+    size_t before = first.count();
+    EXPECT_TRUE(first.waitFor(before + 2));
+    m->stopAllCapture();
+}
+
+TEST(CaptureManager, DidStartIsNeverCalledWhenTheSessionNeverRuns) {
+    auto m = SVCaptureManager::make(std::make_shared<SyntheticAudioBackend>(
+        SyntheticAudioBackend::Options{.serverAvailable = false}));
+    bool called = false;
+    m->startMicrophoneCaptureWithOutput(nullptr, [&] { called = true; });
+    EXPECT_FALSE(called);
+    EXPECT_TRUE(m->micDidStartHandler());
+    EXPECT_EQ(m->captureSession()->observationCount("running"), 1u);
+    // Stopping removes the observation; the later removal errors are swallowed.
+    m->stopAllCapture();
+    EXPECT_EQ(m->captureSession()->observationCount("running"), 0u);
+    EXPECT_FALSE(called);
+}
+
+TEST(CaptureManager, NoDeviceStillStarts) {
+    auto m = SVCaptureManager::make(std::make_shared<SyntheticAudioBackend>(
+        SyntheticAudioBackend::Options{.hasMicrophone = false}));
+    bool called = false;
+    m->startMicrophoneCaptureWithOutput(nullptr, [&] { called = true; });
+    EXPECT_TRUE(called);
+    EXPECT_FALSE(m->captureDeviceAudioInput());
+    EXPECT_TRUE(m->captureSessionAudioDataOutput());
+    m->stopAllCapture();
+}
+
+TEST(CaptureManager, CaptureSessionStartStopAndLogs) {
+    log::Capture logs;
+    auto m = SVCaptureManager::make(fastBackend());
+    m->stopCaptureSession();  // nothing in progress: only logs
+    EXPECT_EQ(logs.count("SVCaptureManager: stopDeviceCaptureSessionWithFinishHandler"), 1u);
+    EXPECT_FALSE(m->captureSession());
+
+    m->startCaptureSession();
+    auto session = m->captureSession();
+    ASSERT_TRUE(session);
+    m->startCaptureSession();
+    EXPECT_EQ(m->captureSession(), session);
+    EXPECT_EQ(logs.count("SVCaptureManager: startCaptureSession"), 2u);
+
+    m->stopCaptureSession();
+    EXPECT_FALSE(m->sessionInProgress());
+    EXPECT_EQ(m->captureSession(), session);  // kept, stopped
+    m->startCaptureSession();
+    EXPECT_NE(m->captureSession(), session);  // replaced by a new one
+
+    m->startMicrophoneCaptureWithOutput(nullptr, nullptr);
+    m->stopMicrophoneCapture();
+    m->stopMicrophoneCapture();
+    EXPECT_EQ(logs.count("SVCaptureManager: setAudioCaptureEnabled: YES"), 1u);
+    EXPECT_EQ(logs.count("SVCaptureManager: setAudioCaptureEnabled: NO"), 1u);
+    m->stopAllCapture();
+}
+
+TEST(CaptureManager, RoutesSamplesByOutput) {
+    auto m = SVCaptureManager::make(std::make_shared<SyntheticAudioBackend>(
+        SyntheticAudioBackend::Options{.microphoneFrequency = 1000.0}));
+    SampleSink mic(m->sessionSampleBufferQueue());
+    SampleSink camera;
+    m->startMicrophoneCaptureWithOutput(mic.handler(), nullptr);
+    ASSERT_TRUE(mic.waitFor(6));
+    m->stopAllCapture();
+    EXPECT_FALSE(mic.wrongQueue());
+    auto samples = mic.samples();
+    std::vector<double> all;
+    for (size_t i = 0; i < samples.size(); ++i) {
+        EXPECT_EQ(samples[i]->numSamples(), 1024);
+        if (i) {
+            EXPECT_NEAR(subtract(samples[i]->presentationTime(), samples[i - 1]->presentationTime())
+                            .seconds(),
+                        1024.0 / 44100, 1e-6);
+        }
+        auto x = testing::pcm16Samples(*samples[i]);
+        all.insert(all.end(), x.begin(), x.end());
+    }
+    EXPECT_NEAR(testing::zeroCrossingFrequency(all, 44100), 1000.0, 2.0);
+
+    // A camera output routes to the camera handler; a foreign output is dropped.
+    SampleSink mic2;
+    m->setMicrophoneOutputHandler(mic2.handler());
+    m->setCameraOutputHandler(camera.handler());
+    auto video = VideoDataOutput::make();
+    m->setCaptureSessionVideoDataOutput(video);
+    auto sample = samples.front();
+    m->captureOutputDidOutputSampleBuffer(video, sample, nullptr);
+    m->captureOutputDidOutputSampleBuffer(AudioDataOutput::make(), sample, nullptr);
+    m->captureOutputDidOutputSampleBuffer(nullptr, sample, nullptr);
+    EXPECT_EQ(camera.count(), 1u);
+    EXPECT_EQ(mic2.count(), 0u);
+    EXPECT_EQ(camera.samples().front(), sample);  // passed on unchanged
+}
+
+TEST(CaptureManager, StopAllCaptureReturnsToIdle) {
+    auto m = SVCaptureManager::make(fastBackend());
+    m->setCaptureStartTime(MediaTime::make(5, 1));
+    m->setLastAudioDate(std::chrono::system_clock::now());
+    SampleSink sink;
+    m->startMicrophoneCaptureWithOutput(sink.handler(), nullptr);
+    m->setCameraOutputHandler(sink.handler());
+    std::promise<void> started;
+    m->startAppAudioCaptureForProcessID(77, sink.handler(), [&] { started.set_value(); });
+    ASSERT_EQ(started.get_future().wait_for(3s), std::future_status::ready);
+    auto session = m->captureSession();
+    m->stopAllCapture();
+    EXPECT_FALSE(m->sessionInProgress());
+    EXPECT_FALSE(m->isRecordingMicrophone());
+    EXPECT_FALSE(m->microphoneOutputHandler());
+    EXPECT_FALSE(m->cameraOutputHandler());
+    EXPECT_FALSE(m->appAudioOutputHandler());
+    EXPECT_FALSE(m->captureStartTime().isValid());
+    EXPECT_FALSE(m->lastAudioDate());
+    EXPECT_EQ(m->captureSession(), session);
+    EXPECT_FALSE(session->isRunning());
+    SVCaptureManager::audioDispatchQueue()->sync([&] { EXPECT_FALSE(m->audioRecorderQueue()); });
+}
+
+TEST(CaptureManager, TapBufferSize) {
+    EXPECT_EQ(SVCaptureManager::_tapBufferByteSize(AudioStreamFormat::pcm16(44100, 1, true), 0),
+              57344u);
+    EXPECT_EQ(SVCaptureManager::_tapBufferByteSize(AudioStreamFormat::pcm16(8000, 1, true), 0),
+              16000u);
+    AudioStreamFormat vbr = AudioStreamFormat::pcm16(8000, 1, true);
+    vbr.bytesPerPacket = 0;
+    EXPECT_EQ(SVCaptureManager::_tapBufferByteSize(vbr, 3), 24000u);
+    EXPECT_EQ(SVCaptureManager::_tapBufferByteSize(vbr, 0), 0u);
+}
+
+TEST(CaptureManager, TapWaitsForTheStartTimeThenDelivers) {
+    log::Capture logs;
+    auto m = SVCaptureManager::make(fastBackend());
+    SampleSink sink(SVCaptureManager::audioDispatchQueue());
+    std::promise<void> started;
+    m->startAppAudioCaptureForProcessID(1234, sink.handler(), [&] { started.set_value(); });
+    ASSERT_EQ(started.get_future().wait_for(3s), std::future_status::ready);
+    EXPECT_TRUE(
+        logs.contains("SVRecordingManager: startAudioCapture: Created Audio Tap Queue Input"));
+    EXPECT_TRUE(logs.contains(
+        "SVRecordingManager: startAudioCapture: Successfully set Audio Tap Queue to PID"));
+    EXPECT_TRUE(logs.contains(
+        "SVRecordingManager: startAudioCapture: Successfully started Audio Tap Queue Recording"));
+    EXPECT_EQ(logs.countContaining("startAudioCapture error"), 0u);
+
+    // Without a start time every buffer is recycled at once (several fill in 200 ms).
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(sink.count(), 0u);
+    m->setCaptureStartTime(HostClock::toMediaTime(HostClock::now()));
+    ASSERT_TRUE(sink.waitFor(4));
+    EXPECT_FALSE(sink.wrongQueue());
+
+    SVCaptureManager::audioDispatchQueue()->sync([&] {
+        auto state = m->audioRecorderQueue();
+        ASSERT_TRUE(state);
+        EXPECT_EQ(state->bufferByteSize, 57344u);
+        EXPECT_GE(state->currentPacket, 4 * 28672);
+        EXPECT_TRUE(state->running);
+    });
+    m->stopAppAudioCapture();
+    EXPECT_EQ(
+        logs.count("SVRecordingManager:stopAudioCapture: Audio Tap Queue successfully stopped"),
+        1u);
+    EXPECT_EQ(logs.count("SVRecordingManager: Audio Tap Queue buffer released"), 3u);
+    EXPECT_EQ(logs.count("SVRecordingManager: Audio Tap Queue has been disposed"), 1u);
+    EXPECT_GE(
+        logs.count("SVRecordingManager: HandleInputBuffer: Successfully enqueued the audio buffer"),
+        4u);
+
+    auto samples = sink.samples();
+    for (size_t i = 0; i < samples.size(); ++i) {
+        EXPECT_EQ(samples[i]->numSamples(), 28672);
+        EXPECT_EQ(samples[i]->dataLength(), 57344u);
+        EXPECT_EQ(samples[i]->audioFormat(), m->audioBasicDescription());
+        EXPECT_NEAR(frequencyOf(samples[i]), syntheticToneFrequencyForProcess(1234), 1.0);
+        if (i) {
+            double step =
+                subtract(samples[i]->presentationTime(), samples[i - 1]->presentationTime())
+                    .seconds();
+            EXPECT_NEAR(step, 28672.0 / 44100.0, 1e-6);
+        }
+    }
+    // The output closure and did-start closure stay after a stop.
+    EXPECT_TRUE(m->appAudioOutputHandler());
+    EXPECT_TRUE(m->appTapDidStartHandler());
+}
+
+// A wall clock the test sets.
+struct FakeClock {
+    std::mutex mutex;
+    Date now = Date(std::chrono::seconds(1'700'000'000));
+    SVCaptureManager::DateSource source() {
+        return [this] {
+            std::lock_guard lock(mutex);
+            return now;
+        };
+    }
+};
+
+TEST(CaptureManager, ResumeFillsTheGapWithSilence) {
+    FakeClock clock;
+    auto m = SVCaptureManager::make(fastBackend(), clock.source());
+    log::Capture logs;
+    m->setCaptureStartTime(MediaTime::make(1, 1));
+    m->setLastAudioDate(clock.now - 500ms);
+    SampleSink sink;
+    m->resumeAppAudioCaptureForProcessID(55, sink.handler());
+    EXPECT_TRUE(m->resumed());
+    ASSERT_TRUE(sink.waitFor(3));
+    m->stopAppAudioCapture();
+    EXPECT_FALSE(m->resumed());
+    EXPECT_EQ(logs.count("gap since last audio tap, filling with empty sample buffer"), 1u);
+
+    auto samples = sink.samples();
+    const auto& silence = samples[0];
+    EXPECT_EQ(silence->numSamples(), 22050);
+    EXPECT_EQ(silence->dataLength(), 44100u);
+    EXPECT_TRUE(std::all_of(silence->dataBlock()->bytes().begin(),
+                            silence->dataBlock()->bytes().end(), [](uint8_t b) { return b == 0; }));
+    EXPECT_EQ(silence->presentationTime(), MediaTime::zero());
+    EXPECT_EQ(silence->duration(), MediaTime::make(22050, 44100));
+    EXPECT_FALSE(silence->decodeTime().isValid());
+    EXPECT_EQ(silence->sampleSizes(), std::vector<size_t>{2});
+    // Then the buffers themselves, and no second silence.
+    for (size_t i = 1; i < samples.size(); ++i) EXPECT_EQ(samples[i]->numSamples(), 28672);
+    // lastAudioDate: when the delivered audio runs out.
+    EXPECT_EQ(m->lastAudioDate(),
+              clock.now + std::chrono::duration_cast<Date::duration>(
+                              std::chrono::duration<double>(28672.0 / 44100.0)));
+}
+
+TEST(CaptureManager, ResumeWithoutAGapOrAfterStopAllAddsNoSilence) {
+    FakeClock clock;
+    auto m = SVCaptureManager::make(fastBackend(), clock.source());
+    log::Capture logs;
+    m->setCaptureStartTime(MediaTime::make(1, 1));
+    m->setLastAudioDate(clock.now + 1s);  // the first buffer arrives early: gap <= 0
+    SampleSink sink;
+    m->resumeAppAudioCaptureForProcessID(56, sink.handler());
+    ASSERT_TRUE(sink.waitFor(2));
+    m->stopAppAudioCapture();
+    EXPECT_FALSE(m->resumed());
+    for (auto& s : sink.samples()) EXPECT_EQ(s->numSamples(), 28672);
+
+    // stopAllCapture clears lastAudioDate and the start time: no silence, and
+    // nothing until a new start time.
+    m->stopAllCapture();
+    SampleSink after;
+    m->resumeAppAudioCaptureForProcessID(57, after.handler());
+    std::this_thread::sleep_for(150ms);
+    EXPECT_EQ(after.count(), 0u);
+    m->setCaptureStartTime(MediaTime::make(2, 1));
+    ASSERT_TRUE(after.waitFor(2));
+    m->stopAllCapture();
+    for (auto& s : after.samples()) EXPECT_EQ(s->numSamples(), 28672);
+    EXPECT_EQ(logs.count("gap since last audio tap, filling with empty sample buffer"), 0u);
+}
+
+TEST(CaptureManager, BuffersOfAStoppedTapNeverReachTheNextTap) {
+    // With a refused stop, the old tap still counts as running: only the
+    // identity test keeps its queued buffers from being delivered.
+    for (bool stopFails : {false, true}) {
+        SCOPED_TRACE(stopFails ? "stop refused" : "stop succeeded");
+        auto backend = fastBackend();
+        auto m = SVCaptureManager::make(backend);
+        m->setCaptureStartTime(MediaTime::make(1, 1));
+        const int32_t pidA = 3001, pidB = 3002;
+        SampleSink a, b;
+        std::promise<void> startedA;
+        m->startAppAudioCaptureForProcessID(pidA, a.handler(), [&] { startedA.set_value(); });
+        ASSERT_EQ(startedA.get_future().wait_for(3s), std::future_status::ready);
+        ASSERT_TRUE(a.waitFor(1));
+
+        // Occupy the tap queue while A fills its three buffers, so that their
+        // tasks wait behind; then stop A from that same task (a sync call on
+        // the current queue runs inline), ahead of them, and start B behind
+        // them. A's queued buffers then meet a manager whose tap is no longer A.
+        size_t aAtStop = 0;
+        SVCaptureManager::audioDispatchQueue()->sync([&] {
+            std::this_thread::sleep_for(150ms);
+            backend->setFailTapStop(stopFails);
+            m->stopAppAudioCapture();
+            backend->setFailTapStop(false);
+            aAtStop = a.count();
+            m->startAppAudioCaptureForProcessID(pidB, b.handler(), nullptr);
+        });
+        ASSERT_TRUE(b.waitFor(3));
+        m->stopAllCapture();
+        EXPECT_EQ(a.count(), aAtStop) << "a buffer of the stopped tap was delivered";
+        for (auto& s : b.samples())
+            EXPECT_NEAR(frequencyOf(s), syntheticToneFrequencyForProcess(pidB), 1.0);
+        EXPECT_EQ(backend->openSources(), 0);
+    }
+}
+
+TEST(CaptureManager, FailedStopDropsTheTapAndItsLateBuffers) {
+    auto backend = fastBackend();
+    auto m = SVCaptureManager::make(backend);
+    log::Capture logs;
+    m->setCaptureStartTime(MediaTime::make(1, 1));
+    SampleSink a, b;
+    m->startAppAudioCaptureForProcessID(4001, a.handler(), nullptr);
+    ASSERT_TRUE(a.waitFor(1));
+    backend->setFailTapStop(true);
+    m->stopAppAudioCapture();
+    backend->setFailTapStop(false);
+    EXPECT_EQ(logs.count("SVRecordingManager:stopAudioCapture:error: -66607", log::Level::Error),
+              1u);
+    EXPECT_EQ(logs.count("SVRecordingManager: Audio Tap Queue has been disposed"), 0u);
+    SVCaptureManager::audioDispatchQueue()->sync([&] { EXPECT_FALSE(m->audioRecorderQueue()); });
+
+    m->startAppAudioCaptureForProcessID(4002, b.handler(), nullptr);
+    ASSERT_TRUE(b.waitFor(3));
+    m->stopAllCapture();
+    for (auto& s : b.samples())
+        EXPECT_NEAR(frequencyOf(s), syntheticToneFrequencyForProcess(4002), 1.0);
+    // Once no task refers to it, the dropped tap is torn down.
+    EXPECT_EQ(backend->openSources(), 0);
+}
+
+TEST(CaptureManager, TapThatCannotStartLogsAndNeverCallsDidStart) {
+    auto m = SVCaptureManager::make(fastBackend());
+    log::Capture logs;
+    std::atomic<bool> started{false};
+    m->setCaptureStartTime(MediaTime::make(1, 1));
+    m->startAppAudioCaptureForProcessID(
+        -1, [](auto&) {}, [&] { started = true; });
+    SVCaptureManager::audioDispatchQueue()->sync([] {});
+    // Binding fails, then the start: both logged, and the start went on.
+    EXPECT_EQ(logs.count("SVRecordingManager: startAudioCapture error: -50", log::Level::Error),
+              1u);
+    EXPECT_EQ(logs.count("SVRecordingManager: startAudioCapture error: -66604", log::Level::Error),
+              1u);
+    EXPECT_TRUE(logs.contains(
+        "SVRecordingManager: startAudioCapture: Successfully started Audio Tap Queue Recording"));
+    std::this_thread::sleep_for(100ms);
+    EXPECT_FALSE(started);
+    m->stopAppAudioCapture();
+    EXPECT_EQ(logs.count("SVRecordingManager: Audio Tap Queue has been disposed"), 1u);
+    EXPECT_FALSE(started);
+}
+
+TEST(CaptureManager, StopWithoutATapDoesNothing) {
+    auto m = SVCaptureManager::make(fastBackend());
+    log::Capture logs;
+    m->stopAppAudioCapture();
+    m->stopAppAudioCapture();
+    EXPECT_EQ(logs.lines().size(), 0u);
+}
+
+}  // namespace
+}  // namespace sv
