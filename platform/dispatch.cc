@@ -204,10 +204,10 @@ void Timer::cancel() {
 }
 
 void Semaphore::signal() {
-    {
-        std::lock_guard lock(mutex_);
-        ++count_;
-    }
+    // Notify under the lock: a waiter may destroy the semaphore as soon as
+    // its wait returns, and the signaller must not touch it after that.
+    std::lock_guard lock(mutex_);
+    ++count_;
     cv_.notify_one();
 }
 
