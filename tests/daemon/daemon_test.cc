@@ -160,6 +160,30 @@ TEST_F(DaemonTest, LockButtonWhileIdleChangesNothing) {
     EXPECT_EQ(waitForExit(cli), 1);  // nobody answers
 }
 
+// Started on demand by socket activation, the daemon answers the connection
+// that woke it and ends by itself once nothing is open.
+TEST_F(DaemonTest, SocketActivatedDaemonEndsWhenIdle) {
+    if (access("/usr/bin/systemd-socket-activate", X_OK) != 0)
+        GTEST_SKIP() << "no systemd-socket-activate";
+    std::string daemonPath = ipc::servicePath(kDaemonServiceName);
+    std::string shellPath = ipc::servicePath(kShellServiceName);
+    daemon_ = spawnProcess(
+        {"/usr/bin/systemd-socket-activate", "--seqpacket", "-l", daemonPath, "-l", shellPath,
+         std::string("--fdname=") + kDaemonServiceName + ":" + kShellServiceName, SORVELD,
+         "--runtime-dir", run_, "--home", home_, "--log-level", "default", "--idle-exit", "1"},
+        {}, log_);
+    ASSERT_TRUE(eventually([&] { return exists(shellPath) && exists(daemonPath); }));
+    {
+        ShellClient shell;
+        auto r = shell.purgeAndWait(0, 3);
+        EXPECT_FALSE(r.error);
+        EXPECT_EQ(r.bytes, 0);
+    }
+    EXPECT_EQ(waitForExit(daemon_, 15s), 255);
+    daemon_ = -1;
+    EXPECT_NE(readAll(log_).find("idle with no open transaction; ending"), std::string::npos);
+}
+
 // The manager in this process, with a session that records.
 TEST_F(DaemonTest, PurgeAndLockButtonDuringARecording) {
     MovieStore::shared().setHomeDirectory(home_);

@@ -160,6 +160,8 @@ TEST_F(IpcTest, NoConnectionBeforeResume) {
 
 TEST_F(IpcTest, MessagesArriveInOrderAndDroppedRepliesNeverArrive) {
     listen();
+    std::this_thread::sleep_for(50ms);  // the I/O thread (epoll, eventfd, timerfd) is up
+    size_t descriptors = sv::test::openDescriptorCount();
     pid_t counter = peer({"client", service_, "count", "500"});
     pid_t dropper = peer({"client", service_, "dropped"});
     EXPECT_EQ(waitForExit(counter), 0);
@@ -167,6 +169,10 @@ TEST_F(IpcTest, MessagesArriveInOrderAndDroppedRepliesNeverArrive) {
     auto counts = server_->snapshot(server_->counts);
     ASSERT_EQ(counts.size(), 500u);
     for (int64_t i = 0; i < 500; ++i) ASSERT_EQ(counts[i], i);
+    // Both peers are gone: their connections ended and closed their sockets.
+    EXPECT_TRUE(eventually([&] { return server_->invalidations == 2; }));
+    server_->connections.clear();
+    EXPECT_TRUE(eventually([&] { return sv::test::openDescriptorCount() == descriptors; }));
 }
 
 TEST_F(IpcTest, BlockedHandlerHoldsUpOnlyItsOwnConnection) {
