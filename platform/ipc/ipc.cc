@@ -279,11 +279,17 @@ struct Connection::Impl {
     std::atomic<size_t> undelivered{0};
     std::atomic<bool> readPaused{false};
 
+    // Sending: callers send directly while nothing waits before them;
+    // otherwise messages queue in `out` for the I/O thread, in call order.
+    std::mutex sendMutex;
+    int sendFd = -1;           // the socket while it is open
+    size_t postsInFlight = 0;  // messages on their way to `out` through the I/O thread
+    std::deque<Outgoing> out;
+    bool writeWaiting = false;
+
     // I/O thread only.
     std::unique_ptr<asio::posix::stream_descriptor> socket;
     uint64_t generation = 0;
-    std::deque<Outgoing> out;
-    bool writeWaiting = false;
     int rejected = 0;
     std::vector<uint8_t> buffer;
     UniqueFd acceptedFd;  // accepted connections, until resume
@@ -309,6 +315,10 @@ struct Connection::Impl {
         setNonBlocking(fd);
         setBufferSizes(fd);
         s.socket = std::make_unique<asio::posix::stream_descriptor>(ioContext(), fd);
+        {
+            std::lock_guard lock(s.sendMutex);
+            s.sendFd = fd;
+        }
         ++s.generation;
         ++gOpenConnections;
         s.rejected = 0;
@@ -318,12 +328,17 @@ struct Connection::Impl {
 
     static void closeSocket(Impl& s) {
         if (!s.socket) return;
+        {
+            // No caller sends on the descriptor once this returns.
+            std::lock_guard lock(s.sendMutex);
+            s.sendFd = -1;
+            s.writeWaiting = false;
+        }
         std::error_code ec;
         s.socket->close(ec);
         s.socket.reset();
         ++s.generation;
         --gOpenConnections;
-        s.writeWaiting = false;
         s.readPaused = false;
     }
 
@@ -489,34 +504,55 @@ struct Connection::Impl {
         });
     }
 
+    static bool isPeerGoneError(int err) {
+        return err == EPIPE || err == ECONNRESET || err == ENOTCONN || err == EBADF;
+    }
+    static bool isWouldBlock(int err) {
+        return err == EAGAIN || err == EWOULDBLOCK || err == ENOBUFS;
+    }
+
     static void flush(const std::shared_ptr<Connection>& c) {
         Impl& s = *c->impl_;
-        while (s.socket && !s.writeWaiting && !s.out.empty()) {
-            Outgoing& o = s.out.front();
-            int err = sendDatagram(s.socket->native_handle(), o.message);
-            if (err == EAGAIN || err == EWOULDBLOCK || err == ENOBUFS) {
-                s.writeWaiting = true;
-                s.socket->async_wait(asio::posix::stream_descriptor::wait_write,
-                                     [c, gen = s.generation](const std::error_code& ec) {
-                                         if (ec || gen != c->impl_->generation) return;
+        std::vector<std::pair<Outgoing, int>> failed;
+        bool gone = false, wait = false;
+        {
+            std::lock_guard lock(s.sendMutex);
+            while (s.sendFd >= 0 && !s.writeWaiting && !s.out.empty()) {
+                int err = sendDatagram(s.sendFd, s.out.front().message);
+                if (isWouldBlock(err)) {
+                    s.writeWaiting = wait = true;
+                    break;
+                }
+                if (isPeerGoneError(err)) {
+                    gone = true;
+                    break;
+                }
+                Outgoing done = std::move(s.out.front());
+                s.out.pop_front();
+                s.queuedBytes -= done.message.bytes.size();
+                s.queuedMessages--;
+                if (err != 0) failed.emplace_back(std::move(done), err);
+            }
+        }
+        for (auto& [f, err] : failed) {
+            log::error("ipc: cannot send on %@: %@", c->name_, std::strerror(err));
+            dropPending(s, f.replyId);
+            fire(c, f.error, kErrorMessageRejected);
+        }
+        if (gone) {
+            peerGone(c);
+            return;
+        }
+        if (wait && s.socket) {
+            s.socket->async_wait(asio::posix::stream_descriptor::wait_write,
+                                 [c, gen = s.generation](const std::error_code& ec) {
+                                     if (ec || gen != c->impl_->generation) return;
+                                     {
+                                         std::lock_guard lock(c->impl_->sendMutex);
                                          c->impl_->writeWaiting = false;
-                                         flush(c);
-                                     });
-                return;
-            }
-            if (err == EPIPE || err == ECONNRESET || err == ENOTCONN || err == EBADF) {
-                peerGone(c);
-                return;
-            }
-            Outgoing done = std::move(o);
-            s.out.pop_front();
-            s.queuedBytes -= done.message.bytes.size();
-            s.queuedMessages--;
-            if (err != 0) {
-                log::error("ipc: cannot send on %@: %@", c->name_, std::strerror(err));
-                dropPending(s, done.replyId);
-                fire(c, done.error, kErrorMessageRejected);
-            }
+                                     }
+                                     flush(c);
+                                 });
         }
     }
 
@@ -526,10 +562,18 @@ struct Connection::Impl {
         s.pending.erase(replyId);
     }
 
-    static void clearOutgoing(Impl& s) {
-        s.out.clear();
-        s.queuedBytes = 0;
-        s.queuedMessages = 0;
+    // Takes every queued message out (their bytes no longer count).
+    static std::deque<Outgoing> takeOutgoing(Impl& s) {
+        std::deque<Outgoing> taken;
+        {
+            std::lock_guard lock(s.sendMutex);
+            taken.swap(s.out);
+        }
+        for (auto& o : taken) {
+            s.queuedBytes -= o.message.bytes.size();
+            s.queuedMessages--;
+        }
+        return taken;
     }
 
     static void peerGone(const std::shared_ptr<Connection>& c) {
@@ -541,7 +585,7 @@ struct Connection::Impl {
         {
             std::lock_guard lock(s.mutex);
             if (s.state == State::Invalidated) {
-                clearOutgoing(s);
+                takeOutgoing(s);
                 return;
             }
             pending.swap(s.pending);
@@ -558,8 +602,7 @@ struct Connection::Impl {
                 s.exported.reset();
             }
         }
-        for (auto& o : s.out) fire(c, o.error, code);
-        clearOutgoing(s);
+        for (auto& o : takeOutgoing(s)) fire(c, o.error, code);
         for (auto& [id, p] : pending) fire(c, p.error, code);
         if (handler) {
             c->queue_->async([c, handler = std::move(handler)] {
@@ -579,8 +622,26 @@ struct Connection::Impl {
             fire(c, error, kErrorSendQueueFull, false);
             return;
         }
-        s.queuedBytes += bytes;
-        s.queuedMessages++;
+        {
+            std::unique_lock lock(s.sendMutex);
+            bool nothingBefore = s.postsInFlight == 0 && s.out.empty() && !s.writeWaiting;
+            if (s.sendFd >= 0 && nothingBefore) {
+                int err = sendDatagram(s.sendFd, m);
+                if (err == 0) return;  // handed to the kernel on the caller's thread
+            }
+            s.queuedBytes += bytes;
+            s.queuedMessages++;
+            if (s.sendFd >= 0 && s.postsInFlight == 0) {
+                // Connected: queue behind the others; the I/O thread sends
+                // (and reports a broken peer).
+                s.out.push_back(Outgoing{std::move(m), std::move(error), replyId});
+                lock.unlock();
+                onIoThread([c] { flush(c); });
+                return;
+            }
+            s.postsInFlight++;
+        }
+        // Not connected (yet, or any more): the I/O thread decides.
         onIoThread([c, m = std::move(m), error = std::move(error), replyId]() mutable {
             Impl& st = *c->impl_;
             State state;
@@ -588,28 +649,27 @@ struct Connection::Impl {
                 std::lock_guard lock(st.mutex);
                 state = st.state;
             }
-            auto unqueue = [&] {
+            auto drop = [&](int64_t code) {
+                {
+                    std::lock_guard lock(st.sendMutex);
+                    st.postsInFlight--;
+                }
                 st.queuedBytes -= m.bytes.size();
                 st.queuedMessages--;
-            };
-            if (state == State::Invalidated) {
-                unqueue();
                 dropPending(st, replyId);
-                fire(c, error, kErrorConnectionInvalid);
-                return;
-            }
+                fire(c, error, code);
+            };
+            if (state == State::Invalidated) return drop(kErrorConnectionInvalid);
             if (!st.socket && state == State::Interrupted) {
-                if (connectClient(c)) {
-                    std::lock_guard lock(st.mutex);
-                    if (st.state == State::Interrupted) st.state = State::Active;
-                } else {
-                    unqueue();
-                    dropPending(st, replyId);
-                    fire(c, error, kErrorConnectionInterrupted);
-                    return;
-                }
+                if (!connectClient(c)) return drop(kErrorConnectionInterrupted);
+                std::lock_guard lock(st.mutex);
+                if (st.state == State::Interrupted) st.state = State::Active;
             }
-            st.out.push_back(Outgoing{std::move(m), std::move(error), replyId});
+            {
+                std::lock_guard lock(st.sendMutex);
+                st.postsInFlight--;
+                st.out.push_back(Outgoing{std::move(m), std::move(error), replyId});
+            }
             flush(c);
         });
     }
@@ -772,11 +832,10 @@ void Connection::resume() {
         }
         int64_t code =
             c->kind_ == Kind::Service ? kErrorConnectionInterrupted : kErrorConnectionInvalid;
-        for (auto& o : s.out) {
+        for (auto& o : Impl::takeOutgoing(s)) {
             Impl::dropPending(s, o.replyId);
             Impl::fire(c, o.error, code);
         }
-        Impl::clearOutgoing(s);
         if (c->kind_ != Kind::Service) {
             std::function<void()> handler;
             {
@@ -811,7 +870,7 @@ void Connection::invalidate() {
     }
     onIoThread([c = shared_from_this()] {
         Impl::closeSocket(*c->impl_);
-        Impl::clearOutgoing(*c->impl_);
+        Impl::takeOutgoing(*c->impl_);
         c->impl_->acceptedFd.reset();
     });
     if (handler) queue_->async(std::move(handler));
