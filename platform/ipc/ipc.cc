@@ -400,7 +400,10 @@ struct Connection::Impl {
         for (int i = 0; i < 64 && s.socket; ++i) {
             if (s.undelivered >= kMaxUndeliveredMessages) {
                 s.readPaused = true;
-                if (s.undelivered >= kMaxUndeliveredMessages) return;  // resumed by delivery
+                if (s.undelivered >= kMaxUndeliveredMessages) {  // resumed by delivery
+                    log::debug("ipc: reading paused on %@: its queue is behind", c->name_);
+                    return;
+                }
                 s.readPaused = false;
             }
             Datagram d;

@@ -122,7 +122,10 @@ int runClient(const std::string& service, const std::string& mode, int argc, cha
     }
     if (mode == "block") {  // one connection blocks its handler; this one must still work
         auto c = connect(service);
-        c->remoteObjectProxyWithErrorHandler(nullptr).call("block:", Arguments().add(1));
+        auto proxy = c->remoteObjectProxyWithErrorHandler([](const Error&) { _exit(4); });
+        proxy.call("block:", Arguments().add(1));
+        // Far more than the receiver reads ahead while its handler blocks.
+        for (int i = 0; i < 1000; ++i) proxy.call("count:", Arguments().add(i));
         return echo(c, "unblocked") ? 0 : 3;
     }
     return 2;
