@@ -349,7 +349,9 @@ struct Connection::Impl {
             sockaddr_un addr;
             std::string path = servicePath(c->name_);
             if (!fillAddress(path, addr)) return false;
-            int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+            // Non-blocking: a service whose backlog is full must not stall
+            // the I/O thread; the call then fails as an interruption.
+            int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
             if (fd < 0) return false;
             if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
                 log::debug("ipc: cannot connect to %@: %@", path, std::strerror(errno));
@@ -1020,9 +1022,10 @@ std::shared_ptr<Listener> Listener::named(const std::string& serviceName, std::s
         struct stat st {};
         if (lstat(path.c_str(), &st) == 0) {
             if (!S_ISSOCK(st.st_mode)) return fail(path + " exists and is not a socket");
-            int probe = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+            int probe = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
             bool live = probe >= 0 &&
-                        ::connect(probe, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+                        (::connect(probe, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 ||
+                         errno == EAGAIN);  // a full backlog still means someone listens
             if (probe >= 0) ::close(probe);
             if (live) return fail("service " + serviceName + " is already running");
             ::unlink(path.c_str());  // left behind by a process that ended
