@@ -42,8 +42,15 @@ struct AudioStreamFormat {
     }
     // Packed interleaved 32-bit float PCM, native (little) endian.
     static constexpr AudioStreamFormat float32(double rate, uint32_t channels) {
-        return {rate, kFormatLinearPCM, kFlagIsFloat | kFlagIsPacked, 4 * channels, 1,
-                4 * channels, channels, 32, 0};
+        return {rate,
+                kFormatLinearPCM,
+                kFlagIsFloat | kFlagIsPacked,
+                4 * channels,
+                1,
+                4 * channels,
+                channels,
+                32,
+                0};
     }
 
     bool isLinearPCM() const { return formatID == kFormatLinearPCM; }

@@ -31,7 +31,7 @@ struct CurrentScope {
 // A fixed set of threads running one io_context. Never destroyed: queues may
 // be used by threads that outlive static destruction.
 class Pool {
-public:
+  public:
     Pool(const char* name, unsigned threads, int niceness) {
         for (unsigned i = 0; i < threads; ++i) {
             std::thread([this, name, niceness, i] {
@@ -46,13 +46,14 @@ public:
     }
     asio::io_context& io() { return io_; }
 
-private:
+  private:
     asio::io_context io_;
     asio::executor_work_guard<asio::io_context::executor_type> guard_{io_.get_executor()};
 };
 
 Pool& pool(QueuePriority p) {
-    static Pool* def = new Pool("sv-default", std::max(8u, 2 * std::thread::hardware_concurrency()), 0);
+    static Pool* def =
+        new Pool("sv-default", std::max(8u, 2 * std::thread::hardware_concurrency()), 0);
     static Pool* bg = new Pool("sv-bg", 2, 10);
     return p == QueuePriority::Background ? *bg : *def;
 }
@@ -83,9 +84,9 @@ std::shared_ptr<DispatchQueue> DispatchQueue::serial(std::string label, QueuePri
 std::shared_ptr<DispatchQueue> DispatchQueue::global(QueuePriority priority) {
     static auto* def = new std::shared_ptr<DispatchQueue>(std::make_shared<DispatchQueue>(
         "org.sorvel.global.default", false, pool(QueuePriority::Default).io().get_executor()));
-    static auto* bg = new std::shared_ptr<DispatchQueue>(std::make_shared<DispatchQueue>(
-        "org.sorvel.global.background", false,
-        pool(QueuePriority::Background).io().get_executor()));
+    static auto* bg = new std::shared_ptr<DispatchQueue>(
+        std::make_shared<DispatchQueue>("org.sorvel.global.background", false,
+                                        pool(QueuePriority::Background).io().get_executor()));
     return priority == QueuePriority::Background ? *bg : *def;
 }
 
@@ -132,11 +133,12 @@ void DispatchQueue::sync(Task task) {
 
 void DispatchQueue::asyncAfter(std::chrono::nanoseconds delay, Task task) {
     auto timer = std::make_shared<asio::steady_timer>(executor_, delay);
-    timer->async_wait([self = shared_from_this(), timer, t = std::move(task)](const std::error_code& ec) {
-        if (ec) return;
-        CurrentScope scope(self.get());
-        t();
-    });
+    timer->async_wait(
+        [self = shared_from_this(), timer, t = std::move(task)](const std::error_code& ec) {
+            if (ec) return;
+            CurrentScope scope(self.get());
+            t();
+        });
 }
 
 void MainRunLoop::run() {
@@ -155,8 +157,12 @@ void MainRunLoop::runFor(std::chrono::nanoseconds duration) {
     s.running = false;
 }
 
-void MainRunLoop::stop() { mainLoop().io.stop(); }
-bool MainRunLoop::isRunning() { return mainLoop().running; }
+void MainRunLoop::stop() {
+    mainLoop().io.stop();
+}
+bool MainRunLoop::isRunning() {
+    return mainLoop().running;
+}
 
 struct Timer::Impl : std::enable_shared_from_this<Timer::Impl> {
     std::shared_ptr<DispatchQueue> queue;
@@ -169,7 +175,11 @@ struct Timer::Impl : std::enable_shared_from_this<Timer::Impl> {
     std::atomic<bool> cancelled{false};
 
     Impl(std::shared_ptr<DispatchQueue> q, std::chrono::nanoseconds iv, std::function<void()> h)
-        : queue(std::move(q)), strand(queue->executor()), timer(strand), interval(iv), handler(std::move(h)) {}
+        : queue(std::move(q)),
+          strand(queue->executor()),
+          timer(strand),
+          interval(iv),
+          handler(std::move(h)) {}
 
     void arm(std::chrono::nanoseconds delay) {
         timer.expires_after(delay);
@@ -196,7 +206,9 @@ std::shared_ptr<Timer> Timer::schedule(std::shared_ptr<DispatchQueue> queue,
     return std::shared_ptr<Timer>(new Timer(std::move(impl)));
 }
 
-Timer::~Timer() { cancel(); }
+Timer::~Timer() {
+    cancel();
+}
 
 void Timer::cancel() {
     if (!impl_ || impl_->cancelled.exchange(true)) return;
@@ -204,8 +216,8 @@ void Timer::cancel() {
 }
 
 void Semaphore::signal() {
-    // Notify under the lock: a waiter may destroy the semaphore as soon as
-    // its wait returns, and the signaller must not touch it after that.
+    // Notify under the lock: a waiter that wakes may destroy the semaphore as
+    // soon as it can take the lock.
     std::lock_guard lock(mutex_);
     ++count_;
     cv_.notify_one();

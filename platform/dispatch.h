@@ -23,7 +23,7 @@ namespace sv {
 enum class QueuePriority { Default, Background };
 
 class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
-public:
+  public:
     using Task = std::function<void()>;
 
     // A new serial queue. The label names it in logs and thread dumps.
@@ -54,7 +54,7 @@ public:
 
     DispatchQueue(std::string label, bool serial, asio::any_io_executor executor);
 
-private:
+  private:
     std::string label_;
     bool serial_;
     asio::any_io_executor executor_;
@@ -62,7 +62,7 @@ private:
 
 // The process's main run loop: runs the main queue on the calling thread.
 class MainRunLoop {
-public:
+  public:
     // Runs until stop(); returns after stop() or at once if stop() was
     // already requested since the last run.
     static void run();
@@ -76,7 +76,7 @@ public:
 // cancelling it guarantees that the handler does not start again; a run that
 // has already started finishes.
 class Timer : public std::enable_shared_from_this<Timer> {
-public:
+  public:
     static std::shared_ptr<Timer> schedule(std::shared_ptr<DispatchQueue> queue,
                                            std::chrono::nanoseconds delay,
                                            std::chrono::nanoseconds interval,
@@ -86,20 +86,20 @@ public:
 
     struct Impl;
 
-private:
+  private:
     explicit Timer(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
     std::shared_ptr<Impl> impl_;
 };
 
 class Semaphore {
-public:
+  public:
     explicit Semaphore(long initial = 0) : count_(initial) {}
     void signal();
     void wait();
     // False when the timeout passed before a signal arrived.
     bool waitFor(std::chrono::nanoseconds timeout);
 
-private:
+  private:
     std::mutex mutex_;
     std::condition_variable cv_;
     long count_;

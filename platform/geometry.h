@@ -35,9 +35,8 @@ struct AffineTransform {
 
 // m first, then n.
 constexpr AffineTransform concat(const AffineTransform& m, const AffineTransform& n) {
-    return {m.a * n.a + m.b * n.c,   m.a * n.b + m.b * n.d,   m.c * n.a + m.d * n.c,
-            m.c * n.b + m.d * n.d,   m.tx * n.a + m.ty * n.c + n.tx,
-            m.tx * n.b + m.ty * n.d + n.ty};
+    return {m.a * n.a + m.b * n.c, m.a * n.b + m.b * n.d,          m.c * n.a + m.d * n.c,
+            m.c * n.b + m.d * n.d, m.tx * n.a + m.ty * n.c + n.tx, m.tx * n.b + m.ty * n.d + n.ty};
 }
 
 }  // namespace sv

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
-#include <cctype>
 #include <cstring>
 
 #include <spdlog/async.h>
@@ -42,7 +42,8 @@ State& state() {
 std::shared_ptr<spdlog::logger> makeLogger(const std::string& identifier) {
     spdlog::sink_ptr sink;
 #ifdef SV_HAVE_SYSTEMD
-    if (std::getenv("JOURNAL_STREAM")) sink = std::make_shared<spdlog::sinks::systemd_sink_mt>(identifier);
+    if (std::getenv("JOURNAL_STREAM"))
+        sink = std::make_shared<spdlog::sinks::systemd_sink_mt>(identifier);
 #endif
     if (!sink) sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
     if (!spdlog::thread_pool()) spdlog::init_thread_pool(8192, 1);
@@ -135,7 +136,8 @@ std::string format(std::string_view fmt, std::span<const FormatArg> args) {
                 spec += fmt[j++];
         }
         int lengthMod = 0;
-        while (j < fmt.size() && (fmt[j] == 'l' || fmt[j] == 'h' || fmt[j] == 'z' || fmt[j] == 'q')) {
+        while (j < fmt.size() &&
+               (fmt[j] == 'l' || fmt[j] == 'h' || fmt[j] == 'z' || fmt[j] == 'q')) {
             if (fmt[j] == 'l' || fmt[j] == 'z' || fmt[j] == 'q') ++lengthMod;
             ++j;
         }
@@ -181,9 +183,15 @@ void write(Level level, std::string&& line) {
     }
 }
 
-bool isDebugEnabled() { return state().debug.load(std::memory_order_relaxed); }
-void setDebugEnabled(bool enabled) { state().debug = enabled; }
-void setOutputEnabled(bool enabled) { state().output = enabled; }
+bool isDebugEnabled() {
+    return state().debug.load(std::memory_order_relaxed);
+}
+void setDebugEnabled(bool enabled) {
+    state().debug = enabled;
+}
+void setOutputEnabled(bool enabled) {
+    state().output = enabled;
+}
 
 void setIdentifier(const std::string& identifier) {
     State& s = state();
@@ -232,9 +240,8 @@ size_t Capture::count(std::string_view text, std::optional<Level> level) const {
 
 size_t Capture::countContaining(std::string_view fragment) const {
     std::lock_guard lock(mutex_);
-    return std::count_if(lines_.begin(), lines_.end(), [&](const Line& l) {
-        return l.text.find(fragment) != std::string::npos;
-    });
+    return std::count_if(lines_.begin(), lines_.end(),
+                         [&](const Line& l) { return l.text.find(fragment) != std::string::npos; });
 }
 
 void Capture::clear() {

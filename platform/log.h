@@ -37,18 +37,27 @@ concept Describable = requires(const T& t) {
     { t.description() } -> std::convertible_to<std::string>;
 };
 
-inline FormatArg toArg(const std::string& s) { return {FormatArg::Text, 0, 0, 0, s}; }
-inline FormatArg toArg(std::string_view s) { return {FormatArg::Text, 0, 0, 0, std::string(s)}; }
-inline FormatArg toArg(const char* s) { return {FormatArg::Text, 0, 0, 0, s ? s : "(null)"}; }
-inline FormatArg toArg(bool b) { return {FormatArg::Int, b ? 1 : 0, b ? 1u : 0u, 0, {}}; }
-inline FormatArg toArg(const Value& v) { return {FormatArg::Text, 0, 0, 0, describe(v)}; }
+inline FormatArg toArg(const std::string& s) {
+    return {FormatArg::Text, 0, 0, 0, s};
+}
+inline FormatArg toArg(std::string_view s) {
+    return {FormatArg::Text, 0, 0, 0, std::string(s)};
+}
+inline FormatArg toArg(const char* s) {
+    return {FormatArg::Text, 0, 0, 0, s ? s : "(null)"};
+}
+inline FormatArg toArg(bool b) {
+    return {FormatArg::Int, b ? 1 : 0, b ? 1u : 0u, 0, {}};
+}
+inline FormatArg toArg(const Value& v) {
+    return {FormatArg::Text, 0, 0, 0, describe(v)};
+}
 template <std::signed_integral T>
 FormatArg toArg(T v) {
     return {FormatArg::Int, int64_t(v), uint64_t(v), double(v), {}};
 }
 template <std::unsigned_integral T>
-    requires(!std::same_as<T, bool>)
-FormatArg toArg(T v) {
+requires(!std::same_as<T, bool>) FormatArg toArg(T v) {
     return {FormatArg::UInt, int64_t(v), uint64_t(v), double(v), {}};
 }
 template <std::floating_point T>
@@ -56,8 +65,7 @@ FormatArg toArg(T v) {
     return {FormatArg::Double, int64_t(v), uint64_t(v), double(v), {}};
 }
 template <typename E>
-    requires std::is_enum_v<E>
-FormatArg toArg(E e) {
+requires std::is_enum_v<E> FormatArg toArg(E e) {
     return toArg(static_cast<std::underlying_type_t<E>>(e));
 }
 template <Describable T>
@@ -120,7 +128,7 @@ struct Line {
 
 // Records every line written while it exists (from any thread), for tests.
 class Capture {
-public:
+  public:
     Capture();
     ~Capture();
     Capture(const Capture&) = delete;
@@ -138,7 +146,7 @@ public:
 
     void append(Level level, const std::string& text);
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<Line> lines_;
 };

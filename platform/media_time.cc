@@ -86,8 +86,12 @@ std::string MediaTime::description() const {
     return buf;
 }
 
-MediaTime subtract(const MediaTime& a, const MediaTime& b) { return combine(a, b, -1); }
-MediaTime add(const MediaTime& a, const MediaTime& b) { return combine(a, b, 1); }
+MediaTime subtract(const MediaTime& a, const MediaTime& b) {
+    return combine(a, b, -1);
+}
+MediaTime add(const MediaTime& a, const MediaTime& b) {
+    return combine(a, b, 1);
+}
 
 MediaTime convertScale(const MediaTime& t, int32_t timescale) {
     if (!t.isValid() || timescale <= 0) return MediaTime::invalid();

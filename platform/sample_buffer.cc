@@ -47,11 +47,13 @@ std::shared_ptr<SampleBuffer> SampleBuffer::makeAudio(
     if (!usableFormat(format) || numSamples < 0) return nullptr;
     int64_t frames = numSamples * std::max<int64_t>(1, format.framesPerPacket);
     int32_t ts = static_cast<int32_t>(std::lround(format.sampleRate));
-    MediaTime duration = ts > 0 && std::abs(format.sampleRate - ts) < 1e-9
-                             ? MediaTime::make(frames, ts)
-                             : MediaTime::makeWithSeconds(double(frames) / format.sampleRate, 1000000);
-    auto s = makeAudio(std::move(block), format, numSamples,
-                       std::vector<SampleTimingInfo>{{duration, presentationTime, MediaTime::invalid()}});
+    MediaTime duration =
+        ts > 0 && std::abs(format.sampleRate - ts) < 1e-9
+            ? MediaTime::make(frames, ts)
+            : MediaTime::makeWithSeconds(double(frames) / format.sampleRate, 1000000);
+    auto s = makeAudio(
+        std::move(block), format, numSamples,
+        std::vector<SampleTimingInfo>{{duration, presentationTime, MediaTime::invalid()}});
     if (s) s->packets_ = std::move(packets);
     return s;
 }
@@ -63,7 +65,8 @@ std::shared_ptr<SampleBuffer> SampleBuffer::makeAudio(std::shared_ptr<DataBlock>
                                                       std::vector<size_t> sampleSizes) {
     if (!block || !usableFormat(format) || numSamples < 0 || timing.empty()) return nullptr;
     if (format.bytesPerPacket > 0 &&
-        uint64_t(numSamples) > block->size() / format.bytesPerPacket + (block->size() % format.bytesPerPacket ? 1 : 0))
+        uint64_t(numSamples) >
+            block->size() / format.bytesPerPacket + (block->size() % format.bytesPerPacket ? 1 : 0))
         return nullptr;
     std::shared_ptr<SampleBuffer> s(new SampleBuffer);
     s->type_ = MediaType::Audio;
@@ -121,7 +124,8 @@ std::string SampleBuffer::description() const {
     std::string s = isVideo() ? "<SampleBuffer video " : "<SampleBuffer audio ";
     s += "pts=" + presentationTime().description() + " dur=" + duration().description();
     if (isVideo() && image_) s += " " + image_->description();
-    if (isAudio()) s += " samples=" + std::to_string(numSamples_) + " bytes=" + std::to_string(dataLength());
+    if (isAudio())
+        s += " samples=" + std::to_string(numSamples_) + " bytes=" + std::to_string(dataLength());
     return s + ">";
 }
 

@@ -32,7 +32,7 @@ static_assert(sizeof(SampleTimingInfo) == 72, "SampleTimingInfo is a 72-byte rec
 
 // A contiguous block of media bytes, shared by the samples made from it.
 class DataBlock {
-public:
+  public:
     explicit DataBlock(size_t length) : bytes_(length, 0) {}
     explicit DataBlock(std::vector<uint8_t>&& bytes) : bytes_(std::move(bytes)) {}
     static std::shared_ptr<DataBlock> copyOf(const void* bytes, size_t length);
@@ -44,12 +44,12 @@ public:
     // Fills [offset, offset+length) with `value`; false when out of range.
     bool fill(size_t offset, size_t length, uint8_t value);
 
-private:
+  private:
     std::vector<uint8_t> bytes_;
 };
 
 class SampleBuffer {
-public:
+  public:
     enum class MediaType { Video, Audio };
 
     // A video frame. `timing` holds one or more entries.
@@ -107,7 +107,7 @@ public:
 
     std::string description() const;
 
-private:
+  private:
     SampleBuffer() = default;
 
     MediaType type_ = MediaType::Video;

@@ -31,7 +31,11 @@ bool computeLayout(int32_t width, int32_t height, uint32_t bytesPerRow, size_t* 
 
 SharedSurface::SharedSurface(int fd, uint8_t* base, size_t size, SurfaceDescriptor desc,
                              bool readOnly)
-    : fd_(fd), base_(base), size_(size), desc_(desc), readOnly_(readOnly),
+    : fd_(fd),
+      base_(base),
+      size_(size),
+      desc_(desc),
+      readOnly_(readOnly),
       id_(gNextSurfaceID.fetch_add(1, std::memory_order_relaxed)) {}
 
 SharedSurface::~SharedSurface() {
@@ -68,8 +72,8 @@ std::unique_ptr<SharedSurface> SharedSurface::allocate(int32_t width, int32_t he
         close(fd);
         return nullptr;
     }
-    return std::unique_ptr<SharedSurface>(new SharedSurface(
-        fd, static_cast<uint8_t*>(base), size, {width, height, bpr, format}, false));
+    return std::unique_ptr<SharedSurface>(new SharedSurface(fd, static_cast<uint8_t*>(base), size,
+                                                            {width, height, bpr, format}, false));
 }
 
 std::shared_ptr<SharedSurface> SharedSurface::create(int32_t width, int32_t height,
@@ -101,7 +105,9 @@ std::shared_ptr<SharedSurface> SharedSurface::importDescriptor(int fd,
         new SharedSurface(fd, static_cast<uint8_t*>(base), size, desc, true));
 }
 
-int SharedSurface::duplicateFd() const { return fcntl(fd_, F_DUPFD_CLOEXEC, 0); }
+int SharedSurface::duplicateFd() const {
+    return fcntl(fd_, F_DUPFD_CLOEXEC, 0);
+}
 
 std::string SharedSurface::description() const {
     return "<SharedSurface " + std::to_string(id_) + " " + std::to_string(desc_.width) + "x" +

@@ -32,7 +32,7 @@ struct SurfaceDescriptor {
 };
 
 class SharedSurface {
-public:
+  public:
     // Largest surface accepted from anyone: 16384 x 16384 BGRA.
     static constexpr size_t kMaxBytes = size_t(16384) * 16384 * 4;
 
@@ -64,7 +64,9 @@ public:
     const uint8_t* data() const { return base_; }
     // Null for a read-only (imported) surface.
     uint8_t* mutableData() { return readOnly_ ? nullptr : base_; }
-    uint8_t* row(int32_t y) { return readOnly_ ? nullptr : base_ + size_t(y) * desc_.bytesPerRow; }
+    uint8_t* mutableRow(int32_t y) {
+        return readOnly_ ? nullptr : base_ + size_t(y) * desc_.bytesPerRow;
+    }
     const uint8_t* row(int32_t y) const { return base_ + size_t(y) * desc_.bytesPerRow; }
 
     // The memfd, still owned by the surface; dup() it to hand it on.
@@ -78,7 +80,7 @@ public:
     static std::unique_ptr<SharedSurface> allocate(int32_t width, int32_t height,
                                                    PixelFormat format, std::string* error);
 
-private:
+  private:
     SharedSurface(int fd, uint8_t* base, size_t size, SurfaceDescriptor desc, bool readOnly);
 
     int fd_;
@@ -94,7 +96,7 @@ private:
 // pool when its last reference goes away (on whichever thread drops it). The
 // pool may be destroyed while surfaces are out; they are then freed.
 class SurfacePool {
-public:
+  public:
     SurfacePool(int32_t width, int32_t height, PixelFormat format = PixelFormat::BGRA,
                 size_t maxFree = 8);
     ~SurfacePool();
@@ -108,7 +110,7 @@ public:
 
     struct State;
 
-private:
+  private:
     int32_t width_, height_;
     PixelFormat format_;
     std::shared_ptr<State> state_;

@@ -5,11 +5,47 @@
 namespace sv {
 namespace {
 
+// Text strings must be UTF-8 so that every decoded value can be printed and
+// re-encoded without throwing.
+bool validUtf8(const uint8_t* p, size_t n) {
+    size_t i = 0;
+    while (i < n) {
+        uint8_t c = p[i];
+        size_t len;
+        uint32_t cp;
+        if (c < 0x80) {
+            ++i;
+            continue;
+        } else if ((c & 0xE0) == 0xC0) {
+            len = 2;
+            cp = c & 0x1F;
+        } else if ((c & 0xF0) == 0xE0) {
+            len = 3;
+            cp = c & 0x0F;
+        } else if ((c & 0xF8) == 0xF0) {
+            len = 4;
+            cp = c & 0x07;
+        } else {
+            return false;
+        }
+        if (n - i < len) return false;
+        for (size_t k = 1; k < len; ++k) {
+            if ((p[i + k] & 0xC0) != 0x80) return false;
+            cp = (cp << 6) | (p[i + k] & 0x3F);
+        }
+        if ((len == 2 && cp < 0x80) || (len == 3 && cp < 0x800) || (len == 4 && cp < 0x10000) ||
+            cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
+            return false;
+        i += len;
+    }
+    return true;
+}
+
 // Walks the CBOR structure iteratively so that hostile nesting cannot exhaust
 // the stack, and checks every declared length against the bytes that remain
 // before nlohmann's (recursive) parser sees the input.
 class CborValidator {
-public:
+  public:
     CborValidator(std::span<const uint8_t> in, const CborLimits& lim) : in_(in), lim_(lim) {}
 
     std::string validate() {
@@ -70,6 +106,8 @@ public:
                         stack.push_back({UINT64_MAX, true, true, major});
                     } else {
                         if (arg > in_.size() - pos_) return "CBOR string longer than input";
+                        if (major == 3 && !validUtf8(in_.data() + pos_, static_cast<size_t>(arg)))
+                            return "malformed CBOR: text string is not UTF-8";
                         pos_ += static_cast<size_t>(arg);
                         done = finishItem(stack);
                     }
@@ -108,7 +146,7 @@ public:
         return {};
     }
 
-private:
+  private:
     // One complete item ended; returns true when it was the top-level item.
     template <typename Stack>
     static bool finishItem(Stack& stack) {
@@ -128,7 +166,9 @@ private:
 
 }  // namespace
 
-Bytes encodeCbor(const Value& v) { return Value::to_cbor(v); }
+Bytes encodeCbor(const Value& v) {
+    return Value::to_cbor(v);
+}
 
 CborDecodeResult decodeCbor(std::span<const uint8_t> bytes, const CborLimits& limits) {
     CborDecodeResult r;
@@ -157,7 +197,9 @@ CborDecodeResult decodeCbor(std::span<const uint8_t> bytes, const CborLimits& li
 Value bytesValue(std::span<const uint8_t> bytes) {
     return Value::binary(Bytes(bytes.begin(), bytes.end()));
 }
-Value bytesValue(Bytes&& bytes) { return Value::binary(std::move(bytes)); }
+Value bytesValue(Bytes&& bytes) {
+    return Value::binary(std::move(bytes));
+}
 
 const Bytes* bytesOf(const Value& v) {
     if (!v.is_binary()) return nullptr;
@@ -180,12 +222,12 @@ std::optional<std::string> stringAt(const Value& dict, const char* key) {
 std::optional<int64_t> intAt(const Value& dict, const char* key) {
     const Value* v = member(dict, key);
     if (!v) return std::nullopt;
-    if (v->is_number_integer()) return v->get<int64_t>();
     if (v->is_number_unsigned()) {
         uint64_t u = v->get<uint64_t>();
         if (u > uint64_t(INT64_MAX)) return std::nullopt;
         return static_cast<int64_t>(u);
     }
+    if (v->is_number_integer()) return v->get<int64_t>();
     if (v->is_boolean()) return v->get<bool>() ? 1 : 0;
     return std::nullopt;
 }

@@ -64,8 +64,8 @@ void MovieStore::_srSetupTempDirectory() {
     for (const auto& part : fs::path(path)) {
         if (part.empty()) continue;
         partial = (partial.empty() || partial == "/") && part == "/" ? "/"
-                  : partial == "/"                                  ? "/" + part.string()
-                                                                    : partial + "/" + part.string();
+                  : partial == "/"                                   ? "/" + part.string()
+                                   : partial + "/" + part.string();
         if (partial == "/") continue;
         if (mkdir(partial.c_str(), 0700) != 0 && errno != EEXIST) {
             err = errno;
@@ -87,7 +87,9 @@ int64_t MovieStore::_srSizeOfTempDir(OptionalError* error) {
     return static_cast<int64_t>(st.st_size);
 }
 
-int64_t MovieStore::_srDeleteAllTempFiles() { return _srDeleteFilesOlderThanTimeToLiveInSeconds(0.0); }
+int64_t MovieStore::_srDeleteAllTempFiles() {
+    return _srDeleteFilesOlderThanTimeToLiveInSeconds(0.0);
+}
 
 namespace {
 
@@ -242,8 +244,10 @@ std::string foldCaseAndDiacritics(const std::string& s) {
         if ((c & 0xE0) == 0xC0 && i + 1 < s.size()) {
             unsigned cp = ((c & 0x1Fu) << 6) | (static_cast<unsigned char>(s[i + 1]) & 0x3Fu);
             char base = 0;
-            if (cp >= 0xC0 && cp <= 0xFF) base = kLatin1[cp - 0xC0];
-            else if (cp >= 0x100 && cp <= 0x17F) base = kExtA[cp - 0x100];
+            if (cp >= 0xC0 && cp <= 0xFF)
+                base = kLatin1[cp - 0xC0];
+            else if (cp >= 0x100 && cp <= 0x17F)
+                base = kExtA[cp - 0x100];
             if (base) {
                 out += base;
             } else {

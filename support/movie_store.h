@@ -23,7 +23,7 @@ inline constexpr const char* kPOSIXErrorDomain = "org.sorvel.POSIXErrorDomain";
 Error posixError(int err, const std::string& what);
 
 class MovieStore {
-public:
+  public:
     using Completion = std::function<void(OptionalError)>;
     using FreeSpaceProvider = std::function<std::optional<uint64_t>(const std::string& path)>;
     using Clock = std::chrono::system_clock;
@@ -61,7 +61,7 @@ public:
     bool _srDeviceHasSufficientFreeSpaceForRecording();
     uint64_t _srDeviceFreeDiskSpace();
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::string home_;
     FreeSpaceProvider freeSpace_;

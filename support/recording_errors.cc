@@ -4,15 +4,24 @@ namespace sv {
 
 const char* recordingErrorMessage(int64_t code) {
     switch (code) {
-        case -5800: return "Uknown recording error";
-        case -5801: return "The user declined application recording";
-        case -5802: return "Recording has been restricted in settings";
-        case -5803: return "Recording failed to start";
-        case -5804: return "Failed during recording";
-        case -5805: return "Insufficient storage for recording";
-        case -5806: return "Recording interrupted by another application";
-        case -5807: return "Recording interrupted by multitasking and content resizing";
-        default: return "Unknown recording error";
+        case -5800:
+            return "Uknown recording error";
+        case -5801:
+            return "The user declined application recording";
+        case -5802:
+            return "Recording has been restricted in settings";
+        case -5803:
+            return "Recording failed to start";
+        case -5804:
+            return "Failed during recording";
+        case -5805:
+            return "Insufficient storage for recording";
+        case -5806:
+            return "Recording interrupted by another application";
+        case -5807:
+            return "Recording interrupted by multitasking and content resizing";
+        default:
+            return "Unknown recording error";
     }
 }
 

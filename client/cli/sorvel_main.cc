@@ -11,8 +11,12 @@ std::vector<Command>& registry() {
     static std::vector<Command> r;
     return r;
 }
-void registerCommand(const Command& command) { registry().push_back(command); }
-const std::vector<Command>& commands() { return registry(); }
+void registerCommand(const Command& command) {
+    registry().push_back(command);
+}
+const std::vector<Command>& commands() {
+    return registry();
+}
 
 }  // namespace sv::cli
 

@@ -1,0 +1,23 @@
+// Untrusted bytes into the CBOR decoder: must never crash, hang or blow the
+// stack; whatever decodes must re-encode and decode to the same value.
+#include <cstdint>
+#include <cstdlib>
+
+#include "platform/value.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    auto r = sv::decodeCbor({data, size});
+    if (r) {
+        sv::Bytes again = sv::encodeCbor(*r.value);
+        auto r2 = sv::decodeCbor(again);
+        if (!r2 || !(*r2.value == *r.value)) {
+            // NaN payloads compare unequal to themselves; anything else is a bug.
+            if (r2 && r.value->dump(-1, ' ', false, sv::Value::error_handler_t::replace) ==
+                          r2.value->dump(-1, ' ', false, sv::Value::error_handler_t::replace))
+                return 0;
+            std::abort();
+        }
+        (void)sv::describe(*r.value);
+    }
+    return 0;
+}

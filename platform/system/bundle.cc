@@ -1,0 +1,173 @@
+#include "platform/system/bundle.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "platform/system/languages.h"
+
+namespace sv {
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::uintmax_t kMaxDictionaryFileBytes = 4 * 1024 * 1024;
+
+bool isDirectory(const std::string& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool isRegularFile(const std::string& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+}  // namespace
+
+std::optional<Value> readDictionaryFromFile(const std::string& path) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+        std::uintmax_t(st.st_size) > kMaxDictionaryFileBytes)
+        return std::nullopt;
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return std::nullopt;
+    std::stringstream text;
+    text << in.rdbuf();
+    Value v = Value::parse(text.str(), nullptr, /*allow_exceptions=*/false);
+    if (!v.is_object()) return std::nullopt;
+    return v;
+}
+
+std::string Bundle::installShareDirectory() {
+    return SV_SHARE_DIR;
+}
+
+std::vector<std::string> Bundle::searchPath() {
+    std::vector<std::string> dirs;
+    if (const char* env = std::getenv("SORVEL_BUNDLE_PATH"); env && *env) {
+        std::string list = env;
+        for (size_t start = 0; start <= list.size();) {
+            size_t end = list.find(':', start);
+            if (end == std::string::npos) end = list.size();
+            if (end > start) dirs.push_back(list.substr(start, end - start));
+            start = end + 1;
+        }
+    }
+    if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg == '/') {
+        dirs.push_back(std::string(xdg) + "/sorvel/bundles");
+    } else if (const char* home = std::getenv("HOME"); home && *home) {
+        dirs.push_back(std::string(home) + "/.local/share/sorvel/bundles");
+    }
+    dirs.push_back(installShareDirectory() + "/bundles");
+    return dirs;
+}
+
+std::shared_ptr<Bundle> Bundle::bundleWithPath(const std::string& path) {
+    if (path.empty() || !isDirectory(path)) return nullptr;
+    std::string p = path;
+    while (p.size() > 1 && p.back() == '/') p.pop_back();
+    Value info = readDictionaryFromFile(p + "/" + kBundleInfoFileName).value_or(Value::object());
+    return std::shared_ptr<Bundle>(new Bundle(std::move(p), std::move(info)));
+}
+
+std::shared_ptr<Bundle> Bundle::bundleWithIdentifier(const std::string& identifier) {
+    if (identifier.empty()) return nullptr;
+    for (const auto& dir : searchPath()) {
+        std::error_code ec;
+        fs::directory_iterator it(dir, ec), end;
+        for (; !ec && it != end; it.increment(ec)) {
+            std::string candidate = it->path().string();
+            auto info = readDictionaryFromFile(candidate + "/" + kBundleInfoFileName);
+            if (!info || stringAt(*info, kBundleIdentifierKey) != identifier) continue;
+            return std::shared_ptr<Bundle>(new Bundle(std::move(candidate), std::move(*info)));
+        }
+    }
+    return nullptr;
+}
+
+std::shared_ptr<Bundle> Bundle::bundleForExecutablePath(const std::string& executablePath) {
+    if (executablePath.empty() || executablePath.front() != '/') return nullptr;
+    fs::path dir = fs::path(executablePath).lexically_normal().parent_path();
+    for (;;) {
+        if (isRegularFile((dir / kBundleInfoFileName).string()))
+            return bundleWithPath(dir.string());
+        if (!dir.has_relative_path()) return nullptr;  // reached "/"
+        dir = dir.parent_path();
+    }
+}
+
+std::optional<std::string> Bundle::bundleIdentifier() const {
+    return stringAt(info_, kBundleIdentifierKey);
+}
+
+std::string Bundle::developmentLocalization() const {
+    return stringAt(info_, kBundleDevelopmentLanguageKey).value_or("en");
+}
+
+std::vector<std::string> Bundle::localizations() const {
+    std::vector<std::string> out;
+    std::error_code ec;
+    fs::directory_iterator it(path_, ec), end;
+    for (; !ec && it != end; it.increment(ec)) {
+        const fs::path& p = it->path();
+        if (p.extension() == ".lproj" && it->is_directory(ec)) out.push_back(p.stem().string());
+    }
+    return out;
+}
+
+std::optional<Value> Bundle::localizedInfoDictionary() const {
+    const Value* localized = dictAt(info_, kLocalizedInfoKey);
+    if (!localized) return std::nullopt;
+    std::vector<std::string> available;
+    for (const auto& [lang, entries] : localized->items())
+        if (entries.is_object()) available.push_back(lang);
+    std::string chosen =
+        chooseLocalization(preferredLanguages(), available, developmentLocalization());
+    const Value* entries = dictAt(*localized, chosen.c_str());
+    if (!entries) return std::nullopt;
+    return *entries;
+}
+
+std::optional<std::string> Bundle::pathForResource(const std::string& name, const std::string& type,
+                                                   const std::string& subdirectory,
+                                                   const std::string& localization) const {
+    // Names come from callers, not from the file system: refuse anything
+    // that could leave the bundle.
+    for (const std::string* part : {&name, &type, &localization})
+        if (part->find('/') != std::string::npos || *part == "..") return std::nullopt;
+    if (name.empty() || subdirectory.find("..") != std::string::npos) return std::nullopt;
+    std::string path = path_;
+    if (!localization.empty()) path += "/" + localization + ".lproj";
+    if (!subdirectory.empty()) path += "/" + subdirectory;
+    path += "/" + name;
+    if (!type.empty()) path += "." + type;
+    if (!isRegularFile(path)) return std::nullopt;
+    return path;
+}
+
+std::optional<Value> Bundle::stringTable(const std::string& table,
+                                         const std::string& localization) const {
+    auto path = pathForResource(table, "strings", "", localization);
+    if (!path) return std::nullopt;
+    return readDictionaryFromFile(*path);
+}
+
+std::string Bundle::localizedStringForKey(const std::string& key, const std::string& value,
+                                          const std::string& table) const {
+    std::string tableName = table.empty() ? "Localizable" : table;
+    std::string development = developmentLocalization();
+    std::string chosen = chooseLocalization(preferredLanguages(), localizations(), development);
+    for (const std::string& loc : {chosen, development}) {
+        if (auto strings = stringTable(tableName, loc)) {
+            if (auto s = stringAt(*strings, key.c_str())) return *s;
+        }
+        if (loc == development) break;
+    }
+    return value.empty() ? key : value;
+}
+
+}  // namespace sv
