@@ -1,12 +1,10 @@
 #include "platform/process/process_info.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
+#include <algorithm>
 
-#include "platform/value.h"
+#include "platform/system/bundle.h"
 
 namespace sv {
 
@@ -20,31 +18,9 @@ int processExecutablePath(pid_t pid, char* buffer, size_t size) {
 }
 
 std::optional<URL> enclosingBundleURL(const URL& executable) {
-    std::string dir = executable.path;
-    if (dir.empty() || dir[0] != '/') return std::nullopt;
-    while (true) {
-        size_t slash = dir.find_last_of('/');
-        if (slash == std::string::npos) return std::nullopt;
-        dir.resize(slash);
-        std::string manifest = (dir.empty() ? std::string() : dir) + "/bundle.json";
-        struct stat st {};
-        if (stat(manifest.c_str(), &st) == 0 && S_ISREG(st.st_mode))
-            return URL::fileURLWithPath(dir.empty() ? "/" : dir);
-        if (dir.empty()) return std::nullopt;
-    }
-}
-
-std::optional<std::string> bundleIdentifierAtURL(const URL& bundle) {
-    std::string manifest = bundle.path + (bundle.path.ends_with('/') ? "" : "/") + "bundle.json";
-    struct stat st {};
-    if (stat(manifest.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > (1 << 20))
-        return std::nullopt;
-    std::ifstream in(manifest, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    Value v = Value::parse(text.str(), nullptr, false);
-    if (v.is_discarded()) return std::nullopt;
-    return stringAt(v, "identifier");
+    auto bundle = Bundle::bundleForExecutablePath(executable.path);
+    if (!bundle) return std::nullopt;
+    return URL::fileURLWithPath(bundle->bundlePath());
 }
 
 }  // namespace sv

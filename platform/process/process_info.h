@@ -21,13 +21,9 @@ inline constexpr size_t kMaxProcessPathBytes = 4096;
 // ours to inspect, or the path does not fit.
 int processExecutablePath(pid_t pid, char* buffer, size_t size);
 
-// A bundle is a directory that holds "bundle.json"; its "identifier" names
-// the application or extension. Returns the innermost bundle directory that
-// encloses `executable` (walking up from the file's directory), or nullopt.
+// The URL of the innermost bundle directory (one holding "bundle.json",
+// platform/system/bundle.h) above `executable`, or nullopt. Open it with
+// Bundle::bundleWithPath.
 std::optional<URL> enclosingBundleURL(const URL& executable);
-
-// The "identifier" of the bundle at `bundle`, or nullopt when its bundle.json
-// is missing, unreadable, larger than 1 MiB or has no text identifier.
-std::optional<std::string> bundleIdentifierAtURL(const URL& bundle);
 
 }  // namespace sv

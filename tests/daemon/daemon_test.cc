@@ -16,7 +16,7 @@
 #include "platform/log.h"
 #include "platform/process/purgeable_space.h"
 #include "support/movie_store.h"
-#include "tests/support/process_helpers.h"
+#include "tests/process/process_helpers.h"
 
 using namespace sv;
 using namespace std::chrono_literals;

@@ -16,7 +16,7 @@
 
 #include "platform/log.h"
 #include "tests/ipc/test_protocol.h"
-#include "tests/support/process_helpers.h"
+#include "tests/process/process_helpers.h"
 
 using namespace sv;
 using namespace sv::ipc;
@@ -306,7 +306,7 @@ TEST_F(IpcTest, SurfaceCrossesWithoutCopyingItsPixels) {
     ASSERT_TRUE(surface);
     uint64_t sum = 0;
     for (int32_t y = 0; y < 900; ++y) {
-        uint8_t* row = surface->row(y);
+        uint8_t* row = surface->mutableData() + size_t(y) * surface->bytesPerRow();
         for (int32_t x = 0; x < 1600 * 4; ++x) {
             row[x] = uint8_t(x * 7 + y);
             sum += row[x];

@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/ipc/test_protocol.h"
-#include "tests/support/process_helpers.h"
+#include "tests/process/process_helpers.h"
 
 using namespace sv;
 using namespace sv::ipc;

@@ -12,7 +12,8 @@
 #include "platform/process/notification_center.h"
 #include "platform/process/process_info.h"
 #include "platform/process/purgeable_space.h"
-#include "tests/support/process_helpers.h"
+#include "platform/system/bundle.h"
+#include "tests/process/process_helpers.h"
 
 using namespace sv;
 namespace fs = std::filesystem;
@@ -41,16 +42,14 @@ TEST(ProcessInfoTest, EnclosingBundleIsTheInnermostDirectoryWithAManifest) {
     auto host = enclosingBundleURL(URL::fileURLWithPath(root + "/Host.app/host"));
     ASSERT_TRUE(host);
     EXPECT_EQ(host->path, root + "/Host.app");
-    EXPECT_EQ(bundleIdentifierAtURL(*host), "org.example.host");
+    EXPECT_EQ(Bundle::bundleWithPath(host->path)->bundleIdentifier(), "org.example.host");
 
     auto ext =
         enclosingBundleURL(URL::fileURLWithPath(root + "/Host.app/Extensions/Ext.appex/bin/ext"));
     ASSERT_TRUE(ext);
     EXPECT_EQ(ext->path, root + "/Host.app/Extensions/Ext.appex");
-    EXPECT_FALSE(bundleIdentifierAtURL(*ext));  // identifier is not text
+    EXPECT_FALSE(Bundle::bundleWithPath(ext->path)->bundleIdentifier());  // identifier is not text
 
-    std::ofstream(root + "/Host.app/bundle.json", std::ios::trunc) << "{not json";
-    EXPECT_FALSE(bundleIdentifierAtURL(*host));
     EXPECT_FALSE(enclosingBundleURL(URL::fileURLWithPath(root + "/elsewhere/tool")));
     EXPECT_FALSE(enclosingBundleURL(URL::fileURLWithPath("relative/tool")));
     fs::remove_all(root);
