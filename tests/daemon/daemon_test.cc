@@ -1,0 +1,227 @@
+// sorveld as a process in a temporary home and runtime directory, driven
+// through the shell channel like the operating system's side drives it; and
+// the manager's purge and lock-button rules with a recording in progress.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "client/shell_client.h"
+#include "daemon/recording_manager.h"
+#include "platform/log.h"
+#include "platform/process/purgeable_space.h"
+#include "support/movie_store.h"
+#include "tests/process/process_helpers.h"
+
+using namespace sv;
+using namespace std::chrono_literals;
+using sv::test::eventually;
+using sv::test::spawnProcess;
+using sv::test::waitForExit;
+
+namespace {
+
+// Writes `size` bytes at `path` and dates it `age` in the past.
+void makeFile(const std::string& path, size_t size, std::chrono::seconds age) {
+    std::ofstream(path, std::ios::binary) << std::string(size, 'm');
+    struct timespec times[2];
+    clock_gettime(CLOCK_REALTIME, &times[0]);
+    times[0].tv_sec -= age.count();
+    times[1] = times[0];
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+bool exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+std::string readAll(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+class DaemonTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        root_ = sv::test::makeTempDir("sv-daemon-");
+        ASSERT_FALSE(root_.empty());
+        home_ = root_ + "/home";
+        run_ = root_ + "/run";
+        mkdir(home_.c_str(), 0700);
+        mkdir(run_.c_str(), 0700);
+        store_ = home_ + "/Library/Sorvel/";
+        log_ = root_ + "/sorveld.log";
+        ipc::setRuntimeDirectory(run_);
+    }
+    void TearDown() override {
+        if (daemon_ > 0) {
+            kill(daemon_, SIGKILL);
+            waitForExit(daemon_);
+        }
+        std::filesystem::remove_all(root_);
+    }
+
+    pid_t startDaemon() {
+        pid_t pid = spawnProcess(
+            {SORVELD, "--runtime-dir", run_, "--home", home_, "--log-level", "default"}, {}, log_);
+        EXPECT_GT(pid, 0);
+        EXPECT_TRUE(eventually([&] { return exists(ipc::servicePath(kShellServiceName)); }));
+        return pid;
+    }
+
+    std::string root_, home_, run_, store_, log_;
+    pid_t daemon_ = -1;
+};
+
+TEST_F(DaemonTest, StartsWithItsStoreAndEndsOnSigterm) {
+    daemon_ = startDaemon();
+    struct stat st {};
+    ASSERT_EQ(stat(store_.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0700u);
+    EXPECT_TRUE(exists(ipc::servicePath(kDaemonServiceName)));
+
+    // A second daemon on the same runtime directory refuses to start.
+    pid_t second =
+        spawnProcess({SORVELD, "--runtime-dir", run_, "--home", home_, "--log-level", "quiet"});
+    EXPECT_EQ(waitForExit(second), 1);
+
+    kill(daemon_, SIGTERM);
+    EXPECT_EQ(waitForExit(daemon_), 255);  // the entry point returns -1 when its run loop ends
+    daemon_ = -1;
+    EXPECT_NE(readAll(log_).find("sorveld Starting!"), std::string::npos);
+    EXPECT_FALSE(exists(ipc::servicePath(kShellServiceName)));
+}
+
+TEST_F(DaemonTest, AnswersPurgeCallsByUrgencyWhileIdle) {
+    daemon_ = startDaemon();
+    makeFile(store_ + "old1.mp4", 1000, 2 * 86400s);
+    makeFile(store_ + "old2.mp4", 2000, 86400s + 60s);
+    makeFile(store_ + "new.mp4", 500, 3600s);
+    ShellClient shell;
+
+    auto r = shell.purgeableSpaceAndWait(0);
+    ASSERT_FALSE(r.error) << r.error->description();
+    struct stat st {};
+    ASSERT_EQ(stat(store_.c_str(), &st), 0);
+    EXPECT_EQ(r.bytes, int64_t(st.st_size));  // the size attribute of the store directory
+
+    r = shell.purgeAndWait(1 << 20, 2);  // low urgency, idle: only files older than a day
+    ASSERT_FALSE(r.error);
+    EXPECT_EQ(r.bytes, 3000);
+    EXPECT_FALSE(exists(store_ + "old1.mp4"));
+    EXPECT_FALSE(exists(store_ + "old2.mp4"));
+    EXPECT_TRUE(exists(store_ + "new.mp4"));
+
+    makeFile(store_ + "stale.mp4", 700, 3 * 86400s);
+    r = shell.periodicAndWait(0, 0);
+    EXPECT_EQ(r.bytes, 700);
+    EXPECT_TRUE(exists(store_ + "new.mp4"));
+
+    EXPECT_FALSE(shell.cancelPurgeAndWait().error);
+
+    r = shell.purgeAndWait(0, 3);  // urgent: everything goes
+    EXPECT_EQ(r.bytes, 500);
+    EXPECT_TRUE(std::filesystem::is_empty(store_));
+    EXPECT_TRUE(eventually([&] {
+        std::string text = readAll(log_);
+        return text.find("SVRecordingManager: cache delete purge callback") != std::string::npos &&
+               text.find("SVRecordingManager: cache delete periodic callback") != std::string::npos;
+    }));
+}
+
+TEST_F(DaemonTest, LockButtonWhileIdleChangesNothing) {
+    daemon_ = startDaemon();
+    makeFile(store_ + "keep.mp4", 100, 60s);
+    ShellClient shell;
+    EXPECT_FALSE(shell.lockButtonPressedAndWait().error);
+    EXPECT_TRUE(eventually([&] {
+        return readAll(log_).find("SVRecordingManager: _handleLockButtonWasPressedNotification") !=
+               std::string::npos;
+    }));
+    EXPECT_EQ(readAll(log_).find("stopRecordingWithHandler"), std::string::npos);
+    EXPECT_TRUE(exists(store_ + "keep.mp4"));
+    EXPECT_FALSE(shell.purgeableSpaceAndWait(0).error);  // still serving
+
+    // The command-line tool speaks for the shell as well.
+    pid_t cli = spawnProcess({SORVEL, "shell", "--runtime-dir", run_, "lock"});
+    EXPECT_EQ(waitForExit(cli), 0);
+    kill(daemon_, SIGTERM);
+    waitForExit(daemon_);
+    daemon_ = -1;
+    cli = spawnProcess({SORVEL, "shell", "--runtime-dir", run_, "purge", "--urgency", "3"});
+    EXPECT_EQ(waitForExit(cli), 1);  // nobody answers
+}
+
+// Started on demand by socket activation, the daemon answers the connection
+// that woke it and ends by itself once nothing is open.
+TEST_F(DaemonTest, SocketActivatedDaemonEndsWhenIdle) {
+    if (access("/usr/bin/systemd-socket-activate", X_OK) != 0)
+        GTEST_SKIP() << "no systemd-socket-activate";
+    std::string daemonPath = ipc::servicePath(kDaemonServiceName);
+    std::string shellPath = ipc::servicePath(kShellServiceName);
+    daemon_ = spawnProcess(
+        {"/usr/bin/systemd-socket-activate", "--seqpacket", "-l", daemonPath, "-l", shellPath,
+         std::string("--fdname=") + kDaemonServiceName + ":" + kShellServiceName, SORVELD,
+         "--runtime-dir", run_, "--home", home_, "--log-level", "default", "--idle-exit", "1"},
+        {}, log_);
+    ASSERT_TRUE(eventually([&] { return exists(shellPath) && exists(daemonPath); }));
+    {
+        ShellClient shell;
+        auto r = shell.purgeAndWait(0, 3);
+        EXPECT_FALSE(r.error);
+        EXPECT_EQ(r.bytes, 0);
+    }
+    EXPECT_EQ(waitForExit(daemon_, 15s), 255);
+    daemon_ = -1;
+    EXPECT_NE(readAll(log_).find("idle with no open transaction; ending"), std::string::npos);
+}
+
+// The manager in this process, with a session that records.
+TEST_F(DaemonTest, PurgeAndLockButtonDuringARecording) {
+    MovieStore::shared().setHomeDirectory(home_);
+    log::Capture capture;
+    auto manager = SVRecordingManager::create();
+    ASSERT_TRUE(manager->publicListener());
+    auto session = std::make_shared<SVRecordingSession>();
+    session->setRecording(true);
+    manager->setCurrentRecordingSession(session);
+    makeFile(store_ + "old.mp4", 1000, 2 * 86400s);
+    makeFile(store_ + "recording.mp4", 4000, 1s);
+
+    // Low urgency never touches a running recording.
+    EXPECT_EQ(PurgeableSpaceService::shared().purge(0, 2), 0);
+    EXPECT_TRUE(exists(store_ + "old.mp4"));
+    // The periodic clean-up runs regardless.
+    EXPECT_EQ(PurgeableSpaceService::shared().periodic(0, 0), 1000);
+
+    // Urgent: the recording is stopped and told -5805, then everything goes.
+    EXPECT_EQ(PurgeableSpaceService::shared().purge(0, 3), 4000);
+    EXPECT_TRUE(std::filesystem::is_empty(store_));
+    EXPECT_TRUE(capture.contains("SVRecordingManager: stopRecordingWithHandler:"));
+    EXPECT_TRUE(capture.contains("SVRecordingManager:recordingSessionStoppedWithError:movieURL:"));
+
+    capture.clear();
+    NotificationCenter::defaultCenter().post(kLockButtonPressedNotification);
+    EXPECT_TRUE(capture.contains("SVRecordingManager: _handleLockButtonWasPressedNotification"));
+    EXPECT_TRUE(capture.contains("SVRecordingManager: stopRecordingWithHandler:"));
+
+    session->setRecording(false);
+    capture.clear();
+    NotificationCenter::defaultCenter().post(kLockButtonPressedNotification);
+    EXPECT_FALSE(capture.contains("SVRecordingManager: stopRecordingWithHandler:"));
+
+    manager->publicListener()->invalidate();
+    std::weak_ptr<SVRecordingManager> weak = manager;
+    manager.reset();
+    EXPECT_FALSE(weak.expired());  // the purge callback keeps it for the life of the process
+}
+
+}  // namespace

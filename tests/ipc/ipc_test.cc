@@ -1,0 +1,459 @@
+// The IPC library across real processes: acceptance, identity, ordering,
+// replies, failures of the peer, endpoints, surfaces, and peers that send
+// garbage.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <mutex>
+
+#include <gtest/gtest.h>
+
+#include "platform/log.h"
+#include "tests/ipc/test_protocol.h"
+#include "tests/process/process_helpers.h"
+
+using namespace sv;
+using namespace sv::ipc;
+using namespace std::chrono_literals;
+using sv::test::eventually;
+using sv::test::spawnProcess;
+using sv::test::waitForExit;
+
+namespace {
+
+// The parent's side of the test interface.
+class Server : public ListenerDelegate, public std::enable_shared_from_this<Server> {
+  public:
+    std::mutex mutex;
+    bool accept = true;
+    std::vector<pid_t> connectionPids;
+    std::vector<int64_t> hellos, counts;
+    std::vector<pid_t> pingPids;
+    std::vector<std::shared_ptr<Connection>> connections;
+    std::atomic<int> invalidations{0}, interruptions{0};
+    Semaphore release;
+    std::shared_ptr<Listener> anonymous;
+    std::function<void(const std::shared_ptr<Connection>&)> configure;
+
+    bool listenerShouldAcceptNewConnection(Listener&,
+                                           const std::shared_ptr<Connection>& c) override {
+        std::lock_guard lock(mutex);
+        connectionPids.push_back(c->processIdentifier());
+        if (!accept) return false;
+        c->setExportedInterface(ipctest::testInterface());
+        c->setRemoteObjectInterface(ipctest::testInterface());
+        c->setExportedObject(object(c));
+        c->setInvalidationHandler([this] { invalidations++; });
+        c->setInterruptionHandler([this] { interruptions++; });
+        if (configure) configure(c);
+        connections.push_back(c);
+        c->resume();
+        return true;
+    }
+
+    std::shared_ptr<MethodTable> object(const std::shared_ptr<Connection>& c) {
+        auto t = std::make_shared<MethodTable>();
+        pid_t pid = c->processIdentifier();
+        t->on("hello:", [this](Invocation& inv) { record(hellos, inv.at(0).get<int64_t>()); })
+            .on("count:", [this](Invocation& inv) { record(counts, inv.at(0).get<int64_t>()); })
+            .on("ping", [this, pid](Invocation&) { record(pingPids, pid); })
+            .on("echo:withReply:",
+                [](Invocation& inv) { inv.handler()(Arguments().add(inv.at(0))); })
+            .on("dropReply:withReply:", [](Invocation&) {})
+            .on("block:", [this](Invocation&) { release.waitFor(10s); })
+            .on("readFile:withReply:",
+                [](Invocation& inv) {
+                    auto token = inv.fileTokenAt(0);
+                    Bytes content(4096);
+                    ssize_t n = token ? pread(token->fd(), content.data(), content.size(), 0) : -1;
+                    content.resize(n > 0 ? size_t(n) : 0);
+                    inv.handler()(Arguments().add(bytesValue(std::move(content))));
+                })
+            .on("endpointWithReply:",
+                [this](Invocation& inv) { inv.handler()(Arguments().add(anonymous->endpoint())); });
+        return t;
+    }
+
+    template <typename T>
+    void record(std::vector<T>& v, T value) {
+        std::lock_guard lock(mutex);
+        v.push_back(value);
+    }
+    template <typename T>
+    std::vector<T> snapshot(const std::vector<T>& v) {
+        std::lock_guard lock(mutex);
+        return v;
+    }
+};
+
+class IpcTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dir_ = sv::test::makeTempDir("sv-ipc-");
+        ASSERT_FALSE(dir_.empty());
+        setRuntimeDirectory(dir_);
+        static int counter = 0;
+        service_ = "org.sorvel.test" + std::to_string(getpid()) + "." + std::to_string(++counter);
+        server_ = std::make_shared<Server>();
+    }
+    void TearDown() override {
+        if (listener_) listener_->invalidate();
+        for (auto& c : server_->connections) c->invalidate();
+        std::filesystem::remove_all(dir_);
+    }
+
+    void listen() {
+        listener_ = Listener::named(service_);
+        ASSERT_TRUE(listener_);
+        listener_->setDelegate(server_);
+        listener_->resume();
+    }
+
+    pid_t peer(std::vector<std::string> args) {
+        args.insert(args.begin(), IPC_TEST_PEER);
+        return spawnProcess(args, {"SORVEL_RUNTIME_DIR=" + dir_});
+    }
+
+    std::string dir_, service_;
+    std::shared_ptr<Server> server_;
+    std::shared_ptr<Listener> listener_;
+};
+
+TEST_F(IpcTest, AcceptedPeerIsIdentifiedByItsProcess) {
+    listen();
+    pid_t child = peer({"client", service_, "hello"});
+    ASSERT_GT(child, 0);
+    EXPECT_EQ(waitForExit(child), 0);
+    EXPECT_EQ(server_->snapshot(server_->connectionPids), std::vector<pid_t>{child});
+    EXPECT_EQ(server_->snapshot(server_->hellos), std::vector<int64_t>{child});
+    struct stat st {};
+    ASSERT_EQ(stat(listener_->path().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
+TEST_F(IpcTest, RefusedConnectionDeliversNothing) {
+    server_->accept = false;
+    listen();
+    pid_t child = peer({"client", service_, "hello"});
+    EXPECT_EQ(waitForExit(child), 3);  // the child's call failed through its error handler
+    EXPECT_FALSE(server_->snapshot(server_->connectionPids).empty());
+    EXPECT_TRUE(server_->snapshot(server_->hellos).empty());
+}
+
+TEST_F(IpcTest, NoConnectionBeforeResume) {
+    listener_ = Listener::named(service_);
+    ASSERT_TRUE(listener_);
+    listener_->setDelegate(server_);
+    pid_t child = peer({"client", service_, "hello"});
+    std::this_thread::sleep_for(200ms);
+    EXPECT_TRUE(server_->snapshot(server_->connectionPids).empty());
+    listener_->resume();
+    EXPECT_EQ(waitForExit(child), 0);
+    EXPECT_EQ(server_->snapshot(server_->hellos), std::vector<int64_t>{child});
+}
+
+TEST_F(IpcTest, MessagesArriveInOrderAndDroppedRepliesNeverArrive) {
+    listen();
+    std::this_thread::sleep_for(50ms);  // the I/O thread (epoll, eventfd, timerfd) is up
+    size_t descriptors = sv::test::openDescriptorCount();
+    pid_t counter = peer({"client", service_, "count", "500"});
+    pid_t dropper = peer({"client", service_, "dropped"});
+    EXPECT_EQ(waitForExit(counter), 0);
+    EXPECT_EQ(waitForExit(dropper), 0);
+    auto counts = server_->snapshot(server_->counts);
+    ASSERT_EQ(counts.size(), 500u);
+    for (int64_t i = 0; i < 500; ++i) ASSERT_EQ(counts[i], i);
+    // Both peers are gone: their connections ended and closed their sockets.
+    EXPECT_TRUE(eventually([&] { return server_->invalidations == 2; }));
+    server_->connections.clear();
+    EXPECT_TRUE(eventually([&] { return sv::test::openDescriptorCount() == descriptors; }));
+}
+
+TEST_F(IpcTest, BlockedHandlerHoldsUpOnlyItsOwnConnection) {
+    log::Capture capture;
+    log::setDebugEnabled(true);
+    listen();
+    pid_t blocked = peer({"client", service_, "block"});
+    ASSERT_TRUE(eventually([&] { return server_->snapshot(server_->connectionPids).size() == 1; }));
+    std::this_thread::sleep_for(50ms);
+    pid_t other = peer({"client", service_, "hello"});
+    EXPECT_EQ(waitForExit(other), 0);
+    EXPECT_TRUE(server_->snapshot(server_->counts).empty());
+    server_->release.signal();
+    EXPECT_EQ(waitForExit(blocked), 0);
+    // Reading paused while the handler blocked and resumed after: nothing lost, nothing reordered.
+    auto counts = server_->snapshot(server_->counts);
+    ASSERT_EQ(counts.size(), 1000u);
+    for (int64_t i = 0; i < 1000; ++i) ASSERT_EQ(counts[i], i);
+    log::setDebugEnabled(false);
+    EXPECT_GE(capture.countContaining("ipc: reading paused"), 1u);
+}
+
+TEST_F(IpcTest, AcceptedConnectionIsInvalidatedWhenThePeerDiesMidCall) {
+    listen();
+    pid_t child = peer({"client", service_, "exportdie"});
+    ASSERT_TRUE(eventually([&] { return server_->snapshot(server_->connections).size() == 1; }));
+    auto c = server_->snapshot(server_->connections)[0];
+    std::this_thread::sleep_for(100ms);  // the child's "ready" echo went through
+    std::atomic<int64_t> code{0};
+    std::atomic<bool> replied{false};
+    c->remoteObjectProxyWithErrorHandler([&](const Error& e) {
+         code = e.code;
+     }).call("die:withReply:", Arguments().add(0), [&](const Received&) { replied = true; });
+    EXPECT_EQ(waitForExit(child), 0);
+    ASSERT_TRUE(eventually([&] { return code != 0; }));
+    EXPECT_EQ(code, kErrorConnectionInvalid);
+    EXPECT_FALSE(replied);
+    ASSERT_TRUE(eventually([&] { return server_->invalidations == 1; }));
+    EXPECT_EQ(server_->interruptions, 0);
+    // A call on the dead connection fails the same way instead of throwing.
+    std::atomic<int64_t> later{0};
+    c->remoteObjectProxyWithErrorHandler([&](const Error& e) { later = e.code; }).call("ping");
+    EXPECT_TRUE(eventually([&] { return later == kErrorConnectionInvalid; }));
+}
+
+TEST_F(IpcTest, ServiceConnectionIsInterruptedAndUsedAgain) {
+    pid_t first = peer({"serve", service_});
+    std::string path = servicePath(service_);
+    ASSERT_TRUE(eventually([&] { return access(path.c_str(), F_OK) == 0; }));
+    auto c = Connection::toService(service_);
+    c->setRemoteObjectInterface(ipctest::testInterface());
+    std::atomic<int> interrupted{0}, invalidated{0};
+    c->setInterruptionHandler([&] { interrupted++; });
+    c->setInvalidationHandler([&] { invalidated++; });
+    c->resume();
+
+    auto echo = [&](const Value& v) {
+        Semaphore done;
+        std::atomic<bool> ok{false};
+        std::atomic<int64_t> code{0};
+        c->remoteObjectProxyWithErrorHandler([&](const Error& e) {
+             code = e.code;
+             done.signal();
+         }).call("echo:withReply:", Arguments().add(v), [&](const Received& r) {
+            ok = r.at(0) == v;
+            done.signal();
+        });
+        EXPECT_TRUE(done.waitFor(5s));
+        return ok ? int64_t(0) : code.load();
+    };
+    EXPECT_EQ(echo("one"), 0);
+    EXPECT_EQ(c->processIdentifier(), first);
+
+    std::atomic<int64_t> code{0};
+    c->remoteObjectProxyWithErrorHandler([&](const Error& e) {
+         code = e.code;
+     }).call("die:withReply:", Arguments().add(0), [](const Received&) { FAIL(); });
+    EXPECT_EQ(waitForExit(first), 0);
+    ASSERT_TRUE(eventually([&] { return code != 0 && interrupted == 1; }));
+    EXPECT_EQ(code, kErrorConnectionInterrupted);
+    EXPECT_EQ(invalidated, 0);
+
+    // While the service is away, calls fail as interruptions.
+    EXPECT_EQ(echo("nobody"), kErrorConnectionInterrupted);
+
+    pid_t second = peer({"serve", service_});
+    ASSERT_TRUE(eventually([&] {
+        struct stat st {};
+        return stat(path.c_str(), &st) == 0 && echo("two") == 0;
+    }));
+    EXPECT_EQ(c->processIdentifier(), second);
+
+    c->invalidate();
+    EXPECT_TRUE(eventually([&] { return invalidated == 1; }));
+    EXPECT_EQ(echo("three"), kErrorConnectionInvalid);
+    kill(second, SIGTERM);
+    waitForExit(second);
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(interrupted, 1);
+    EXPECT_EQ(invalidated, 1);
+}
+
+TEST_F(IpcTest, EndpointLetsAChildConnectBack) {
+    server_->anonymous = Listener::anonymous();
+    ASSERT_TRUE(server_->anonymous);
+    EXPECT_TRUE(server_->anonymous->path().empty());
+    server_->anonymous->setDelegate(server_);
+    server_->anonymous->resume();
+    listen();
+    pid_t child = peer({"client", service_, "endpoint"});
+    EXPECT_EQ(waitForExit(child), 0);
+    EXPECT_EQ(server_->snapshot(server_->pingPids), std::vector<pid_t>{child});
+    auto pids = server_->snapshot(server_->connectionPids);
+    EXPECT_EQ(std::count(pids.begin(), pids.end(), child), 2);
+
+    // After invalidation the endpoint no longer connects.
+    auto ep = server_->anonymous->endpoint();
+    server_->anonymous->invalidate();
+    auto c = Connection::toEndpoint(ep);
+    c->setRemoteObjectInterface(ipctest::testInterface());
+    std::atomic<int64_t> code{0};
+    c->resume();
+    c->remoteObjectProxyWithErrorHandler([&](const Error& e) { code = e.code; }).call("ping");
+    EXPECT_TRUE(eventually([&] { return code == kErrorConnectionInvalid; }));
+}
+
+TEST_F(IpcTest, SurfaceCrossesWithoutCopyingItsPixels) {
+    pid_t child = peer({"serve", service_});
+    ASSERT_TRUE(eventually([&] { return access(servicePath(service_).c_str(), F_OK) == 0; }));
+    auto surface = SharedSurface::create(1600, 900);
+    ASSERT_TRUE(surface);
+    uint64_t sum = 0;
+    for (int32_t y = 0; y < 900; ++y) {
+        uint8_t* row = surface->mutableData() + size_t(y) * surface->bytesPerRow();
+        for (int32_t x = 0; x < 1600 * 4; ++x) {
+            row[x] = uint8_t(x * 7 + y);
+            sum += row[x];
+        }
+    }
+    auto c = Connection::toService(service_);
+    c->setRemoteObjectInterface(ipctest::testInterface());
+    c->resume();
+    Semaphore done;
+    Value info;
+    c->remoteObjectProxyWithErrorHandler([&](const Error& e) {
+         ADD_FAILURE() << e.description();
+         done.signal();
+     }).call("takeSurface:withReply:", Arguments().add(surface), [&](const Received& r) {
+        info = r.at(0);
+        done.signal();
+    });
+    ASSERT_TRUE(done.waitFor(5s));
+    struct stat st {};
+    ASSERT_EQ(fstat(surface->fd(), &st), 0);
+    EXPECT_EQ(info.value("ino", uint64_t(0)), uint64_t(st.st_ino));  // the same memfd
+    EXPECT_EQ(info.value("dev", uint64_t(0)), uint64_t(st.st_dev));
+    EXPECT_EQ(info.value("sum", uint64_t(0)), sum);
+    EXPECT_EQ(info.value("width", 0), 1600);
+    c->invalidate();
+    kill(child, SIGTERM);
+    waitForExit(child);
+}
+
+// A raw peer on the named socket.
+int rawConnect(const std::string& path) {
+    int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        close(fd);
+        return -1;
+    }
+    int size = 1 << 20;
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+    return fd;
+}
+
+bool rawSend(int fd, const Bytes& bytes, const std::vector<int>& fds = {}) {
+    iovec iov{const_cast<uint8_t*>(bytes.data()), bytes.size()};
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    std::vector<char> control(CMSG_SPACE(sizeof(int) * fds.size()));
+    if (!fds.empty()) {
+        msg.msg_control = control.data();
+        msg.msg_controllen = control.size();
+        cmsghdr* c = CMSG_FIRSTHDR(&msg);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
+        std::memcpy(CMSG_DATA(c), fds.data(), sizeof(int) * fds.size());
+    }
+    return sendmsg(fd, &msg, MSG_NOSIGNAL) == ssize_t(bytes.size());
+}
+
+Bytes call(const std::string& method, Value args, size_t fdCount = 0) {
+    return encodeCbor(
+        Value{{"v", 1}, {"t", 1}, {"m", method}, {"a", std::move(args)}, {"n", fdCount}});
+}
+
+TEST_F(IpcTest, HostileMessagesAreDroppedAndTheirDescriptorsClosed) {
+    listen();
+    log::Capture capture;
+    size_t before = sv::test::openDescriptorCount();
+    int raw = rawConnect(servicePath(service_));
+    ASSERT_GE(raw, 0);
+    ASSERT_TRUE(eventually([&] { return server_->snapshot(server_->connections).size() == 1; }));
+
+    int memfd = memfd_create("unsealed", MFD_CLOEXEC);
+    ASSERT_EQ(ftruncate(memfd, 1 << 20), 0);
+    int writable = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    Bytes good = call("hello:", Value::array({42}));
+
+    EXPECT_TRUE(rawSend(raw, Bytes{0xff, 0x00, 0x13, 0x37}));                // not CBOR
+    EXPECT_TRUE(rawSend(raw, Bytes(good.begin(), good.end() - 3)));          // truncated
+    EXPECT_TRUE(rawSend(raw, call("nosuchMethod:", Value::array({1}))));     // unknown method
+    EXPECT_TRUE(rawSend(raw, call("hello:", Value::array({"forty-two"}))));  // wrong kind
+    EXPECT_TRUE(rawSend(raw, call("hello:", Value::array({42})), {memfd}));  // fd not announced
+    Value surfaceRef = {{"$object", "surface"}, {"index", 0},
+                        {"width", 16},          {"height", 16},
+                        {"bytesPerRow", 64},    {"pixelFormat", uint32_t(PixelFormat::BGRA)}};
+    EXPECT_TRUE(rawSend(raw, call("takeSurface:withReply:", Value::array({surfaceRef, 1}), 1),
+                        {memfd}));  // unsealed memfd posing as a surface
+    std::vector<int> many(kMaxObjectsPerMessage + 4, writable);
+    EXPECT_TRUE(
+        rawSend(raw, call("hello:", Value::array({1}), many.size()), many));  // too many fds
+    EXPECT_TRUE(rawSend(raw, good));                                          // still served
+    ASSERT_TRUE(eventually([&] { return server_->snapshot(server_->hellos).size() == 1; }));
+    EXPECT_EQ(server_->snapshot(server_->hellos)[0], 42);
+    EXPECT_EQ(server_->invalidations, 0);
+
+    Bytes huge(kMaxMessageBytes + 1000, 0xa0);
+    rawSend(raw, huge);  // the eighth rejected message: disconnected
+    ASSERT_TRUE(eventually([&] { return server_->invalidations == 1; }));
+    char b;
+    EXPECT_EQ(recv(raw, &b, 1, 0), 0);  // end of stream
+    EXPECT_GE(capture.countContaining("ipc: dropped a message"), 7u);
+    EXPECT_EQ(capture.countContaining("ipc: disconnecting pid"), 1u);
+    close(raw);
+    close(memfd);
+    close(writable);
+    server_->connections.clear();
+    EXPECT_TRUE(eventually([&] { return sv::test::openDescriptorCount() == before; }))
+        << sv::test::openDescriptorCount() << " vs " << before;
+}
+
+TEST_F(IpcTest, SendsToAPeerThatDoesNotReadFailInsteadOfGrowing) {
+    // A service that accepts and then never reads.
+    std::string path = servicePath(service_);
+    int lfd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    ASSERT_EQ(bind(lfd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    ASSERT_EQ(::listen(lfd, 4), 0);
+
+    auto c = Connection::toService(service_);
+    c->setRemoteObjectInterface(ipctest::testInterface());
+    c->resume();
+    std::atomic<int> full{0}, other{0};
+    auto proxy = c->remoteObjectProxyWithErrorHandler(
+        [&](const Error& e) { (e.code == kErrorSendQueueFull ? full : other)++; });
+    Value blob = bytesValue(Bytes(200 * 1024, 1));
+    for (int i = 0; i < 80; ++i)
+        proxy.call("echo:withReply:", Arguments().add(blob), [](const Received&) {});
+    EXPECT_TRUE(eventually([&] { return full > 0; }));
+    EXPECT_EQ(other, 0);
+    int accepted = accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC);
+    c->invalidate();
+    close(accepted);
+    close(lfd);
+}
+
+TEST_F(IpcTest, APythonPeerSpeaksTheDocumentedFormat) {
+    listen();
+    std::string script = std::string(IPC_TEST_SOURCE_DIR) + "/python_peer.py";
+    pid_t child = spawnProcess({"/usr/bin/python3", script, servicePath(service_)});
+    ASSERT_GT(child, 0);
+    EXPECT_EQ(waitForExit(child, 20s), 0);
+    EXPECT_EQ(server_->snapshot(server_->hellos), std::vector<int64_t>{child});
+}
+
+}  // namespace

@@ -1,0 +1,126 @@
+// The message decoder on its own: what it accepts, what it refuses, and that
+// descriptors of refused messages are closed.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "tests/ipc/test_protocol.h"
+#include "tests/process/process_helpers.h"
+
+using namespace sv;
+using namespace sv::ipc;
+
+namespace {
+
+DecodeResult decode(const EncodedMessage& m, const ReplySpecLookup& replies = nullptr) {
+    std::vector<UniqueFd> fds;
+    for (const auto& f : m.fds) fds.emplace_back(fcntl(f.get(), F_DUPFD_CLOEXEC, 0));
+    return decodeMessage(m.bytes, std::move(fds), ipctest::testInterface().get(), replies);
+}
+
+TEST(WireTest, CallsCarryTheReplyIdentifierWhereTheHandlerIs) {
+    const MethodSpec* echo = ipctest::testInterface()->method("echo:withReply:");
+    std::string error;
+    auto m = encodeCall(*echo, Arguments().add(Value{{"k", 1}}), 77, &error);
+    ASSERT_TRUE(m) << error;
+    auto r = decode(*m);
+    ASSERT_TRUE(r.message) << r.error;
+    EXPECT_EQ(r.message->method, "echo:withReply:");
+    EXPECT_EQ(r.message->replyId, 77u);
+    EXPECT_EQ(r.message->arguments.at(0), (Value{{"k", 1}}));
+    EXPECT_TRUE(r.message->arguments.at(1).is_null());  // the handler slot
+
+    // The sender checks its own arguments too.
+    EXPECT_FALSE(encodeCall(*echo, Arguments(), 1, &error));
+    EXPECT_FALSE(
+        encodeCall(*ipctest::testInterface()->method("hello:"), Arguments().add("x"), 0, &error));
+}
+
+TEST(WireTest, RepliesAreCheckedAgainstTheOutstandingCall) {
+    std::vector<ArgSpec> spec{{ArgKind::Bytes}};
+    std::string error;
+    auto good = encodeReply(5, spec, Arguments().add(bytesValue(Bytes{1, 2})), &error);
+    ASSERT_TRUE(good) << error;
+    auto lookup = [&](uint64_t id) { return id == 5 ? &spec : nullptr; };
+    EXPECT_TRUE(decode(*good, lookup).message);
+    EXPECT_EQ(decode(*good, nullptr).error, "reply to no outstanding call");
+    std::vector<ArgSpec> other{{ArgKind::String}};
+    auto wrong = encodeReply(5, other, Arguments().add("text"), &error);
+    ASSERT_TRUE(wrong);
+    EXPECT_FALSE(decode(*wrong, lookup).message);
+}
+
+TEST(WireTest, ObjectsAreCheckedAndRefusedDescriptorsClosed) {
+    size_t before = sv::test::openDescriptorCount();
+    // A file token must be read-only.
+    int rw = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    auto token = FileToken::adopt(rw);
+    const MethodSpec* read = ipctest::testInterface()->method("readFile:withReply:");
+    std::string error;
+    auto m = encodeCall(*read, Arguments().add(token), 1, &error);
+    ASSERT_TRUE(m) << error;
+    auto ok = decode(*m);
+    ASSERT_TRUE(ok.message) << ok.error;
+    EXPECT_TRUE(ok.message->arguments.fileTokenAt(0));
+    EXPECT_FALSE(ok.message->arguments.surfaceAt(0));  // asked as the wrong kind
+
+    int pipeFds[2];
+    ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
+    close(pipeFds[0]);
+    EncodedMessage bad;
+    bad.bytes = m->bytes;
+    bad.fds.emplace_back(pipeFds[1]);  // a pipe posing as a read-only file
+    auto refused = decode(bad);
+    EXPECT_FALSE(refused.message);
+    EXPECT_EQ(refused.error, "file token is not a read-only file");
+
+    // The same descriptor referenced as two kinds.
+    Value a = Value::array(
+        {Value{{"$object", "file"}, {"index", 0}}, Value{{"$object", "endpoint"}, {"index", 0}}});
+    EncodedMessage twice;
+    twice.bytes = encodeCbor(
+        Value{{"v", 1}, {"t", 1}, {"m", "echo:withReply:"}, {"a", Value::array({a, 1})}, {"n", 1}});
+    twice.fds.emplace_back(open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
+    EXPECT_FALSE(decode(twice).message);
+
+    ok.message.reset();
+    token = FileToken();
+    m.reset();
+    bad.fds.clear();
+    twice.fds.clear();
+    EXPECT_EQ(sv::test::openDescriptorCount(), before);
+}
+
+TEST(WireTest, EnvelopesThatLieAreRefused) {
+    auto env = [](Value v) {
+        EncodedMessage m;
+        m.bytes = encodeCbor(v);
+        return m;
+    };
+    EXPECT_FALSE(decode(env(Value::array({1, 2}))).message);
+    EXPECT_FALSE(
+        decode(env(Value{{"v", 2}, {"t", 1}, {"m", "ping"}, {"a", Value::array()}})).message);
+    EXPECT_FALSE(decode(env(Value{{"v", 1}, {"t", 9}, {"a", Value::array()}})).message);
+    EXPECT_FALSE(
+        decode(env(Value{{"v", 1}, {"t", 1}, {"m", "ping"}, {"a", Value::array()}, {"n", 3}}))
+            .message);
+    EXPECT_FALSE(
+        decode(env(Value{{"v", 1}, {"t", 1}, {"m", "ping"}, {"a", Value::array({1})}})).message);
+    EXPECT_TRUE(
+        decode(env(Value{{"v", 1}, {"t", 1}, {"m", "ping"}, {"a", Value::array()}})).message);
+    EXPECT_EQ(
+        decodeMessage(env(Value{{"v", 1}, {"t", 1}, {"m", "ping"}, {"a", Value::array()}}).bytes,
+                      {}, nullptr, nullptr)
+            .error,
+        "call of ping but no interface is exported");
+    Value deep = 1;
+    for (int i = 0; i < 100; ++i) deep = Value::array({deep});
+    EXPECT_FALSE(
+        decode(env(Value{
+                   {"v", 1}, {"t", 1}, {"m", "echo:withReply:"}, {"a", Value::array({deep, 1})}}))
+            .message);
+}
+
+}  // namespace

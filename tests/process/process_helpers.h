@@ -1,0 +1,95 @@
+// Starting and reaping helper processes in tests.
+#pragma once
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace sv::test {
+
+// Starts `argv[0]` with `argv`, the current environment plus `extraEnv`
+// ("NAME=value"), stdout/stderr to `outputFile` when given. Returns the pid
+// or -1.
+inline pid_t spawnProcess(const std::vector<std::string>& argv,
+                          const std::vector<std::string>& extraEnv = {},
+                          const std::string& outputFile = {}) {
+    std::vector<std::string> env;
+    for (char** e = environ; *e; ++e) env.emplace_back(*e);
+    for (const auto& e : extraEnv) env.push_back(e);
+    std::vector<char*> a, en;
+    for (const auto& s : argv) a.push_back(const_cast<char*>(s.c_str()));
+    a.push_back(nullptr);
+    for (const auto& s : env) en.push_back(const_cast<char*>(s.c_str()));
+    en.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    if (!outputFile.empty()) {
+        posix_spawn_file_actions_addopen(&fa, 1, outputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                         0600);
+        posix_spawn_file_actions_adddup2(&fa, 1, 2);
+    }
+    pid_t pid = -1;
+    int rc = posix_spawn(&pid, a[0], &fa, nullptr, a.data(), en.data());
+    posix_spawn_file_actions_destroy(&fa);
+    return rc == 0 ? pid : -1;
+}
+
+// Exit status of `pid`, or -1 (after SIGKILL) when it did not end in time;
+// 128 + signal number when a signal ended it.
+inline int waitForExit(pid_t pid, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    auto end = std::chrono::steady_clock::now() + timeout;
+    while (true) {
+        int status = 0;
+        pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) {
+            if (WIFEXITED(status)) return WEXITSTATUS(status);
+            if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+        }
+        if (r < 0) return -1;
+        if (std::chrono::steady_clock::now() > end) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+inline size_t openDescriptorCount() {
+    size_t n = 0;
+    if (DIR* d = opendir("/proc/self/fd")) {
+        while (readdir(d)) ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+// Polls `pred` until it holds or the timeout passes.
+template <typename P>
+bool eventually(P pred, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    auto end = std::chrono::steady_clock::now() + timeout;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+inline std::string makeTempDir(const char* prefix) {
+    std::string t = std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/" +
+                    prefix + "XXXXXX";
+    return mkdtemp(t.data()) ? t : std::string();
+}
+
+}  // namespace sv::test
