@@ -31,26 +31,4 @@ Error _svUserErrorForCode(int64_t code, const Value* userInfo) {
     return Error{kSVRecordingErrorDomain, code, std::move(info)};
 }
 
-std::optional<std::string> Error::localizedDescription() const {
-    return stringAt(userInfo, kLocalizedDescriptionKey);
-}
-
-std::string Error::description() const {
-    std::string s = "Error Domain=" + domain + " Code=" + std::to_string(code);
-    if (auto d = localizedDescription()) s += " \"" + *d + "\"";
-    return s;
-}
-
-Value Error::toValue() const {
-    return Value{{"domain", domain}, {"code", code}, {"userInfo", userInfo}};
-}
-
-std::optional<Error> Error::fromValue(const Value& v) {
-    auto domain = stringAt(v, "domain");
-    auto code = intAt(v, "code");
-    if (!domain || !code) return std::nullopt;
-    const Value* info = dictAt(v, "userInfo");
-    return Error{*domain, *code, info ? *info : Value::object()};
-}
-
 }  // namespace sv

@@ -8,33 +8,11 @@
 #include <optional>
 #include <string>
 
-#include "platform/value.h"
+#include "platform/error.h"
 
 namespace sv {
 
 inline constexpr const char* kSVRecordingErrorDomain = "org.sorvel.SVRecordingErrorDomain";
-// The user-info key of an error's human-readable message.
-inline constexpr const char* kLocalizedDescriptionKey = "SVLocalizedDescription";
-
-struct Error {
-    std::string domain;
-    int64_t code = 0;
-    Value userInfo = Value::object();
-
-    // The message under kLocalizedDescriptionKey, or nullopt.
-    std::optional<std::string> localizedDescription() const;
-    std::string description() const;
-
-    // Wire form {"domain", "code", "userInfo"} and back (nullopt for a value
-    // that is not such a record).
-    Value toValue() const;
-    static std::optional<Error> fromValue(const Value& v);
-
-    friend bool operator==(const Error&, const Error&) = default;
-};
-
-// "error or nothing"
-using OptionalError = std::optional<Error>;
 
 // The recording-error factory: a copy of `userInfo` (or an empty dictionary)
 // with the code's message set as its localized description; the caller's

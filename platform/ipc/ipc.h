@@ -27,7 +27,7 @@
 
 #include "platform/dispatch.h"
 #include "platform/ipc/wire.h"
-#include "support/recording_errors.h"
+#include "platform/error.h"
 
 namespace sv::ipc {
 
@@ -180,8 +180,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
     void resume();
     // Ends the connection. The invalidation handler, if set, runs once more;
     // after that no handler, reply closure, error handler or call of this
-    // connection runs again. Calls made afterwards fail with
-    // kErrorConnectionInvalid through their error handler.
+    // connection starts again. One that is already running on the
+    // connection's queue when another thread calls invalidate() finishes, so
+    // closures hold what they touch weakly (or by shared ownership) rather
+    // than by reference to the caller's stack. Calls made afterwards fail
+    // with kErrorConnectionInvalid through their error handler.
     void invalidate();
     bool isInvalidated() const;
 

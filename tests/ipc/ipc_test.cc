@@ -49,8 +49,13 @@ class Server : public ListenerDelegate, public std::enable_shared_from_this<Serv
         c->setExportedInterface(ipctest::testInterface());
         c->setRemoteObjectInterface(ipctest::testInterface());
         c->setExportedObject(object(c));
-        c->setInvalidationHandler([this] { invalidations++; });
-        c->setInterruptionHandler([this] { interruptions++; });
+        // Handlers hold the server weakly: they may run after the test ends.
+        c->setInvalidationHandler([w = weak_from_this()] {
+            if (auto s = w.lock()) s->invalidations++;
+        });
+        c->setInterruptionHandler([w = weak_from_this()] {
+            if (auto s = w.lock()) s->interruptions++;
+        });
         if (configure) configure(c);
         connections.push_back(c);
         c->resume();
@@ -60,13 +65,26 @@ class Server : public ListenerDelegate, public std::enable_shared_from_this<Serv
     std::shared_ptr<MethodTable> object(const std::shared_ptr<Connection>& c) {
         auto t = std::make_shared<MethodTable>();
         pid_t pid = c->processIdentifier();
-        t->on("hello:", [this](Invocation& inv) { record(hellos, inv.at(0).get<int64_t>()); })
-            .on("count:", [this](Invocation& inv) { record(counts, inv.at(0).get<int64_t>()); })
-            .on("ping", [this, pid](Invocation&) { record(pingPids, pid); })
+        std::weak_ptr<Server> w = weak_from_this();
+        t->on("hello:",
+              [w](Invocation& inv) {
+                  if (auto s = w.lock()) s->record(s->hellos, inv.at(0).get<int64_t>());
+              })
+            .on("count:",
+                [w](Invocation& inv) {
+                    if (auto s = w.lock()) s->record(s->counts, inv.at(0).get<int64_t>());
+                })
+            .on("ping",
+                [w, pid](Invocation&) {
+                    if (auto s = w.lock()) s->record(s->pingPids, pid);
+                })
             .on("echo:withReply:",
                 [](Invocation& inv) { inv.handler()(Arguments().add(inv.at(0))); })
             .on("dropReply:withReply:", [](Invocation&) {})
-            .on("block:", [this](Invocation&) { release.waitFor(10s); })
+            .on("block:",
+                [w](Invocation&) {
+                    if (auto s = w.lock()) s->release.waitFor(10s);
+                })
             .on("readFile:withReply:",
                 [](Invocation& inv) {
                     auto token = inv.fileTokenAt(0);
@@ -75,8 +93,9 @@ class Server : public ListenerDelegate, public std::enable_shared_from_this<Serv
                     content.resize(n > 0 ? size_t(n) : 0);
                     inv.handler()(Arguments().add(bytesValue(std::move(content))));
                 })
-            .on("endpointWithReply:",
-                [this](Invocation& inv) { inv.handler()(Arguments().add(anonymous->endpoint())); });
+            .on("endpointWithReply:", [w](Invocation& inv) {
+                if (auto s = w.lock()) inv.handler()(Arguments().add(s->anonymous->endpoint()));
+            });
         return t;
     }
 
@@ -172,7 +191,7 @@ TEST_F(IpcTest, MessagesArriveInOrderAndDroppedRepliesNeverArrive) {
     // Both peers are gone: their connections ended and closed their sockets.
     EXPECT_TRUE(eventually([&] { return server_->invalidations == 2; }));
     server_->connections.clear();
-    EXPECT_TRUE(eventually([&] { return sv::test::openDescriptorCount() == descriptors; }));
+    EXPECT_TRUE(eventually([&] { return sv::test::openDescriptorCount() <= descriptors; }));
 }
 
 TEST_F(IpcTest, BlockedHandlerHoldsUpOnlyItsOwnConnection) {
@@ -416,7 +435,7 @@ TEST_F(IpcTest, HostileMessagesAreDroppedAndTheirDescriptorsClosed) {
     close(memfd);
     close(writable);
     server_->connections.clear();
-    EXPECT_TRUE(eventually([&] { return sv::test::openDescriptorCount() == before; }))
+    EXPECT_TRUE(eventually([&] { return sv::test::openDescriptorCount() <= before; }))
         << sv::test::openDescriptorCount() << " vs " << before;
 }
 
@@ -433,14 +452,17 @@ TEST_F(IpcTest, SendsToAPeerThatDoesNotReadFailInsteadOfGrowing) {
     auto c = Connection::toService(service_);
     c->setRemoteObjectInterface(ipctest::testInterface());
     c->resume();
-    std::atomic<int> full{0}, other{0};
+    // Shared, not on the stack: error handlers still queued when the test
+    // returns may run after it.
+    auto full = std::make_shared<std::atomic<int>>(0);
+    auto other = std::make_shared<std::atomic<int>>(0);
     auto proxy = c->remoteObjectProxyWithErrorHandler(
-        [&](const Error& e) { (e.code == kErrorSendQueueFull ? full : other)++; });
+        [full, other](const Error& e) { ++*(e.code == kErrorSendQueueFull ? full : other); });
     Value blob = bytesValue(Bytes(200 * 1024, 1));
     for (int i = 0; i < 80; ++i)
         proxy.call("echo:withReply:", Arguments().add(blob), [](const Received&) {});
-    EXPECT_TRUE(eventually([&] { return full > 0; }));
-    EXPECT_EQ(other, 0);
+    EXPECT_TRUE(eventually([&] { return *full > 0; }));
+    EXPECT_EQ(*other, 0);
     int accepted = accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC);
     c->invalidate();
     close(accepted);

@@ -90,7 +90,8 @@ TEST(WireTest, ObjectsAreCheckedAndRefusedDescriptorsClosed) {
     m.reset();
     bad.fds.clear();
     twice.fds.clear();
-    EXPECT_EQ(sv::test::openDescriptorCount(), before);
+    // Earlier tests may still be closing sockets on the I/O thread: fewer is fine.
+    EXPECT_LE(sv::test::openDescriptorCount(), before);
 }
 
 TEST(WireTest, EnvelopesThatLieAreRefused) {
