@@ -54,10 +54,10 @@ std::shared_ptr<spdlog::logger> makeLogger(const std::string& identifier) {
     return logger;
 }
 
-void appendFormatted(std::string& out, const std::string& spec, const FormatArg& a, char conv,
+void appendFormatted(std::string& out, const std::string& directive, const FormatArg& a, char conv,
                      int lengthMod) {
     char buf[128];
-    std::string f = spec;
+    std::string f = directive;
     switch (conv) {
         case 'd':
         case 'i': {
@@ -127,13 +127,14 @@ std::string format(std::string_view fmt, std::span<const FormatArg> args) {
         }
         // %[flags][width][.precision][length]conversion
         size_t j = i + 1;
-        std::string spec = "%";
-        while (j < fmt.size() && std::strchr("-+ #0", fmt[j])) spec += fmt[j++];
-        while (j < fmt.size() && std::isdigit(static_cast<unsigned char>(fmt[j]))) spec += fmt[j++];
+        std::string directive = "%";
+        while (j < fmt.size() && std::strchr("-+ #0", fmt[j])) directive += fmt[j++];
+        while (j < fmt.size() && std::isdigit(static_cast<unsigned char>(fmt[j])))
+            directive += fmt[j++];
         if (j < fmt.size() && fmt[j] == '.') {
-            spec += fmt[j++];
+            directive += fmt[j++];
             while (j < fmt.size() && std::isdigit(static_cast<unsigned char>(fmt[j])))
-                spec += fmt[j++];
+                directive += fmt[j++];
         }
         int lengthMod = 0;
         while (j < fmt.size() &&
@@ -148,7 +149,7 @@ std::string format(std::string_view fmt, std::span<const FormatArg> args) {
         }
         const FormatArg& a = next < args.size() ? args[next] : kNull;
         ++next;
-        appendFormatted(out, spec, a, fmt[j] == 'c' ? 's' : fmt[j], lengthMod);
+        appendFormatted(out, directive, a, fmt[j] == 'c' ? 's' : fmt[j], lengthMod);
         i = j;
     }
     return out;

@@ -134,19 +134,19 @@ class PulseConnection {
 
 namespace {
 
-bool sampleSpecFor(const AudioStreamFormat& f, pa_sample_spec* spec) {
+bool sampleSpecFor(const AudioStreamFormat& f, pa_sample_spec* sampleSpec) {
     if (!f.isLinearPCM() || f.channelsPerFrame == 0 || f.channelsPerFrame > PA_CHANNELS_MAX)
         return false;
     bool be = f.formatFlags & AudioStreamFormat::kFlagIsBigEndian;
     if (f.bitsPerChannel == 16 && (f.formatFlags & AudioStreamFormat::kFlagIsSignedInteger))
-        spec->format = be ? PA_SAMPLE_S16BE : PA_SAMPLE_S16LE;
+        sampleSpec->format = be ? PA_SAMPLE_S16BE : PA_SAMPLE_S16LE;
     else if (f.bitsPerChannel == 32 && (f.formatFlags & AudioStreamFormat::kFlagIsFloat))
-        spec->format = be ? PA_SAMPLE_FLOAT32BE : PA_SAMPLE_FLOAT32LE;
+        sampleSpec->format = be ? PA_SAMPLE_FLOAT32BE : PA_SAMPLE_FLOAT32LE;
     else
         return false;
-    spec->rate = uint32_t(std::lround(f.sampleRate));
-    spec->channels = uint8_t(f.channelsPerFrame);
-    return pa_sample_spec_valid(spec) && f.bytesPerFrame == pa_frame_size(spec);
+    sampleSpec->rate = uint32_t(std::lround(f.sampleRate));
+    sampleSpec->channels = uint8_t(f.channelsPerFrame);
+    return pa_sample_spec_valid(sampleSpec) && f.bytesPerFrame == pa_frame_size(sampleSpec);
 }
 
 // A record stream (of a source, or a monitor of one sink input) that hands
@@ -162,10 +162,10 @@ class RecordStream {
     // rather than an age, that is when the server mixed the audio.
     enum class Timing { Device, Arrival };
 
-    RecordStream(PulseConnection* conn, const pa_sample_spec& spec, Timing timing,
+    RecordStream(PulseConnection* conn, const pa_sample_spec& sampleSpec, Timing timing,
                  DataHandler onData, std::function<void()> onEnded)
         : conn_(conn),
-          spec_(spec),
+          spec_(sampleSpec),
           timing_(timing),
           onData_(std::move(onData)),
           onEnded_(std::move(onEnded)) {}
@@ -307,10 +307,10 @@ class PulseDeviceSource : public AudioSource {
                       AudioSourceFailure onFailure)
         : conn_(std::move(conn)), sink_(std::move(sink)), onFailure_(std::move(onFailure)) {}
 
-    bool open(const std::string& device, const pa_sample_spec& spec) {
+    bool open(const std::string& device, const pa_sample_spec& sampleSpec) {
         PulseConnection::Lock lock(conn_->mainloop());
         stream_ = std::make_unique<RecordStream>(
-            conn_.get(), spec, RecordStream::Timing::Device,
+            conn_.get(), sampleSpec, RecordStream::Timing::Device,
             [this](const uint8_t* bytes, size_t length, uint64_t hostTime) {
                 sink_(std::span<const uint8_t>(bytes, length), hostTime);
             },
@@ -601,14 +601,14 @@ std::unique_ptr<AudioSource> PulseAudioBackend::openDevice(const CaptureDevice& 
                                                            AudioSourceFailure onFailure,
                                                            int32_t* status) {
     int32_t st = kAudioNoError;
-    pa_sample_spec spec{};
+    pa_sample_spec sampleSpec{};
     auto conn = connection(&st);
     std::unique_ptr<AudioSource> result;
-    if (conn && (!sink || !sampleSpecFor(format, &spec))) st = kAudioUnsupportedFormatError;
+    if (conn && (!sink || !sampleSpecFor(format, &sampleSpec))) st = kAudioUnsupportedFormatError;
     if (conn && st == kAudioNoError) {
         auto source =
             std::make_unique<PulseDeviceSource>(conn, std::move(sink), std::move(onFailure));
-        if (source->open(device.uniqueID, spec))
+        if (source->open(device.uniqueID, sampleSpec))
             result = std::move(source);
         else
             st = kAudioNoDeviceError;
@@ -623,10 +623,10 @@ std::unique_ptr<AudioSource> PulseAudioBackend::openProcessTap(int32_t pid,
                                                                AudioSourceFailure onFailure,
                                                                int32_t* status) {
     int32_t st = kAudioNoError;
-    pa_sample_spec spec{};
+    pa_sample_spec sampleSpec{};
     auto conn = connection(&st);
     std::unique_ptr<AudioSource> result;
-    if (conn && (!sink || !sampleSpecFor(format, &spec) || format.bitsPerChannel != 16))
+    if (conn && (!sink || !sampleSpecFor(format, &sampleSpec) || format.bitsPerChannel != 16))
         st = kAudioUnsupportedFormatError;
     else if (conn && pid <= 0)
         st = kAudioNoProcessError;

@@ -260,7 +260,7 @@ size_t openConnectionCount() {
 struct ReplyHandler::State {
     std::weak_ptr<Connection> connection;
     uint64_t replyId = 0;
-    std::vector<ArgSpec> spec;
+    std::vector<ArgSpec> signature;
     std::atomic<bool> sent{false};
 };
 
@@ -478,12 +478,12 @@ struct Connection::Impl {
             return;
         }
         ReplyHandler handler;
-        const MethodSpec* spec = exported->method(m.method);
-        if (spec && spec->handlerIndex() >= 0 && m.replyId != 0) {
+        const MethodSpec* signature = exported->method(m.method);
+        if (signature && signature->handlerIndex() >= 0 && m.replyId != 0) {
             auto st = std::make_shared<ReplyHandler::State>();
             st->connection = c;
             st->replyId = m.replyId;
-            st->spec = spec->replyArguments;
+            st->signature = signature->replyArguments;
             handler = ReplyHandler(std::move(st));
         }
         auto inv = std::make_shared<Invocation>(std::move(m.arguments), std::move(m.method),
@@ -689,7 +689,7 @@ void ReplyHandler::operator()(const Arguments& args) const {
     auto c = state_->connection.lock();
     if (!c || c->isInvalidated()) return;
     std::string error;
-    auto m = encodeReply(state_->replyId, state_->spec, args, &error);
+    auto m = encodeReply(state_->replyId, state_->signature, args, &error);
     if (!m) {
         log::error("ipc: reply on %@ not sent: %@", c->name(), error);
         return;
@@ -727,8 +727,8 @@ void RemoteProxy::call(const std::string& method, const Arguments& args, ReplyCl
         }
         remote = s.remoteInterface;
     }
-    const MethodSpec* spec = remote ? remote->method(method) : nullptr;
-    if (!spec || (reply && spec->handlerIndex() < 0)) {
+    const MethodSpec* signature = remote ? remote->method(method) : nullptr;
+    if (!signature || (reply && signature->handlerIndex() < 0)) {
         log::error("ipc: %@ is not a method of the remote interface of %@", method, c->name());
         Connection::Impl::fire(c, error, kErrorMessageRejected, false);
         return;
@@ -740,10 +740,10 @@ void RemoteProxy::call(const std::string& method, const Arguments& args, ReplyCl
             return;
         }
         replyId = s.nextReplyId++;
-        s.pending[replyId] = PendingCall{std::move(reply), error, spec->replyArguments};
+        s.pending[replyId] = PendingCall{std::move(reply), error, signature->replyArguments};
     }
     std::string why;
-    auto m = encodeCall(*spec, args, replyId, &why);
+    auto m = encodeCall(*signature, args, replyId, &why);
     if (!m) {
         log::error("ipc: call not sent on %@: %@", c->name(), why);
         Connection::Impl::dropPending(s, replyId);

@@ -26,8 +26,8 @@
 #include <string>
 
 #include "platform/dispatch.h"
-#include "platform/ipc/wire.h"
 #include "platform/error.h"
+#include "platform/ipc/wire.h"
 
 namespace sv::ipc {
 

@@ -44,9 +44,9 @@ bool isReferenceOf(const Value& v, const char* kind) {
     return k.is_string() && k.get_ref<const std::string&>() == kind;
 }
 
-bool kindMatches(const ArgSpec& spec, const Value& v) {
-    if (v.is_null() && spec.nullable) return true;
-    switch (spec.kind) {
+bool kindMatches(const ArgSpec& signature, const Value& v) {
+    if (v.is_null() && signature.nullable) return true;
+    switch (signature.kind) {
         case ArgKind::Any:
             return true;
         case ArgKind::Bool:
@@ -329,13 +329,13 @@ std::optional<FileToken> Received::fileToken(const Value& reference) const {
     return t ? std::optional<FileToken>(*t) : std::nullopt;
 }
 
-std::string checkArguments(const std::vector<ArgSpec>& spec, const std::vector<Value>& args) {
-    if (args.size() != spec.size())
-        return "expected " + std::to_string(spec.size()) + " arguments, got " +
+std::string checkArguments(const std::vector<ArgSpec>& signature, const std::vector<Value>& args) {
+    if (args.size() != signature.size())
+        return "expected " + std::to_string(signature.size()) + " arguments, got " +
                std::to_string(args.size());
-    for (size_t i = 0; i < spec.size(); ++i) {
-        if (!kindMatches(spec[i], args[i]))
-            return "argument " + std::to_string(i) + " is not a " + argKindName(spec[i].kind);
+    for (size_t i = 0; i < signature.size(); ++i) {
+        if (!kindMatches(signature[i], args[i]))
+            return "argument " + std::to_string(i) + " is not a " + argKindName(signature[i].kind);
     }
     return {};
 }
@@ -363,9 +363,9 @@ std::optional<EncodedMessage> encodeCall(const MethodSpec& method, const Argumen
     return encodeEnvelope(std::move(env), args, error);
 }
 
-std::optional<EncodedMessage> encodeReply(uint64_t replyId, const std::vector<ArgSpec>& spec,
+std::optional<EncodedMessage> encodeReply(uint64_t replyId, const std::vector<ArgSpec>& signature,
                                           const Arguments& args, std::string* error) {
-    if (auto err = checkArguments(spec, args.values()); !err.empty()) {
+    if (auto err = checkArguments(signature, args.values()); !err.empty()) {
         if (error) *error = "reply: " + err;
         return std::nullopt;
     }
@@ -450,9 +450,10 @@ DecodeResult decodeMessage(std::span<const uint8_t> bytes, std::vector<UniqueFd>
             return fail("reply without a reply identifier");
         msg.type = MessageType::Reply;
         msg.replyId = id->get<uint64_t>();
-        const std::vector<ArgSpec>* spec = replySpec ? replySpec(msg.replyId) : nullptr;
-        if (!spec) return fail("reply to no outstanding call");
-        if (auto err = checkArguments(*spec, values); !err.empty()) return fail("reply: " + err);
+        const std::vector<ArgSpec>* signature = replySpec ? replySpec(msg.replyId) : nullptr;
+        if (!signature) return fail("reply to no outstanding call");
+        if (auto err = checkArguments(*signature, values); !err.empty())
+            return fail("reply: " + err);
     } else {
         return fail("unknown message type");
     }

@@ -207,7 +207,7 @@ struct EncodedMessage {
 // when they do not match or a limit is broken.
 std::optional<EncodedMessage> encodeCall(const MethodSpec& method, const Arguments& args,
                                          uint64_t replyId, std::string* error);
-std::optional<EncodedMessage> encodeReply(uint64_t replyId, const std::vector<ArgSpec>& spec,
+std::optional<EncodedMessage> encodeReply(uint64_t replyId, const std::vector<ArgSpec>& signature,
                                           const Arguments& args, std::string* error);
 // The message that hands a connected socket to an unnamed listener.
 EncodedMessage encodeConnect(UniqueFd socket);
@@ -237,6 +237,6 @@ DecodeResult decodeMessage(std::span<const uint8_t> bytes, std::vector<UniqueFd>
                            const Interface* exported, const ReplySpecLookup& replySpec);
 
 // Checks values against a list of kinds (objects must be in `objectCount`).
-std::string checkArguments(const std::vector<ArgSpec>& spec, const std::vector<Value>& args);
+std::string checkArguments(const std::vector<ArgSpec>& signature, const std::vector<Value>& args);
 
 }  // namespace sv::ipc

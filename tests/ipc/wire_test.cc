@@ -39,11 +39,11 @@ TEST(WireTest, CallsCarryTheReplyIdentifierWhereTheHandlerIs) {
 }
 
 TEST(WireTest, RepliesAreCheckedAgainstTheOutstandingCall) {
-    std::vector<ArgSpec> spec{{ArgKind::Bytes}};
+    std::vector<ArgSpec> signature{{ArgKind::Bytes}};
     std::string error;
-    auto good = encodeReply(5, spec, Arguments().add(bytesValue(Bytes{1, 2})), &error);
+    auto good = encodeReply(5, signature, Arguments().add(bytesValue(Bytes{1, 2})), &error);
     ASSERT_TRUE(good) << error;
-    auto lookup = [&](uint64_t id) { return id == 5 ? &spec : nullptr; };
+    auto lookup = [&](uint64_t id) { return id == 5 ? &signature : nullptr; };
     EXPECT_TRUE(decode(*good, lookup).message);
     EXPECT_EQ(decode(*good, nullptr).error, "reply to no outstanding call");
     std::vector<ArgSpec> other{{ArgKind::String}};

@@ -24,10 +24,10 @@ int main(int argc, char** argv) {
     for (int i = 4; i < argc; ++i) freqs.push_back(std::atof(argv[i]));
     if (delayMs > 0) usleep(useconds_t(delayMs) * 1000);
 
-    const pa_sample_spec spec{PA_SAMPLE_S16LE, 44100, 1};
+    const pa_sample_spec sampleSpec{PA_SAMPLE_S16LE, 44100, 1};
     pa_buffer_attr attr{};
     attr.maxlength = uint32_t(-1);
-    attr.tlength = uint32_t(pa_usec_to_bytes(100000, &spec));
+    attr.tlength = uint32_t(pa_usec_to_bytes(100000, &sampleSpec));
     attr.prebuf = uint32_t(-1);
     attr.minreq = uint32_t(-1);
     attr.fragsize = uint32_t(-1);
@@ -37,7 +37,7 @@ int main(int argc, char** argv) {
         char name[64];
         std::snprintf(name, sizeof name, "tone %.0f Hz", f);
         pa_simple* s = pa_simple_new(server, "sv_tone_player", PA_STREAM_PLAYBACK, nullptr, name,
-                                     &spec, nullptr, &attr, &err);
+                                     &sampleSpec, nullptr, &attr, &err);
         if (!s) {
             std::fprintf(stderr, "sv_tone_player: %s\n", pa_strerror(err));
             return 1;
