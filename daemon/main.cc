@@ -5,11 +5,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "client/shell_protocol.h"
 #include "daemon/recording_manager.h"
 #include "daemon/shell_service.h"
+#include "platform/audio/audio_backend.h"
 #include "platform/dispatch.h"
 #include "platform/ipc/ipc.h"
 #include "platform/log.h"
@@ -31,6 +33,9 @@ void usage(FILE* out) {
         "  --home DIR            home directory holding the movie store Library/Sorvel/\n"
         "                        (default: $HOME)\n"
         "  --log-level LEVEL     default, debug or quiet (default: $SORVEL_LOG_LEVEL or default)\n"
+        "  --audio-backend KIND  auto, pulse or synthetic: where microphone and application\n"
+        "                        audio come from (default: $SORVEL_AUDIO_BACKEND, else\n"
+        "                        PulseAudio when a server answers, else synthetic)\n"
         "  --idle-exit SECONDS   when started by socket activation, end after this long with\n"
         "                        no recording and no connection (default: 60)\n"
         "  -h, --help            show this help\n\n"
@@ -40,6 +45,7 @@ void usage(FILE* out) {
 
 struct Options {
     std::string runtimeDirectory, home, logLevel;
+    std::optional<sv::AudioBackendKind> audioBackend;
     long idleExitSeconds = 60;
 };
 
@@ -60,6 +66,12 @@ int parse(int argc, char** argv, Options& o) {
             o.logLevel = v;
             if (o.logLevel != "default" && o.logLevel != "debug" && o.logLevel != "quiet") {
                 std::fprintf(stderr, "sorveld: unknown log level '%s'\n", v);
+                return 2;
+            }
+        } else if (a == "--audio-backend" && (v = value())) {
+            o.audioBackend = sv::parseAudioBackendKind(v);
+            if (!o.audioBackend) {
+                std::fprintf(stderr, "sorveld: unknown audio backend '%s'\n", v);
                 return 2;
             }
         } else if (a == "--idle-exit" && (v = value())) {
@@ -91,6 +103,9 @@ int main(int argc, char** argv) {
     }
     if (!options.runtimeDirectory.empty()) sv::ipc::setRuntimeDirectory(options.runtimeDirectory);
     if (!options.home.empty()) sv::MovieStore::shared().setHomeDirectory(options.home);
+    // Without the option the backend is chosen when capture is first used.
+    if (options.audioBackend && *options.audioBackend != sv::AudioBackendKind::Automatic)
+        sv::setProcessAudioBackend(sv::makeAudioBackend(*options.audioBackend));
 
     sv::log::info("sorveld Starting!");
     sv::stopMainRunLoopOnTerminationSignals();
