@@ -37,21 +37,13 @@ class MovieWriterTest : public ::testing::Test {
 };
 
 TEST_F(MovieWriterTest, WritesThreeTracksWithMetadataTransformAndSync) {
-    auto writer = SVMovieWriter::initWithWindowSize({751, 1333}, path("a.mp4"), storeInfo());
-    startWriter(writer);
-    ASSERT_TRUE(writer->fileWriter());
-    EXPECT_EQ(writer->fileWriterStatus(), 0);
-    SurfacePool big(751, 1333);
     FeedOptions o;
     o.seconds = 0.5;
     o.audioLead = 0.3;  // audio before the first frame is cut
     o.firstTransform = AffineTransform::rotation(float(M_PI / 2));
-    feed(writer, big, o);
-    auto url = finishWriter(writer);
+    auto url = record(path("a.mp4"), {751, 1333}, storeInfo(), o);
     ASSERT_TRUE(url);
     EXPECT_EQ(url->path, path("a.mp4"));
-    EXPECT_EQ(writer->fileWriterStatus(), 2);
-
     MovieInfo info = probeMovie(url->path);
     ASSERT_TRUE(info.ok);
     ASSERT_EQ(info.streams.size(), 3u);

@@ -81,10 +81,7 @@ class ScopedEnv {
 
   private:
     static void set(const char* name, const std::optional<std::string>& v) {
-        if (v)
-            setenv(name, v->c_str(), 1);
-        else
-            unsetenv(name);
+        v ? setenv(name, v->c_str(), 1) : unsetenv(name);
     }
     std::vector<std::pair<const char*, std::optional<std::string>>> saved_;
 };
