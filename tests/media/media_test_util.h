@@ -1,9 +1,12 @@
 // Test helpers: frames with their index drawn into the pixels, audio tones,
-// and a libavformat/libavcodec reader for what a test wrote.
+// writers with one video input, and a libavformat/libavcodec reader for what
+// a test wrote.
 #pragma once
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -17,72 +20,90 @@ extern "C" {
 }
 
 #include "platform/audio_format.h"
+#include "platform/media/media_settings.h"
+#include "platform/media/movie_file_writer.h"
 #include "platform/media_time.h"
 #include "platform/sample_buffer.h"
 #include "platform/shared_surface.h"
+#include "tests/support/test_util.h"
 
 namespace sv::testing {
 
+using test::awaitOnce;
+using test::TempDir;
+
+inline MediaTime hostTime(double seconds) {
+    return MediaTime::make(int64_t(std::llround(seconds * 1e9)), 1000000000);
+}
+
 // 16 cells (2 rows of 8 columns), black or white by the bits of `index`.
-inline void drawIndex(SharedSurface& s, int index) {
-    const int w = s.width(), h = s.height();
+inline std::shared_ptr<SampleBuffer> makeFrame(SurfacePool& pool, int index, MediaTime pts) {
+    auto s = pool.acquire();
+    const int w = s->width(), h = s->height();
     for (int y = 0; y < h; ++y) {
-        uint8_t* row = s.mutableRow(y);
-        int r = y * 2 / h;
+        uint8_t* row = s->mutableRow(y);
         for (int x = 0; x < w; ++x) {
-            int bit = r * 8 + x * 8 / w;
-            uint8_t v = (index >> bit) & 1 ? 235 : 16;
-            row[4 * x + 0] = v;
-            row[4 * x + 1] = v;
-            row[4 * x + 2] = v;
+            uint8_t v = (index >> ((y * 2 / h) * 8 + x * 8 / w)) & 1 ? 235 : 16;
+            std::memset(row + 4 * x, v, 3);
             row[4 * x + 3] = 255;
         }
     }
-}
-
-// Reads back the index from a decoded 8-bit luma plane.
-inline int readIndex(const uint8_t* luma, int stride, int w, int h) {
-    int index = 0;
-    for (int bit = 0; bit < 16; ++bit) {
-        int r = bit / 8, c = bit % 8;
-        int x = c * w / 8 + w / 16, y = r * h / 2 + h / 4;
-        if (luma[y * stride + x] > 128) index |= 1 << bit;
-    }
-    return index;
-}
-
-inline std::shared_ptr<SampleBuffer> makeFrame(SurfacePool& pool, int index, MediaTime pts) {
-    auto surface = pool.acquire();
-    drawIndex(*surface, index);
-    return SampleBuffer::makeVideo(surface, pts);
+    return SampleBuffer::makeVideo(s, pts);
 }
 
 // A 440 Hz tone of `frames` frames starting at `startFrame` (phase continuous).
 inline std::shared_ptr<SampleBuffer> makeTone(const AudioStreamFormat& f, int64_t startFrame,
                                               int frames, MediaTime pts) {
-    const int ch = int(f.channelsPerFrame);
     auto block = std::make_shared<DataBlock>(size_t(frames) * f.bytesPerFrame);
     for (int i = 0; i < frames; ++i) {
         double v = 0.5 * std::sin(2 * M_PI * 440.0 * double(startFrame + i) / f.sampleRate);
-        for (int c = 0; c < ch; ++c) {
-            uint8_t* p =
-                block->data() + size_t(i) * f.bytesPerFrame + size_t(c) * f.bitsPerChannel / 8;
-            if (f.formatFlags & AudioStreamFormat::kFlagIsFloat) {
-                float x = float(v);
+        for (uint32_t c = 0; c < f.channelsPerFrame; ++c) {
+            uint8_t* p = block->data() + size_t(i) * f.bytesPerFrame + c * f.bitsPerChannel / 8;
+            float x = float(v);
+            auto u = uint16_t(int16_t(v * 32767));
+            if (f.formatFlags & AudioStreamFormat::kFlagIsBigEndian) u = uint16_t(u << 8 | u >> 8);
+            if (f.formatFlags & AudioStreamFormat::kFlagIsFloat)
                 std::memcpy(p, &x, 4);
-            } else {
-                int16_t x = int16_t(v * 32767);
-                if (f.formatFlags & AudioStreamFormat::kFlagIsBigEndian) {
-                    p[0] = uint8_t(uint16_t(x) >> 8);
-                    p[1] = uint8_t(x & 0xff);
-                } else {
-                    std::memcpy(p, &x, 2);
-                }
-            }
+            else
+                std::memcpy(p, &u, 2);
         }
     }
     return SampleBuffer::makeAudio(block, f, frames, pts);
 }
+
+inline Value videoSettings(int w, int h, Value props = Value::object()) {
+    using namespace media;
+    return Value{{kVideoCodecKey, kVideoCodecH264},
+                 {kVideoWidthKey, w},
+                 {kVideoHeightKey, h},
+                 {kVideoCompressionPropertiesKey, std::move(props)}};
+}
+
+// A writer at `path` with one H.264 input of `w`x`h`, not yet started.
+struct VideoWriter {
+    VideoWriter(const std::string& path, int w = 64, int h = 64, Value props = Value::object())
+        : writer(
+              media::MovieFileWriter::create(URL::fileURLWithPath(path), media::FileType::MPEG4)),
+          video(media::MovieWriterInput::create(media::MediaType::Video,
+                                                videoSettings(w, h, std::move(props)))) {
+        if (writer && video) writer->addInput(video);
+    }
+    // Starts writing with a session at `start` seconds.
+    void start(double start) {
+        writer->startWriting();
+        writer->startSessionAtSourceTime(hostTime(start));
+    }
+    // Waits (in the test only) until the input takes more, so nothing is dropped.
+    static void append(media::MovieWriterInput& input, std::shared_ptr<SampleBuffer> sample) {
+        for (int i = 0; i < 10000 && !input.isReadyForMoreMediaData(); ++i) usleep(500);
+        ASSERT_TRUE(input.appendSampleBuffer(std::move(sample)));
+    }
+    void finish() {
+        awaitOnce<>([&](std::function<void()> done) { writer->finishWriting(done); });
+    }
+    std::shared_ptr<media::MovieFileWriter> writer;
+    std::shared_ptr<media::MovieWriterInput> video;
+};
 
 struct StreamInfo {
     AVMediaType type = AVMEDIA_TYPE_UNKNOWN;
@@ -102,29 +123,32 @@ struct MovieInfo {
     std::vector<StreamInfo> streams;
 };
 
+// An opened movie (null `ctx` when unreadable), closed with the object.
+struct Demuxer {
+    explicit Demuxer(const std::string& path) {
+        if (avformat_open_input(&ctx, path.c_str(), nullptr, nullptr) < 0 ||
+            avformat_find_stream_info(ctx, nullptr) < 0)
+            avformat_close_input(&ctx);
+    }
+    ~Demuxer() { avformat_close_input(&ctx); }
+    AVFormatContext* ctx = nullptr;
+};
+
 inline MovieInfo probeMovie(const std::string& path) {
     MovieInfo info;
-    AVFormatContext* ctx = nullptr;
-    if (avformat_open_input(&ctx, path.c_str(), nullptr, nullptr) < 0) return info;
-    if (avformat_find_stream_info(ctx, nullptr) < 0) {
-        avformat_close_input(&ctx);
-        return info;
-    }
+    Demuxer in(path);
+    if (!in.ctx) return info;
     info.ok = true;
-    info.duration = ctx->duration / double(AV_TIME_BASE);
+    info.duration = in.ctx->duration / double(AV_TIME_BASE);
     const AVDictionaryEntry* t = nullptr;
-    while ((t = av_dict_get(ctx->metadata, "", t, AV_DICT_IGNORE_SUFFIX)))
+    while ((t = av_dict_get(in.ctx->metadata, "", t, AV_DICT_IGNORE_SUFFIX)))
         info.tags[t->key] = t->value;
-    for (unsigned i = 0; i < ctx->nb_streams; ++i) {
-        AVStream* st = ctx->streams[i];
-        StreamInfo s;
-        s.type = st->codecpar->codec_type;
-        s.codec = st->codecpar->codec_id;
-        s.profile = st->codecpar->profile;
-        s.width = st->codecpar->width;
-        s.height = st->codecpar->height;
-        s.sampleRate = st->codecpar->sample_rate;
-        s.channels = st->codecpar->ch_layout.nb_channels;
+    for (unsigned i = 0; i < in.ctx->nb_streams; ++i) {
+        AVStream* st = in.ctx->streams[i];
+        const AVCodecParameters* p = st->codecpar;
+        StreamInfo s{
+            p->codec_type,           p->codec_id, p->profile, p->width, p->height, p->sample_rate,
+            p->ch_layout.nb_channels};
         if (st->start_time != AV_NOPTS_VALUE) s.startTime = st->start_time * av_q2d(st->time_base);
         if (st->duration != AV_NOPTS_VALUE) s.duration = st->duration * av_q2d(st->time_base);
         size_t size = 0;
@@ -134,28 +158,19 @@ inline MovieInfo probeMovie(const std::string& path) {
             s.displayMatrix = std::vector<int32_t>(m, m + 9);
         info.streams.push_back(s);
     }
-    avformat_close_input(&ctx);
     return info;
 }
 
-struct DecodedVideo {
-    std::vector<int> indices;   // frame indices drawn into the pixels, in display order
-    std::vector<double> times;  // their presentation times in seconds
-};
-
-// Decodes the first video track; frames that the edit list hides (negative
-// times) are left out.
-inline DecodedVideo decodeVideo(const std::string& path, int maxFrames = 1 << 30) {
-    DecodedVideo out;
-    AVFormatContext* ctx = nullptr;
-    if (avformat_open_input(&ctx, path.c_str(), nullptr, nullptr) < 0) return out;
-    avformat_find_stream_info(ctx, nullptr);
-    int vi = av_find_best_stream(ctx, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    if (vi < 0) {
-        avformat_close_input(&ctx);
-        return out;
-    }
-    AVStream* st = ctx->streams[vi];
+// Decodes track `index` (-1: the first video track), handing each frame and
+// its presentation time in seconds to `onFrame`. Returns the track's end in
+// seconds (huge when unknown).
+inline double decodeTrack(const std::string& path, int index,
+                          const std::function<void(const AVFrame&, double)>& onFrame) {
+    Demuxer in(path);
+    if (!in.ctx) return 0;
+    if (index < 0) index = av_find_best_stream(in.ctx, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (index < 0 || index >= int(in.ctx->nb_streams)) return 0;
+    AVStream* st = in.ctx->streams[index];
     const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
     AVCodecContext* dec = avcodec_alloc_context3(codec);
     avcodec_parameters_to_context(dec, st->codecpar);
@@ -166,17 +181,12 @@ inline DecodedVideo decodeVideo(const std::string& path, int maxFrames = 1 << 30
     auto receive = [&] {
         while (avcodec_receive_frame(dec, frame) >= 0) {
             int64_t ts = frame->best_effort_timestamp;
-            double sec = ts == AV_NOPTS_VALUE ? 0 : ts * av_q2d(st->time_base);
-            if (sec >= -1e-6 && int(out.indices.size()) < maxFrames) {
-                out.indices.push_back(
-                    readIndex(frame->data[0], frame->linesize[0], frame->width, frame->height));
-                out.times.push_back(sec);
-            }
+            onFrame(*frame, ts == AV_NOPTS_VALUE ? 0 : ts * av_q2d(st->time_base));
             av_frame_unref(frame);
         }
     };
-    while (av_read_frame(ctx, pkt) >= 0 && int(out.indices.size()) < maxFrames) {
-        if (pkt->stream_index == vi) {
+    while (av_read_frame(in.ctx, pkt) >= 0) {
+        if (pkt->stream_index == index) {
             avcodec_send_packet(dec, pkt);
             receive();
         }
@@ -184,9 +194,33 @@ inline DecodedVideo decodeVideo(const std::string& path, int maxFrames = 1 << 30
     }
     avcodec_send_packet(dec, nullptr);
     receive();
+    av_frame_free(&frame);
+    av_packet_free(&pkt);
+    avcodec_free_context(&dec);
+    return st->duration > 0 ? st->duration * av_q2d(st->time_base) : 1e18;
+}
+
+struct DecodedVideo {
+    std::vector<int> indices;   // frame indices drawn into the pixels, in display order
+    std::vector<double> times;  // their presentation times in seconds
+};
+
+// Frames that the edit list hides (negative times) are left out.
+inline DecodedVideo decodeVideo(const std::string& path) {
+    DecodedVideo out;
+    const double end = decodeTrack(path, -1, [&](const AVFrame& f, double t) {
+        if (t < -1e-6) return;
+        int index = 0;  // read back from the centre of each cell of the luma plane
+        for (int bit = 0; bit < 16; ++bit) {
+            int x = (bit % 8) * f.width / 8 + f.width / 16,
+                y = (bit / 8) * f.height / 2 + f.height / 4;
+            if (f.data[0][y * f.linesize[0] + x] > 128) index |= 1 << bit;
+        }
+        out.indices.push_back(index);
+        out.times.push_back(t);
+    });
     // Reference frames kept only for decoding are shown for a few
     // microseconds just before the track's end: not a visible frame.
-    const double end = st->duration > 0 ? st->duration * av_q2d(st->time_base) : 1e18;
     for (size_t i = out.times.size(); i-- > 0;) {
         const double next = i + 1 < out.times.size() ? out.times[i + 1] : end;
         if (next - out.times[i] < 1e-3) {
@@ -194,10 +228,16 @@ inline DecodedVideo decodeVideo(const std::string& path, int maxFrames = 1 << 30
             out.indices.erase(out.indices.begin() + long(i));
         }
     }
-    av_frame_free(&frame);
-    av_packet_free(&pkt);
-    avcodec_free_context(&dec);
-    avformat_close_input(&ctx);
+    return out;
+}
+
+// One audio track as mono at its own rate (the first planar float channel).
+inline std::vector<double> decodeAudio(const std::string& path, int track) {
+    std::vector<double> out;
+    decodeTrack(path, track, [&](const AVFrame& f, double) {
+        const auto* p = reinterpret_cast<const float*>(f.data[0]);
+        out.insert(out.end(), p, p + f.nb_samples);
+    });
     return out;
 }
 

@@ -2,53 +2,21 @@
 // from a SurfacePool and both audio streams on one host-clock timeline.
 #pragma once
 
-#include <unistd.h>
-
-#include <filesystem>
 #include <string>
 
 #include "movie/movie_writer.h"
-#include "platform/dispatch.h"
 #include "tests/media/media_test_util.h"
 
 namespace sv::testing {
 
-inline std::string makeTempDir() {
-    char tmpl[] = "/tmp/sv-movie-test-XXXXXX";
-    return mkdtemp(tmpl);
-}
-
-inline MediaTime hostTime(double seconds) {
-    return MediaTime::make(int64_t(std::llround(seconds * 1e9)), 1000000000);
-}
-
-// Waits (in the test only) until the input takes more, so no sample is
-// dropped and the written movie is deterministic.
-inline void waitReady(const std::shared_ptr<SVMovieWriter>& writer,
-                      const std::shared_ptr<media::MovieWriterInput>& input) {
-    for (int i = 0;
-         i < 10000 && input && writer->fileWriterStatus() == 1 && !input->isReadyForMoreMediaData();
-         ++i)
-        usleep(500);
-}
-
 inline void startWriter(const std::shared_ptr<SVMovieWriter>& writer) {
-    Semaphore done;
-    writer->startWritingHandler([&] { done.signal(); });
-    done.wait();
+    awaitOnce<>([&](std::function<void()> done) { writer->startWritingHandler(done); });
 }
 
 inline std::optional<URL> finishWriter(const std::shared_ptr<SVMovieWriter>& writer) {
-    Semaphore done;
-    std::optional<URL> result;
-    int calls = 0;
-    writer->finishWritingWithHandler([&](std::optional<URL> url) {
-        result = url;
-        ++calls;
-        done.signal();
+    return awaitOnce<std::optional<URL>>([&](std::function<void(std::optional<URL>)> done) {
+        writer->finishWritingWithHandler(done);
     });
-    done.wait();
-    return result;
 }
 
 struct FeedOptions {
@@ -62,13 +30,19 @@ struct FeedOptions {
 
 // Video frames at `fps`, application audio as 16-bit big-endian mono 44.1 kHz
 // in 1024-frame buffers, microphone as float stereo 48 kHz in 960-frame
-// buffers, appended in time order.
+// buffers, appended in time order. Waits (in the test only) until each input
+// takes more, so no sample is dropped and the written movie is deterministic.
 inline void feed(const std::shared_ptr<SVMovieWriter>& writer, SurfacePool& pool,
                  const FeedOptions& o) {
+    auto waitReady = [&](const std::shared_ptr<media::MovieWriterInput>& input) {
+        for (int i = 0; i < 10000 && input && writer->fileWriterStatus() == 1 &&
+                        !input->isReadyForMoreMediaData();
+             ++i)
+            usleep(500);
+    };
     const auto tap = AudioStreamFormat::pcm16(44100, 1, true);
     const auto mic = AudioStreamFormat::float32(48000, 2);
     const double audioStart = o.videoStart - o.audioLead;
-    const double end = o.videoStart + o.seconds;
     int frame = 0;
     int64_t tapPos = 0, micPos = 0;
     for (;;) {
@@ -76,23 +50,34 @@ inline void feed(const std::shared_ptr<SVMovieWriter>& writer, SurfacePool& pool
         double ta = audioStart + double(tapPos) / 44100;
         double tm = audioStart + double(micPos) / 48000;
         double next = std::min(tv, o.audio ? std::min(ta, tm) : tv);
-        if (next >= end - 1e-9) break;
+        if (next >= o.videoStart + o.seconds - 1e-9) break;
         if (next == tv) {
-            waitReady(writer, writer->videoInput());
+            waitReady(writer->videoInput());
             writer->appendVideoSampleBuffer(
                 makeFrame(pool, frame, hostTime(tv)),
                 frame == 0 ? o.firstTransform : AffineTransform::rotation(float(M_PI)));
             ++frame;
         } else if (next == ta) {
-            waitReady(writer, writer->audioInput1());
+            waitReady(writer->audioInput1());
             writer->appendAudio1SampleBuffer(makeTone(tap, tapPos, 1024, hostTime(ta)));
             tapPos += 1024;
         } else {
-            waitReady(writer, writer->audioInput2());
+            waitReady(writer->audioInput2());
             writer->appendAudio2SampleBuffer(makeTone(mic, micPos, 960, hostTime(tm)));
             micPos += 960;
         }
     }
+}
+
+// Records `o.seconds` to `path` and returns what was written (nothing when
+// the writer gave no URL).
+inline std::optional<URL> record(const std::string& path, WindowSize size,
+                                 std::shared_ptr<SVStoreInfo> info, const FeedOptions& o) {
+    auto writer = SVMovieWriter::initWithWindowSize(size, path, std::move(info));
+    startWriter(writer);
+    SurfacePool pool(int(std::ceil(size.width)), int(std::ceil(size.height)));
+    feed(writer, pool, o);
+    return finishWriter(writer);
 }
 
 }  // namespace sv::testing

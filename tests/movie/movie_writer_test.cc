@@ -4,9 +4,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "movie/movie_writer.h"
 #include "platform/log.h"
-#include "platform/media/media_settings.h"
 #include "support/movie_store.h"
 #include "tests/movie/movie_test_util.h"
 
@@ -18,15 +16,9 @@ using namespace sv::testing;
 
 class MovieWriterTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        dir = makeTempDir();
-        MovieStore::shared().setHomeDirectory(dir);
-    }
-    void TearDown() override {
-        if (!getenv("SV_KEEP")) fs::remove_all(dir);
-    }
+    void SetUp() override { MovieStore::shared().setHomeDirectory(dir.path()); }
 
-    std::shared_ptr<SVStoreInfo> storeInfo() {
+    static std::shared_ptr<SVStoreInfo> storeInfo() {
         auto info = std::make_shared<SVStoreInfo>();
         info->bundleID = "com.example.game";
         info->appName = "Example Game";
@@ -35,32 +27,23 @@ class MovieWriterTest : public ::testing::Test {
         info->categories = std::vector<std::string>{"A", "B"};
         return info;
     }
-    std::string path(const char* name) { return dir + "/" + name; }
+    std::string path(const char* name) { return dir / name; }
+    std::shared_ptr<SVMovieWriter> small(const char* name) {
+        return SVMovieWriter::initWithWindowSize({64, 64}, path(name), nullptr);
+    }
 
-    std::string dir;
+    TempDir dir;
+    SurfacePool pool{64, 64};
 };
 
-const Value& compressionOf(const std::shared_ptr<SVMovieWriter>& w) {
-    return w->videoInput()->outputSettings()[media::kVideoCompressionPropertiesKey];
-}
-
 TEST_F(MovieWriterTest, WritesThreeTracksWithMetadataTransformAndSync) {
-    auto writer = SVMovieWriter::initWithWindowSize({751, 1333}, path("a.mp4"), storeInfo());
-    startWriter(writer);
-    ASSERT_TRUE(writer->fileWriter());
-    EXPECT_EQ(writer->fileWriterStatus(), 0);
-
-    SurfacePool pool(751, 1333);
     FeedOptions o;
     o.seconds = 0.5;
     o.audioLead = 0.3;  // audio before the first frame is cut
     o.firstTransform = AffineTransform::rotation(float(M_PI / 2));
-    feed(writer, pool, o);
-    auto url = finishWriter(writer);
+    auto url = record(path("a.mp4"), {751, 1333}, storeInfo(), o);
     ASSERT_TRUE(url);
     EXPECT_EQ(url->path, path("a.mp4"));
-    EXPECT_EQ(writer->fileWriterStatus(), 2);
-
     MovieInfo info = probeMovie(url->path);
     ASSERT_TRUE(info.ok);
     ASSERT_EQ(info.streams.size(), 3u);
@@ -68,90 +51,64 @@ TEST_F(MovieWriterTest, WritesThreeTracksWithMetadataTransformAndSync) {
     EXPECT_EQ(info.streams[0].profile, FF_PROFILE_H264_MAIN);
     EXPECT_EQ(info.streams[0].width, 752);
     EXPECT_EQ(info.streams[0].height, 1334);
+    // The first frame's transform (a quarter turn), not the later ones.
+    ASSERT_TRUE(info.streams[0].displayMatrix);
+    const auto& m = *info.streams[0].displayMatrix;
+    EXPECT_EQ(std::vector<int32_t>(m.begin(), m.begin() + 5),
+              (std::vector<int32_t>{0, 65536, 0, -65536, 0}));
+    // All tracks start together: audio from before the first frame was cut.
     for (int i : {1, 2}) {
         EXPECT_EQ(info.streams[i].codec, AV_CODEC_ID_AAC);
         EXPECT_EQ(info.streams[i].profile, FF_PROFILE_AAC_LOW);
         EXPECT_EQ(info.streams[i].sampleRate, 44100);
         EXPECT_EQ(info.streams[i].channels, 2);
-    }
-    // The first frame's transform (a quarter turn), not the later ones.
-    ASSERT_TRUE(info.streams[0].displayMatrix);
-    const auto& m = *info.streams[0].displayMatrix;
-    EXPECT_EQ(m[0], 0);
-    EXPECT_EQ(m[1], 65536);
-    EXPECT_EQ(m[3], -65536);
-    EXPECT_EQ(m[4], 0);
-    // All tracks start together: audio from before the first frame was cut.
-    for (int i : {1, 2}) {
         EXPECT_NEAR(info.streams[i].startTime, info.streams[0].startTime, 1.0 / 30);
         EXPECT_NEAR(info.streams[i].duration, 0.5, 0.05);
     }
     EXPECT_NEAR(info.duration, 0.5, 0.05);
-
-    EXPECT_EQ(info.tags["title"], "Example Game");
-    EXPECT_EQ(info.tags["artist"], "Example Studio");
-    EXPECT_EQ(info.tags["encoder"], "Sorvel");
-    EXPECT_EQ(info.tags["description"], "https://store.example.com/app/1");
-    EXPECT_EQ(info.tags["genre"], "A,B");
-    EXPECT_EQ(info.tags["org.sorvel.content-identifier"], "com.example.game");
-
+    for (const auto& [tag, value] :
+         std::map<std::string, std::string>{{"title", "Example Game"},
+                                            {"artist", "Example Studio"},
+                                            {"encoder", "Sorvel"},
+                                            {"description", "https://store.example.com/app/1"},
+                                            {"genre", "A,B"},
+                                            {"org.sorvel.content-identifier", "com.example.game"}})
+        EXPECT_EQ(info.tags[tag], value) << tag;
     auto decoded = decodeVideo(url->path);
     ASSERT_EQ(decoded.indices.size(), 15u);
     for (size_t i = 0; i < decoded.indices.size(); ++i) EXPECT_EQ(decoded.indices[i], int(i));
 }
 
-TEST_F(MovieWriterTest, MovieWithoutStoreInfoHasNoMetadata) {
-    auto writer = SVMovieWriter::initWithWindowSize({64, 64}, path("b.mp4"), nullptr);
-    EXPECT_FALSE(writer->assetMetadata());
-    startWriter(writer);
-    SurfacePool pool(64, 64);
-    FeedOptions o;
-    o.seconds = 0.2;
-    feed(writer, pool, o);
-    auto url = finishWriter(writer);
-    ASSERT_TRUE(url);
-    MovieInfo info = probeMovie(url->path);
-    ASSERT_TRUE(info.ok);
-    EXPECT_EQ(info.streams.size(), 3u);
-    EXPECT_FALSE(info.tags.count("title"));
-    EXPECT_FALSE(info.tags.count("genre"));
-    EXPECT_FALSE(info.tags.count("org.sorvel.content-identifier"));
-}
-
-TEST_F(MovieWriterTest, TracksWithoutAudioStillExistInOrder) {
-    auto writer = SVMovieWriter::initWithWindowSize({64, 64}, path("c.mp4"), nullptr);
-    startWriter(writer);
-    SurfacePool pool(64, 64);
+TEST_F(MovieWriterTest, WithoutStoreInfoOrAudioTheTracksStillExistInOrder) {
+    EXPECT_FALSE(small("b.mp4")->assetMetadata());
     FeedOptions o;
     o.seconds = 0.2;
     o.audio = false;
-    feed(writer, pool, o);
-    auto url = finishWriter(writer);
+    auto url = record(path("b.mp4"), {64, 64}, nullptr, o);
+    ASSERT_TRUE(url);
     MovieInfo info = probeMovie(url->path);
     ASSERT_EQ(info.streams.size(), 3u);
     EXPECT_EQ(info.streams[0].type, AVMEDIA_TYPE_VIDEO);
     EXPECT_EQ(info.streams[1].type, AVMEDIA_TYPE_AUDIO);
     EXPECT_EQ(info.streams[2].type, AVMEDIA_TYPE_AUDIO);
+    for (const char* tag : {"title", "genre", "org.sorvel.content-identifier"})
+        EXPECT_FALSE(info.tags.count(tag)) << tag;
 }
 
-TEST_F(MovieWriterTest, MetadataItems) {
+TEST_F(MovieWriterTest, MetadataItemsInOrderEvenWithoutAValue) {
     auto info = storeInfo();
     auto writer = SVMovieWriter::initWithWindowSize({64, 64}, path("m.mp4"), info);
     auto items = writer->assetMetadata();
     ASSERT_TRUE(items);
-    ASSERT_EQ(items->size(), 6u);
-    const char* keys[] = {media::kMetadataKeyTitle,
-                          media::kMetadataKeyArtist,
-                          media::kMetadataKeyContentIdentifier,
-                          media::kMetadataKeyEncodedBy,
-                          media::kMetadataKeyDescription,
-                          media::kMetadataKeyGenre};
-    for (size_t i = 0; i < 6; ++i) {
-        EXPECT_EQ((*items)[i]->key, keys[i]);
-        EXPECT_EQ((*items)[i]->keySpace, media::kMetadataKeySpaceMovie);
+    std::vector<std::string> keys;
+    for (const auto& item : *items) {
+        keys.push_back(item->key);
+        EXPECT_EQ(item->keySpace, media::kMetadataKeySpaceMovie);
     }
-    EXPECT_EQ((*items)[3]->value, "Sorvel");
-    EXPECT_EQ((*items)[5]->value, "A,B");
+    ASSERT_EQ(keys, (std::vector<std::string>{
+                        media::kMetadataKeyTitle, media::kMetadataKeyArtist,
+                        media::kMetadataKeyContentIdentifier, media::kMetadataKeyEncodedBy,
+                        media::kMetadataKeyDescription, media::kMetadataKeyGenre}));
     info->categories.reset();
     info->appName.reset();
     items = writer->assetMetadata();
@@ -160,6 +117,13 @@ TEST_F(MovieWriterTest, MetadataItems) {
 }
 
 TEST_F(MovieWriterTest, BitRateSizeAndCustomProperties) {
+    auto expectCompression = [](const std::shared_ptr<SVMovieWriter>& w, int64_t bitRate) {
+        const Value& c = w->videoInput()->outputSettings()[media::kVideoCompressionPropertiesKey];
+        EXPECT_EQ(c[media::kVideoAverageBitRateKey], bitRate);
+        EXPECT_EQ(c[media::kVideoExpectedSourceFrameRateKey], 60);
+        EXPECT_EQ(c[media::kVideoMaxKeyFrameIntervalKey], 120);
+        EXPECT_EQ(c[media::kVideoProfileLevelKey], media::kH264MainAutoLevel);
+    };
     struct Case {
         WindowSize size;
         int64_t bitRate;
@@ -175,10 +139,7 @@ TEST_F(MovieWriterTest, BitRateSizeAndCustomProperties) {
         EXPECT_EQ(s[media::kVideoWidthKey].get<float>(), c.width);
         EXPECT_EQ(s[media::kVideoHeightKey].get<float>(), c.height);
         EXPECT_EQ(w->videoInput()->width(), int(c.width));
-        EXPECT_EQ(compressionOf(w)[media::kVideoAverageBitRateKey], c.bitRate);
-        EXPECT_EQ(compressionOf(w)[media::kVideoExpectedSourceFrameRateKey], 60);
-        EXPECT_EQ(compressionOf(w)[media::kVideoMaxKeyFrameIntervalKey], 120);
-        EXPECT_EQ(compressionOf(w)[media::kVideoProfileLevelKey], media::kH264MainAutoLevel);
+        expectCompression(w, c.bitRate);
     }
 
     // Custom properties win key by key; the others keep their defaults.
@@ -189,20 +150,15 @@ TEST_F(MovieWriterTest, BitRateSizeAndCustomProperties) {
     w->setBroadcastConfig(config);
     w->setupFileWriter();
     EXPECT_TRUE(capture.contains("using custom video compression properties"));
-    EXPECT_EQ(compressionOf(w)[media::kVideoAverageBitRateKey], 1234567);
-    EXPECT_EQ(compressionOf(w)[media::kVideoExpectedSourceFrameRateKey], 60);
-    EXPECT_EQ(compressionOf(w)[media::kVideoMaxKeyFrameIntervalKey], 120);
-    EXPECT_EQ(compressionOf(w)[media::kVideoProfileLevelKey], media::kH264MainAutoLevel);
+    expectCompression(w, 1234567);
     EXPECT_EQ(w->audioInput1()->outputSettings()[media::kAudioEncoderBitRateKey], 128000);
 }
 
 TEST_F(MovieWriterTest, OrderingRuleByValueAlone) {
     log::Capture capture;
     // No file writer: samples still pass the ordering check and are recorded.
-    auto w = SVMovieWriter::initWithWindowSize({64, 64}, path("o.mp4"), nullptr);
-    SurfacePool pool(64, 64);
+    auto w = small("o.mp4");
     w->appendVideoSampleBuffer(makeFrame(pool, 0, MediaTime::make(100, 1000)), {});
-    EXPECT_EQ(w->lastVideoPresentationTime(), MediaTime::make(100, 1000));
     w->appendVideoSampleBuffer(makeFrame(pool, 1, MediaTime::make(100, 1000)), {});
     // 99 s is later than 0.1 s, but the values decide.
     w->appendVideoSampleBuffer(makeFrame(pool, 2, MediaTime::make(99, 1)), {});
@@ -217,24 +173,21 @@ TEST_F(MovieWriterTest, OrderingRuleByValueAlone) {
     w->setupFileWriter();
     EXPECT_FALSE(w->lastVideoPresentationTime().isValid());
     auto tap = AudioStreamFormat::pcm16(44100, 1, true);
-    w->appendAudio1SampleBuffer(makeTone(tap, 0, 1024, MediaTime::make(50, 1)));
-    w->appendAudio1SampleBuffer(makeTone(tap, 0, 1024, MediaTime::make(50, 1)));
-    w->appendAudio2SampleBuffer(makeTone(tap, 0, 1024, MediaTime::make(40, 1)));
-    w->appendAudio2SampleBuffer(makeTone(tap, 0, 1024, MediaTime::make(39, 1)));
-    EXPECT_EQ(
-        capture.count("discarding audio 1 sample buffer due to timestamp earlier than previous"),
-        1u);
-    EXPECT_EQ(
-        capture.count("discarding audio 2 sample buffer due to timestamp earlier than previous"),
-        1u);
+    for (int64_t t : {50, 50})
+        w->appendAudio1SampleBuffer(makeTone(tap, 0, 1024, MediaTime::make(t, 1)));
+    for (int64_t t : {40, 39})
+        w->appendAudio2SampleBuffer(makeTone(tap, 0, 1024, MediaTime::make(t, 1)));
+    for (const char* n : {"1", "2"})
+        EXPECT_EQ(capture.count(std::string("discarding audio ") + n +
+                                " sample buffer due to timestamp earlier than previous"),
+                  1u);
     EXPECT_EQ(w->lastAudio1PresentationTime(), MediaTime::make(50, 1));
     EXPECT_EQ(w->fileWriterStatus(), 0);  // audio never starts the file
 }
 
 TEST_F(MovieWriterTest, InvalidFirstTimeStartsWritingWithoutSession) {
-    auto w = SVMovieWriter::initWithWindowSize({64, 64}, path("i.mp4"), nullptr);
+    auto w = small("i.mp4");
     w->setupFileWriter();
-    SurfacePool pool(64, 64);
     w->appendVideoSampleBuffer(makeFrame(pool, 0, MediaTime::invalid()), {});
     EXPECT_EQ(w->fileWriterStatus(), 1);
     EXPECT_FALSE(w->lastVideoPresentationTime().isValid());
@@ -245,7 +198,7 @@ TEST_F(MovieWriterTest, InvalidFirstTimeStartsWritingWithoutSession) {
 
 TEST_F(MovieWriterTest, FinishWithoutVideoAndWithoutFileWriter) {
     log::Capture capture;
-    auto w = SVMovieWriter::initWithWindowSize({64, 64}, path("n.mp4"), nullptr);
+    auto w = small("n.mp4");
     w->setupFileWriter();
     auto url = finishWriter(w);
     ASSERT_TRUE(url);
@@ -258,40 +211,19 @@ TEST_F(MovieWriterTest, FinishWithoutVideoAndWithoutFileWriter) {
 
     // The directory does not exist: no file writer, every operation a no-op.
     capture.clear();
-    auto bad = SVMovieWriter::initWithWindowSize({64, 64}, dir + "/missing/x.mp4", nullptr);
+    auto bad = small("missing/x.mp4");
     bad->setupFileWriter();
     EXPECT_FALSE(bad->fileWriter());
     EXPECT_TRUE(capture.contains("SVMovieWriter: setupFileWriter error: -2", log::Level::Error));
-    SurfacePool pool(64, 64);
     bad->appendVideoSampleBuffer(makeFrame(pool, 0, hostTime(1)), {});
     EXPECT_EQ(bad->fileWriterStatus(), 0);
     EXPECT_FALSE(finishWriter(bad));
 }
 
-// Nice values of this process's threads named `name`.
-std::vector<int> threadNiceValues(const std::string& name) {
-    std::vector<int> values;
-    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
-        std::ifstream comm(task.path() / "comm");
-        std::string n;
-        std::getline(comm, n);
-        if (n != name) continue;
-        std::ifstream stat(task.path() / "stat");
-        std::string line;
-        std::getline(stat, line);
-        // Fields after the parenthesised name; nice is field 19.
-        std::istringstream rest(line.substr(line.rfind(')') + 2));
-        std::string field;
-        for (int i = 3; i <= 19 && rest >> field; ++i)
-            if (i == 19) values.push_back(std::stoi(field));
-    }
-    return values;
-}
-
 TEST_F(MovieWriterTest, StartWritingRemovesTheOldFile) {
     std::ofstream(path("old.mp4")) << "stale";
     log::Capture capture;
-    auto w = SVMovieWriter::initWithWindowSize({64, 64}, path("old.mp4"), nullptr);
+    auto w = small("old.mp4");
     startWriter(w);
     EXPECT_FALSE(fs::exists(path("old.mp4")));
     EXPECT_TRUE(w->fileWriter());
@@ -301,10 +233,19 @@ TEST_F(MovieWriterTest, StartWritingRemovesTheOldFile) {
     EXPECT_EQ(lines[0].text, "SVMovieWriter: startWritingHandler");
     EXPECT_TRUE(capture.contains("SVMovieWriter: setupFileWriter"));
     // Set up on the store's low-priority queue, yet encoding runs at normal
-    // priority.
-    auto nice = threadNiceValues("sv-mw-video");
-    ASSERT_FALSE(nice.empty());
-    for (int n : nice) EXPECT_EQ(n, 0);
+    // priority: the nice value (field 19 of /proc stat) of every encoder thread is 0.
+    int encoders = 0;
+    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+        std::string name, line, field;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        if (name != "sv-mw-video") continue;
+        std::getline(std::ifstream(task.path() / "stat"), line);
+        std::istringstream rest(line.substr(line.rfind(')') + 2));  // fields from the 3rd
+        for (int i = 3; i <= 19; ++i) rest >> field;
+        EXPECT_EQ(field, "0");
+        ++encoders;
+    }
+    EXPECT_GT(encoders, 0);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "platform/system/bundle.h"
 #include "platform/system/languages.h"
 #include "support/localization.h"
@@ -10,9 +12,9 @@ namespace {
 
 using test::languageEnv;
 using test::writeFile;
+using V = std::vector<std::string>;
 
 TEST(PreferredLanguages, FromLocaleEnvironment) {
-    using V = std::vector<std::string>;
     EXPECT_EQ(preferredLanguagesFromLocale(nullptr, nullptr, nullptr, "fr_FR.UTF-8"), V{"fr-FR"});
     EXPECT_EQ(preferredLanguagesFromLocale("de_AT:fr::de_AT@euro", "en_US", nullptr, nullptr),
               (V{"de-AT", "fr"}));
@@ -22,13 +24,10 @@ TEST(PreferredLanguages, FromLocaleEnvironment) {
     for (const char* c : {"C", "POSIX", "C.UTF-8"})
         EXPECT_TRUE(preferredLanguagesFromLocale(nullptr, c, nullptr, "fr_FR").empty()) << c;
     EXPECT_TRUE(preferredLanguagesFromLocale(nullptr, nullptr, nullptr, nullptr).empty());
-
     auto env = languageEnv("es_MX:es");
     EXPECT_EQ(preferredLanguages(), (V{"es-MX", "es"}));
-}
 
-TEST(PreferredLanguages, ChooseLocalization) {
-    const std::vector<std::string> available = {"en", "fr", "pt-BR", "pt"};
+    const V available = {"en", "fr", "pt-BR", "pt"};
     EXPECT_EQ(chooseLocalization({"fr-CA"}, available, "en"), "fr");
     EXPECT_EQ(chooseLocalization({"pt-BR"}, available, "en"), "pt-BR");
     EXPECT_EQ(chooseLocalization({"it", "pt-PT"}, available, "en"), "pt");
@@ -58,54 +57,45 @@ class FrameworkEnvironment : public ::testing::Environment {
 };
 const auto* const gFramework = ::testing::AddGlobalTestEnvironment(new FrameworkEnvironment);
 
-std::optional<std::string> localized(const std::string& key) {
-    return _svLocalizedStringFromFrameworkBundleWithKey(key, "com.example.app");
-}
-
-TEST(Localization, FrameworkBundleIsCreatedOnce) {
+TEST(Localization, TablesPerLanguageInTheFrameworkBundleMadeOnce) {
     auto bundle = _svFrameworkBundle();
     ASSERT_TRUE(bundle);
     EXPECT_EQ(bundle, _svFrameworkBundle());
     EXPECT_EQ(bundle->bundlePath(), std::getenv("SORVEL_FRAMEWORK_DIR"));
-}
-
-TEST(Localization, TablesPerLanguage) {
     auto fr = localizedDictionaryForLanguage("fr");
     ASSERT_TRUE(fr);
     EXPECT_EQ((*fr)["HELLO"], "Bonjour");
-    EXPECT_FALSE(localizedDictionaryForLanguage("es"));
-    EXPECT_FALSE(localizedDictionaryForLanguage("it"));  // not a dictionary
-    EXPECT_FALSE(localizedDictionaryForLanguage("../en"));
+    for (const char* missing : {"es", "it" /* not a dictionary */, "../en"})
+        EXPECT_FALSE(localizedDictionaryForLanguage(missing)) << missing;
+    EXPECT_EQ(bundle->localizedStringForKey("NOPE", "fallback", "Localizable"), "fallback");
+    EXPECT_EQ(bundle->localizedStringForKey("HELLO", "", "Other"), "HELLO");
 }
 
-TEST(Localization, RegionalLanguageFallsBackToItsBase) {
-    auto env = languageEnv("fr_CA");
-    EXPECT_EQ(localized("HELLO"), "Bonjour");
-    auto brazil = languageEnv("pt_BR");
-    EXPECT_EQ(localized("HELLO"), "Olá");  // the exact table first
-}
-
-TEST(Localization, SecondPreferredLanguageIsNeverConsulted) {
-    // fr has no DE_ONLY; the standard lookup then stays with fr and the
-    // development language, so the key itself comes back.
-    auto env = languageEnv("fr_CA:de");
-    EXPECT_EQ(localized("DE_ONLY"), "DE_ONLY");
-    EXPECT_EQ(localized("ONLY_EN"), "English only");
-}
-
-TEST(Localization, StandardLookupWithoutPreferredLanguages) {
+TEST(Localization, LookupFallbackRules) {
+    const struct {
+        const char* language;  // LANGUAGE; the other locale variables are unset
+        const char* key;
+        const char* expected;
+    } cases[] = {
+        {"fr_CA", "HELLO", "Bonjour"},  // a regional language falls back to its base
+        {"pt_BR", "HELLO", "Olá"},      // but the exact table comes first
+        // fr has no DE_ONLY; the lookup then stays with fr and the development
+        // language (the second preferred one is never consulted): the key itself.
+        {"fr_CA:de", "DE_ONLY", "DE_ONLY"},
+        {"fr_CA:de", "ONLY_EN", "English only"},
+        {"it", "HELLO", "Hello"},  // an unreadable table is skipped
+    };
+    for (const auto& c : cases) {
+        auto env = languageEnv(c.language);
+        EXPECT_EQ(_svLocalizedStringFromFrameworkBundleWithKey(c.key, "com.example.app"),
+                  c.expected)
+            << c.language << " " << c.key;
+    }
+    // No preferred language at all: the development language.
     test::ScopedEnv env{{"LANGUAGE", std::nullopt}, {"LC_ALL", "C"}, {"LANG", "de_DE.UTF-8"}};
     ASSERT_TRUE(preferredLanguages().empty());
-    EXPECT_EQ(localized("HELLO"), "Hello");
-    EXPECT_EQ(localized("MISSING_KEY"), "MISSING_KEY");
-}
-
-TEST(Localization, UnreadableTableIsSkipped) {
-    auto env = languageEnv("it");
-    EXPECT_EQ(localized("HELLO"), "Hello");
-    EXPECT_EQ(_svFrameworkBundle()->localizedStringForKey("NOPE", "fallback", "Localizable"),
-              "fallback");
-    EXPECT_EQ(_svFrameworkBundle()->localizedStringForKey("HELLO", "", "Other"), "HELLO");
+    EXPECT_EQ(_svLocalizedStringFromFrameworkBundleWithKey("HELLO", "com.example.app"), "Hello");
+    EXPECT_EQ(_svLocalizedStringFromFrameworkBundleWithKey("MISSING_KEY", "x"), "MISSING_KEY");
 }
 
 TEST(Localization, ShippedTablesHaveEveryConsentAlertKey) {
@@ -120,13 +110,10 @@ TEST(Localization, ShippedTablesHaveEveryConsentAlertKey) {
             std::string key = std::string("ACKNOWLEDGEMENT_ALERT_") + suffix;
             auto text = stringAt(*table, key.c_str());
             ASSERT_TRUE(text && !text->empty()) << language << " " << key;
-            size_t placeholders = 0;
-            for (size_t at = text->find('%'); at != std::string::npos; at = text->find('%', at + 1))
-                ++placeholders;
-            EXPECT_EQ(placeholders, key == "ACKNOWLEDGEMENT_ALERT_TITLE" ? 1u : 0u) << key;
-            if (placeholders) {
-                EXPECT_NE(text->find("%@"), std::string::npos);
-            }
+            // Only the title has a placeholder, and it is the object one.
+            const bool title = key == "ACKNOWLEDGEMENT_ALERT_TITLE";
+            EXPECT_EQ(std::count(text->begin(), text->end(), '%'), title ? 1 : 0) << key;
+            EXPECT_EQ(text->find("%@") != std::string::npos, title) << key;
         }
     }
 }
@@ -147,27 +134,28 @@ class AppNames : public ::testing::Test {
                         {"XDG_DATA_HOME", data.path()}};
 };
 
-TEST_F(AppNames, LocalizedDisplayNameWins) {
-    auto de = languageEnv("de_CH");
-    EXPECT_EQ(_svLocalizedAppNameFromBundleID("com.example.one"), "Eins");
-    auto fr = languageEnv("fr");  // localized entry without a display name
-    EXPECT_EQ(_svLocalizedAppNameFromBundleID("com.example.one"), "One App");
-    EXPECT_EQ(_svLocalizedAppNameFromBundleID("com.example.two"), "Two");
-}
-
-TEST_F(AppNames, EmptyNameAndUnknownIdentifier) {
-    auto env2 = languageEnv("en");
-    EXPECT_EQ(_svLocalizedAppNameFromBundleID("com.example.none"), "");
-    EXPECT_EQ(_svLocalizedAppNameFromBundleID("com.example.unknown"), std::nullopt);
-    EXPECT_EQ(_svLocalizedAppNameFromBundleID(""), std::nullopt);
+TEST_F(AppNames, LocalizedDisplayNameWinsThenDisplayNameThenName) {
+    const struct {
+        const char* language;
+        const char* bundleID;
+        std::optional<std::string> expected;
+    } cases[] = {{"de_CH", "com.example.one", "Eins"},
+                 {"fr", "com.example.one", "One App"},  // localized entry without a display name
+                 {"fr", "com.example.two", "Two"},
+                 {"en", "com.example.none", ""},
+                 {"en", "com.example.unknown", std::nullopt},
+                 {"en", "", std::nullopt}};
+    for (const auto& c : cases) {
+        auto lang = languageEnv(c.language);
+        EXPECT_EQ(_svLocalizedAppNameFromBundleID(c.bundleID), c.expected) << c.bundleID;
+    }
 }
 
 TEST_F(AppNames, SearchPathAndEnclosingBundle) {
     auto path = Bundle::searchPath();
     ASSERT_GE(path.size(), 4u);
-    EXPECT_EQ(path[0], apps.path());
-    EXPECT_EQ(path[1], other.path());
-    EXPECT_EQ(path[2], data.path() + "/sorvel/bundles");
+    EXPECT_EQ(V(path.begin(), path.begin() + 3),
+              (V{apps.path(), other.path(), data.path() + "/sorvel/bundles"}));
     EXPECT_EQ(Bundle::bundleWithIdentifier("com.example.one")->bundlePath(), apps / "one");
 
     writeFile(apps / "one/bin/x/app", "#!");

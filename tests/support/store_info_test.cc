@@ -6,7 +6,7 @@
 namespace sv {
 namespace {
 
-TEST(StoreInfo, FallbackRecordDictionary) {
+TEST(StoreInfo, FallbackRecordAndCategoriesJoinedWithoutSpaces) {
     SVStoreInfo info;
     info.bundleID = "com.example.app";
     EXPECT_EQ(info.dictionary(), (Value{{"SVStoreInfoBundleIDKey", "com.example.app"},
@@ -15,30 +15,22 @@ TEST(StoreInfo, FallbackRecordDictionary) {
     info.appName = "App";
     EXPECT_EQ(info.dictionary()["SVStoreInfoAppNameKey"], "App");
     EXPECT_EQ(info.dictionary().size(), 4u);
-}
 
-TEST(StoreInfo, CategoriesJoinedWithoutSpaces) {
-    SVStoreInfo info;
     info.categories = std::vector<std::string>{"A", "B"};
     EXPECT_EQ(info.dictionary()["SVStoreInfoCategoriesKey"], "A,B");
     info.categories = std::vector<std::string>{"Games, Puzzle", ""};
     EXPECT_EQ(info.dictionary()["SVStoreInfoCategoriesKey"], "Games, Puzzle,");
     info.categories = std::vector<std::string>{};
     EXPECT_FALSE(info.dictionary().contains("SVStoreInfoCategoriesKey"));
-    info.categories.reset();
-    EXPECT_FALSE(info.dictionary().contains("SVStoreInfoCategoriesKey"));
 }
 
-TEST(Reachability, FlagRule) {
-    EXPECT_TRUE(SVReachability::isNetworkAvailableWithFlags(2));
-    EXPECT_TRUE(SVReachability::isNetworkAvailableWithFlags(2 | 8 | 0x10000));
-    EXPECT_FALSE(SVReachability::isNetworkAvailableWithFlags(2 | 4));
-    EXPECT_FALSE(SVReachability::isNetworkAvailableWithFlags(4));
-    EXPECT_FALSE(SVReachability::isNetworkAvailableWithFlags(0));
-    EXPECT_FALSE(SVReachability::isNetworkAvailableWithFlags(std::nullopt));
-}
+TEST(Reachability, FlagRuleAndInjectedProbe) {
+    for (uint32_t flags : {2u, 2u | 8u | 0x10000u})
+        EXPECT_TRUE(SVReachability::isNetworkAvailableWithFlags(flags)) << flags;
+    for (auto flags : {std::optional<uint32_t>(2 | 4), std::optional<uint32_t>(4),
+                       std::optional<uint32_t>(0), std::optional<uint32_t>()})
+        EXPECT_FALSE(SVReachability::isNetworkAvailableWithFlags(flags));
 
-TEST(Reachability, InjectedProbeSeesTheConfiguredHost) {
     std::string probed;
     std::optional<uint32_t> flags = 2;
     SVReachability::setHostName("probe.example");
