@@ -11,7 +11,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
   libx264-dev libyuv-dev ffmpeg
-  libpulse-dev pulseaudio pulseaudio-utils
+  libpulse-dev pulseaudio pulseaudio-utils systemd
   libx11-dev libxext-dev libxfixes-dev libxrandr-dev
   python3 python3-cbor2
 )
