@@ -1,0 +1,51 @@
+// The source of screen pixels behind screen capture controllers and the
+// display mirroring service. Two backends exist: X11 (xcb with MIT-SHM,
+// Composite, RandR and XFixes) and a synthetic one that draws deterministic,
+// stamped frames and needs no display (platform/screen/synthetic_screen.h).
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/geometry.h"
+#include "platform/media_time.h"
+#include "platform/screen/display_mirroring.h"
+#include "platform/screen/screen_capture.h"
+
+namespace sv {
+
+class ScreenBackend {
+  public:
+    virtual ~ScreenBackend() = default;
+    virtual std::string name() const = 0;
+
+    // A new, stopped controller that captures what mirroringService() says.
+    // The controller keeps what it needs of the backend alive.
+    virtual std::shared_ptr<ScreenCaptureController> makeCaptureController(
+        WindowSize frameSize, MediaTime minimumFrameInterval) = 0;
+    virtual std::shared_ptr<DisplayMirroringService> mirroringService() = 0;
+    // The display's size in pixels in its current orientation.
+    virtual WindowSize displaySize() const = 0;
+};
+
+enum class ScreenBackendKind { Automatic, X11, Synthetic };
+
+// "x11", "synthetic", "auto"/"automatic"; nullopt for anything else.
+std::optional<ScreenBackendKind> parseScreenBackendKind(std::string_view text);
+
+// Automatic: SORVEL_SCREEN_BACKEND (x11|synthetic) when set, otherwise X11
+// when $DISPLAY names a server that accepts a connection, otherwise
+// synthetic. X11: the server named by $DISPLAY; null (with `error`) when it
+// cannot be reached. Logs the choice.
+std::shared_ptr<ScreenBackend> makeScreenBackend(
+    ScreenBackendKind kind = ScreenBackendKind::Automatic, std::string* error = nullptr);
+
+// The backend of the process (what recording sessions use): the one set with
+// setProcessScreenBackend, else makeScreenBackend(Automatic) made on first
+// use. Thread-safe.
+std::shared_ptr<ScreenBackend> processScreenBackend();
+void setProcessScreenBackend(std::shared_ptr<ScreenBackend> backend);
+
+}  // namespace sv
