@@ -115,6 +115,11 @@ inline std::shared_ptr<const ipc::Interface> consentAgentProtocolInterface() {
 //       null returns to the layout made from the display's layers
 //   setDisplayTransformFlags:handler:  (int) -> (error?)
 //   injectScreenCaptureFailure:handler:  (text "failed"|"preempted"|"reset") -> (error?)
+//   recordingStatusForCallerWithHandler:  -> (map or null)
+//       the recording of the calling process's application, null when it has
+//       no session: {"bundleID": text, "recording": bool, "paused": bool,
+//       "microphoneEnabled": bool, "systemRecording": bool, "elapsed": seconds
+//       recorded without pauses, "framesWritten": int, "movieBytes": int}
 inline std::vector<ipc::MethodSpec> recordingShellMethods() {
     using K = ipc::ArgKind;
     using ipc::orNull;
