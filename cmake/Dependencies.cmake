@@ -27,3 +27,5 @@ if(NOT LIBYUV_FOUND)
     set(LIBYUV_FOUND TRUE)
   endif()
 endif()
+# The X11 window system of the foreground tracking (core protocol only).
+pkg_check_modules(XCB_CORE IMPORTED_TARGET xcb)
