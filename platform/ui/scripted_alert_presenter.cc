@@ -57,12 +57,14 @@ bool ScriptedAlertPresenter::presentAlert(uint64_t alertID, const AlertRequest& 
     {
         std::lock_guard lock(mutex_);
         if (!available_) return false;
-        shown_.push_back(request);
     }
     std::optional<AlertResponse> answer;
     if (script_) answer = script_(request);
     {
+        // Shown and pending in one step, so that pending alerts are answered
+        // in the order they were shown.
         std::lock_guard lock(mutex_);
+        shown_.push_back(request);
         if (!answer && !queued_.empty()) {
             answer = queued_.front();
             queued_.pop_front();

@@ -223,6 +223,25 @@ void X11TestClient::setActiveWindow(uint32_t window) {
     sync();
 }
 
+void X11TestClient::cycleActiveWindow(const std::vector<uint32_t>& windows, int count) {
+    uint32_t a = atom("_NET_ACTIVE_WINDOW");
+    for (int i = 0; i < count && !windows.empty(); ++i)
+        xcb_change_property(c_, XCB_PROP_MODE_REPLACE, root_, a, XCB_ATOM_WINDOW, 32, 1,
+                            &windows[size_t(i) % windows.size()]);
+    sync();
+}
+
+void X11TestClient::createUnmappedWindows(const TestWindowSpec& spec, int count) {
+    for (int i = 0; i < count; ++i) {
+        uint32_t w = xcb_generate_id(c_);
+        xcb_create_window(c_, XCB_COPY_FROM_PARENT, w, spec.parent ? spec.parent : root_,
+                          int16_t(spec.x), int16_t(spec.y), uint16_t(spec.width),
+                          uint16_t(spec.height), 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
+                          XCB_COPY_FROM_PARENT, 0, nullptr);
+    }
+    sync();
+}
+
 // ---- bundled processes
 
 std::unique_ptr<BundledProcess> BundledProcess::start(const std::string& dir,

@@ -72,6 +72,10 @@ class X11TestClient {
     void setWmState(uint32_t window, uint32_t state);
     // The root's _NET_ACTIVE_WINDOW; 0 deletes it.
     void setActiveWindow(uint32_t window);
+    // Floods: `count` changes of the active window (cycling through
+    // `windows`) / `count` unmapped windows, sent without waiting in between.
+    void cycleActiveWindow(const std::vector<uint32_t>& windows, int count);
+    void createUnmappedWindows(const TestWindowSpec& spec, int count);
     void sync();
 
   private:
