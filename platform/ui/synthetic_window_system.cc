@@ -69,19 +69,27 @@ bool validBundleID(const std::string& bundleID) {
 }
 }  // namespace
 
-ApplicationState SyntheticWindowSystem::stateOf(const std::string& bundleID, const App& app) const {
+const std::string* SyntheticWindowSystem::frontmostLocked() const {
+    // The foreground application activated last.
+    const std::string* frontmost = nullptr;
+    uint64_t latest = 0;
+    for (const auto& [bundleID, app] : apps_) {
+        if (app.foreground && (!frontmost || app.activation > latest)) {
+            frontmost = &bundleID;
+            latest = app.activation;
+        }
+    }
+    return frontmost;
+}
+
+ApplicationState SyntheticWindowSystem::stateOf(const std::string& bundleID, const App& app,
+                                                const std::string* frontmost) const {
     ApplicationState s;
     s.bundleIdentifier = bundleID;
     s.pid = app.pid;
     s.state = kApplicationStateRunning;
-    if (app.foreground) {
-        s.state |= kApplicationStateForeground;
-        // Frontmost: the foreground application activated last.
-        bool latest = std::none_of(apps_.begin(), apps_.end(), [&](const auto& other) {
-            return other.second.foreground && other.second.activation > app.activation;
-        });
-        if (latest) s.state |= kApplicationStateFrontmost;
-    }
+    if (app.foreground) s.state |= kApplicationStateForeground;
+    if (frontmost && *frontmost == bundleID) s.state |= kApplicationStateFrontmost;
     return s;
 }
 
@@ -92,24 +100,35 @@ ApplicationState SyntheticWindowSystem::stateLocked(const std::string& bundleID)
         s.bundleIdentifier = bundleID;
         return s;
     }
-    return stateOf(bundleID, it->second);
+    return stateOf(bundleID, it->second, frontmostLocked());
 }
 
-std::map<std::string, ApplicationState> SyntheticWindowSystem::snapshotLocked() const {
-    std::map<std::string, ApplicationState> snapshot;
-    for (const auto& [bundleID, app] : apps_) snapshot.emplace(bundleID, stateOf(bundleID, app));
-    return snapshot;
+std::map<std::string, ApplicationState> SyntheticWindowSystem::affectedLocked(
+    const std::string& bundleID) const {
+    // A change of one application can alter only its own state and that of
+    // the frontmost application, so only those are compared: the cost of a
+    // change does not grow with the number of applications.
+    std::map<std::string, ApplicationState> states;
+    const std::string* frontmost = frontmostLocked();
+    if (auto it = apps_.find(bundleID); it != apps_.end())
+        states.emplace(bundleID, stateOf(bundleID, it->second, frontmost));
+    if (frontmost) states.emplace(*frontmost, stateOf(*frontmost, apps_.at(*frontmost), frontmost));
+    return states;
 }
 
 void SyntheticWindowSystem::reportChangesLocked(
-    const std::map<std::string, ApplicationState>& before) {
-    auto after = snapshotLocked();
+    const std::string& bundleID, const std::map<std::string, ApplicationState>& before) {
+    auto after = affectedLocked(bundleID);
+    const std::string* frontmost = frontmostLocked();
+    for (const auto& [id, old] : before)
+        if (auto it = apps_.find(id); it != apps_.end() && !after.count(id))
+            after.emplace(id, stateOf(id, it->second, frontmost));
     std::vector<ApplicationState> losers, others;
     auto rank = [](const ApplicationState& s) {
         return (s.isFrontmost() ? 2 : 0) + (s.isForeground() ? 1 : 0);
     };
-    for (const auto& [bundleID, old] : before) {
-        auto it = after.find(bundleID);
+    for (const auto& [id, old] : before) {
+        auto it = after.find(id);
         if (it == after.end()) {
             // Gone: its last process, no longer running.
             ApplicationState gone = old;
@@ -119,8 +138,8 @@ void SyntheticWindowSystem::reportChangesLocked(
             (rank(it->second) < rank(old) ? losers : others).push_back(it->second);
         }
     }
-    for (const auto& [bundleID, now] : after)
-        if (!before.count(bundleID)) others.push_back(now);
+    for (const auto& [id, now] : after)
+        if (!before.count(id)) others.push_back(now);
     if (losers.empty() && others.empty()) return;
 
     std::erase_if(stateMonitors_, [](const auto& w) { return w.expired(); });
@@ -155,7 +174,7 @@ std::vector<uint32_t> SyntheticWindowSystem::launchApplication(const std::string
                                                                int32_t pid) {
     if (!validBundleID(bundleID) || pid <= 0) return {};
     std::lock_guard lock(mutex_);
-    auto before = snapshotLocked();
+    auto before = affectedLocked(bundleID);
     auto it = apps_.find(bundleID);
     if (it == apps_.end()) {
         if (apps_.size() >= kSyntheticMaxApplications) {
@@ -175,7 +194,7 @@ std::vector<uint32_t> SyntheticWindowSystem::launchApplication(const std::string
     app.activation = ++activationCounter_;
     showLayersLocked(app, bundleID);
     log::info("SyntheticWindowSystem: launched %@ (pid %i)", bundleID, pid);
-    reportChangesLocked(before);
+    reportChangesLocked(bundleID, before);
     return app.layers;
 }
 
@@ -183,7 +202,7 @@ bool SyntheticWindowSystem::setForeground(const std::string& bundleID, bool fore
                                           int32_t pid) {
     if (!validBundleID(bundleID)) return false;
     std::lock_guard lock(mutex_);
-    auto before = snapshotLocked();
+    auto before = affectedLocked(bundleID);
     auto it = apps_.find(bundleID);
     if (it == apps_.end()) {
         if (pid <= 0 || apps_.size() >= kSyntheticMaxApplications) return false;
@@ -203,7 +222,7 @@ bool SyntheticWindowSystem::setForeground(const std::string& bundleID, bool fore
         app.foreground = false;
         hideLayersLocked(app);
     }
-    reportChangesLocked(before);
+    reportChangesLocked(bundleID, before);
     return true;
 }
 
@@ -211,10 +230,10 @@ bool SyntheticWindowSystem::terminate(const std::string& bundleID) {
     std::lock_guard lock(mutex_);
     auto it = apps_.find(bundleID);
     if (it == apps_.end()) return false;
-    auto before = snapshotLocked();
+    auto before = affectedLocked(bundleID);
     hideLayersLocked(it->second);
     apps_.erase(it);
-    reportChangesLocked(before);
+    reportChangesLocked(bundleID, before);
     return true;
 }
 
@@ -238,20 +257,20 @@ std::optional<ApplicationState> SyntheticWindowSystem::applicationState(
     std::lock_guard lock(mutex_);
     auto it = apps_.find(bundleID);
     if (it == apps_.end()) return std::nullopt;
-    return stateOf(bundleID, it->second);
+    return stateOf(bundleID, it->second, frontmostLocked());
 }
 
 std::vector<ApplicationState> SyntheticWindowSystem::applications() const {
     std::lock_guard lock(mutex_);
     std::vector<ApplicationState> list;
-    for (const auto& [bundleID, app] : apps_) list.push_back(stateOf(bundleID, app));
+    const std::string* frontmost = frontmostLocked();
+    for (const auto& [bundleID, app] : apps_) list.push_back(stateOf(bundleID, app, frontmost));
     return list;
 }
 
 std::optional<std::string> SyntheticWindowSystem::frontmostApplicationBundleIdentifier() {
     std::lock_guard lock(mutex_);
-    for (const auto& [bundleID, app] : apps_)
-        if (stateOf(bundleID, app).isFrontmost()) return bundleID;
+    if (const std::string* frontmost = frontmostLocked()) return *frontmost;
     return std::nullopt;
 }
 

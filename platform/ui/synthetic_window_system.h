@@ -109,12 +109,17 @@ class SyntheticWindowSystem : public UiBackend,
         std::vector<uint32_t> layers;
     };
 
-    ApplicationState stateOf(const std::string& bundleID, const App& app) const;
+    // The bundle identifier of the frontmost application, or null.
+    const std::string* frontmostLocked() const;
+    ApplicationState stateOf(const std::string& bundleID, const App& app,
+                             const std::string* frontmost) const;
     ApplicationState stateLocked(const std::string& bundleID) const;
-    std::map<std::string, ApplicationState> snapshotLocked() const;
-    // Reports every application whose state differs from `before`, losers
-    // first. Called with mutex_ held, so reports keep the order of changes.
-    void reportChangesLocked(const std::map<std::string, ApplicationState>& before);
+    std::map<std::string, ApplicationState> affectedLocked(const std::string& bundleID) const;
+    // Reports every application whose state differs from `before` (what
+    // affectedLocked gave before a change of `bundleID`), losers first.
+    // Called with mutex_ held, so reports keep the order of changes.
+    void reportChangesLocked(const std::string& bundleID,
+                             const std::map<std::string, ApplicationState>& before);
     void showLayersLocked(App& app, const std::string& bundleID);
     void hideLayersLocked(const App& app);
     void scheduleLayoutUpdate();
@@ -126,7 +131,6 @@ class SyntheticWindowSystem : public UiBackend,
 
     mutable std::mutex mutex_;  // applications and state monitors
     std::map<std::string, App> apps_;
-    std::string frontmost_;
     uint64_t activationCounter_ = 0;
     std::vector<std::weak_ptr<StateMonitor>> stateMonitors_;
 

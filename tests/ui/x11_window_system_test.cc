@@ -13,6 +13,7 @@
 #include "platform/system/application_state.h"
 #include "platform/system/display_layout.h"
 #include "platform/ui/testing/x11_testing.h"
+#include "platform/ui/ui_backend.h"
 #include "platform/ui/x11_window_system.h"
 #include "tests/support/test_util.h"
 
@@ -423,6 +424,29 @@ TEST_F(X11WindowSystemTest, ALostServerEmptiesTheLayoutAndForegroundState) {
     EXPECT_FALSE(system->isConnected());
     EXPECT_EQ(system->frontmostApplicationBundleIdentifier(), std::nullopt);
     EXPECT_FALSE(system->applicationState("org.example.alpha").isForeground());
+}
+
+TEST_F(X11WindowSystemTest, AutomaticChoiceTakesAReachableServerUnlessTheScreenSaysOtherwise) {
+    {
+        sv::test::ScopedEnv env{{"DISPLAY", server_->displayName()},
+                                {"SORVEL_SCREEN_BACKEND", std::nullopt}};
+        auto backend = makeUiBackend();
+        ASSERT_TRUE(backend);
+        EXPECT_EQ(backend->name(), "x11");
+    }
+    {
+        sv::test::ScopedEnv env{{"DISPLAY", server_->displayName()},
+                                {"SORVEL_SCREEN_BACKEND", "synthetic"}};
+        EXPECT_EQ(makeUiBackend()->name(), "synthetic");
+    }
+    {
+        sv::test::ScopedEnv env{{"DISPLAY", ":9999"}, {"SORVEL_SCREEN_BACKEND", std::nullopt}};
+        EXPECT_FALSE(X11WindowSystem::serverAnswers());
+        EXPECT_EQ(makeUiBackend()->name(), "synthetic");
+        std::string error;
+        EXPECT_FALSE(makeUiBackend(UiBackendKind::X11, nullptr, &error));
+        EXPECT_FALSE(error.empty());
+    }
 }
 
 }  // namespace
