@@ -19,8 +19,11 @@
 #include "platform/system/system_alert.h"
 #include "platform/ui/scripted_alert_presenter.h"
 #include "platform/ui/synthetic_window_system.h"
-#include "platform/ui/testing/x11_testing.h"
 #include "platform/ui/x11_window_system.h"
+#if SV_UI_BENCH_X11
+#include "platform/screen/testing/xvfb_server.h"
+#include "platform/ui/testing/x11_testing.h"
+#endif
 
 using namespace sv;
 using namespace std::chrono_literals;
@@ -46,6 +49,7 @@ struct CountingObserver : DisplayLayoutObserver {
     }
 };
 
+#if SV_UI_BENCH_X11
 double threadCpuSeconds(const char* name) {
     // The CPU time of the named thread of this process, from /proc.
     double total = 0;
@@ -138,6 +142,8 @@ void x11Flood(const std::string& display) {
                   100.0 * (threadCpuSeconds("sv-x11-windows") - cpu) / seconds, "%");
 }
 
+#endif
+
 void syntheticLatency() {
     auto system = SyntheticWindowSystem::create(std::make_shared<SyntheticDisplay>());
     auto monitor = system->makeMainDisplayLayoutMonitor();
@@ -179,8 +185,9 @@ int main() {
     log::setOutputEnabled(false);
     alertCost();
     syntheticLatency();
+#if SV_UI_BENCH_X11
     std::string why;
-    auto server = testing::XvfbServer::start(&why);
+    auto server = testing::XvfbServer::start(1280, 800, &why);
     if (!server) {
         std::fprintf(stderr, "ui_bench: no X11 figures: %s\n", why.c_str());
         return 0;
@@ -188,5 +195,6 @@ int main() {
     x11Latency(server->displayName(), 4, "x11_layout_latency_5_windows");
     x11Latency(server->displayName(), 300, "x11_layout_latency_300_windows");
     x11Flood(server->displayName());
+#endif
     return 0;
 }

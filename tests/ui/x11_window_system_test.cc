@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/screen/testing/xvfb_server.h"
 #include "platform/system/application_state.h"
 #include "platform/system/display_layout.h"
 #include "platform/ui/testing/x11_testing.h"
@@ -102,7 +103,7 @@ Value requestInfo(ApplicationStateMonitor& monitor, const std::string& bundleID)
 
 std::unique_ptr<XvfbServer> startServerOrExplain() {
     std::string why;
-    auto server = XvfbServer::start(&why);
+    auto server = XvfbServer::start(1280, 800, &why);
     if (!server) {
         const char* ci = std::getenv("CI");
         if (ci && std::string(ci) == "true") ADD_FAILURE() << "Xvfb is needed under CI: " << why;
@@ -418,7 +419,7 @@ TEST_F(X11WindowSystemTest, ALostServerEmptiesTheLayoutAndForegroundState) {
     monitor->addObserver(recorder);
     EXPECT_EQ(monitor->currentLayout().elementCount(), 1u);
 
-    server->kill();
+    server->stop();
     ASSERT_TRUE(recorder->waitForLevels({}));
     EXPECT_FALSE(system->synchronize(1s));
     EXPECT_FALSE(system->isConnected());

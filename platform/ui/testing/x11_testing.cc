@@ -1,7 +1,6 @@
 #include "platform/ui/testing/x11_testing.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -43,63 +42,6 @@ void endProcess(pid_t pid) {
 }
 
 }  // namespace
-
-// ---- Xvfb
-
-std::unique_ptr<XvfbServer> XvfbServer::start(std::string* whyNot, int width, int height) {
-    auto fail = [&](std::string why) -> std::unique_ptr<XvfbServer> {
-        if (whyNot) *whyNot = std::move(why);
-        return nullptr;
-    };
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) return fail("pipe failed");
-    // The server writes its display number to this descriptor of its own.
-    constexpr int kChildFd = 57;
-    std::string childFd = std::to_string(kChildFd);
-    std::string screen = std::to_string(width) + "x" + std::to_string(height) + "x24";
-    const char* argv[] = {"Xvfb",         "-displayfd", childFd.c_str(), "-screen",  "0",
-                          screen.c_str(), "-nolisten",  "tcp",           "-noreset", nullptr};
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_adddup2(&fa, fds[1], kChildFd);
-    posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    int rc = posix_spawnp(&pid, "Xvfb", &fa, nullptr, const_cast<char**>(argv), environ);
-    posix_spawn_file_actions_destroy(&fa);
-    close(fds[1]);
-    if (rc != 0) {
-        close(fds[0]);
-        return fail("Xvfb is not installed (" + std::string(std::strerror(rc)) + ")");
-    }
-    std::unique_ptr<XvfbServer> server(new XvfbServer);
-    server->pid_ = pid;
-    std::string number;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (number.find('\n') == std::string::npos) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        pollfd p{fds[0], POLLIN, 0};
-        if (left.count() <= 0 || poll(&p, 1, int(left.count())) <= 0) break;
-        char buf[32];
-        ssize_t n = read(fds[0], buf, sizeof buf);
-        if (n <= 0) break;  // the server ended
-        number.append(buf, size_t(n));
-    }
-    close(fds[0]);
-    if (number.find('\n') == std::string::npos) return fail("Xvfb did not start");
-    server->displayName_ = ":" + number.substr(0, number.find('\n'));
-    return server;
-}
-
-XvfbServer::~XvfbServer() {
-    kill();
-}
-
-void XvfbServer::kill() {
-    endProcess(pid_);
-    pid_ = -1;
-}
 
 // ---- the test's X client
 

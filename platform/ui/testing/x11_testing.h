@@ -1,6 +1,8 @@
-// Test and benchmark support for the X11 window system: a private Xvfb
-// server, and an X client that makes top-level windows with the properties
-// an application or a window manager would set. Not for production code.
+// Test and benchmark support for the X11 window system: an X client that
+// makes top-level windows with the properties an application or a window
+// manager would set, and processes inside test bundles that own them. (The
+// private Xvfb server is platform/screen/testing/xvfb_server.h.) Not for
+// production code.
 #pragma once
 
 #include <sys/types.h>
@@ -14,27 +16,6 @@
 struct xcb_connection_t;
 
 namespace sv::testing {
-
-class XvfbServer {
-  public:
-    // A new server on a free display number (chosen by the server through
-    // -displayfd), screen 0 of `width`x`height`. Null, with the reason in
-    // `whyNot`, when Xvfb is missing or does not start within 20 seconds.
-    static std::unique_ptr<XvfbServer> start(std::string* whyNot, int width = 1280,
-                                             int height = 800);
-    // Ends the server and waits for it.
-    ~XvfbServer();
-    // ":N"
-    const std::string& displayName() const { return displayName_; }
-    pid_t pid() const { return pid_; }
-    // Ends the server now (for tests of a lost connection).
-    void kill();
-
-  private:
-    XvfbServer() = default;
-    std::string displayName_;
-    pid_t pid_ = -1;
-};
 
 // A window as the test client describes it.
 struct TestWindowSpec {
