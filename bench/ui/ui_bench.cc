@@ -85,14 +85,16 @@ double threadCpuSeconds(const char* name) {
     return total;
 }
 
-void x11Latency(const std::string& display, int background, const char* name) {
+// `bare`: the background windows carry no properties, so each one is
+// searched for a client inside it as if it were a window manager's frame.
+void x11Latency(const std::string& display, int background, bool bare, const char* name) {
     auto client = testing::X11TestClient::connect(display);
     auto system = X11WindowSystem::connect(display);
     if (!client || !system) return;
     testing::TestWindowSpec spec;
     spec.width = spec.height = 100;
     for (int i = 0; i < background; ++i) {
-        spec.pid = uint32_t(10000 + i);  // one element each
+        if (!bare) spec.pid = uint32_t(10000 + i);  // one element each
         client->createWindow(spec);
     }
     system->synchronize();
@@ -192,8 +194,9 @@ int main() {
         std::fprintf(stderr, "ui_bench: no X11 figures: %s\n", why.c_str());
         return 0;
     }
-    x11Latency(server->displayName(), 4, "x11_layout_latency_5_windows");
-    x11Latency(server->displayName(), 300, "x11_layout_latency_300_windows");
+    x11Latency(server->displayName(), 4, false, "x11_layout_latency_5_windows");
+    x11Latency(server->displayName(), 300, false, "x11_layout_latency_300_windows");
+    x11Latency(server->displayName(), 300, true, "x11_layout_latency_300_bare_windows");
     x11Flood(server->displayName());
 #endif
     return 0;

@@ -467,70 +467,96 @@ void X11WindowSystem::Core::scan() {
             {w, bool(attr->override_redirect), covers, requestProperties(c, w, atoms)});
     }
 
-    std::vector<ScannedWindow> windows;
-    for (auto& cand : candidates) {
-        WindowProperties props = readProperties(c, cand.cookies);
-        xcb_window_t client = cand.window;
-        bool isClient = props.hasPid || props.hasWmState || props.hasType || cand.overrideRedirect;
-        if (!isClient) {
-            // A window manager's frame: the client is the descendant with
-            // WM_STATE, searched breadth-first, three levels deep at most.
-            std::vector<xcb_window_t> level{cand.window};
-            xcb_window_t found = XCB_NONE;
-            for (int depth = 0; depth < 3 && found == XCB_NONE && !level.empty(); ++depth) {
-                std::vector<xcb_window_t> next;
-                for (auto parent : level) {
-                    Reply<xcb_query_tree_reply_t> sub(
-                        xcb_query_tree_reply(c, xcb_query_tree(c, parent), nullptr));
-                    if (!sub) continue;
-                    auto* kids = xcb_query_tree_children(sub.get());
-                    next.insert(next.end(), kids, kids + xcb_query_tree_children_length(sub.get()));
-                }
-                if (next.size() > 64) next.resize(64);
-                std::vector<xcb_get_property_cookie_t> stateCookies;
-                for (auto k : next)
-                    stateCookies.push_back(
-                        xcb_get_property(c, 0, k, atoms[kWmState], atoms[kWmState], 0, 0));
-                for (size_t i = 0; i < next.size(); ++i) {
-                    Reply<xcb_get_property_reply_t> r(
-                        xcb_get_property_reply(c, stateCookies[i], nullptr));
-                    if (found == XCB_NONE && r && r->type != XCB_ATOM_NONE) found = next[i];
-                }
-                level = std::move(next);
-            }
-            if (found != XCB_NONE) {
-                client = found;
-                props = readProperties(c, requestProperties(c, client, atoms));
-                if (!selected.count(client)) {
-                    const uint32_t clientMask[] = {XCB_EVENT_MASK_PROPERTY_CHANGE};
-                    xcb_change_window_attributes(c, client, XCB_CW_EVENT_MASK, clientMask);
-                }
-                newSelected.insert(client);
-            }
-        }
-        if (contains(props.types, atoms[kTypeDesktop]) || contains(props.types, atoms[kTypeDock]))
-            continue;  // the desktop's furniture, see the header
-        if (contains(props.states, atoms[kStateHidden]) || props.wmState == 3) continue;
+    // Every phase below sends its requests for all windows before it reads
+    // a reply, so a scan costs a handful of round trips however many
+    // windows the screen has.
+    std::vector<WindowProperties> props(candidates.size());
+    std::vector<xcb_window_t> clients(candidates.size());
+    std::vector<size_t> framed;  // candidates whose client is to be found
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        props[i] = readProperties(c, candidates[i].cookies);
+        clients[i] = candidates[i].window;
+        const auto& p = props[i];
+        if (!(p.hasPid || p.hasWmState || p.hasType || candidates[i].overrideRedirect))
+            framed.push_back(i);
+    }
 
-        ScannedWindow sw;
-        sw.topLevel = cand.window;
-        sw.client = client;
-        sw.level = levelOf(props, cand.overrideRedirect, cand.coversScreen, atoms);
-        sw.leader = props.clientLeader;
-        bool local = isLocalMachine(props.clientMachine, hostName);
-        if (props.hasPid && local) {
-            sw.pid = int32_t(props.pid);
-        } else if (local && props.clientLeader != XCB_NONE && props.clientLeader != client) {
-            auto leaderPid =
-                values32<uint32_t>(c,
-                                   xcb_get_property(c, 0, props.clientLeader, atoms[kNetWmPid],
-                                                    XCB_ATOM_CARDINAL, 0, 1),
-                                   nullptr);
-            if (!leaderPid.empty() && leaderPid[0] > 0) sw.pid = int32_t(leaderPid[0]);
+    // Window manager frames: the client is the descendant with WM_STATE,
+    // searched breadth-first, three levels deep, at most 64 windows a level.
+    constexpr size_t kMaxSearchedPerLevel = 64;
+    std::vector<std::vector<xcb_window_t>> level(framed.size());
+    std::vector<xcb_window_t> found(framed.size(), XCB_NONE);
+    for (size_t f = 0; f < framed.size(); ++f) level[f] = {candidates[framed[f]].window};
+    for (int depth = 0; depth < 3; ++depth) {
+        std::vector<std::vector<xcb_query_tree_cookie_t>> treeCookies(framed.size());
+        for (size_t f = 0; f < framed.size(); ++f)
+            if (found[f] == XCB_NONE)
+                for (auto parent : level[f]) treeCookies[f].push_back(xcb_query_tree(c, parent));
+        std::vector<std::vector<xcb_get_property_cookie_t>> stateCookies(framed.size());
+        for (size_t f = 0; f < framed.size(); ++f) {
+            std::vector<xcb_window_t> next;
+            for (auto cookie : treeCookies[f]) {
+                Reply<xcb_query_tree_reply_t> sub(xcb_query_tree_reply(c, cookie, nullptr));
+                if (!sub) continue;
+                auto* kids = xcb_query_tree_children(sub.get());
+                size_t n = size_t(xcb_query_tree_children_length(sub.get()));
+                size_t room = kMaxSearchedPerLevel - next.size();
+                next.insert(next.end(), kids, kids + std::min(n, room));
+            }
+            level[f] = std::move(next);
+            for (auto k : level[f])
+                stateCookies[f].push_back(
+                    xcb_get_property(c, 0, k, atoms[kWmState], atoms[kWmState], 0, 0));
         }
-        if (sw.pid > 0) sw.bundleID = bundleOfProcess(uint32_t(sw.pid));
+        for (size_t f = 0; f < framed.size(); ++f) {
+            for (size_t k = 0; k < stateCookies[f].size(); ++k) {
+                Reply<xcb_get_property_reply_t> r(
+                    xcb_get_property_reply(c, stateCookies[f][k], nullptr));
+                if (found[f] == XCB_NONE && r && r->type != XCB_ATOM_NONE) found[f] = level[f][k];
+            }
+        }
+    }
+    std::vector<std::pair<size_t, PropertyCookies>> clientCookies;
+    const uint32_t clientMask[] = {XCB_EVENT_MASK_PROPERTY_CHANGE};
+    for (size_t f = 0; f < framed.size(); ++f) {
+        if (found[f] == XCB_NONE) continue;  // a bare window: it is its own client
+        size_t i = framed[f];
+        clients[i] = found[f];
+        clientCookies.emplace_back(i, requestProperties(c, found[f], atoms));
+        if (!selected.count(found[f]))
+            xcb_change_window_attributes(c, found[f], XCB_CW_EVENT_MASK, clientMask);
+        newSelected.insert(found[f]);
+    }
+    for (const auto& [i, cookies] : clientCookies) props[i] = readProperties(c, cookies);
+
+    // Owners: the window's own _NET_WM_PID, else its client leader's.
+    std::vector<ScannedWindow> windows;
+    std::vector<std::pair<size_t, xcb_get_property_cookie_t>> leaderCookies;
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        const auto& p = props[i];
+        if (contains(p.types, atoms[kTypeDesktop]) || contains(p.types, atoms[kTypeDock]))
+            continue;  // the desktop's furniture, see the header
+        if (contains(p.states, atoms[kStateHidden]) || p.wmState == 3) continue;
+        ScannedWindow sw;
+        sw.topLevel = candidates[i].window;
+        sw.client = clients[i];
+        sw.level = levelOf(p, candidates[i].overrideRedirect, candidates[i].coversScreen, atoms);
+        sw.leader = p.clientLeader;
+        bool local = isLocalMachine(p.clientMachine, hostName);
+        if (p.hasPid && local)
+            sw.pid = int32_t(p.pid);
+        else if (local && p.clientLeader != XCB_NONE && p.clientLeader != sw.client)
+            leaderCookies.emplace_back(
+                windows.size(),
+                xcb_get_property(c, 0, p.clientLeader, atoms[kNetWmPid], XCB_ATOM_CARDINAL, 0, 1));
         windows.push_back(std::move(sw));
     }
+    for (const auto& [w, cookie] : leaderCookies) {
+        auto leaderPid = values32<uint32_t>(c, cookie, nullptr);
+        if (!leaderPid.empty() && leaderPid[0] > 0) windows[w].pid = int32_t(leaderPid[0]);
+    }
+    for (auto& sw : windows)
+        if (sw.pid > 0) sw.bundleID = bundleOfProcess(uint32_t(sw.pid));
     topLevels = std::move(newTopLevels);
     selected = std::move(newSelected);
     xcb_flush(c);
