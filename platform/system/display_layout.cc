@@ -32,7 +32,7 @@ DisplayLayoutMonitor::~DisplayLayoutMonitor() = default;
 
 DisplayLayout DisplayLayoutMonitor::currentLayout() const {
     std::lock_guard lock(mutex_);
-    return current_;
+    return valid_ ? current_ : DisplayLayout{};
 }
 
 void DisplayLayoutMonitor::addObserver(const std::shared_ptr<DisplayLayoutObserver>& observer) {

@@ -97,7 +97,8 @@ class DisplayLayoutMonitor : public std::enable_shared_from_this<DisplayLayoutMo
     DisplayLayoutMonitor& operator=(const DisplayLayoutMonitor&) = delete;
 
     // What the display shows now (as far as the backend knows: the X11
-    // backend's view trails the server by the time it takes to read events).
+    // backend's view trails the server by the time it takes to read events);
+    // empty after invalidate().
     virtual DisplayLayout currentLayout() const;
 
     // Adds `observer` (held weakly); adding it again changes nothing.

@@ -329,6 +329,7 @@ TEST_F(X11WindowSystemTest, LayoutHasOneElementPerOwnerWithLevelsFromTypeAndStat
     ASSERT_TRUE(second->waitForLevels({1, 3, 4}));
     monitor->addObserver(recorder);
     monitor->invalidate();
+    EXPECT_EQ(monitor->currentLayout().elementCount(), 0u);
     client_->map(b);
     ASSERT_TRUE(second->waitForLevels({1, 3, 4, 1}));
     EXPECT_EQ(recorder->all().size(), seen);
