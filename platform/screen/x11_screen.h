@@ -16,6 +16,11 @@
 // once; a lost connection to the X server delivers MediaServicesWereReset
 // once. A controller started again after either reconnects.
 //
+// A server that accepts the connection but does not answer (stopped, hung)
+// counts as unreachable after two seconds; a controller whose server stops
+// answering in the middle of a frame delivers nothing more, but stopping and
+// releasing it never wait for the server.
+//
 // Each controller has its own connection, used only on its delivery thread;
 // the backend's own connection answers displaySize(). Presentation times are
 // the host time at which the frame's image was requested.

@@ -5,7 +5,10 @@
 #include <xcb/randr.h>
 #include <xcb/xcb.h>
 
+#include <signal.h>
+
 #include <cstdlib>
+#include <thread>
 
 #include "platform/screen/testing/xvfb_server.h"
 #include "platform/screen/x11_screen.h"
@@ -202,13 +205,24 @@ TEST_F(X11ScreenTest, ClonedWindowThatGoesAwayFailsOnce) {
     EXPECT_EQ(recorder->failureCount(), 2u);
     EXPECT_EQ(recorder->resets(), 0);
 
-    // A window that never existed fails at the first frame.
-    mirroring->setLayerContextsToClone({0x7FFFF0u});
-    controller = make({800, 450});
-    controller->startCapture();
-    ASSERT_TRUE(recorder->waitForFailures(1));
-    EXPECT_EQ(recorder->failedStatuses(), std::vector<int32_t>{kScreenCaptureSourceGone});
-    EXPECT_EQ(recorder->frameCount(), 0u);
+    // A window that never existed fails at the first frame; so does a set
+    // of more windows than any application has, without a round trip each.
+    struct Case {
+        std::set<uint32_t> ids;
+        int32_t status;
+    };
+    std::set<uint32_t> many;
+    for (uint32_t id = 1; id <= 100'000; ++id) many.insert(id);
+    many.insert(b->id());
+    for (Case c :
+         {Case{{0x7FFFF0u}, kScreenCaptureSourceGone}, Case{many, kScreenCaptureGrabFailed}}) {
+        mirroring->setLayerContextsToClone(c.ids);
+        controller = make({800, 450});
+        controller->startCapture();
+        ASSERT_TRUE(recorder->waitForFailures(1));
+        EXPECT_EQ(recorder->failedStatuses(), std::vector<int32_t>{c.status});
+        EXPECT_EQ(recorder->frameCount(), 0u);
+    }
 }
 
 TEST_F(X11ScreenTest, LostServerIsMediaServicesResetOnce) {
@@ -228,6 +242,46 @@ TEST_F(X11ScreenTest, LostServerIsMediaServicesResetOnce) {
     ASSERT_TRUE(recorder->waitForFailures(2));
     EXPECT_EQ(recorder->resets(), 2);
     EXPECT_EQ(backend->displaySize(), (WindowSize{1600, 900}));  // the last size known
+}
+
+// Runs `fn` on a thread of its own; false when it has not returned in time.
+bool returnsInTime(std::function<void()> fn) {
+    auto done = std::make_shared<Semaphore>();
+    std::thread([fn = std::move(fn), done] {
+        fn();
+        done->signal();
+    }).detach();
+    return done->waitFor(test::kWait);
+}
+
+TEST_F(X11ScreenTest, ServerThatStopsAnsweringHangsNobody) {
+    backend->mirroringService()->setCloneMirroringMode(kCloneMirroringModeMirror);
+    auto controller = make({800, 450});
+    controller->startCapture();
+    ASSERT_TRUE(recorder->waitForFrames(2));
+    ASSERT_EQ(kill(server->pid(), SIGSTOP), 0);
+    struct Resume {
+        pid_t pid;
+        ~Resume() { kill(pid, SIGCONT); }
+    } resume{server->pid()};
+    Ticker ticker;
+    ASSERT_TRUE(ticker.pass(6));  // the controller now waits for a reply
+
+    EXPECT_TRUE(returnsInTime([&] { controller->stopCapture(); }));
+    EXPECT_TRUE(returnsInTime([&] { controller.reset(); }));
+    // Choosing a backend gives up on the server and takes the synthetic one.
+    test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", std::nullopt},
+                        {"DISPLAY", server->displayName()}};
+    std::shared_ptr<ScreenBackend> chosen;
+    EXPECT_TRUE(returnsInTime([&] { chosen = makeScreenBackend(); }));
+    ASSERT_TRUE(chosen);
+    EXPECT_EQ(chosen->name(), "synthetic");
+    // A new controller cannot reach it: reported as lost, once.
+    auto fresh = make({800, 450});
+    fresh->startCapture();
+    ASSERT_TRUE(recorder->waitForFailures(1));
+    EXPECT_EQ(recorder->resets(), 1);
+    EXPECT_TRUE(returnsInTime([&] { fresh.reset(); }));
 }
 
 TEST_F(X11ScreenTest, PrimaryOutputRotationTravelsWithFrames) {
