@@ -1,9 +1,10 @@
 // The X11 screen backend against a private Xvfb with real client windows:
 // what mirror and clone mode show, the pointer, windows that go away, a
-// server that goes away, RandR orientation and the automatic choice.
+// server that goes away or stops answering, and the automatic choice.
+// Xvfb's output cannot rotate, so the RandR orientation is checked through
+// its mapping alone.
 #include <gtest/gtest.h>
 #include <xcb/randr.h>
-#include <xcb/xcb.h>
 
 #include <signal.h>
 
@@ -282,46 +283,6 @@ TEST_F(X11ScreenTest, ServerThatStopsAnsweringHangsNobody) {
     ASSERT_TRUE(recorder->waitForFailures(1));
     EXPECT_EQ(recorder->resets(), 1);
     EXPECT_TRUE(returnsInTime([&] { fresh.reset(); }));
-}
-
-TEST_F(X11ScreenTest, PrimaryOutputRotationTravelsWithFrames) {
-    // Xvfb's one CRTC may not rotate; then the mapping test above stands alone.
-    xcb_connection_t* c = xcb_connect(server->displayName().c_str(), nullptr);
-    ASSERT_FALSE(xcb_connection_has_error(c));
-    xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(c)).data->root;
-    free(xcb_randr_query_version_reply(c, xcb_randr_query_version(c, 1, 5), nullptr));
-    auto* res = xcb_randr_get_screen_resources_current_reply(
-        c, xcb_randr_get_screen_resources_current(c, root), nullptr);
-    ASSERT_TRUE(res);
-    bool rotated = false;
-    if (xcb_randr_get_screen_resources_current_crtcs_length(res) > 0) {
-        xcb_randr_crtc_t crtc = xcb_randr_get_screen_resources_current_crtcs(res)[0];
-        auto* info = xcb_randr_get_crtc_info_reply(
-            c, xcb_randr_get_crtc_info(c, crtc, res->config_timestamp), nullptr);
-        if (info && info->mode && (info->rotations & XCB_RANDR_ROTATION_ROTATE_180)) {
-            auto* set = xcb_randr_set_crtc_config_reply(
-                c,
-                xcb_randr_set_crtc_config(c, crtc, XCB_CURRENT_TIME, res->config_timestamp, info->x,
-                                          info->y, info->mode, XCB_RANDR_ROTATION_ROTATE_180,
-                                          xcb_randr_get_crtc_info_outputs_length(info),
-                                          xcb_randr_get_crtc_info_outputs(info)),
-                nullptr);
-            rotated = set && set->status == XCB_RANDR_SET_CONFIG_SUCCESS;
-            free(set);
-        }
-        free(info);
-    }
-    free(res);
-    xcb_disconnect(c);
-    if (!rotated) GTEST_SKIP() << "this Xvfb cannot rotate its output";
-    EXPECT_EQ(backend->transformFlags(), uint32_t(kScreenTransformFlipX | kScreenTransformFlipY));
-    backend->mirroringService()->setCloneMirroringMode(kCloneMirroringModeMirror);
-    auto controller = make({320, 180});
-    controller->startCapture();
-    ASSERT_TRUE(recorder->waitForFrames(1));
-    EXPECT_EQ(recorder->frames()[0].transformFlags,
-              uint32_t(kScreenTransformFlipX | kScreenTransformFlipY));
-    controller->stopCapture();
 }
 
 TEST_F(X11ScreenTest, AutomaticChoiceTakesAReachableServer) {
