@@ -42,6 +42,12 @@ uint32_t transformFlagsForRandRRotation(uint16_t rotation) {
     return flags;
 }
 
+xcb_connection_t* connectToXServer(const char* displayName, int* screenNumber) {
+    static std::mutex* connecting = new std::mutex;  // never destroyed: used by detached threads
+    std::lock_guard lock(*connecting);
+    return xcb_connect(displayName, screenNumber);
+}
+
 namespace {
 
 struct ConnectionDeleter {
@@ -106,7 +112,8 @@ int bitsPerPixelOfDepth(const xcb_setup_t* setup, uint8_t depth) {
 // server is unreachable or its pixels are not 32-bit BGRX.
 Connection openConnection(const std::string& displayName, ScreenInfo& info, std::string* error) {
     int screenNumber = 0;
-    Connection c(xcb_connect(displayName.empty() ? nullptr : displayName.c_str(), &screenNumber));
+    Connection c(
+        connectToXServer(displayName.empty() ? nullptr : displayName.c_str(), &screenNumber));
     if (!c || xcb_connection_has_error(c.get())) {
         if (error) *error = "cannot connect to the X server";
         return nullptr;

@@ -32,6 +32,8 @@
 
 #include "platform/screen/screen_backend.h"
 
+struct xcb_connection_t;
+
 namespace sv {
 
 // The transform flags for a RandR rotation word (XCB_RANDR_ROTATION_* bits):
@@ -42,6 +44,11 @@ namespace sv {
 // then reflect X toggles kScreenTransformFlipX (2) and reflect Y toggles
 // kScreenTransformFlipY (1). A word without a rotation bit counts as rotate 0.
 uint32_t transformFlagsForRandRRotation(uint16_t rotation);
+
+// xcb_connect for everyone in the process: it reads the X authority file
+// through libXau, whose file name lookup is not thread-safe, so connections
+// are opened one at a time. Same arguments and result as xcb_connect.
+xcb_connection_t* connectToXServer(const char* displayName, int* screenNumber);
 
 class X11ScreenBackend final : public ScreenBackend {
   public:
