@@ -82,11 +82,13 @@ struct PacedCaptureController::Core {
     std::weak_ptr<ScreenCaptureControllerDelegate> delegate;
     ScreenCaptureController* owner = nullptr;  // cleared by the controller's destructor
     std::thread::id threadID;
+    bool finished = false;   // the delivery thread has left run()
     uint64_t delivered = 0;  // frames delivered since creation: the next frame index
     bool droppingForConsumers = false;
     uint64_t droppedForConsumers = 0;
 
     void run();
+    void loop(std::unique_lock<std::mutex>& lock);
     bool poolExhausted();
     void deliverFailure(std::unique_lock<std::mutex>& lock, const CaptureFailure& failure);
 };
@@ -140,6 +142,12 @@ void PacedCaptureController::Core::deliverFailure(std::unique_lock<std::mutex>& 
 void PacedCaptureController::Core::run() {
     pthread_setname_np(pthread_self(), "sv-screen");
     std::unique_lock lock(mutex);
+    loop(lock);
+    finished = true;
+    cv.notify_all();
+}
+
+void PacedCaptureController::Core::loop(std::unique_lock<std::mutex>& lock) {
     uint64_t gen = 0, n = 0, start = 0;
     for (;;) {
         if (quit) return;
@@ -231,10 +239,20 @@ PacedCaptureController::~PacedCaptureController() {
     if (!thread_.joinable()) return;
     // Destroyed from inside a delegate call: the thread finishes that call,
     // sees `quit` and ends by itself; it holds the core, never `this`.
-    if (onDeliveryThread)
+    if (onDeliveryThread) {
         thread_.detach();
-    else
+        return;
+    }
+    // A source stuck outside the process (a display server that stopped
+    // answering) must not hang whoever releases the controller.
+    lock.lock();
+    if (core_->cv.wait_for(lock, kReleaseTimeout, [&] { return core_->finished; })) {
+        lock.unlock();
         thread_.join();
+    } else {
+        log::error("Screen capture: the frame source does not return; leaving its thread behind");
+        thread_.detach();
+    }
 }
 
 void PacedCaptureController::setDelegate(std::weak_ptr<ScreenCaptureControllerDelegate> delegate) {

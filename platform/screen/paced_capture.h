@@ -8,6 +8,7 @@
 // ScreenCaptureController.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -60,6 +61,9 @@ class PacedCaptureController final : public ScreenCaptureController {
     // once; while they hold more, deadlines pass without a frame instead of
     // the pool growing.
     static constexpr size_t kMaxFramesInFlight = 16;
+    // The longest the destructor waits for a grab that does not return; the
+    // thread is then left to finish on its own (it owns what it uses).
+    static constexpr std::chrono::seconds kReleaseTimeout{3};
 
     PacedCaptureController(WindowSize frameSize, MediaTime minimumFrameInterval,
                            std::shared_ptr<FrameSource> source);

@@ -71,7 +71,7 @@ bool drawSyntheticFrame(SharedSurface& surface, const SyntheticScene& scene,
                      std::min(y1, my + side), kSyntheticMarkerColor);
         }
     }
-    if (sw >= 64 && sh >= 32) drawFrameStamp(surface, stamp);
+    if (sw >= kFrameStampMinWidth && sh >= kFrameStampMinHeight) drawFrameStamp(surface, stamp);
     return true;
 }
 

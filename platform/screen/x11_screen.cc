@@ -12,10 +12,15 @@
 #include <xcb/xfixes.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "platform/audio/host_clock.h"
@@ -35,6 +40,12 @@ uint32_t transformFlagsForRandRRotation(uint16_t rotation) {
     if (rotation & XCB_RANDR_ROTATION_REFLECT_X) flags ^= kScreenTransformFlipX;
     if (rotation & XCB_RANDR_ROTATION_REFLECT_Y) flags ^= kScreenTransformFlipY;
     return flags;
+}
+
+xcb_connection_t* connectToXServer(const char* displayName, int* screenNumber) {
+    static std::mutex* connecting = new std::mutex;  // never destroyed: used by detached threads
+    std::lock_guard lock(*connecting);
+    return xcb_connect(displayName, screenNumber);
 }
 
 namespace {
@@ -101,7 +112,8 @@ int bitsPerPixelOfDepth(const xcb_setup_t* setup, uint8_t depth) {
 // server is unreachable or its pixels are not 32-bit BGRX.
 Connection openConnection(const std::string& displayName, ScreenInfo& info, std::string* error) {
     int screenNumber = 0;
-    Connection c(xcb_connect(displayName.empty() ? nullptr : displayName.c_str(), &screenNumber));
+    Connection c(
+        connectToXServer(displayName.empty() ? nullptr : displayName.c_str(), &screenNumber));
     if (!c || xcb_connection_has_error(c.get())) {
         if (error) *error = "cannot connect to the X server";
         return nullptr;
@@ -187,6 +199,59 @@ Connection openConnection(const std::string& displayName, ScreenInfo& info, std:
     return c;
 }
 
+// openConnection with a time limit: xcb waits without end for a server that
+// accepted the socket but does not answer (stopped, hung). The attempt goes
+// on in a thread of its own, which disposes of the connection when it is
+// given up.
+Connection openConnectionWithin(const std::string& displayName, ScreenInfo& info,
+                                std::string* error, std::chrono::milliseconds timeout) {
+    struct Attempt {
+        std::mutex mutex;
+        std::condition_variable cv;
+        bool done = false;
+        bool abandoned = false;
+        Connection connection;
+        ScreenInfo info;
+        std::string error;
+    };
+    auto attempt = std::make_shared<Attempt>();
+    try {
+        std::thread([attempt, displayName] {
+            ScreenInfo i;
+            std::string e;
+            Connection c = openConnection(displayName, i, &e);
+            std::lock_guard lock(attempt->mutex);
+            if (attempt->abandoned) return;
+            attempt->connection = std::move(c);
+            attempt->info = i;
+            attempt->error = std::move(e);
+            attempt->done = true;
+            attempt->cv.notify_all();
+        }).detach();
+    } catch (const std::system_error& e) {
+        if (error) *error = std::string("cannot start a thread: ") + e.what();
+        return nullptr;
+    }
+    std::unique_lock lock(attempt->mutex);
+    if (!attempt->cv.wait_for(lock, timeout, [&] { return attempt->done; })) {
+        attempt->abandoned = true;
+        if (error) *error = "the X server does not answer";
+        return nullptr;
+    }
+    if (!attempt->connection) {
+        if (error) *error = attempt->error;
+        return nullptr;
+    }
+    info = attempt->info;
+    return std::move(attempt->connection);
+}
+
+constexpr std::chrono::milliseconds kConnectTimeout{2000};
+
+// More windows than any application has; a larger set is refused rather
+// than costing a round trip per identifier each frame.
+constexpr size_t kMaxClonedWindows = 256;
+
 // The primary output's rotation (or the first active CRTC's, or the screen's
 // for servers before RandR 1.3) as transform flags.
 uint32_t readTransformFlags(xcb_connection_t* c, const ScreenInfo& info) {
@@ -271,7 +336,12 @@ class X11FrameSource final : public FrameSource {
     ~X11FrameSource() override { disconnect(); }
 
     GrabResult grab(const GrabRequest&, SurfacePool& pool) override {
-        auto mirroring = mirroring_->snapshot();
+        // Copied only when it changed: the clone set may be large.
+        if (!haveMirroring_ || mirroring_->version() != mirroringState_.version) {
+            mirroringState_ = mirroring_->snapshot();
+            haveMirroring_ = true;
+        }
+        const auto& mirroring = mirroringState_;
         if (mirroring.mode != kCloneMirroringModeMirror &&
             mirroring.mode != kCloneMirroringModeClone)
             return {};
@@ -285,7 +355,9 @@ class X11FrameSource final : public FrameSource {
         else
             result = grabCloned(mirroring);
         if (xcb_connection_has_error(c)) {
-            log::error("Screen capture: lost the connection to the X server \"%@\"", displayName_);
+            if (!interrupted_)
+                log::error("Screen capture: lost the connection to the X server \"%@\"",
+                           displayName_);
             disconnect();
             return failed(CaptureFailure::Kind::MediaServicesReset);
         }
@@ -312,6 +384,7 @@ class X11FrameSource final : public FrameSource {
     }
 
     void interrupt() override {
+        interrupted_ = true;
         std::lock_guard lock(connMutex_);
         if (conn_) shutdown(xcb_get_file_descriptor(conn_.get()), SHUT_RDWR);
     }
@@ -326,7 +399,7 @@ class X11FrameSource final : public FrameSource {
     bool reconnect() {
         std::string error;
         ScreenInfo info;
-        Connection c = openConnection(displayName_, info, &error);
+        Connection c = openConnectionWithin(displayName_, info, &error, kConnectTimeout);
         if (!c) {
             log::error("Screen capture: X server \"%@\": %@", displayName_, error);
             return false;
@@ -539,6 +612,11 @@ class X11FrameSource final : public FrameSource {
             warnedNoComposite_ = true;
             return failed(CaptureFailure::Kind::Failed, kScreenCaptureGrabFailed);
         }
+        if (mirroring.contextIDs.size() > kMaxClonedWindows) {
+            log::error("Screen capture: refusing to clone %lu windows",
+                       mirroring.contextIDs.size());
+            return failed(CaptureFailure::Kind::Failed, kScreenCaptureGrabFailed);
+        }
         if (mirroring.version != cloneVersion_) {
             if (!resolveCloned(mirroring.contextIDs))
                 return failed(CaptureFailure::Kind::Failed, kScreenCaptureSourceGone);
@@ -642,6 +720,9 @@ class X11FrameSource final : public FrameSource {
     const std::string displayName_;
     const std::shared_ptr<BasicDisplayMirroringService> mirroring_;
     const bool sharedMemory_;
+    BasicDisplayMirroringService::Snapshot mirroringState_;
+    bool haveMirroring_ = false;
+    std::atomic<bool> interrupted_{false};
     std::mutex connMutex_;  // guards conn_ against interrupt(); used on the delivery thread
     Connection conn_;
     ScreenInfo info_;
@@ -670,12 +751,18 @@ struct X11ScreenBackend::Impl {
     mutable Connection connection;
     mutable ScreenInfo info;
 
-    // The backend's connection, reopened once it broke. Null while the
-    // server is away. Called with `mutex` held.
+    mutable std::chrono::steady_clock::time_point lastAttempt;
+
+    // The backend's connection, reopened once it broke (at most every few
+    // seconds, as a server that does not answer costs the whole timeout).
+    // Null while the server is away. Called with `mutex` held.
     xcb_connection_t* connectionLocked() const {
         if (connection && !xcb_connection_has_error(connection.get())) return connection.get();
+        const auto now = std::chrono::steady_clock::now();
+        if (now - lastAttempt < std::chrono::seconds(5)) return nullptr;
+        lastAttempt = now;
         ScreenInfo fresh;
-        Connection c = openConnection(displayName, fresh, nullptr);
+        Connection c = openConnectionWithin(displayName, fresh, nullptr, kConnectTimeout);
         if (!c) return nullptr;
         connection = std::move(c);
         info = fresh;
@@ -705,7 +792,7 @@ std::shared_ptr<X11ScreenBackend> X11ScreenBackend::connect(const std::string& d
         if (error) *error = "no X display named (DISPLAY is not set)";
         return nullptr;
     }
-    impl->connection = openConnection(impl->displayName, impl->info, error);
+    impl->connection = openConnectionWithin(impl->displayName, impl->info, error, kConnectTimeout);
     if (!impl->connection) return nullptr;
     if (!impl->info.composite)
         log::error("Screen: X server \"%@\" has no Composite 0.2; clone mode will fail",

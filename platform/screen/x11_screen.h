@@ -16,6 +16,11 @@
 // once; a lost connection to the X server delivers MediaServicesWereReset
 // once. A controller started again after either reconnects.
 //
+// A server that accepts the connection but does not answer (stopped, hung)
+// counts as unreachable after two seconds; a controller whose server stops
+// answering in the middle of a frame delivers nothing more, but stopping and
+// releasing it never wait for the server.
+//
 // Each controller has its own connection, used only on its delivery thread;
 // the backend's own connection answers displaySize(). Presentation times are
 // the host time at which the frame's image was requested.
@@ -27,6 +32,8 @@
 
 #include "platform/screen/screen_backend.h"
 
+struct xcb_connection_t;
+
 namespace sv {
 
 // The transform flags for a RandR rotation word (XCB_RANDR_ROTATION_* bits):
@@ -37,6 +44,11 @@ namespace sv {
 // then reflect X toggles kScreenTransformFlipX (2) and reflect Y toggles
 // kScreenTransformFlipY (1). A word without a rotation bit counts as rotate 0.
 uint32_t transformFlagsForRandRRotation(uint16_t rotation);
+
+// xcb_connect for everyone in the process: it reads the X authority file
+// through libXau, whose file name lookup is not thread-safe, so connections
+// are opened one at a time. Same arguments and result as xcb_connect.
+xcb_connection_t* connectToXServer(const char* displayName, int* screenNumber);
 
 class X11ScreenBackend final : public ScreenBackend {
   public:

@@ -369,17 +369,29 @@ TEST(ScreenCaptureController, FailuresAreDeliveredOnceOnTheDeliveryThread) {
     }
 }
 
-TEST(ScreenCaptureController, RestartContinuesTheTimeline) {
+TEST(ScreenCaptureController, RestartContinuesTheFrameIndexAndTheTimeline) {
     Rig rig({.width = 640, .height = 360});
     auto controller = rig.start({320, 180}, 4);
     ASSERT_TRUE(rig.recorder->waitForFrames(5));
     controller->stopCapture();
+    auto before = rig.recorder->lastSample();
     const size_t delivered = rig.recorder->frameCount();
     controller->startCapture();
     ASSERT_TRUE(rig.recorder->waitForFrames(delivered + 3));
     controller->stopCapture();
     auto frames = rig.recorder->frames();
     EXPECT_GT(frames[delivered].presentationTime, frames[delivered - 1].presentationTime);
+
+    // The stamp carries the frame index (counting from the controller's
+    // creation, across the restart) and the presentation time.
+    auto stamp = test::stampOf(*before->imageBuffer());
+    ASSERT_TRUE(stamp) << "no stamp in a synthetic frame";
+    EXPECT_EQ(stamp->frameIndex, delivered - 1);
+    EXPECT_EQ(stamp->hostTime, HostClock::fromMediaTime(before->presentationTime()));
+    auto after = rig.recorder->lastSample();
+    auto afterStamp = test::stampOf(*after->imageBuffer());
+    ASSERT_TRUE(afterStamp);
+    EXPECT_EQ(afterStamp->frameIndex, rig.recorder->frameCount() - 1);
 }
 
 TEST(ScreenCaptureController, ConsumersThatHoldFramesCannotGrowThePool) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +13,8 @@
 #include <cstring>
 #include <filesystem>
 #include <vector>
+
+#include "platform/screen/x11_screen.h"
 
 namespace sv::testing {
 
@@ -73,7 +76,9 @@ std::unique_ptr<XvfbServer> XvfbServer::start(int32_t width, int32_t height, std
         return fail(std::string("fork: ") + std::strerror(errno));
     }
     if (pid == 0) {
-        // Only async-signal-safe calls from here on.
+        // Only async-signal-safe calls from here on. The server ends with
+        // the thread that started it, also when a test crashes.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
         if (fds[1] == 3) {
             if (fcntl(3, F_SETFD, 0) != 0) _exit(127);
         } else if (dup2(fds[1], 3) < 0) {
@@ -138,7 +143,7 @@ void XvfbServer::stop() {
 std::unique_ptr<XTestWindow> XTestWindow::create(const std::string& displayName, int32_t x,
                                                  int32_t y, int32_t width, int32_t height,
                                                  uint32_t rgb, std::string* error) {
-    xcb_connection_t* c = xcb_connect(displayName.c_str(), nullptr);
+    xcb_connection_t* c = connectToXServer(displayName.c_str(), nullptr);
     if (!c || xcb_connection_has_error(c)) {
         if (c) xcb_disconnect(c);
         if (error) *error = "cannot connect to " + displayName;

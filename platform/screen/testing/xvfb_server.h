@@ -20,7 +20,8 @@ class XvfbServer {
     static bool available();
     // Starts `Xvfb -displayfd ... -screen 0 <w>x<h>x24 -nolisten tcp
     // -noreset` and waits (up to `timeout`) until it names its display.
-    // Null with `error` when it cannot.
+    // Null with `error` when it cannot. The server is terminated when the
+    // calling thread ends, so start it from a thread that outlives it.
     static std::unique_ptr<XvfbServer> start(
         int32_t width = 1600, int32_t height = 900, std::string* error = nullptr,
         std::chrono::seconds timeout = std::chrono::seconds(30));
