@@ -692,11 +692,39 @@ void X11WindowSystem::Core::connectionLost() {
     connected = false;
 }
 
+namespace {
+
+// Scans allowed now: a burst of kX11RescanBurst, refilled at one every
+// kX11MinRescanInterval. An isolated change is scanned at once; a flood is
+// scanned at the refill rate.
+class ScanBudget {
+  public:
+    using Clock = std::chrono::steady_clock;
+    // Zero when a scan may run now (and takes it), else how long to wait.
+    Clock::duration take() {
+        auto now = Clock::now();
+        tokens_ = std::min<double>(
+            kX11RescanBurst, tokens_ + std::chrono::duration<double>(now - refilled_) /
+                                           std::chrono::duration<double>(kX11MinRescanInterval));
+        refilled_ = now;
+        if (tokens_ >= 1) {
+            tokens_ -= 1;
+            return Clock::duration::zero();
+        }
+        return std::chrono::duration_cast<Clock::duration>((1 - tokens_) * kX11MinRescanInterval);
+    }
+
+  private:
+    double tokens_ = kX11RescanBurst;
+    Clock::time_point refilled_ = Clock::now();
+};
+
+}  // namespace
+
 void X11WindowSystem::Core::run() {
     pthread_setname_np(pthread_self(), "sv-x11-windows");
     xcb_connection_t* c = connection.get();
-    using Clock = std::chrono::steady_clock;
-    Clock::time_point lastScan = Clock::now();
+    ScanBudget budget;
     bool dirty = false;
     while (!stopping.load()) {
         // Events that xcb has read already are not signalled on the socket.
@@ -722,8 +750,8 @@ void X11WindowSystem::Core::run() {
                 std::free(e);
             }
             if (dirty) {
+                budget.take();  // counted, but a waiter is never kept waiting
                 scan();
-                lastScan = Clock::now();
                 dirty = false;
             }
             {
@@ -735,15 +763,13 @@ void X11WindowSystem::Core::run() {
         }
         int timeoutMs = -1;
         if (dirty) {
-            auto due = lastScan + kX11MinRescanInterval;
-            auto now = Clock::now();
-            if (now >= due) {
+            auto wait = budget.take();
+            if (wait == ScanBudget::Clock::duration::zero()) {
                 scan();
-                lastScan = Clock::now();
                 dirty = false;
                 continue;  // the scan may have queued events
             }
-            timeoutMs = int(std::chrono::ceil<std::chrono::milliseconds>(due - now).count());
+            timeoutMs = int(std::chrono::ceil<std::chrono::milliseconds>(wait).count());
         }
         pollfd fds[2] = {{xcb_get_file_descriptor(c), POLLIN, 0}, {wake.fd, POLLIN, 0}};
         int n = poll(fds, 2, timeoutMs);

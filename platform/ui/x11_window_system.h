@@ -59,10 +59,11 @@
 //
 // Threads: every method may be called from any thread; monitors deliver on
 // their own queues (platform/system/application_state.h, display_layout.h).
-// The event thread rescans the screen after each batch of relevant events, at
-// most once every kX11MinRescanInterval, so a flood of events costs bounded
-// CPU. A lost server connection ends tracking: the layout becomes empty and no
-// application is foreground.
+// The event thread rescans the screen after each batch of relevant events:
+// at once for a change after a quiet spell, and no more than once every
+// kX11MinRescanInterval (after a burst of kX11RescanBurst) while events keep
+// coming, so a flood of events costs bounded CPU. A lost server connection ends tracking: the
+// layout becomes empty and no application is foreground.
 #pragma once
 
 #include <chrono>
@@ -81,6 +82,7 @@
 namespace sv {
 
 inline constexpr std::chrono::milliseconds kX11MinRescanInterval{4};
+inline constexpr int kX11RescanBurst = 4;
 // Windows looked at per scan; windows beyond it (a client flooding the screen
 // with top-levels) are ignored, topmost first kept.
 inline constexpr size_t kX11MaxScannedWindows = 4096;
