@@ -29,4 +29,4 @@ if(NOT LIBYUV_FOUND)
   endif()
 endif()
 # The X11 window system of the foreground tracking (core protocol only).
-pkg_check_modules(XCB_CORE IMPORTED_TARGET xcb)
+pkg_check_modules(XCB_CORE REQUIRED IMPORTED_TARGET xcb)
