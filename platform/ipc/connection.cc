@@ -564,40 +564,48 @@ void Connection::Impl::enqueue(const std::shared_ptr<Connection>& c, EncodedMess
     }
     // Not connected (yet, or any more): the I/O thread decides.
     onIoThread([c, m = std::move(m), error = std::move(error), replyId]() mutable {
-        Impl& st = *c->impl_;
-        State state;
-        {
-            std::lock_guard lock(st.mutex);
-            state = st.state;
-        }
-        auto drop = [&](int64_t code) {
-            {
-                std::lock_guard lock(st.sendMutex);
-                st.postsInFlight--;
-            }
-            st.queuedBytes -= m.bytes.size();
-            st.queuedMessages--;
-            dropPending(st, replyId);
-            fire(c, error, code);
-        };
-        if (state == State::Invalidated) return drop(kErrorConnectionInvalid);
-        if (!st.socket && state == State::Interrupted) {
-            UniqueFd fd = connectToService(c);
-            if (!fd.valid()) return drop(kErrorConnectionInterrupted);
-            {
-                std::lock_guard lock(st.mutex);
-                if (st.state == State::Invalidated) return drop(kErrorConnectionInvalid);
-                st.state = State::Active;
-            }
-            openSocket(c, fd.release());
-        }
-        {
-            std::lock_guard lock(st.sendMutex);
-            st.postsInFlight--;
-            st.out.push_back(Outgoing{std::move(m), std::move(error), replyId});
-        }
-        flush(c);
+        sendWhenConnected(c, std::move(m), std::move(error), replyId);
     });
+}
+
+// A message that was sent while the connection had no socket: connects a
+// service connection that was interrupted, queues the message behind those
+// before it, or fails it when the connection cannot be used.
+void Connection::Impl::sendWhenConnected(const std::shared_ptr<Connection>& c, EncodedMessage m,
+                                         OnceErrorPtr error, uint64_t replyId) {
+    Impl& s = *c->impl_;
+    State state;
+    {
+        std::lock_guard lock(s.mutex);
+        state = s.state;
+    }
+    auto drop = [&](int64_t code) {
+        {
+            std::lock_guard lock(s.sendMutex);
+            s.postsInFlight--;
+        }
+        s.queuedBytes -= m.bytes.size();
+        s.queuedMessages--;
+        dropPending(s, replyId);
+        fire(c, error, code);
+    };
+    if (state == State::Invalidated) return drop(kErrorConnectionInvalid);
+    if (!s.socket && state == State::Interrupted) {
+        UniqueFd fd = connectToService(c);
+        if (!fd.valid()) return drop(kErrorConnectionInterrupted);
+        {
+            std::lock_guard lock(s.mutex);
+            if (s.state == State::Invalidated) return drop(kErrorConnectionInvalid);
+            s.state = State::Active;
+        }
+        openSocket(c, fd.release());
+    }
+    {
+        std::lock_guard lock(s.sendMutex);
+        s.postsInFlight--;
+        s.out.push_back(Outgoing{std::move(m), std::move(error), replyId});
+    }
+    flush(c);
 }
 
 // ---------------------------------------------------------------------------

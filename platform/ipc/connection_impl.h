@@ -174,6 +174,8 @@ struct Connection::Impl {
     // bounds first.
     static void enqueue(const std::shared_ptr<Connection>& c, EncodedMessage m, OnceErrorPtr error,
                         uint64_t replyId);
+    static void sendWhenConnected(const std::shared_ptr<Connection>& c, EncodedMessage m,
+                                  OnceErrorPtr error, uint64_t replyId);
 };
 
 }  // namespace sv::ipc

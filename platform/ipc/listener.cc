@@ -300,6 +300,43 @@ Listener::~Listener() {
 
 namespace {
 
+// Binds and listens on `path` (mode 0600), replacing a socket left behind
+// by a process that ended; -1 with `why` when the name is taken by a running
+// service or the socket cannot be made.
+int bindServiceSocket(const std::string& serviceName, const std::string& path, std::string& why) {
+    sockaddr_un addr;
+    if (!fillAddress(path, addr)) {
+        why = "socket path too long: " + path;
+        return -1;
+    }
+    struct stat st {};
+    if (lstat(path.c_str(), &st) == 0) {
+        if (!S_ISSOCK(st.st_mode)) {
+            why = path + " exists and is not a socket";
+            return -1;
+        }
+        UniqueFd probe(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        bool live = probe.valid() &&
+                    (::connect(probe.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 ||
+                     errno == EAGAIN);  // a full backlog still means someone listens
+        if (live) {
+            why = "service " + serviceName + " is already running";
+            return -1;
+        }
+        ::unlink(path.c_str());
+    }
+    UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    // Created private: fchmod does not apply to a socket's path, so the mode
+    // is set right after bind; peer credentials are checked on every accept
+    // as well, which closes the window in between.
+    if (!fd.valid() || ::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        ::chmod(path.c_str(), 0600) != 0 || ::listen(fd.get(), 128) != 0) {
+        why = std::strerror(errno);
+        return -1;
+    }
+    return fd.release();
+}
+
 void applyOptions(Listener::Impl& s, const std::string& name, Listener::Options& options) {
     s.allowedUsers = std::move(options.allowedUsers);
     if (s.allowedUsers.empty()) s.allowedUsers.push_back(getuid());
@@ -324,30 +361,9 @@ std::shared_ptr<Listener> Listener::named(const std::string& serviceName, std::s
 
     int fd = takeActivatedSocket(serviceName);
     if (fd < 0) {
-        sockaddr_un addr;
-        if (!fillAddress(path, addr)) return fail("socket path too long: " + path);
-        struct stat st {};
-        if (lstat(path.c_str(), &st) == 0) {
-            if (!S_ISSOCK(st.st_mode)) return fail(path + " exists and is not a socket");
-            int probe = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-            bool live = probe >= 0 &&
-                        (::connect(probe, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 ||
-                         errno == EAGAIN);  // a full backlog still means someone listens
-            if (probe >= 0) ::close(probe);
-            if (live) return fail("service " + serviceName + " is already running");
-            ::unlink(path.c_str());  // left behind by a process that ended
-        }
-        fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (fd < 0) return fail(std::strerror(errno));
-        // Created private: fchmod does not apply to a socket's path, so the
-        // mode is set right after bind; peer credentials are checked on
-        // every accept as well, which closes the window in between.
-        if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-            ::chmod(path.c_str(), 0600) != 0 || ::listen(fd, 128) != 0) {
-            std::string why = std::strerror(errno);
-            ::close(fd);
-            return fail(why);
-        }
+        std::string why;
+        fd = bindServiceSocket(serviceName, path, why);
+        if (fd < 0) return fail(why);
         l->impl_->ownsPath = true;
     }
     setNonBlocking(fd);
