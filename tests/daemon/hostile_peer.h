@@ -178,11 +178,12 @@ class RawPeer {
   public:
     RawPeer() = default;
     explicit RawPeer(int fd) : fd_(fd) {}
-    RawPeer(RawPeer&& o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
+    RawPeer(RawPeer&& o) noexcept : fd_(std::exchange(o.fd_, -1)), buffer_(std::move(o.buffer_)) {}
     RawPeer& operator=(RawPeer&& o) noexcept {
         if (this != &o) {
             close();
             fd_ = std::exchange(o.fd_, -1);
+            buffer_ = std::move(o.buffer_);
         }
         return *this;
     }
@@ -232,7 +233,7 @@ class RawPeer {
     // The next message, decoded; nullopt on timeout, end of stream or garbage.
     std::optional<Value> receive(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
         auto end = std::chrono::steady_clock::now() + timeout;
-        std::vector<uint8_t> buf(256 * 1024 + 1);
+        std::vector<uint8_t>& buf = buffer();
         while (true) {
             ssize_t n = ::recv(fd_, buf.data(), buf.size(), MSG_DONTWAIT);
             if (n > 0) {
@@ -249,7 +250,7 @@ class RawPeer {
     // reset), read within `timeout`; messages before it are skipped.
     bool closedByPeer(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
         auto end = std::chrono::steady_clock::now() + timeout;
-        std::vector<uint8_t> buf(256 * 1024 + 1);
+        std::vector<uint8_t>& buf = buffer();
         while (true) {
             ssize_t n = ::recv(fd_, buf.data(), buf.size(), MSG_DONTWAIT);
             if (n == 0) return true;
@@ -281,7 +282,13 @@ class RawPeer {
         return ::poll(&p, 1, int(left.count())) > 0;
     }
 
+    std::vector<uint8_t>& buffer() {
+        if (buffer_.empty()) buffer_.resize(256 * 1024 + 1);  // the largest datagram, and one more
+        return buffer_;
+    }
+
     int fd_ = -1;
+    std::vector<uint8_t> buffer_;
 };
 
 // Sends `call`, whose reply identifier is `replyId`, and waits for that

@@ -505,7 +505,9 @@ TEST_F(IpcTest, EachUserHoldsAtMostTheLimitOfConnections) {
 // service stops reading its calls (the peer's sends block), and once the
 // peer reads again every call is answered, in order.
 TEST_F(IpcTest, APeerThatStopsReadingIsPausedAndLosesNothing) {
-    listen();
+    ListenerOptions options;
+    options.stalledPeerTimeout = 10min;  // not what this test is about, even when slow
+    listen(options);
     auto peer = test::RawPeer::connect(servicePath(service_));
     ASSERT_TRUE(peer.valid());
     Value payload = std::string(2000, 'x');
