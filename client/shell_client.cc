@@ -32,10 +32,7 @@ void ShellClient::send(const std::string& method, ipc::Arguments args, SizeCompl
         ->remoteObjectProxyWithErrorHandler(
             [once](const Error& e) { once->finish(std::nullopt, e); })
         .call(method, args, [once](const ipc::Received& reply) {
-            std::optional<int64_t> bytes;
-            if (reply.size() > 0 && reply.at(0).is_number_integer())
-                bytes = reply.at(0).get<int64_t>();
-            once->finish(bytes, std::nullopt);
+            once->finish(reply.integerAt<int64_t>(0), std::nullopt);
         });
     std::weak_ptr<Once> weak = once;
     connection_->queue()->asyncAfter(timeout_, [weak] {

@@ -16,7 +16,7 @@
 #include <optional>
 #include <string>
 
-#include "client/shell_protocol.h"
+#include "daemon/protocol/shell_protocol.h"
 #include "platform/ipc/ipc.h"
 
 namespace sv {
