@@ -382,8 +382,8 @@ void SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
         if (handler) handler(std::nullopt, _svUserErrorForCode(kErrorFailedToStart));
         return;
     }
-    const bool wroteFrames =
-        writer->fileWriterStatus() != int(media::MovieFileWriter::Status::Unknown);
+    using Status = media::MovieFileWriter::Status;
+    const bool wroteFrames = writer->fileWriterStatus() != int(Status::Unknown);
     const bool broadcasting = broadcastExtension_.load() != nullptr;
     const URL trimmedURL = trimmedOutputURL();
     writer->finishWritingWithHandler([weak, writer, handler, startClipDuration, endClipDuration,
@@ -396,7 +396,8 @@ void SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
             if (handler) handler(std::nullopt, std::nullopt);
             return;
         }
-        if (!wroteFrames || !movieURL || !fileExists(movieURL->path)) {
+        if (!wroteFrames || writer->fileWriterStatus() != int(Status::Completed) || !movieURL ||
+            !fileExists(movieURL->path)) {
             const int64_t code = wroteFrames ? kErrorFailedDuringRecording : kErrorFailedToStart;
             log::error("SVRecordingSession: no movie was written, error %li", code);
             if (handler) handler(std::nullopt, _svUserErrorForCode(code));
@@ -464,13 +465,15 @@ void SVRecordingSession::_processSampleBuffer(const std::shared_ptr<SampleBuffer
         log::error("SVRecordingSession: frame without a presentation time, dropping it");
         return;
     }
-    const bool firstAfterResume = sessionWasResumed_.exchange(false);
+    const bool firstAfterResume = sessionWasResumed_.load();
     timeline_.noteFrame(p, firstAfterResume);
     if (firstAfterResume) {
-        // The audio routes move their samples by the same gaps, in host ticks.
+        // The audio routes move their samples by the same gaps, in host
+        // ticks; they take the new sum once the flag is down.
         const MediaTime offset = timeline_.sampleTimeOffset;
         audioTimeOffset_.store(offset.isValid() ? convertScale(offset, HostClock::kTimescale).value
                                                 : 0);
+        sessionWasResumed_.store(false);
     }
     auto captureManager = SVCaptureManager::sharedManager();
     _updateSampleBufferWithOffset(sampleBuffer, timeline_.sampleTimeOffset, captureManager.get(),
