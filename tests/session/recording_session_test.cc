@@ -435,7 +435,7 @@ TEST_F(RecordingSessionTest, StopDuringTheStartChainNeverLeavesCaptureRunning) {
     auto s = makeSession();
     s->setFrontmostPIDForAudioTap(4242);
     s->setMicrophoneEnabled(true);
-    for (int i = 0; i < 24; ++i) {
+    for (int i = 0; i < 48; ++i) {
         if (auto c = screen->controller()) c->markStopped(false);
         s->setRecording(true);
         s->startSessionWithHandler({});
