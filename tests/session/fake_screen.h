@@ -9,7 +9,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <thread>
 #include <vector>
 
@@ -17,33 +16,6 @@
 #include "platform/screen/synthetic_screen.h"
 
 namespace sv::testing {
-
-class FakeMirroring : public DisplayMirroringService {
-  public:
-    bool setCloneMirroringMode(int32_t mode) override {
-        if (mode != 0 && mode != 2 && mode != 3) return false;
-        std::lock_guard lock(mutex_);
-        mode_ = mode;
-        return true;
-    }
-    int32_t cloneMirroringMode() const override {
-        std::lock_guard lock(mutex_);
-        return mode_;
-    }
-    void setLayerContextsToClone(std::set<uint32_t> ids) override {
-        std::lock_guard lock(mutex_);
-        contexts_ = std::move(ids);
-    }
-    std::set<uint32_t> layerContextsToClone() const override {
-        std::lock_guard lock(mutex_);
-        return contexts_;
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    int32_t mode_ = kCloneMirroringModeEnded;
-    std::set<uint32_t> contexts_;
-};
 
 class FakeController : public ScreenCaptureController {
   public:
@@ -185,7 +157,8 @@ class FakeScreenBackend : public ScreenBackend {
         return controllers_.size();
     }
 
-    const std::shared_ptr<FakeMirroring> mirroring = std::make_shared<FakeMirroring>();
+    const std::shared_ptr<BasicDisplayMirroringService> mirroring =
+        std::make_shared<BasicDisplayMirroringService>();
 
   private:
     mutable std::mutex mutex_;
