@@ -102,7 +102,8 @@ class RecordingSessionTest : public ::testing::Test {
         auto w = s->movieWriter();
         for (int i = 0; i < seconds * 30; ++i) {
             waitUntil([&] {
-                return w->fileWriterStatus() != 1 || w->videoInput()->isReadyForMoreMediaData();
+                return w->fileWriterStatus() != 1 || !w->videoInput() ||
+                       w->videoInput()->isReadyForMoreMediaData();
             });
             c->deliver(frame(100 + i / 30.0));
         }
@@ -497,6 +498,24 @@ TEST_F(RecordingSessionTest, SystemRecordingsAreUprightApplicationRecordingsAsCa
     c->deliver(frame(2.0), kScreenTransformRotate);
     EXPECT_TRUE(s->movieWriter()->videoInput()->transform().isIdentity());
     cleanup(s);
+}
+
+TEST_F(RecordingSessionTest, HostileSizesAndDurationsStillGiveAMovie) {
+    for (WindowSize bad : {WindowSize{NAN, 64}, WindowSize{INFINITY, -INFINITY}, WindowSize{-5, 0},
+                           WindowSize{64, 0.25f}}) {
+        auto s = makeSession();
+        s->setWindowSize(bad);
+        EXPECT_EQ(s->windowSize(), (WindowSize{1334, 750}));  // the display's
+    }
+    auto s = makeSession();
+    s->setWindowSize({1e30f, 1});
+    EXPECT_EQ(s->windowSize().width, 1600.0f);
+    record(s, 1);
+    EXPECT_EQ(screen->controller()->pixelHeight(), 2);
+    // Durations that are no time span keep the movie whole.
+    Finished f = finish(s, INFINITY, 1e300);
+    ASSERT_TRUE(f.url);
+    EXPECT_EQ(*f.url, s->outputURL());
 }
 
 TEST_F(RecordingSessionTest, BroadcastSeamsKeepTheirFields) {
