@@ -1,0 +1,146 @@
+// The recording service's application-facing protocols and the recording
+// service's methods on the shell channel. Shared by the daemon, the client
+// library, the `sorvel` tool and clients in other languages
+// (docs/ipc-wire-format.md describes the same interfaces).
+//
+// Value conventions on the wire:
+// - window size: {"width": number, "height": number} (pixels, 32-bit floats)
+// - error or nothing: null, or {"domain": text, "code": int, "userInfo": map}
+//   (Error::toValue); recording errors use "org.sorvel.SVRecordingErrorDomain"
+// - movie location or nothing: null, or a "file://..." URL as text
+// - layer context identifiers: unsigned 32-bit integers
+//
+// Every method is one-way; results come back only through its completion
+// handler, which the receiver calls at most once.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "platform/ipc/wire.h"
+
+namespace sv {
+
+// Exported by the daemon on its application service (application to daemon).
+//   startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:
+//       broadcast:systemRecording:withHandler:
+//       (array of ints, size, bool, bool, bool, bool) -> (error?, bool microphone, bool camera)
+//   setupBroadcastWithHostBundleID:broadcastExtensionBundleID:broadcastConfigurationData:
+//       userInfo:handler:  (text, text, bytes?, map?) -> (error?)
+//   stopRecordingWithHandler:                        -> (movie?, error?)
+//   stopRecordingWithStartClipDuration:endClipDuration:handler: (number, number)
+//                                                    -> (movie?, error?)
+//   pauseRecording
+//   resumeRecordingWithWindowLayerContextID:  (int)
+//   setMicrophoneEnabled:                     (bool)
+//   discardRecordingWithHandler:                     -> ()
+//   clientDidBecomeActiveWithBundleID:        (text)
+//   clientDidResignActiveWithBundleID:        (text)
+inline std::shared_ptr<const ipc::Interface> daemonProtocolInterface() {
+    using K = ipc::ArgKind;
+    using ipc::orNull;
+    static auto i = std::make_shared<const ipc::Interface>(
+        "SVDaemonProtocol",
+        std::vector<ipc::MethodSpec>{
+            {"startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:"
+             "broadcast:systemRecording:withHandler:",
+             {{K::Array},
+              {K::Dictionary},
+              {K::Bool},
+              {K::Bool},
+              {K::Bool},
+              {K::Bool},
+              {K::Handler}},
+             {orNull(K::Dictionary), {K::Bool}, {K::Bool}}},
+            {"setupBroadcastWithHostBundleID:broadcastExtensionBundleID:"
+             "broadcastConfigurationData:userInfo:handler:",
+             {{K::String}, {K::String}, orNull(K::Bytes), orNull(K::Dictionary), {K::Handler}},
+             {orNull(K::Dictionary)}},
+            {"stopRecordingWithHandler:",
+             {{K::Handler}},
+             {orNull(K::String), orNull(K::Dictionary)}},
+            {"stopRecordingWithStartClipDuration:endClipDuration:handler:",
+             {{K::Number}, {K::Number}, {K::Handler}},
+             {orNull(K::String), orNull(K::Dictionary)}},
+            {"pauseRecording", {}, {}},
+            {"resumeRecordingWithWindowLayerContextID:", {{K::Int}}, {}},
+            {"setMicrophoneEnabled:", {{K::Bool}}, {}},
+            {"discardRecordingWithHandler:", {{K::Handler}}, {}},
+            {"clientDidBecomeActiveWithBundleID:", {{K::String}}, {}},
+            {"clientDidResignActiveWithBundleID:", {{K::String}}, {}},
+        });
+    return i;
+}
+
+// Exported by the application on its connection (daemon to application).
+//   stopRecordingWithError:movieURL:  (error?, movie?)
+//   updateBroadcastServiceInfo:       (map)
+inline std::shared_ptr<const ipc::Interface> clientProtocolInterface() {
+    using K = ipc::ArgKind;
+    using ipc::orNull;
+    static auto i = std::make_shared<const ipc::Interface>(
+        "SVClientProtocol",
+        std::vector<ipc::MethodSpec>{
+            {"stopRecordingWithError:movieURL:", {orNull(K::Dictionary), orNull(K::String)}, {}},
+            {"updateBroadcastServiceInfo:", {{K::Dictionary}}, {}},
+        });
+    return i;
+}
+
+// Exported by a consent agent on its shell-channel connection, after it has
+// registered (daemon to agent). The alert is
+//   {"title": text, "message": text, "defaultButton": text,
+//    "alternateButton": text or null, "otherButton": text or null}
+// and the answer one of "default", "alternate", "other", "cancel".
+//   presentAlert:handler:  (map) -> (text)
+inline std::shared_ptr<const ipc::Interface> consentAgentProtocolInterface() {
+    using K = ipc::ArgKind;
+    static auto i = std::make_shared<const ipc::Interface>(
+        "SVConsentAgentProtocol",
+        std::vector<ipc::MethodSpec>{
+            {"presentAlert:handler:", {{K::Dictionary}, {K::Handler}}, {{K::String}}},
+        });
+    return i;
+}
+
+// The recording service's methods of the shell channel, added to the shell
+// protocol's own. Those that drive the synthetic platform answer with an
+// error on a real display.
+//   registerConsentAgentWithPreferredLanguages:handler: (array of text) -> (error?)
+//       the calling connection becomes the consent agent (the newest one wins)
+//   layerContextIDsForCallerWithHandler:      -> (array of ints, error?)
+//       the synthetic window system's layers of the calling process
+//   setApplicationState:foreground:processIdentifier:handler: (text, bool, int) -> (error?)
+//   setDisplayLayoutLevels:handler:  (array of ints or null) -> (error?)
+//       null returns to the layout made from the display's layers
+//   setDisplayTransformFlags:handler:  (int) -> (error?)
+//   injectScreenCaptureFailure:handler:  (text "failed"|"preempted"|"reset") -> (error?)
+//   recordingStatusForCallerWithHandler:  -> (map or null)
+//       the recording of the calling process's application, null when it has
+//       no session: {"bundleID": text, "recording": bool, "paused": bool,
+//       "microphoneEnabled": bool, "systemRecording": bool, "elapsed": seconds
+//       recorded without pauses, "framesWritten": int, "movieBytes": int}
+inline std::vector<ipc::MethodSpec> recordingShellMethods() {
+    using K = ipc::ArgKind;
+    using ipc::orNull;
+    return {
+        {"registerConsentAgentWithPreferredLanguages:handler:",
+         {{K::Array}, {K::Handler}},
+         {orNull(K::Dictionary)}},
+        {"layerContextIDsForCallerWithHandler:",
+         {{K::Handler}},
+         {orNull(K::Array), orNull(K::Dictionary)}},
+        {"setApplicationState:foreground:processIdentifier:handler:",
+         {{K::String}, {K::Bool}, {K::Int}, {K::Handler}},
+         {orNull(K::Dictionary)}},
+        {"setDisplayLayoutLevels:handler:",
+         {orNull(K::Array), {K::Handler}},
+         {orNull(K::Dictionary)}},
+        {"setDisplayTransformFlags:handler:", {{K::Int}, {K::Handler}}, {orNull(K::Dictionary)}},
+        {"injectScreenCaptureFailure:handler:",
+         {{K::String}, {K::Handler}},
+         {orNull(K::Dictionary)}},
+    };
+}
+
+}  // namespace sv
