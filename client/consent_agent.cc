@@ -104,13 +104,21 @@ std::shared_ptr<ipc::ExportedObject> ConsentAgent::makeExportedObject() {
             reply(ipc::Arguments().add(Value("cancel")));
             return;
         }
-        // The presenter may answer from any thread, at most once counts.
+        if (self->unanswered_.fetch_add(1) >= self->options_.maxUnansweredAlerts) {
+            self->unanswered_--;
+            log::error("consent agent: %lu alerts are still open; answered cancel",
+                       self->options_.maxUnansweredAlerts);
+            reply(ipc::Arguments().add(Value("cancel")));
+            return;
+        }
+        // The presenter may answer from any thread; the first answer counts.
         auto once = std::make_shared<std::atomic<bool>>(false);
         self->options_.presenter(*alert, [w, reply, once](ConsentResponse response) {
             if (once->exchange(true)) return;
             const char* name = consentResponseName(response);
             reply(ipc::Arguments().add(Value(name)));
             if (auto agent = w.lock()) {
+                agent->unanswered_--;
                 agent->answered_++;
                 agent->emit(Event::Answered, name);
             }

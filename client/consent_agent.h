@@ -82,6 +82,10 @@ class ConsentAgent : public std::enable_shared_from_this<ConsentAgent> {
         EventHandler events;  // may be empty
         std::chrono::milliseconds retryMin{100};
         std::chrono::milliseconds retryMax{2000};
+        // Alerts with the presenter and not answered yet; one more is
+        // answered "cancel" at once (a service that floods the agent must
+        // not pile up questions for the user).
+        size_t maxUnansweredAlerts = 8;
     };
 
     static std::shared_ptr<ConsentAgent> create(Options options);
@@ -110,6 +114,7 @@ class ConsentAgent : public std::enable_shared_from_this<ConsentAgent> {
     bool retryScheduled_ = false;
     std::chrono::milliseconds retryDelay_{0};
     std::atomic<size_t> answered_{0};
+    std::atomic<size_t> unanswered_{0};
 };
 
 }  // namespace sv

@@ -9,6 +9,7 @@
 // no handler of the application runs while it is held.
 #include <unistd.h>
 
+#include <atomic>
 #include <cmath>
 #include <map>
 #include <mutex>
@@ -150,6 +151,14 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
     bool recording = false;       // a start succeeded and nothing ended it since
     uint64_t interruptions = 0;   // of the connection, counted by its handler
     bool replayActivity = false;  // repeat lastActivity before the next request
+    // Something came from the service since the connection (re)connected.
+    // A call that fails as interrupted over a proven link was cut off by a
+    // break; over an unproven one the service most likely was not there.
+    bool linkProven = false;
+    // A break already acted on by the error handler of a call it cut off:
+    // the interruption handler queued behind it must not repeat the report
+    // a second time.
+    bool breakHandled = false;
     std::optional<Activity> lastActivity;
     uint64_t nextPendingId = 1;
     std::map<uint64_t, Fail> pending;  // requests whose handler has not been called
@@ -157,6 +166,11 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
     // Held while sending, so that a repeated activity report goes out just
     // before the request that reconnects.
     std::mutex sendMutex;
+
+    // Delegate callbacks handed to the executor that have not run yet.
+    static constexpr size_t kMaxDelegateBacklog = 1024;
+    std::atomic<size_t> delegateBacklog{0};
+    std::atomic<bool> droppingCallbacks{false};
 
     void post(std::function<void()> task) {
         if (task) executor(std::move(task));
@@ -177,28 +191,51 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
         if (take(id, &f)) post([f = std::move(f), error] { f(error); });
     }
 
-    void callFailed(uint64_t id, const Error& e, uint64_t interruptionsAtSend) {
-        if (e.domain == ipc::kIPCErrorDomain && e.code == ipc::kErrorConnectionInterrupted) {
-            // A broken connection queues the error handlers of its pending
-            // calls just ahead of its interruption handler: once that has
-            // run, an interruption counted since the send means the service
-            // went away mid-call; none means it was not there to connect to.
-            connection->queue()->async([w = weak_from_this(), id, interruptionsAtSend] {
-                auto self = w.lock();
-                if (!self) return;
-                uint64_t now;
-                {
-                    std::lock_guard lock(self->mutex);
-                    now = self->interruptions;
-                }
-                self->fail(id, clientError(now != interruptionsAtSend
-                                               ? SVRecorderError::kClientConnectionInterrupted
-                                               : SVRecorderError::kClientServiceNotRunning));
-            });
+    void proveLink() {
+        std::lock_guard lock(mutex);
+        linkProven = true;
+    }
+
+    // A call failed as interrupted: the connection has no socket now, and
+    // the next call connects again, after the activity report. Returns
+    // whether the link was proven until now.
+    bool noteInterruptedCall() {
+        std::lock_guard lock(mutex);
+        bool proven = linkProven;
+        if (proven) {
+            linkProven = false;
+            breakHandled = true;
+        }
+        if (lastActivity) replayActivity = true;
+        return proven;
+    }
+
+    void callFailed(uint64_t id, const Error& e, bool provenAtSend, uint64_t interruptionsAtSend) {
+        if (e.domain != ipc::kIPCErrorDomain || e.code != ipc::kErrorConnectionInterrupted) {
+            log::error("recorder client: request failed: %@", e.description());
+            fail(id, clientError(codeForIPCError(e)));
             return;
         }
-        log::error("recorder client: request failed: %@", e.description());
-        fail(id, clientError(codeForIPCError(e)));
+        noteInterruptedCall();
+        if (provenAtSend) {
+            fail(id, clientError(SVRecorderError::kClientConnectionInterrupted));
+            return;
+        }
+        // Unproven: an interruption counted since the send still means a
+        // break. The interruption handler of a break is queued right behind
+        // the error handlers of its calls; look once it had its turn.
+        connection->queue()->async([w = weak_from_this(), id, interruptionsAtSend] {
+            auto self = w.lock();
+            if (!self) return;
+            uint64_t now;
+            {
+                std::lock_guard lock(self->mutex);
+                now = self->interruptions;
+            }
+            self->fail(id, clientError(now != interruptionsAtSend
+                                           ? SVRecorderError::kClientConnectionInterrupted
+                                           : SVRecorderError::kClientServiceNotRunning));
+        });
     }
 
     // Sends the last activity report again after an interruption; called
@@ -215,16 +252,14 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
         connection
             ->remoteObjectProxyWithErrorHandler([w = weak_from_this()](const Error&) {
                 // Not delivered: try again before the next request.
-                if (auto self = w.lock()) {
-                    std::lock_guard lock(self->mutex);
-                    self->replayActivity = true;
-                }
+                if (auto self = w.lock()) self->noteInterruptedCall();
             })
             .call(activity->method, ipc::Arguments().add(Value(activity->bundleID)));
     }
 
     void request(const std::string& method, ipc::Arguments args, Decode decode, Fail failure) {
         uint64_t id, interruptionsAtSend;
+        bool provenAtSend;
         {
             std::lock_guard lock(mutex);
             if (invalidated) {
@@ -236,17 +271,22 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
             id = nextPendingId++;
             pending[id] = std::move(failure);
             interruptionsAtSend = interruptions;
+            provenAtSend = linkProven;
         }
         std::weak_ptr<ClientCore> w = weak_from_this();
         std::lock_guard send(sendMutex);
         replayActivityIfNeeded();
         connection
-            ->remoteObjectProxyWithErrorHandler([w, id, interruptionsAtSend](const Error& e) {
-                if (auto self = w.lock()) self->callFailed(id, e, interruptionsAtSend);
-            })
+            ->remoteObjectProxyWithErrorHandler(
+                [w, id, provenAtSend, interruptionsAtSend](const Error& e) {
+                    if (auto self = w.lock())
+                        self->callFailed(id, e, provenAtSend, interruptionsAtSend);
+                })
             .call(method, args, [w, id, decode = std::move(decode)](const ipc::Received& reply) {
                 auto self = w.lock();
-                if (!self || !self->take(id)) return;
+                if (!self) return;
+                self->proveLink();
+                if (!self->take(id)) return;
                 self->post(decode(reply));
             });
     }
@@ -260,8 +300,12 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
         std::lock_guard send(sendMutex);
         replayActivityIfNeeded();
         connection
-            ->remoteObjectProxyWithErrorHandler([method](const Error& e) {
+            ->remoteObjectProxyWithErrorHandler([w = weak_from_this(), method](const Error& e) {
                 log::error("recorder client: %@ not delivered: %@", method, e.description());
+                auto self = w.lock();
+                if (self && e.domain == ipc::kIPCErrorDomain &&
+                    e.code == ipc::kErrorConnectionInterrupted)
+                    self->noteInterruptedCall();
             })
             .call(method, args);
     }
@@ -284,9 +328,20 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
     // Delegate callbacks: the delegate is looked up when the task runs, and
     // nothing is called once the client has been invalidated.
     void postToDelegate(std::function<void(SVRecorderClientDelegate&)> call) {
+        // An application whose executor falls behind a flood of callbacks
+        // loses the excess rather than its memory.
+        if (delegateBacklog.fetch_add(1) >= kMaxDelegateBacklog) {
+            delegateBacklog--;
+            if (!droppingCallbacks.exchange(true))
+                log::error("recorder client: the executor is %lu callbacks behind; dropping more",
+                           kMaxDelegateBacklog);
+            return;
+        }
         post([w = weak_from_this(), call = std::move(call)] {
             auto self = w.lock();
             if (!self) return;
+            self->delegateBacklog--;
+            self->droppingCallbacks = false;
             std::shared_ptr<SVRecorderClientDelegate> d;
             {
                 std::lock_guard lock(self->mutex);
@@ -302,7 +357,11 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
         {
             std::lock_guard lock(mutex);
             ++interruptions;
-            if (lastActivity) replayActivity = true;
+            linkProven = false;
+            if (breakHandled)
+                breakHandled = false;  // a cut-off call has armed the report already
+            else if (lastActivity)
+                replayActivity = true;
             wasRecording = recording;
             recording = false;
         }
@@ -321,6 +380,7 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
         table->on("stopRecordingWithError:movieURL:", [w](ipc::Invocation& inv) {
             auto self = w.lock();
             if (!self) return;
+            self->proveLink();
             auto error = optionalError(inv.at(0));
             auto movie = optionalMovie(inv.at(1));
             if (!error) {
@@ -340,6 +400,7 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
         table->on("updateBroadcastServiceInfo:", [w](ipc::Invocation& inv) {
             auto self = w.lock();
             if (!self) return;
+            self->proveLink();
             self->postToDelegate([json = client::jsonText(inv.at(0))](SVRecorderClientDelegate& d) {
                 d.updateBroadcastServiceInfo(json);
             });

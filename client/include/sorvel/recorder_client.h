@@ -66,7 +66,9 @@ struct SVWindowSize {
 };
 
 // Calls from the service about a recording that ended on its side. Held
-// weakly by the client; callbacks run through the client's executor.
+// weakly by the client; callbacks run through the client's executor. When
+// more than 1024 callbacks wait in an executor that does not keep up, the
+// client drops further ones (and logs it) instead of growing without bound.
 class SVRecorderClientDelegate {
   public:
     virtual ~SVRecorderClientDelegate() = default;
