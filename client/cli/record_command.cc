@@ -217,6 +217,7 @@ class Recorder : public sv::SVRecorderClientDelegate,
     Clock::duration recorded_{0};
     Clock::time_point segmentStart_;
     std::optional<sv::ShellRecordingStatus> status_;
+    uint64_t localChanges_ = 0;  // key presses that changed pause or microphone
     bool statusLineShown_ = false;
     bool liveStatus_ = isatty(STDERR_FILENO);
     uint64_t hintTimer_ = 0, pollTimer_ = 0, durationTimer_ = 0;
@@ -387,13 +388,17 @@ void Recorder::started(std::optional<SVRecorderError> error, bool microphone) {
 void Recorder::pollStatus() {
     if (phase_ != Phase::Recording) return;
     std::weak_ptr<Recorder> w = weak_from_this();
+    uint64_t changes = localChanges_;
     shell_->recordingStatusForCaller(
-        [loop = loop_, w](std::optional<sv::ShellRecordingStatus> status, sv::OptionalError error) {
-            loop->post([w, status = std::move(status), error = std::move(error)] {
+        [loop = loop_, w, changes](std::optional<sv::ShellRecordingStatus> status,
+                                   sv::OptionalError error) {
+            loop->post([w, changes, status = std::move(status), error = std::move(error)] {
                 auto self = w.lock();
                 if (!self || self->phase_ != Phase::Recording) return;
-                // A service without the status method: the local clock.
-                if (!error && status && status->recording) {
+                // A service without the status method: the local clock. An
+                // answer to a question asked before the last key press may
+                // not show what the key changed yet.
+                if (!error && status && status->recording && changes == self->localChanges_) {
                     self->status_ = status;
                     self->paused_ = status->paused;
                     self->microphoneOn_ = status->microphoneEnabled;
@@ -454,8 +459,7 @@ void Recorder::togglePause() {
         paused_ = true;
         loop_->cancel(durationTimer_);
     }
-    // The next status answer may still show the old state.
-    status_.reset();
+    ++localChanges_;
     render();
 }
 
@@ -468,7 +472,7 @@ void Recorder::toggleMicrophone() {
     }
     microphoneOn_ = !microphoneOn_;
     client_->setMicrophoneEnabled(microphoneOn_);
-    status_.reset();
+    ++localChanges_;
     render();
 }
 
