@@ -3,7 +3,7 @@
 add_library(sv_client ${CMAKE_CURRENT_SOURCE_DIR}/shell_client.cc
   ${CMAKE_CURRENT_SOURCE_DIR}/consent_agent.cc)
 target_include_directories(sv_client PUBLIC ${CMAKE_SOURCE_DIR})
-target_link_libraries(sv_client PUBLIC sv_ipc sv_core PRIVATE sv_build_flags)
+target_link_libraries(sv_client PUBLIC sv_protocol sv_ipc sv_core PRIVATE sv_build_flags)
 
 # The installable client library for applications, libsorvel-client.so. It
 # carries its own copy of the internal libraries and exports only the public
@@ -23,7 +23,7 @@ target_include_directories(sorvel_client
          $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
   PRIVATE ${CMAKE_SOURCE_DIR})
 target_compile_features(sorvel_client PUBLIC cxx_std_20)
-target_link_libraries(sorvel_client PRIVATE sv_ipc sv_support sv_process sv_platform_system
+target_link_libraries(sorvel_client PRIVATE sv_protocol sv_ipc sv_support sv_process sv_platform_system
   sv_core sv_build_flags)
 target_link_options(sorvel_client PRIVATE
   -Wl,--version-script=${CMAKE_CURRENT_SOURCE_DIR}/sorvel-client.map)

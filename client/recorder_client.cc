@@ -16,8 +16,8 @@
 #include <utility>
 
 #include "client/recorder_internal.h"
-#include "client/shell_protocol.h"
 #include "daemon/protocol/recording_protocol.h"
+#include "daemon/protocol/service_names.h"
 #include "platform/dispatch.h"
 #include "platform/ipc/ipc.h"
 #include "platform/log.h"

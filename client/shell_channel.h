@@ -7,8 +7,9 @@
 #include <memory>
 #include <vector>
 
-#include "client/shell_protocol.h"
 #include "daemon/protocol/recording_protocol.h"
+#include "daemon/protocol/service_names.h"
+#include "daemon/protocol/shell_protocol.h"
 
 namespace sv {
 

@@ -40,8 +40,7 @@ void ShellClient::call(const std::string& method, ipc::Arguments args, ReplyComp
 void ShellClient::send(const std::string& method, ipc::Arguments args, SizeCompletion completion) {
     call(method, std::move(args), [completion](ipc::Received reply, OptionalError error) {
         std::optional<int64_t> bytes;
-        if (!error && reply.size() > 0 && reply.at(0).is_number_integer())
-            bytes = reply.at(0).get<int64_t>();
+        if (!error) bytes = reply.integerAt<int64_t>(0);
         if (completion) completion(bytes, std::move(error));
     });
 }

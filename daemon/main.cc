@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "client/shell_protocol.h"
+#include "daemon/protocol/service_names.h"
 #include "daemon/recording_manager.h"
 #include "daemon/shell_service.h"
 #include "platform/audio/audio_backend.h"

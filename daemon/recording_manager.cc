@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "client/shell_protocol.h"
+#include "daemon/protocol/service_names.h"
 #include "platform/log.h"
 #include "platform/process/keep_alive.h"
 #include "platform/process/purgeable_space.h"

@@ -1,8 +1,8 @@
 #include "daemon/shell_service.h"
 
-#include <algorithm>
+#include <optional>
 
-#include "client/shell_protocol.h"
+#include "daemon/protocol/shell_protocol.h"
 #include "platform/log.h"
 #include "platform/process/notification_center.h"
 #include "platform/process/purgeable_space.h"
@@ -10,17 +10,36 @@
 namespace sv {
 namespace {
 
-int32_t urgencyAt(const ipc::Invocation& inv, size_t i) {
-    int64_t v = inv.at(i).is_number_unsigned()
-                    ? int64_t(std::min<uint64_t>(inv.at(i).get<uint64_t>(), INT32_MAX))
-                    : inv.at(i).get<int64_t>();
-    return int32_t(std::clamp<int64_t>(v, INT32_MIN, INT32_MAX));
+// Integer arguments as the daemon uses them: urgency is 32-bit, amounts are
+// 64-bit. The interface admits only such values; one that still does not
+// fit (an object exported under a looser interface) is refused and logged,
+// never clamped, and the call gets no answer.
+template <typename T>
+std::optional<T> integerArgument(const ipc::Invocation& inv, size_t i, const char* name) {
+    auto v = inv.integerAt<T>(i);
+    if (!v) {
+        static log::RateLimit limit;
+        log::error(limit, "shell: %@ refused: %@ out of range", inv.method(), name);
+    }
+    return v;
 }
 
-int64_t amountAt(const ipc::Invocation& inv, size_t i) {
-    if (inv.at(i).is_number_unsigned())
-        return int64_t(std::min<uint64_t>(inv.at(i).get<uint64_t>(), uint64_t(INT64_MAX)));
-    return inv.at(i).get<int64_t>();
+// The purgeable-space calls with their (amount and) urgency read, or
+// nothing when one is out of range.
+template <typename F>
+ipc::MethodTable::Method withUrgency(size_t index, F&& body) {
+    return [index, body = std::forward<F>(body)](ipc::Invocation& inv) {
+        if (auto urgency = integerArgument<int32_t>(inv, index, "urgency")) body(inv, *urgency);
+    };
+}
+
+template <typename F>
+ipc::MethodTable::Method withAmountAndUrgency(F&& body) {
+    return [body = std::forward<F>(body)](ipc::Invocation& inv) {
+        auto amount = integerArgument<int64_t>(inv, 0, "amount");
+        auto urgency = amount ? integerArgument<int32_t>(inv, 1, "urgency") : std::nullopt;
+        if (amount && urgency) body(inv, *amount, *urgency);
+    };
 }
 
 void replyBytes(const ipc::Invocation& inv, std::optional<int64_t> bytes) {
@@ -43,21 +62,25 @@ std::shared_ptr<SVShellService> SVShellService::create(std::string* error) {
                  inv.handler()();
              })
         .on("purgeableSpaceWithUrgency:handler:",
-            [&purgeable](ipc::Invocation& inv) {
-                replyBytes(inv, purgeable.purgeableSpace(urgencyAt(inv, 0)));
-            })
+            withUrgency(0,
+                        [&purgeable](ipc::Invocation& inv, int32_t urgency) {
+                            replyBytes(inv, purgeable.purgeableSpace(urgency));
+                        }))
         .on("purgeWithAmount:urgency:handler:",
-            [&purgeable](ipc::Invocation& inv) {
-                replyBytes(inv, purgeable.purge(amountAt(inv, 0), urgencyAt(inv, 1)));
-            })
+            withAmountAndUrgency(
+                [&purgeable](ipc::Invocation& inv, int64_t amount, int32_t urgency) {
+                    replyBytes(inv, purgeable.purge(amount, urgency));
+                }))
         .on("cancelPurgeWithHandler:",
             [&purgeable](ipc::Invocation& inv) {
                 purgeable.cancelPurge();
                 inv.handler()();
             })
-        .on("periodicWithAmount:urgency:handler:", [&purgeable](ipc::Invocation& inv) {
-            replyBytes(inv, purgeable.periodic(amountAt(inv, 0), urgencyAt(inv, 1)));
-        });
+        .on("periodicWithAmount:urgency:handler:",
+            withAmountAndUrgency(
+                [&purgeable](ipc::Invocation& inv, int64_t amount, int32_t urgency) {
+                    replyBytes(inv, purgeable.periodic(amount, urgency));
+                }));
     return s;
 }
 

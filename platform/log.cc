@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <spdlog/async.h>
 #include <spdlog/sinks/stdout_sinks.h>
@@ -209,6 +210,35 @@ void flush() {
     }
     if (logger) logger->flush();
     std::fflush(stderr);
+}
+
+RateLimit::RateLimit(size_t burst, Clock::duration interval, std::function<Clock::time_point()> now)
+    : burst_(burst), interval_(interval), now_(std::move(now)) {}
+
+bool RateLimit::admit(size_t& suppressed) {
+    Clock::time_point t = now_();
+    std::lock_guard lock(mutex_);
+    if (!started_ || t - windowStart_ >= interval_) {
+        started_ = true;
+        windowStart_ = t;
+        written_ = 0;
+    }
+    if (written_ >= burst_) {
+        ++suppressed_;
+        return false;
+    }
+    ++written_;
+    suppressed = std::exchange(suppressed_, 0);
+    return true;
+}
+
+void writeLimited(RateLimit& limit, Level level, std::string_view fmt,
+                  const std::function<std::string()>& render) {
+    size_t suppressed = 0;
+    if (!limit.admit(suppressed)) return;
+    if (suppressed > 0)
+        write(level, format("suppressed %lu lines like: %@", suppressed, std::string(fmt)));
+    write(level, render());
 }
 
 Capture::Capture() {

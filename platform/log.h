@@ -7,8 +7,10 @@
 // asynchronous, so a log call never waits for I/O. Thread-safe.
 #pragma once
 
+#include <chrono>
 #include <concepts>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -119,6 +121,54 @@ void error(std::string_view fmt, const A&... args) {
 template <typename... A>
 void console(std::string_view fmt, const A&... args) {
     write(Level::Console, format(fmt, args...));
+}
+
+// Keeps one call site from flooding the log: the first `burst` lines of
+// each `interval` are written, later ones only counted; the first line
+// written after some were held back is preceded by one line saying how many
+// ("suppressed 812 lines like: <format>"). For lines that a peer can cause
+// at will (one per message, per connection, per failed call). Thread-safe;
+// usually a function-local static, one per call site.
+class RateLimit {
+  public:
+    using Clock = std::chrono::steady_clock;
+    explicit RateLimit(size_t burst = 10, Clock::duration interval = std::chrono::seconds(10),
+                       std::function<Clock::time_point()> now = Clock::now);
+    RateLimit(const RateLimit&) = delete;
+    RateLimit& operator=(const RateLimit&) = delete;
+
+    // Whether a line may be written now. When it may, `suppressed` is the
+    // number of lines held back since the last one written.
+    bool admit(size_t& suppressed);
+
+  private:
+    std::mutex mutex_;
+    const size_t burst_;
+    const Clock::duration interval_;
+    const std::function<Clock::time_point()> now_;
+    Clock::time_point windowStart_{};
+    size_t written_ = 0;     // in the current window
+    size_t suppressed_ = 0;  // since the last line written
+    bool started_ = false;
+};
+
+// Writes the line `render()` makes at `level` if `limit` admits it, with the
+// summary of held-back lines (naming `fmt`) first.
+void writeLimited(RateLimit& limit, Level level, std::string_view fmt,
+                  const std::function<std::string()>& render);
+
+template <typename... A>
+void info(RateLimit& limit, std::string_view fmt, const A&... args) {
+    writeLimited(limit, Level::Default, fmt, [&] { return format(fmt, args...); });
+}
+template <typename... A>
+void debug(RateLimit& limit, std::string_view fmt, const A&... args) {
+    if (isDebugEnabled())
+        writeLimited(limit, Level::Debug, fmt, [&] { return format(fmt, args...); });
+}
+template <typename... A>
+void error(RateLimit& limit, std::string_view fmt, const A&... args) {
+    writeLimited(limit, Level::Error, fmt, [&] { return format(fmt, args...); });
 }
 
 struct Line {

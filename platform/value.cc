@@ -43,125 +43,161 @@ bool validUtf8(const uint8_t* p, size_t n) {
 
 // Walks the CBOR structure iteratively so that hostile nesting cannot exhaust
 // the stack, and checks every declared length against the bytes that remain
-// before nlohmann's (recursive) parser sees the input.
+// before nlohmann's (recursive) parser sees the input. It also refuses what
+// that parser would read wrongly: a negative integer below INT64_MIN.
 class CborValidator {
   public:
     CborValidator(std::span<const uint8_t> in, const CborLimits& lim) : in_(in), lim_(lim) {}
 
     std::string validate() {
-        struct Frame {
-            uint64_t remaining;  // items left; UINT64_MAX for indefinite length
-            bool indefinite;
-            bool stringChunks;  // indefinite text/byte string: only chunks allowed
-            uint8_t chunkMajor;
-        };
-        std::vector<Frame> stack;
-        size_t items = 0;
-        size_t pendingTags = 0;  // nlohmann recurses once per tag
-        bool done = false;
-        while (!done) {
-            if (pos_ >= in_.size()) return "truncated CBOR input";
-            uint8_t ib = in_[pos_++];
-            uint8_t major = ib >> 5, info = ib & 0x1f;
-
-            if (ib == 0xff) {  // break
-                if (stack.empty() || !stack.back().indefinite) return "unexpected CBOR break";
-                stack.pop_back();
-                done = finishItem(stack);
-                continue;
-            }
-            if (++items > lim_.maxItems) return "CBOR input has too many items";
-            if (major == 6) {
-                if (++pendingTags + stack.size() >= lim_.maxDepth) return "CBOR nesting too deep";
-            } else {
-                pendingTags = 0;
-            }
-            if (!stack.empty() && stack.back().stringChunks) {
-                if (major != stack.back().chunkMajor || info == 31)
-                    return "invalid chunk in indefinite-length CBOR string";
-            }
-            uint64_t arg = 0;
-            if (info < 24) {
-                arg = info;
-            } else if (info <= 27) {
-                size_t n = size_t(1) << (info - 24);
-                if (in_.size() - pos_ < n) return "truncated CBOR input";
-                for (size_t i = 0; i < n; ++i) arg = (arg << 8) | in_[pos_++];
-            } else if (info == 31) {
-                if (major == 0 || major == 1 || major == 6) return "invalid CBOR indefinite length";
-                if (major == 7) return "unexpected CBOR break";
-            } else {
-                return "reserved CBOR additional information";
-            }
-
-            switch (major) {
-                case 0:
-                case 1:
-                    done = finishItem(stack);
-                    break;
-                case 2:
-                case 3:
-                    if (info == 31) {
-                        if (stack.size() >= lim_.maxDepth) return "CBOR nesting too deep";
-                        stack.push_back({UINT64_MAX, true, true, major});
-                    } else {
-                        if (arg > in_.size() - pos_) return "CBOR string longer than input";
-                        if (major == 3 && !validUtf8(in_.data() + pos_, static_cast<size_t>(arg)))
-                            return "malformed CBOR: text string is not UTF-8";
-                        pos_ += static_cast<size_t>(arg);
-                        done = finishItem(stack);
-                    }
-                    break;
-                case 4:
-                case 5: {
-                    if (info == 31) {
-                        if (stack.size() >= lim_.maxDepth) return "CBOR nesting too deep";
-                        stack.push_back({UINT64_MAX, true, false, 0});
-                        break;
-                    }
-                    // Every item takes at least one byte, which bounds the count.
-                    uint64_t count = arg;
-                    if (major == 5) {
-                        if (count > (in_.size() - pos_) / 2) return "CBOR map longer than input";
-                        count *= 2;
-                    } else if (count > in_.size() - pos_) {
-                        return "CBOR array longer than input";
-                    }
-                    if (count == 0) {
-                        done = finishItem(stack);
-                    } else {
-                        if (stack.size() >= lim_.maxDepth) return "CBOR nesting too deep";
-                        stack.push_back({count, false, false, 0});
-                    }
-                    break;
-                }
-                case 6:  // tag: the tagged item follows
-                    break;
-                case 7:
-                    done = finishItem(stack);
-                    break;
-            }
+        while (!done_) {
+            if (auto err = step(); !err.empty()) return err;
         }
         if (pos_ != in_.size()) return "trailing bytes after CBOR item";
         return {};
     }
 
   private:
-    // One complete item ended; returns true when it was the top-level item.
-    template <typename Stack>
-    static bool finishItem(Stack& stack) {
-        while (!stack.empty()) {
-            auto& top = stack.back();
-            if (top.indefinite) return false;
-            if (--top.remaining > 0) return false;
-            stack.pop_back();
+    // An open array, map or indefinite-length string.
+    struct Frame {
+        uint64_t remaining;  // items left; unused for indefinite length
+        bool indefinite;
+        bool stringChunks;  // indefinite text/byte string: only chunks allowed
+        uint8_t chunkMajor;
+    };
+    // The initial byte of a data item and its argument.
+    struct Head {
+        uint8_t major;
+        uint8_t info;
+        uint64_t argument = 0;
+    };
+
+    // Reads one data item's head (or a break) and what it opens or skips.
+    std::string step() {
+        if (pos_ >= in_.size()) return "truncated CBOR input";
+        uint8_t initial = in_[pos_++];
+        if (initial == 0xff) return closeIndefinite();
+        Head h{uint8_t(initial >> 5), uint8_t(initial & 0x1f)};
+        if (auto err = countItem(h); !err.empty()) return err;
+        if (auto err = readArgument(h); !err.empty()) return err;
+        switch (h.major) {
+            case 0:  // unsigned integer: every 64-bit value is representable
+            case 7:  // simple value or float
+                finishItem();
+                return {};
+            case 1:
+                return negativeInteger(h);
+            case 2:
+            case 3:
+                return string(h);
+            case 4:
+            case 5:
+                return container(h);
+            default:  // tag: the tagged item follows
+                return {};
         }
-        return true;
+    }
+
+    std::string closeIndefinite() {
+        if (stack_.empty() || !stack_.back().indefinite) return "unexpected CBOR break";
+        stack_.pop_back();
+        finishItem();
+        return {};
+    }
+
+    // Counts the item against the limits and checks it may stand here.
+    std::string countItem(const Head& h) {
+        if (++items_ > lim_.maxItems) return "CBOR input has too many items";
+        if (h.major == 6) {
+            // nlohmann recurses once per tag, so tags count as nesting.
+            if (++pendingTags_ + stack_.size() >= lim_.maxDepth) return "CBOR nesting too deep";
+        } else {
+            pendingTags_ = 0;
+        }
+        if (!stack_.empty() && stack_.back().stringChunks &&
+            (h.major != stack_.back().chunkMajor || h.info == 31))
+            return "invalid chunk in indefinite-length CBOR string";
+        return {};
+    }
+
+    std::string readArgument(Head& h) {
+        if (h.info < 24) {
+            h.argument = h.info;
+        } else if (h.info <= 27) {
+            size_t n = size_t(1) << (h.info - 24);
+            if (in_.size() - pos_ < n) return "truncated CBOR input";
+            for (size_t i = 0; i < n; ++i) h.argument = (h.argument << 8) | in_[pos_++];
+        } else if (h.info == 31) {
+            if (h.major == 0 || h.major == 1 || h.major == 6)
+                return "invalid CBOR indefinite length";
+            if (h.major == 7) return "unexpected CBOR break";
+        } else {
+            return "reserved CBOR additional information";
+        }
+        return {};
+    }
+
+    // -1 - argument must fit a signed 64-bit integer; below it the parser
+    // would wrap around to a large positive value.
+    std::string negativeInteger(const Head& h) {
+        if (h.argument > uint64_t(INT64_MAX))
+            return "malformed CBOR: negative integer below the 64-bit range";
+        finishItem();
+        return {};
+    }
+
+    std::string string(const Head& h) {
+        if (h.info == 31) return open({0, true, true, h.major});
+        if (h.argument > in_.size() - pos_) return "CBOR string longer than input";
+        auto length = static_cast<size_t>(h.argument);
+        if (h.major == 3 && !validUtf8(in_.data() + pos_, length))
+            return "malformed CBOR: text string is not UTF-8";
+        pos_ += length;
+        finishItem();
+        return {};
+    }
+
+    std::string container(const Head& h) {
+        if (h.info == 31) return open({0, true, false, 0});
+        // Every item takes at least one byte, which bounds the count.
+        uint64_t count = h.argument;
+        if (h.major == 5) {
+            if (count > (in_.size() - pos_) / 2) return "CBOR map longer than input";
+            count *= 2;
+        } else if (count > in_.size() - pos_) {
+            return "CBOR array longer than input";
+        }
+        if (count == 0) {
+            finishItem();
+            return {};
+        }
+        return open({count, false, false, 0});
+    }
+
+    std::string open(Frame frame) {
+        if (stack_.size() >= lim_.maxDepth) return "CBOR nesting too deep";
+        stack_.push_back(frame);
+        return {};
+    }
+
+    // One complete item ended: closes every definite-length container that
+    // it completes; the input is done when the top-level item is complete.
+    void finishItem() {
+        while (!stack_.empty()) {
+            Frame& top = stack_.back();
+            if (top.indefinite || --top.remaining > 0) return;
+            stack_.pop_back();
+        }
+        done_ = true;
     }
 
     std::span<const uint8_t> in_;
     const CborLimits& lim_;
+    std::vector<Frame> stack_;
     size_t pos_ = 0;
+    size_t items_ = 0;
+    size_t pendingTags_ = 0;
+    bool done_ = false;
 };
 
 }  // namespace

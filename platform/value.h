@@ -2,11 +2,14 @@
 // value type, and its encoded form (CBOR, RFC 8949) used for records and IPC.
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -38,6 +41,21 @@ Value bytesValue(std::span<const uint8_t> bytes);
 Value bytesValue(Bytes&& bytes);
 // The bytes of a binary value, or nullptr when `v` is not a byte string.
 const Bytes* bytesOf(const Value& v);
+
+// The integer `v` holds when it is one and fits T (no clamping, no
+// wrapping); nullopt otherwise. Booleans and floats are not integers here.
+template <std::integral T>
+requires(!std::same_as<T, bool>) std::optional<T> integerOf(const Value& v) {
+    if (v.is_number_unsigned()) {
+        auto u = v.get<uint64_t>();
+        if (u > uint64_t(std::numeric_limits<T>::max())) return std::nullopt;
+        return static_cast<T>(u);
+    }
+    if (!v.is_number_integer()) return std::nullopt;
+    auto i = v.get<int64_t>();
+    if (!std::in_range<T>(i)) return std::nullopt;
+    return static_cast<T>(i);
+}
 
 // Typed lookups that never throw: nullopt when absent or of another type.
 std::optional<std::string> stringAt(const Value& dict, const char* key);

@@ -53,6 +53,12 @@ bool kindMatches(const ArgSpec& signature, const Value& v) {
             return v.is_boolean();
         case ArgKind::Int:
             return v.is_number_integer();
+        case ArgKind::Int32:
+            return integerOf<int32_t>(v).has_value();
+        case ArgKind::UInt32:
+            return integerOf<uint32_t>(v).has_value();
+        case ArgKind::Int64:
+            return integerOf<int64_t>(v).has_value();
         case ArgKind::Number:
             return v.is_number();
         case ArgKind::String:
@@ -229,6 +235,12 @@ const char* argKindName(ArgKind kind) {
             return "bool";
         case ArgKind::Int:
             return "int";
+        case ArgKind::Int32:
+            return "int32";
+        case ArgKind::UInt32:
+            return "uint32";
+        case ArgKind::Int64:
+            return "int64";
         case ArgKind::Number:
             return "number";
         case ArgKind::String:

@@ -7,6 +7,7 @@
 // functions may be called from any thread.
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -99,7 +100,10 @@ using Object = std::variant<std::shared_ptr<SharedSurface>, Endpoint, FileToken>
 enum class ArgKind : uint8_t {
     Any,  // any value (objects inside are allowed)
     Bool,
-    Int,     // integer, signed or unsigned
+    Int,     // integer, signed or unsigned (-2^63 .. 2^64-1)
+    Int32,   // integer in the signed 32-bit range
+    UInt32,  // integer in the unsigned 32-bit range
+    Int64,   // integer in the signed 64-bit range
     Number,  // integer or floating point
     String,
     Bytes,
@@ -180,6 +184,12 @@ class Received {
     // Null value for an index out of range.
     const Value& at(size_t i) const;
     const std::vector<Value>& values() const { return args_; }
+
+    // The integer at `i` when it is one and fits T; nullopt otherwise.
+    template <std::integral T>
+    std::optional<T> integerAt(size_t i) const {
+        return integerOf<T>(at(i));
+    }
 
     std::shared_ptr<SharedSurface> surface(const Value& reference) const;
     std::optional<Endpoint> endpoint(const Value& reference) const;

@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include "client/shell_protocol.h"
 #include "daemon/protocol/recording_protocol.h"
+#include "daemon/protocol/service_names.h"
 #include "platform/dispatch.h"
 #include "sorvel/recorder_client.h"
 #include "tests/client/fake_service.h"

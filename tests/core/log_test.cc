@@ -39,5 +39,38 @@ TEST(Log, CaptureSeesLevelsAndDebugOnlyWhenEnabled) {
     EXPECT_EQ(capture.countContaining("callback"), 1u);
 }
 
+TEST(Log, RateLimitWritesABurstPerIntervalThenSaysHowManyItHeldBack) {
+    using namespace std::chrono_literals;
+    auto now = log::RateLimit::Clock::time_point{};
+    log::RateLimit limit(3, 10s, [&] { return now; });
+    log::Capture capture;
+    for (int i = 0; i < 1000; ++i) log::error(limit, "ipc: dropped message %i", i);
+    EXPECT_EQ(capture.lines().size(), 3u);
+    EXPECT_TRUE(capture.contains("ipc: dropped message 2", log::Level::Error));
+
+    now += 9s;  // still the same interval
+    log::error(limit, "ipc: dropped message %i", 1000);
+    EXPECT_EQ(capture.lines().size(), 3u);
+
+    now += 1s;  // a new interval: the summary first, then the line
+    log::error(limit, "ipc: dropped message %i", 1001);
+    auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 5u);
+    EXPECT_EQ(lines[3].text, "suppressed 998 lines like: ipc: dropped message %i");
+    EXPECT_EQ(lines[3].level, log::Level::Error);
+    EXPECT_EQ(lines[4].text, "ipc: dropped message 1001");
+
+    // Debug lines count only while debug logging is on.
+    capture.clear();
+    log::RateLimit quiet(1, 10s, [&] { return now; });
+    log::debug(quiet, "hidden");
+    log::setDebugEnabled(true);
+    log::debug(quiet, "shown");
+    log::debug(quiet, "held back");
+    log::setDebugEnabled(false);
+    EXPECT_EQ(capture.lines().size(), 1u);
+    EXPECT_TRUE(capture.contains("shown", log::Level::Debug));
+}
+
 }  // namespace
 }  // namespace sv

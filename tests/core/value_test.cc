@@ -62,6 +62,13 @@ TEST(Cbor, RejectsHostileInputWithClearErrors) {
         {"bad chunk", {0x5f, 0x61, 'a', 0xff}, "chunk"},
         {"integer map key", {0xa1, 0x01, 0x02}, "malformed"},
         {"invalid utf8", {0x62, 0xff, 0xfe}, "malformed"},
+        // -2^63-1: one below INT64_MIN, which the parser would read as INT64_MAX.
+        {"negative below int64",
+         {0x3b, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00},
+         "below the 64-bit range"},
+        {"negative below int64 inside a map",
+         {0xa1, 0x61, 'u', 0x3b, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff},
+         "below the 64-bit range"},
     };
     for (const auto& c : cases) {
         auto dec = decodeCbor(c.bytes);
@@ -71,6 +78,27 @@ TEST(Cbor, RejectsHostileInputWithClearErrors) {
     CborLimits small;
     small.maxBytes = 8;
     EXPECT_FALSE(decodeCbor(encodeCbor(Value("0123456789")), small));
+}
+
+TEST(Cbor, IntegersKeepTheirValueOrNarrowOnlyWhenTheyFit) {
+    // The extremes of both CBOR integer types decode exactly.
+    auto lowest = decodeCbor(Bytes{0x3b, 0x7f, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff});
+    ASSERT_TRUE(lowest) << lowest.error;
+    EXPECT_EQ(integerOf<int64_t>(*lowest.value), INT64_MIN);
+    auto highest = decodeCbor(Bytes{0x1b, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff});
+    ASSERT_TRUE(highest) << highest.error;
+    EXPECT_EQ(integerOf<uint64_t>(*highest.value), UINT64_MAX);
+    EXPECT_FALSE(integerOf<int64_t>(*highest.value));
+
+    EXPECT_EQ(integerOf<int32_t>(Value(INT32_MIN)), INT32_MIN);
+    EXPECT_EQ(integerOf<int32_t>(Value(uint64_t(INT32_MAX))), INT32_MAX);
+    EXPECT_FALSE(integerOf<int32_t>(Value(int64_t(INT32_MAX) + 1)));
+    EXPECT_FALSE(integerOf<int32_t>(Value(int64_t(INT32_MIN) - 1)));
+    EXPECT_FALSE(integerOf<uint32_t>(Value(-1)));
+    EXPECT_EQ(integerOf<uint32_t>(Value(UINT32_MAX)), UINT32_MAX);
+    EXPECT_FALSE(integerOf<int32_t>(Value(2.0)));
+    EXPECT_FALSE(integerOf<int32_t>(Value(true)));
+    EXPECT_FALSE(integerOf<int32_t>(Value("3")));
 }
 
 TEST(Value, DescribeShowsBytesBySize) {

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "client/shell_client.h"
+#include "daemon/protocol/service_names.h"
 #include "daemon/recording_manager.h"
 #include "platform/log.h"
 #include "platform/process/purgeable_space.h"
