@@ -36,8 +36,8 @@ class FakeService : public ipc::ListenerDelegate, public std::enable_shared_from
         ipc::ReplyHandler reply;  // empty for calls without a handler
         pid_t pid = 0;
     };
-    // Runs on the calling connection's queue for every call; may reply
-    // now, later, or never.
+    // Runs on the calling connection's queue for every call, before the call
+    // is recorded; may reply now, later, or never.
     using Script = std::function<void(const Call& call)>;
 
     static std::shared_ptr<FakeService> start(const std::string& name,
@@ -143,14 +143,14 @@ class FakeService : public ipc::ListenerDelegate, public std::enable_shared_from
             auto s = service_.lock();
             if (!s) return;
             Call call{inv.method(), inv.values(), inv.handler(), pid_};
-            Script script;
+            // The script answers first, so that whatever a test does once
+            // it sees the call goes out after the answer.
+            if (s->script_) s->script_(call);
             {
                 std::lock_guard lock(s->mutex_);
                 s->calls_.push_back(call);
-                script = s->script_;
             }
             s->changed_.notify_all();
-            if (script) script(call);
         }
 
       private:
