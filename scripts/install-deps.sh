@@ -12,7 +12,7 @@ PACKAGES=(
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
   libx264-dev libyuv-dev ffmpeg
   libpulse-dev pulseaudio pulseaudio-utils systemd
-  libx11-dev libxext-dev libxfixes-dev libxrandr-dev
+  libx11-dev libxext-dev libxfixes-dev libxrandr-dev libxcb1-dev xvfb
   python3 python3-cbor2
 )
 
