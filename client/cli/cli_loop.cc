@@ -195,7 +195,8 @@ void onContinue(int) {
 }  // namespace
 
 RawTerminal::RawTerminal(int fd) : fd_(fd) {
-    if (!isatty(fd) || gTerminal.fd >= 0) return;
+    // A background job that touched the terminal would be stopped (SIGTTOU).
+    if (!isatty(fd) || gTerminal.fd >= 0 || tcgetpgrp(fd) != getpgrp()) return;
     termios t{};
     if (tcgetattr(fd, &t) != 0) return;
     gTerminal.original = t;

@@ -69,7 +69,8 @@ class MainLoop {
 // Puts the terminal on `fd` into raw mode (no echo, keys one by one, Ctrl-C
 // still a signal) while it exists, and restores it on destruction, at exit
 // and before the process stops on Ctrl-Z. Does nothing for a descriptor that
-// is not a terminal.
+// is not a terminal, or not this process's controlling terminal in the
+// foreground.
 class RawTerminal {
   public:
     explicit RawTerminal(int fd);
