@@ -26,6 +26,12 @@ constexpr double kLateIntervals = 1.5;
 // track lie (sample-exact audio, decoded onsets within a fraction of a ms).
 constexpr double kWholeSecondTolerance = 0.003;
 
+// Counts from stamps a hostile file may have made up stay in range.
+void addSaturating(int64_t& total, double amount) {
+    const double room = double(std::numeric_limits<int64_t>::max() - total);
+    total = amount >= room ? std::numeric_limits<int64_t>::max() : total + int64_t(amount);
+}
+
 double median(std::vector<double> v) {
     if (v.empty()) return 0;
     std::nth_element(v.begin(), v.begin() + long(v.size() / 2), v.end());
@@ -251,7 +257,7 @@ FrameStampReport analyzeFrameStamps(std::vector<InspectedFrame> frames) {
                 if (missing > 0) gaps.push_back({f.time, h.frameIndex + 1, missing});
                 if (T > 0 && dh > kLateIntervals * T) {
                     const double deadlines = std::round(dh / T) - double(missing + 1);
-                    if (deadlines > 0) r.late += int64_t(deadlines);
+                    if (deadlines > 0) addSaturating(r.late, deadlines);
                 }
             }
         }
@@ -266,7 +272,7 @@ FrameStampReport analyzeFrameStamps(std::vector<InspectedFrame> frames) {
         const auto to = std::upper_bound(shown.begin(), shown.end(), last);
         g.count -= uint64_t(to - from);
         if (g.count == 0) continue;
-        r.dropped += int64_t(g.count);
+        addSaturating(r.dropped, double(g.count));
         if (r.drops.size() < FrameStampReport::kMaxListed) r.drops.push_back(g);
     }
     return r;
