@@ -18,6 +18,7 @@
 #include "platform/process/keep_alive.h"
 #include "platform/process/purgeable_space.h"
 #include "platform/process/termination_signals.h"
+#include "platform/screen/screen_backend.h"
 #include "support/movie_store.h"
 
 namespace {
@@ -36,6 +37,9 @@ void usage(FILE* out) {
         "  --audio-backend KIND  auto, pulse or synthetic: where microphone and application\n"
         "                        audio come from (default: $SORVEL_AUDIO_BACKEND, else\n"
         "                        PulseAudio when a server answers, else synthetic)\n"
+        "  --screen-backend KIND auto, x11 or synthetic: where screen frames come from\n"
+        "                        (default: $SORVEL_SCREEN_BACKEND, else X11 when $DISPLAY\n"
+        "                        names a reachable server, else synthetic)\n"
         "  --idle-exit SECONDS   when started by socket activation, end after this long with\n"
         "                        no recording and no connection (default: 60)\n"
         "  -h, --help            show this help\n\n"
@@ -46,6 +50,7 @@ void usage(FILE* out) {
 struct Options {
     std::string runtimeDirectory, home, logLevel;
     std::optional<sv::AudioBackendKind> audioBackend;
+    std::optional<sv::ScreenBackendKind> screenBackend;
     long idleExitSeconds = 60;
 };
 
@@ -72,6 +77,12 @@ int parse(int argc, char** argv, Options& o) {
             o.audioBackend = sv::parseAudioBackendKind(v);
             if (!o.audioBackend) {
                 std::fprintf(stderr, "sorveld: unknown audio backend '%s'\n", v);
+                return 2;
+            }
+        } else if (a == "--screen-backend" && (v = value())) {
+            o.screenBackend = sv::parseScreenBackendKind(v);
+            if (!o.screenBackend) {
+                std::fprintf(stderr, "sorveld: unknown screen backend '%s'\n", v);
                 return 2;
             }
         } else if (a == "--idle-exit" && (v = value())) {
@@ -106,6 +117,15 @@ int main(int argc, char** argv) {
     // Without the option the backend is chosen when capture is first used.
     if (options.audioBackend && *options.audioBackend != sv::AudioBackendKind::Automatic)
         sv::setProcessAudioBackend(sv::makeAudioBackend(*options.audioBackend));
+    if (options.screenBackend && *options.screenBackend != sv::ScreenBackendKind::Automatic) {
+        std::string why;
+        auto screen = sv::makeScreenBackend(*options.screenBackend, &why);
+        if (!screen) {
+            std::fprintf(stderr, "sorveld: cannot use the screen backend: %s\n", why.c_str());
+            return 1;
+        }
+        sv::setProcessScreenBackend(std::move(screen));
+    }
 
     sv::log::info("sorveld Starting!");
     sv::stopMainRunLoopOnTerminationSignals();

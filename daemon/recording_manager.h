@@ -26,11 +26,13 @@
 #include "platform/process/notification_center.h"
 #include "platform/url.h"
 #include "session/recording_session.h"
+#include "session/recording_session_delegate.h"
 #include "support/recording_errors.h"
 
 namespace sv {
 
 class SVRecordingManager : public ipc::ListenerDelegate,
+                           public SVRecordingSessionDelegate,
                            public std::enable_shared_from_this<SVRecordingManager> {
   public:
     // Called with the movie location (or nothing) and an error (or nothing).
@@ -68,7 +70,7 @@ class SVRecordingManager : public ipc::ListenerDelegate,
     void stopRecordingWithHandler(StopHandler handler);
     void stopRecordingWithStartClipDuration(double startClipDuration, double endClipDuration,
                                             StopHandler handler);
-    void recordingSessionStoppedWithError(const Error& error);
+    void recordingSessionStoppedWithError(const Error& error) override;
     void recordingSessionStoppedWithError(const Error& error, std::optional<URL> movieURL);
 
     // The purgeable-space callbacks as registered; only the purge callback

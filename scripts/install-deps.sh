@@ -12,7 +12,8 @@ PACKAGES=(
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
   libx264-dev libyuv-dev ffmpeg
   libpulse-dev pulseaudio pulseaudio-utils systemd
-  libx11-dev libxext-dev libxfixes-dev libxrandr-dev libxcb1-dev xvfb
+  libx11-dev libxext-dev libxfixes-dev libxrandr-dev
+  libxcb1-dev libxcb-shm0-dev libxcb-composite0-dev libxcb-randr0-dev libxcb-xfixes0-dev xvfb
   python3 python3-cbor2
 )
 

@@ -1,9 +1,743 @@
 #include "session/recording_session.h"
 
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <set>
+#include <utility>
+
+#include "platform/audio/host_clock.h"
+#include "platform/log.h"
+#include "support/localization.h"
+#include "support/movie_store.h"
+#include "support/recording_errors.h"
+#include "support/store_manager.h"
+
 namespace sv {
 
+namespace {
+
+// Error codes of the session (recording errors).
+constexpr int64_t kErrorPreempted = -5800;
+constexpr int64_t kErrorFailedToStart = -5803;
+constexpr int64_t kErrorFailedDuringRecording = -5804;
+
+// The application's name as a file name: nothing in it may reach outside the
+// movie store, so "/" (and NUL, which would cut the path short) become "_".
+std::string fileNameComponent(std::string name) {
+    for (char& c : name)
+        if (c == '/' || c == '\0') c = '_';
+    return name;
+}
+
+bool fileExists(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+// Calls a handler at most once, from whichever path gets there first.
+template <typename F>
+class Once {
+  public:
+    explicit Once(F f) : f_(std::move(f)) {}
+    template <typename... A>
+    void operator()(A&&... args) {
+        if (called_.exchange(true)) return;
+        if (f_) f_(std::forward<A>(args)...);
+    }
+
+  private:
+    F f_;
+    std::atomic<bool> called_{false};
+};
+
+}  // namespace
+
+// --- Creation -----------------------------------------------------------------
+
+SVRecordingSession::SVRecordingSession(std::string bundleID) : bundleID_(std::move(bundleID)) {}
+
+std::shared_ptr<SVRecordingSession> SVRecordingSession::initWithBundleID(std::string bundleID) {
+    std::shared_ptr<SVRecordingSession> session(new SVRecordingSession(std::move(bundleID)));
+    {
+        std::lock_guard lock(session->_shouldStopLock);
+        session->timeline_.reset();
+        session->_shouldStop = false;
+    }
+    std::lock_guard lock(session->propertiesMutex_);
+    session->broadcastServiceInfoQueue_ = DispatchQueue::serial(kServiceInfoQueueLabel);
+    session->pendingBroadcastExtensionPayloads_.clear();
+    return session;
+}
+
+SVRecordingSession::~SVRecordingSession() = default;
+
 std::string SVRecordingSession::description() const {
-    return std::string("<SVRecordingSession recording=") + (isRecording() ? "1" : "0") + ">";
+    return "<SVRecordingSession " + bundleID() + " recording=" + (isRecording() ? "1" : "0") +
+           " paused=" + (isPaused() ? "1" : "0") + ">";
+}
+
+// --- Names ----------------------------------------------------------------------
+
+std::string SVRecordingSession::_localizedMovieName() const {
+    // A missing name is formatted the way the system formats a missing
+    // object, so every such application shares "(null).mp4".
+    auto name = _svLocalizedAppNameFromBundleID(bundleID());
+    return fileNameComponent(name ? *name : std::string("(null)"));
+}
+
+std::string SVRecordingSession::outputPath() const {
+    const std::string dir = MovieStore::shared()._srTempPath();
+    if (broadcastExtension_.load()) {
+        const double now =
+            std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+                .count();
+        char tail[96];
+        std::snprintf(tail, sizeof tail, "_%f_%li.mp4", now, long(broadcastFragmentIndex()));
+        return dir + "/SVMovie_" + fileNameComponent(bundleID()) + tail;
+    }
+    return dir + "/" + _localizedMovieName() + ".mp4";
+}
+
+URL SVRecordingSession::outputURL() const {
+    return URL::fileURLWithPath(outputPath());
+}
+
+std::string SVRecordingSession::trimmedOutputPath() const {
+    return MovieStore::shared()._srTempPath() + "/" + _localizedMovieName() + "_trimmed.mp4";
+}
+
+URL SVRecordingSession::trimmedOutputURL() const {
+    return URL::fileURLWithPath(trimmedOutputPath());
+}
+
+// --- Store details ----------------------------------------------------------------
+
+void SVRecordingSession::getStoreInfoWithHandler(StoreInfoHandler handler) {
+    if (!isSystemRecording() && !storeInfo() && SVReachability::isNetworkAvailable()) {
+        // The lookup may answer more than once; only the first answer counts.
+        auto once = std::make_shared<Once<StoreInfoHandler>>(std::move(handler));
+        std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+        SVStoreManager::sharedManager()->loadItemDetailsForBundleIdentifier(
+            bundleID(), [weak, once](std::shared_ptr<SVStoreInfo> info) {
+                if (auto self = weak.lock()) self->setStoreInfo(info);
+                (*once)(std::move(info));
+            });
+        return;
+    }
+    if (handler) handler(storeInfo());
+}
+
+// --- Start ----------------------------------------------------------------------------
+
+void SVRecordingSession::startSessionWithHandler(StartHandler handler) {
+    log::info("SVRecordingSession: startSession");
+    paused_.store(false);
+    sessionHandler_.store(handler ? std::make_shared<StartHandler>(std::move(handler)) : nullptr);
+    const uint64_t generation = ++captureGeneration_;
+    // The last recording's writer is of no use any more. One that was never
+    // finished (stopped with an error) is cancelled now: left to its
+    // destructor it would remove its partial file, which has this
+    // recording's name, at some later moment.
+    if (auto previous = movieWriter_.exchange(nullptr); previous && previous->fileWriter())
+        previous->fileWriter()->cancelWriting();
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    getStoreInfoWithHandler([weak, generation](std::shared_ptr<SVStoreInfo> info) {
+        if (auto self = weak.lock()) self->_startWithStoreInfo(std::move(info), generation);
+    });
+}
+
+void SVRecordingSession::_startWithStoreInfo(std::shared_ptr<SVStoreInfo> info,
+                                             uint64_t generation) {
+    if (captureGeneration_.load() != generation) {
+        log::info("SVRecordingSession: start abandoned, the recording ended before it began");
+        return;
+    }
+    const WindowSize size =
+        _movieSizeForWindowSize(windowSize(), originalWindowSize(), isSystemRecording());
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+
+    if (broadcastProcessMode() != kBroadcastProcessModeUpload) {
+        _notifyExtensionOfAction(kBroadcastActionStart, [weak, generation] {
+            if (auto self = weak.lock()) self->_resumeOrStartSession(generation);
+        });
+        return;
+    }
+    auto writer = SVMovieWriter::initWithWindowSize(size, outputPath(), std::move(info));
+    writer->setBroadcastConfig(broadcastConfiguration());
+    writer->setSystemRecording(isSystemRecording());
+    // The writer becomes the session's once its file writer is set up (on
+    // the store's queue), so nothing on another thread sees it half made; a
+    // stop in the meantime finds no writer and abandons this one.
+    writer->startWritingHandler([weak, writer, generation] {
+        auto self = weak.lock();
+        if (!self) return;
+        {
+            std::lock_guard control(self->controlMutex_);
+            if (self->captureGeneration_.load() != generation) {
+                log::info("SVRecordingSession: start abandoned, capture was stopped meanwhile");
+                return;
+            }
+            self->movieWriter_.store(writer);
+        }
+        self->_resumeOrStartSession(generation);
+    });
+}
+
+void SVRecordingSession::_resumeOrStartSession() {
+    _resumeOrStartSession(captureGeneration_.load());
+}
+
+std::shared_ptr<ScreenBackend> SVRecordingSession::_screenBackend() {
+    {
+        std::lock_guard lock(propertiesMutex_);
+        if (screenBackend_) return screenBackend_;
+    }
+    // Made outside the lock: the first use may connect to a display server.
+    auto backend = processScreenBackend();
+    std::lock_guard lock(propertiesMutex_);
+    if (!screenBackend_) screenBackend_ = std::move(backend);
+    return screenBackend_;
+}
+
+void SVRecordingSession::_resumeOrStartSession(uint64_t generation) {
+    auto backend = _screenBackend();
+    std::lock_guard control(controlMutex_);
+    if (captureGeneration_.load() != generation) {
+        log::info("SVRecordingSession: start abandoned, capture was stopped meanwhile");
+        return;
+    }
+    auto mirroring = backend ? backend->mirroringService() : nullptr;
+    if (isSystemRecording()) {
+        log::info("mirror mode");
+        if (mirroring) mirroring->setCloneMirroringMode(kCloneMirroringModeMirror);
+    } else {
+        log::info("clone mode");
+        const auto ids = contextIDs();
+        if (mirroring) {
+            mirroring->setLayerContextsToClone(std::set<uint32_t>(ids.begin(), ids.end()));
+            mirroring->setCloneMirroringMode(kCloneMirroringModeClone);
+        }
+    }
+
+    std::shared_ptr<ScreenCaptureController> controller;
+    {
+        std::lock_guard lock(propertiesMutex_);
+        if (!screenCaptureController_ && backend) {
+            const MediaTime interval =
+                broadcastExtension_.load() ? kBroadcastFrameInterval : kRecordingFrameInterval;
+            screenCaptureController_ = backend->makeCaptureController(windowSize_, interval);
+        }
+        controller = screenCaptureController_;
+    }
+    if (!controller) {
+        log::error("SVRecordingSession: no screen capture controller");
+        return;
+    }
+    controller->setDelegate(std::weak_ptr<ScreenCaptureControllerDelegate>(shared_from_this()));
+
+    const int32_t pid = frontmostPIDForAudioTap();
+    if (pid <= 0) {
+        // No process to tap: neither application audio nor the microphone.
+        log::info("starting screen capture");
+        controller->startCapture();
+        return;
+    }
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    SVCaptureManager::sharedManager()->startAppAudioCaptureForProcessID(
+        pid, _appAudioOutputRoute(), [weak, generation] {
+            // On the tap's queue, which a stop waits for: continue elsewhere.
+            DispatchQueue::global()->async([weak, generation] {
+                if (auto self = weak.lock()) self->_appAudioDidStart(generation);
+            });
+        });
+}
+
+void SVRecordingSession::_appAudioDidStart(uint64_t generation) {
+    if (!isMicrophoneEnabled()) {
+        _startScreenCapture(generation);
+        return;
+    }
+    std::lock_guard control(controlMutex_);
+    if (captureGeneration_.load() != generation) return;
+    log::info("starting mic capture");
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    SVCaptureManager::sharedManager()->startMicrophoneCaptureWithOutput(
+        _microphoneOutputRoute(), [weak, generation] {
+            // May run inside the call above, under controlMutex_.
+            DispatchQueue::global()->async([weak, generation] {
+                if (auto self = weak.lock()) self->_startScreenCapture(generation);
+            });
+        });
+}
+
+void SVRecordingSession::_startScreenCapture(uint64_t generation) {
+    std::lock_guard control(controlMutex_);
+    if (captureGeneration_.load() != generation) return;
+    auto controller = screenCaptureController();
+    if (!controller) return;
+    log::info("starting screen capture");
+    controller->startCapture();
+}
+
+// --- Pause, resume, re-targeting ---------------------------------------------------
+
+void SVRecordingSession::resumeSessionWithContextID(uint32_t contextID) {
+    if (!paused_.load()) return;
+    log::info("SVRecordingSession: resumeSessionWithContextID:");
+    setContextIDs({contextID});
+    sessionWasResumed_.store(true);
+    paused_.store(false);
+    if (broadcastExtension_.load()) _notifyExtensionOfAction(kBroadcastActionResume, [] {});
+    _resumeOrStartSession();
+}
+
+void SVRecordingSession::pauseSession() {
+    if (paused_.exchange(true)) return;
+    log::info("SVRecordingSession: pauseSession");
+    stopAllCapture();
+    if (broadcastExtension_.load()) _notifyExtensionOfAction(kBroadcastActionPause, [] {});
+}
+
+void SVRecordingSession::updateAudioCaptureToProcessWithPID(int32_t pid) {
+    log::info("updateAudioCaptureToProcessWithPID:%i", pid);
+    if (!isRecording() || !isSystemRecording()) return;
+    setFrontmostPIDForAudioTap(pid);
+    std::lock_guard control(controlMutex_);
+    auto captureManager = SVCaptureManager::sharedManager();
+    log::info("stopping audio capture");
+    captureManager->stopAppAudioCapture();
+    log::info("stopped audio capture");
+    if (pid >= 1) {
+        log::info("resuming audio capture");
+        captureManager->resumeAppAudioCaptureForProcessID(pid, _retargetedAppAudioOutputRoute());
+    } else {
+        log::info("invalid pid stopping audio capture");
+    }
+}
+
+// --- Stop -----------------------------------------------------------------------------
+
+void SVRecordingSession::stopAllCapture() {
+    log::info("SVRecordingSession: stopAllCapture");
+    {
+        // From here on no step of a start chain in flight starts anything.
+        std::lock_guard control(controlMutex_);
+        ++captureGeneration_;
+    }
+    // Without controlMutex_: the stop waits for a frame or failure callback
+    // in progress, and a failure callback stops capture itself.
+    if (auto controller = screenCaptureController()) {
+        controller->stopCapture();
+        controller->setDelegate({});
+    }
+    std::lock_guard control(controlMutex_);
+    SVCaptureManager::sharedManager()->stopAllCapture();
+    log::info("Stop mirroring");
+    if (auto backend = _screenBackend())
+        if (auto mirroring = backend->mirroringService())
+            mirroring->setCloneMirroringMode(kCloneMirroringModeEnded);
+}
+
+void SVRecordingSession::stopWithError(const Error& error) {
+    if (!recording_.exchange(false)) return;
+    log::info("SVRecordingSession: stopWithError");
+    stopAllCapture();
+    if (auto d = delegate()) d->recordingSessionStoppedWithError(error);
+}
+
+void SVRecordingSession::finishSessionWithHandler(FinishHandler handler) {
+    finishSessionWithStartClipDuration(0.0, 0.0, std::move(handler));
+}
+
+void SVRecordingSession::finishSessionWithStartClipDuration(double startClipDuration,
+                                                            double endClipDuration,
+                                                            FinishHandler handler) {
+    if (!recording_.exchange(false)) return;
+    log::info("SVRecordingSession: finishSessionWithHandler");
+    stopAllCapture();
+    {
+        std::lock_guard lock(_shouldStopLock);
+        timeline_.reset();
+    }
+    sessionWasResumed_.store(false);
+    audioTimeOffset_.store(0);
+
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    if (broadcastProcessMode() == kBroadcastProcessModeSampleBuffer) {
+        _notifyExtensionOfAction(kBroadcastActionFinish, [weak, handler] {
+            if (handler) handler(std::nullopt, std::nullopt);
+            // The link to the extension ends with the broadcast.
+            if (auto self = weak.lock()) self->setBroadcastUploadExtensionProxy(nullptr);
+        });
+        return;
+    }
+
+    auto writer = movieWriter_.load();
+    if (!writer) {
+        // Stopped before the writer was ready: there is no movie.
+        log::error("SVRecordingSession: no movie, the recording had not started");
+        if (handler) handler(std::nullopt, _svUserErrorForCode(kErrorFailedToStart));
+        return;
+    }
+    using Status = media::MovieFileWriter::Status;
+    const bool wroteFrames = writer->fileWriterStatus() != int(Status::Unknown);
+    const bool broadcasting = broadcastExtension_.load() != nullptr;
+    const URL trimmedURL = trimmedOutputURL();
+    writer->finishWritingWithHandler([weak, writer, handler, startClipDuration, endClipDuration,
+                                      trimmedURL, broadcasting,
+                                      wroteFrames](std::optional<URL> movieURL) {
+        log::info("SVRecordingSession: finishWritingWithHandler");
+        if (broadcasting) {
+            if (auto self = weak.lock())
+                self->_notifyBroadcastExtensionOfCompletedMovieWithURL(movieURL, true);
+            if (handler) handler(std::nullopt, std::nullopt);
+            return;
+        }
+        if (!wroteFrames || writer->fileWriterStatus() != int(Status::Completed) || !movieURL ||
+            !fileExists(movieURL->path)) {
+            const int64_t code = wroteFrames ? kErrorFailedDuringRecording : kErrorFailedToStart;
+            log::error("SVRecordingSession: no movie was written, error %li", code);
+            if (handler) handler(std::nullopt, _svUserErrorForCode(code));
+            return;
+        }
+        if (startClipDuration > 0 && endClipDuration > 0) {
+            log::info("trimming");
+            writer->trimMovieWithURL(
+                *movieURL, startClipDuration, endClipDuration, trimmedURL,
+                [handler, movieURL](std::optional<URL> trimmed) {
+                    log::info("finished trimming");
+                    if (!trimmed) {
+                        // The recording itself is intact: hand that over
+                        // rather than nothing.
+                        log::error("SVRecordingSession: trimming failed, keeping the movie whole");
+                        if (handler) handler(movieURL, std::nullopt);
+                        return;
+                    }
+                    if (handler) handler(std::move(trimmed), std::nullopt);
+                });
+            return;
+        }
+        if (handler) handler(std::move(movieURL), std::nullopt);
+    });
+}
+
+void SVRecordingSession::finishAndCleanupSessionFilesWithHandler(CleanupHandler handler) {
+    log::info("SVRecordingSession: cleanupSessionFiles");
+    if (recording_.exchange(false)) stopAllCapture();
+    // The movie is being thrown away: stop its encoders and close its file
+    // now instead of keeping them until the next start. A finished movie is
+    // left alone.
+    if (auto writer = movieWriter_.load(); writer && writer->fileWriter())
+        writer->fileWriter()->cancelWriting();
+    MovieStore::shared()._srRemoveFile(outputURL(), [handler](OptionalError error) {
+        if (error) log::error("error removing file with code: %i", int32_t(error->code));
+        if (handler) handler();
+    });
+}
+
+// --- Frame path -------------------------------------------------------------------
+
+void SVRecordingSession::screenCaptureControllerDidReceiveSampleBuffer(
+    ScreenCaptureController&, const std::shared_ptr<SampleBuffer>& sampleBuffer,
+    uint32_t transformFlags) {
+    // The start completes with the first frame, before any check.
+    if (auto handler = sessionHandler_.exchange(nullptr)) (*handler)();
+    if (broadcastExtension_.load())
+        _processSampleBufferForStreaming(sampleBuffer, transformFlags);
+    else
+        _processSampleBuffer(sampleBuffer, transformFlags);
+}
+
+void SVRecordingSession::_processSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer,
+                                              uint32_t transformFlags) {
+    if (!sampleBuffer) return;
+    std::lock_guard lock(_shouldStopLock);
+    if (_shouldStop) return;
+    if (paused_.load()) {
+        log::info("session is paused discard sample");
+        return;
+    }
+    const MediaTime p = sampleBuffer->presentationTime();
+    if (!p.isValid()) {
+        log::error("SVRecordingSession: frame without a presentation time, dropping it");
+        return;
+    }
+    const bool firstAfterResume = sessionWasResumed_.load();
+    timeline_.noteFrame(p, firstAfterResume);
+    if (firstAfterResume) {
+        // The audio routes move their samples by the same gaps, in host
+        // ticks; they take the new sum once the flag is down.
+        const MediaTime offset = timeline_.sampleTimeOffset;
+        audioTimeOffset_.store(offset.isValid() ? convertScale(offset, HostClock::kTimescale).value
+                                                : 0);
+        sessionWasResumed_.store(false);
+    }
+    auto captureManager = SVCaptureManager::sharedManager();
+    _updateSampleBufferWithOffset(sampleBuffer, timeline_.sampleTimeOffset, captureManager.get(),
+                                  [&](const std::shared_ptr<SampleBuffer>& sample) {
+                                      _handOverSampleBuffer(sample, sampleBuffer, p, transformFlags,
+                                                            *captureManager);
+                                  });
+}
+
+void SVRecordingSession::_handOverSampleBuffer(const std::shared_ptr<SampleBuffer>& sample,
+                                               const std::shared_ptr<SampleBuffer>& original,
+                                               const MediaTime& presentationTime,
+                                               uint32_t transformFlags,
+                                               SVCaptureManager& captureManager) {
+    if (!sample) return;  // the re-timed copy could not be made
+    // Application audio waits for this: the manager clears it whenever all
+    // capture stops, so the first frame of every start and resume sets it.
+    if (!captureManager.captureStartTime().isValid())
+        captureManager.setCaptureStartTime(presentationTime);
+    const AffineTransform transform = isSystemRecording()
+                                          ? _affineTransformFromTransformFlags(transformFlags)
+                                          : AffineTransform::identity();
+    if (broadcastProcessMode() == kBroadcastProcessModeSampleBuffer) {
+        // The extension gets the frame as captured, not re-timed.
+        _notifyExtensionOfVideoSampleBuffer(original, kBroadcastSampleTypeVideo);
+        return;
+    }
+    if (auto writer = movieWriter_.load()) writer->appendVideoSampleBuffer(sample, transform);
+}
+
+// --- Failures ---------------------------------------------------------------------
+
+void SVRecordingSession::screenCaptureControllerDidFailWithStatus(ScreenCaptureController&,
+                                                                  int32_t) {
+    log::error("SVRecordingSession: screenCaptureController: didFailWithStatus:");
+    stopWithError(_svUserErrorForCode(kErrorFailedDuringRecording));
+}
+
+void SVRecordingSession::screenCaptureControllerWasPreempted(ScreenCaptureController&) {
+    log::error("SVRecordingSession: screenCaptureControllerWasPreempted");
+    stopWithError(_svUserErrorForCode(kErrorPreempted));
+}
+
+void SVRecordingSession::screenCaptureControllerMediaServicesWereReset(ScreenCaptureController&) {
+    {
+        std::lock_guard lock(_shouldStopLock);
+        _shouldStop = true;
+    }
+    // The lock is released before stopping: the controller's stop waits for
+    // a frame delivery in progress, and that delivery takes the same lock.
+    // With _shouldStop already set, no frame reaches the writer any more.
+    log::error("SVRecordingSession: screenCaptureControllerMediaServicesWereReset");
+    stopWithError(_svUserErrorForCode(kErrorFailedDuringRecording));
+}
+
+// --- Audio routes -------------------------------------------------------------------
+
+SVRecordingSession::SampleHandler SVRecordingSession::_appAudioOutputRoute() {
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    return [weak](const std::shared_ptr<SampleBuffer>& sample) {
+        if (auto self = weak.lock()) self->_routeAppAudio(sample);
+    };
+}
+
+SVRecordingSession::SampleHandler SVRecordingSession::_microphoneOutputRoute() {
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    return [weak](const std::shared_ptr<SampleBuffer>& sample) {
+        if (auto self = weak.lock()) self->_routeMicrophoneAudio(sample);
+    };
+}
+
+SVRecordingSession::SampleHandler SVRecordingSession::_retargetedAppAudioOutputRoute() {
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    return [weak](const std::shared_ptr<SampleBuffer>& sample) {
+        // Without the paused and process-mode tests: re-targeting only
+        // happens in whole-display recordings, which neither pause nor
+        // stream samples.
+        if (auto self = weak.lock()) self->_appendAudio(sample, 1);
+    };
+}
+
+void SVRecordingSession::_routeAppAudio(const std::shared_ptr<SampleBuffer>& sample) {
+    if (!sample || paused_.load()) return;
+    if (broadcastProcessMode() == kBroadcastProcessModeSampleBuffer) {
+        _notifyExtensionOfAudioSampleBuffer(sample, kBroadcastSampleTypeAppAudio);
+        return;
+    }
+    _appendAudio(sample, 1);
+}
+
+void SVRecordingSession::_routeMicrophoneAudio(const std::shared_ptr<SampleBuffer>& sample) {
+    if (!sample || paused_.load()) return;
+    // Silence keeps its place in the movie, so the tracks stay in step.
+    if (!isMicrophoneEnabled()) sample->fillBytes(0, sample->dataLength(), 0);
+    if (broadcastProcessMode() == kBroadcastProcessModeSampleBuffer) {
+        _notifyExtensionOfAudioSampleBuffer(sample, kBroadcastSampleTypeMicrophone);
+        return;
+    }
+    _appendAudio(sample, 2);
+}
+
+void SVRecordingSession::_appendAudio(const std::shared_ptr<SampleBuffer>& sample, int input) {
+    if (!sample) return;
+    auto writer = movieWriter_.load();
+    if (!writer) return;
+    // Until the first frame after a resume has measured the gap, audio has
+    // no place in the movie yet.
+    if (sessionWasResumed_.load()) return;
+    const int64_t offset = audioTimeOffset_.load();
+    auto shifted = offset == 0 ? sample
+                               : shiftedAudioSampleBuffer(
+                                     sample, MediaTime::make(offset, HostClock::kTimescale));
+    if (!shifted) return;
+    if (input == 1)
+        writer->appendAudio1SampleBuffer(shifted);
+    else
+        writer->appendAudio2SampleBuffer(shifted);
+}
+
+// --- Broadcast ----------------------------------------------------------------------
+
+OptionalError SVRecordingSession::enableBroadcastWithExtension(
+    std::shared_ptr<AppExtension> extension, int32_t processMode, std::optional<Value> userInfo) {
+    log::info("SVRecordingSession: enableBroadcastWithBroadcastExtensionID");
+    setBroadcastExtension(std::move(extension));
+    setBroadcastUserInfo(std::move(userInfo));
+    setBroadcastFragmentStartTime(MediaTime::invalid());
+    setBroadcastFragmentIndex(1);
+    setBroadcastProcessMode(processMode);
+    if (broadcastProcessMode() == kBroadcastProcessModeSampleBuffer) {
+        log::info("setting up extension proxy");
+        log::debug("SVRecordingSession: no link to processing extensions in this build");
+    }
+    return std::nullopt;
+}
+
+void SVRecordingSession::disableBroadcast() {
+    log::info("SVRecordingSession: disableBroadcast");
+    setBroadcastExtension(nullptr);
+    setBroadcastUserInfo(std::nullopt);
+    setBroadcastConfiguration(nullptr);
+    setBroadcastProcessMode(kBroadcastProcessModeUpload);
+}
+
+void SVRecordingSession::_processSampleBufferForStreaming(
+    const std::shared_ptr<SampleBuffer>& sampleBuffer, uint32_t transformFlags) {
+    _processSampleBuffer(sampleBuffer, transformFlags);
+}
+
+void SVRecordingSession::_notifyExtensionOfAction(int32_t action, ActionCompletion completion) {
+    log::debug("SVRecordingSession: extension action %i not sent: no extension link", action);
+    if (completion) completion();
+}
+
+void SVRecordingSession::_notifyExtensionOfVideoSampleBuffer(const std::shared_ptr<SampleBuffer>&,
+                                                             int32_t type) {
+    log::debug("SVRecordingSession: sample of type %i not sent: no extension link", type);
+}
+
+void SVRecordingSession::_notifyExtensionOfAudioSampleBuffer(const std::shared_ptr<SampleBuffer>&,
+                                                             int32_t type) {
+    log::debug("SVRecordingSession: sample of type %i not sent: no extension link", type);
+}
+
+void SVRecordingSession::_notifyBroadcastExtensionOfCompletedMovieWithURL(
+    const std::optional<URL>& movieURL, bool finished) {
+    log::info("SVRecordingSession: notifyBroadcastExtensionOfCompletedMovieWithURL:");
+    if (!broadcastExtension_.load()) {
+        log::error("no broadcast extension found!");
+        return;
+    }
+    log::debug("SVRecordingSession: fragment %@ (finished %i) not sent: no extension requests",
+               movieURL, finished);
+}
+
+// --- Properties -------------------------------------------------------------------
+
+void SVRecordingSession::setWindowSize(WindowSize size) {
+    std::lock_guard lock(propertiesMutex_);
+    originalWindowSize_ = size;
+    windowSize_ = _maximumSizeWithSize(size);
+}
+
+WindowSize SVRecordingSession::windowSize() const {
+    std::lock_guard lock(propertiesMutex_);
+    return windowSize_;
+}
+
+WindowSize SVRecordingSession::originalWindowSize() const {
+    std::lock_guard lock(propertiesMutex_);
+    return originalWindowSize_;
+}
+
+void SVRecordingSession::setBroadcastProcessMode(int32_t mode) {
+    if (mode != kBroadcastProcessModeUpload && mode != kBroadcastProcessModeSampleBuffer) {
+        log::error("SVRecordingSession: unknown broadcast process mode %i, using 0", mode);
+        mode = kBroadcastProcessModeUpload;
+    }
+    broadcastProcessMode_.store(mode);
+}
+
+MediaTime SVRecordingSession::lastSampleTimestamp() const {
+    std::lock_guard lock(_shouldStopLock);
+    return timeline_.lastSampleTimestamp;
+}
+
+MediaTime SVRecordingSession::sampleTimeOffset() const {
+    std::lock_guard lock(_shouldStopLock);
+    return timeline_.sampleTimeOffset;
+}
+
+#define SV_GUARDED_PROPERTY(Type, getter, setter, field)           \
+    Type SVRecordingSession::getter() const {                      \
+        std::lock_guard lock(propertiesMutex_);                    \
+        return field;                                              \
+    }                                                              \
+    void SVRecordingSession::setter(Type value) {                  \
+        std::lock_guard lock(propertiesMutex_);                    \
+        std::swap(field, value); /* the old value dies unlocked */ \
+    }
+
+SV_GUARDED_PROPERTY(std::shared_ptr<SVClientProxy>, clientProxy, setClientProxy, clientProxy_)
+SV_GUARDED_PROPERTY(std::string, bundleID, setBundleID, bundleID_)
+SV_GUARDED_PROPERTY(std::vector<uint32_t>, contextIDs, setContextIDs, contextIDs_)
+SV_GUARDED_PROPERTY(std::optional<URL>, interruptedMovieURL, setInterruptedMovieURL,
+                    interruptedMovieURL_)
+SV_GUARDED_PROPERTY(std::shared_ptr<SVBroadcastConfiguration>, broadcastConfiguration,
+                    setBroadcastConfiguration, broadcastConfiguration_)
+SV_GUARDED_PROPERTY(std::string, broadcastExtensionID, setBroadcastExtensionID,
+                    broadcastExtensionID_)
+SV_GUARDED_PROPERTY(std::shared_ptr<ScreenCaptureController>, screenCaptureController,
+                    setScreenCaptureController, screenCaptureController_)
+SV_GUARDED_PROPERTY(std::shared_ptr<SVStoreInfo>, storeInfo, setStoreInfo, storeInfo_)
+SV_GUARDED_PROPERTY(std::shared_ptr<SVBroadcastExtensionProxy>, broadcastUploadExtensionProxy,
+                    setBroadcastUploadExtensionProxy, broadcastUploadExtensionProxy_)
+SV_GUARDED_PROPERTY(std::optional<Value>, broadcastUserInfo, setBroadcastUserInfo,
+                    broadcastUserInfo_)
+SV_GUARDED_PROPERTY(MediaTime, broadcastFragmentStartTime, setBroadcastFragmentStartTime,
+                    broadcastFragmentStartTime_)
+#undef SV_GUARDED_PROPERTY
+
+std::shared_ptr<SVRecordingSessionDelegate> SVRecordingSession::delegate() const {
+    std::lock_guard lock(propertiesMutex_);
+    return delegate_.lock();
+}
+
+void SVRecordingSession::setDelegate(std::weak_ptr<SVRecordingSessionDelegate> delegate) {
+    std::lock_guard lock(propertiesMutex_);
+    delegate_ = std::move(delegate);
+}
+
+std::shared_ptr<DispatchQueue> SVRecordingSession::broadcastAggregatePayloadQueue() const {
+    std::lock_guard lock(propertiesMutex_);
+    return broadcastAggregatePayloadQueue_;
+}
+
+std::shared_ptr<DispatchQueue> SVRecordingSession::broadcastServiceInfoQueue() const {
+    std::lock_guard lock(propertiesMutex_);
+    return broadcastServiceInfoQueue_;
+}
+
+std::vector<Value> SVRecordingSession::pendingBroadcastExtensionPayloads() const {
+    std::lock_guard lock(propertiesMutex_);
+    return pendingBroadcastExtensionPayloads_;
 }
 
 }  // namespace sv

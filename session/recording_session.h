@@ -1,29 +1,359 @@
-// SVRecordingSession: one recording of one application. Only the recording
-// state that the daemon's start-up code reads exists so far; the session's
-// lifecycle (start, stop, pause, finish, capture and movie writing) is added
-// by the session work that builds on it.
+// SVRecordingSession: one recording of one application, from the start
+// request to the finished movie. The recording manager keeps one session per
+// bundle identifier, configures it and drives it with start, pause, resume,
+// finish (optionally trimmed) and clean-up; the session runs the screen
+// capture controller, the shared SVCaptureManager's application audio tap
+// and microphone, and the SVMovieWriter, and reports failures of the screen
+// source to its delegate.
 //
-// Thread-safety: the recording flag may be read from any thread (purge
-// callbacks read it without a lock while requests change it).
+// A start runs as a chain: store details (network permitting), the movie
+// writer's file set-up, then the application audio tap (only when a process
+// to tap is known), then the microphone (only when enabled, and only after
+// the tap), then the screen. The start handler runs when the first frame
+// arrives. Pause stops all capture and keeps the movie open; the paused gap
+// is cut out of the movie's timeline at the first frame after the resume.
+//
+// Ownership: the manager's registry owns the session. The session owns its
+// screen capture controller (created at the first start, reused by every
+// resume and later start, released only with the session), its movie writer
+// and its store details. Destroying a session releases its fields only; it
+// neither stops capture nor removes files. Closures handed to the capture
+// manager, the store manager, the movie writer and the screen controller
+// hold the session weakly and do nothing once it is gone. Handlers are
+// called at most once.
+//
+// Threads:
+// - Requests (start, pause, resume, finish, clean-up, re-targeting, the
+//   setters) arrive on the manager's threads; callers do not run two of
+//   them at once on one session.
+// - Frames and the three failure callbacks arrive on the screen capture
+//   controller's delivery thread. A frame is handled synchronously under
+//   _shouldStopLock, the one lock of the frame path, up to the writer's
+//   append (which returns at once).
+// - Application audio arrives on the capture manager's audioDispatchQueue,
+//   microphone audio on its sessionSampleBufferQueue; the audio routes take
+//   no session lock and read only atomic fields.
+// - The start handler runs on the delivery thread of the first frame. The
+//   finish handler runs on the default global queue (where the writer
+//   finishes and trims), or at once on the calling thread when there is no
+//   movie to finish or the session streams samples. The clean-up handler
+//   runs on the movie store's background queue. The start chain runs on the
+//   store's background queue (writer ready), the audio tap's queue and the
+//   default global queue.
+// - Fields read across threads are atomics (the flags, the process mode,
+//   the tap's process) or shared slots (writer, start handler, broadcast
+//   extension); the other properties are guarded by a private mutex and
+//   their getters return copies.
 #pragma once
 
 #include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
+
+#include "broadcast/broadcast_configuration.h"
+#include "capture/capture_manager.h"
+#include "movie/movie_writer.h"
+#include "platform/dispatch.h"
+#include "platform/error.h"
+#include "platform/geometry.h"
+#include "platform/media_time.h"
+#include "platform/sample_buffer.h"
+#include "platform/screen/screen_backend.h"
+#include "platform/screen/screen_capture.h"
+#include "platform/url.h"
+#include "platform/value.h"
+#include "session/recording_session_delegate.h"
+#include "session/sample_timing.h"
+#include "session/shared_slot.h"
+#include "support/store_info.h"
 
 namespace sv {
 
-class SVRecordingSession {
-  public:
-    SVRecordingSession() = default;
-    virtual ~SVRecordingSession() = default;
+class SVClientProxy;              // the application's connection (daemon/)
+class SVBroadcastExtensionProxy;  // the live link to a processing extension (broadcast/)
+class AppExtension;               // the platform's application-extension handle
 
+// Broadcast process modes.
+inline constexpr int32_t kBroadcastProcessModeUpload = 0;
+inline constexpr int32_t kBroadcastProcessModeSampleBuffer = 1;
+
+// Actions and sample types of the payloads for a processing extension.
+inline constexpr int32_t kBroadcastActionStart = 1;
+inline constexpr int32_t kBroadcastActionPause = 2;
+inline constexpr int32_t kBroadcastActionResume = 3;
+inline constexpr int32_t kBroadcastActionFinish = 4;
+inline constexpr int32_t kBroadcastSampleTypeVideo = 1;
+inline constexpr int32_t kBroadcastSampleTypeAppAudio = 2;
+inline constexpr int32_t kBroadcastSampleTypeMicrophone = 3;
+
+class SVRecordingSession : public ScreenCaptureControllerDelegate,
+                           public std::enable_shared_from_this<SVRecordingSession> {
+  public:
+    using StartHandler = std::function<void()>;
+    // The movie's location (or nothing) and an error (or nothing).
+    using FinishHandler = std::function<void(std::optional<URL> movieURL, OptionalError error)>;
+    using CleanupHandler = std::function<void()>;
+    using StoreInfoHandler = std::function<void(std::shared_ptr<SVStoreInfo> storeInfo)>;
+    using ActionCompletion = std::function<void()>;
+    using SampleHandler = SVCaptureManager::SampleHandler;
+
+    static constexpr const char* kServiceInfoQueueLabel = "org.sorvel.sorveld.ServiceInfoQueue";
+    // Shortest time between two frames of a recording and of a broadcast.
+    static constexpr MediaTime kRecordingFrameInterval{1, 60, MediaTime::kFlagValid, 0};
+    static constexpr MediaTime kBroadcastFrameInterval{1, 30, MediaTime::kFlagValid, 0};
+
+    // A new idle session for an application.
+    static std::shared_ptr<SVRecordingSession> initWithBundleID(std::string bundleID);
+    ~SVRecordingSession() override;
+
+    // --- Movie names ------------------------------------------------------
+    // "<store>/<name>.mp4" with the application's localized name ("/" in it
+    // becomes "_", a missing name reads "(null)"); while broadcasting,
+    // "<store>/SVMovie_<bundleID>_<seconds since 1970>_<fragment>.mp4", a
+    // new name on every call. The store path ends in "/", so the joined path
+    // holds "//".
+    std::string outputPath() const;
+    URL outputURL() const;
+    // "<store>/<name>_trimmed.mp4".
+    std::string trimmedOutputPath() const;
+    URL trimmedOutputURL() const;
+
+    // --- Requests from the manager ----------------------------------------
+    // Store details for the movie's metadata: looked up once the network is
+    // there, for an application recording that has none yet (the handler
+    // then runs on the main queue); otherwise `handler` gets the cached
+    // details (or nothing) at once on the calling thread.
+    void getStoreInfoWithHandler(StoreInfoHandler handler);
+    // Starts the chain described above; `handler` runs at the first frame.
+    // The session has no other way to report that the start failed.
+    void startSessionWithHandler(StartHandler handler);
+    // Only while paused: records `contextID` alone from now on and restarts
+    // capture.
+    void resumeSessionWithContextID(uint32_t contextID);
+    // Only while not paused: stops all capture; the movie stays open.
+    void pauseSession();
+    // For a recording system recording only: taps `pid`'s audio from now on
+    // (pid < 1: no application audio any more).
+    void updateAudioCaptureToProcessWithPID(int32_t pid);
+    // finishSessionWithStartClipDuration(0, 0, handler).
+    void finishSessionWithHandler(FinishHandler handler);
+    // Only while recording (otherwise `handler` is never called): stops
+    // capture, resets the timeline, finishes the movie and, when both
+    // durations are above zero, trims that many seconds off its start and
+    // end into trimmedOutputURL. The handler gets the movie (the untrimmed
+    // one when trimming fails), or an error when there is no movie: -5803
+    // when no frame was ever written, -5804 when the movie could not be
+    // written. A broadcasting session hands the movie to its extension and
+    // answers (nothing, nothing).
+    void finishSessionWithStartClipDuration(double startClipDuration, double endClipDuration,
+                                            FinishHandler handler);
+    // Stops the screen controller, the capture manager's sources and clone
+    // mirroring. Also aborts any start chain in progress.
+    void stopAllCapture();
+    // Only while recording: stops capture and tells the delegate.
+    void stopWithError(const Error& error);
+    // Stops capture when recording, abandons the unfinished movie and removes
+    // the file at outputURL; `handler` runs once the removal is done.
+    void finishAndCleanupSessionFilesWithHandler(CleanupHandler handler);
+    // Keeps `size` as originalWindowSize and its limited form as windowSize.
+    void setWindowSize(WindowSize size);
+    // Sets up mirroring and the controller and starts the sources (start and
+    // resume use it).
+    void _resumeOrStartSession();
+
+    // --- Broadcast --------------------------------------------------------
+    // Until broadcasting exists these only keep their fields (mode 1 sets up
+    // no extension link yet). Never reports an error. A mode other than 0
+    // or 1 is logged and taken as 0.
+    OptionalError enableBroadcastWithExtension(std::shared_ptr<AppExtension> extension,
+                                               int32_t processMode, std::optional<Value> userInfo);
+    void disableBroadcast();
+    // Every frame while broadcasting, on the delivery thread; hands the frame
+    // on to _processSampleBuffer.
+    void _processSampleBufferForStreaming(const std::shared_ptr<SampleBuffer>& sampleBuffer,
+                                          uint32_t transformFlags);
+    // The hand-overs to the extension. Until broadcasting exists they log at
+    // debug level, and the action's completion runs at once on the calling
+    // thread.
+    void _notifyExtensionOfAction(int32_t action, ActionCompletion completion);
+    void _notifyExtensionOfVideoSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer,
+                                             int32_t type);
+    void _notifyExtensionOfAudioSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer,
+                                             int32_t type);
+    void _notifyBroadcastExtensionOfCompletedMovieWithURL(const std::optional<URL>& movieURL,
+                                                          bool finished);
+
+    // --- Frame path (delivery thread) -------------------------------------
+    void screenCaptureControllerDidReceiveSampleBuffer(
+        ScreenCaptureController& controller, const std::shared_ptr<SampleBuffer>& sampleBuffer,
+        uint32_t transformFlags) override;
+    // Drops the frame while paused or after a media-services reset, cuts the
+    // paused gaps out of its time and appends it to the writer (or hands it
+    // to the processing extension).
+    void _processSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer,
+                              uint32_t transformFlags);
+    // Failures: each stops the session with a recording error (-5804,
+    // -5800, -5804). After a media-services reset every later frame is
+    // dropped for the life of the session object.
+    void screenCaptureControllerDidFailWithStatus(ScreenCaptureController& controller,
+                                                  int32_t status) override;
+    void screenCaptureControllerWasPreempted(ScreenCaptureController& controller) override;
+    void screenCaptureControllerMediaServicesWereReset(
+        ScreenCaptureController& controller) override;
+
+    // --- Audio routes -----------------------------------------------------
+    // What the session hands the capture manager: application audio (dropped
+    // while paused; to audio 1 or the processing extension), microphone
+    // (dropped while paused; zeroed in place while the microphone is off, so
+    // it stays as timed silence; to audio 2 or the extension) and application
+    // audio after a re-targeting (always to audio 1). Audio is moved earlier
+    // by the paused gaps like the video, and dropped between a resume and the
+    // first frame after it (the gap is not known before). Each holds the
+    // session weakly.
+    SampleHandler _appAudioOutputRoute();
+    SampleHandler _microphoneOutputRoute();
+    SampleHandler _retargetedAppAudioOutputRoute();
+
+    // --- Properties -------------------------------------------------------
+    bool isMicrophoneEnabled() const { return microphoneEnabled_.load(); }
+    void setMicrophoneEnabled(bool enabled) { microphoneEnabled_.store(enabled); }
     bool isRecording() const { return recording_.load(); }
     void setRecording(bool recording) { recording_.store(recording); }
+    bool isPaused() const { return paused_.load(); }
+    void setPaused(bool paused) { paused_.store(paused); }
+    bool isSystemRecording() const { return systemRecording_.load(); }
+    void setSystemRecording(bool systemRecording) { systemRecording_.store(systemRecording); }
+    bool sessionWasResumed() const { return sessionWasResumed_.load(); }
+    void setSessionWasResumed(bool resumed) { sessionWasResumed_.store(resumed); }
+    std::shared_ptr<SVClientProxy> clientProxy() const;
+    void setClientProxy(std::shared_ptr<SVClientProxy> proxy);
+    std::string bundleID() const;
+    void setBundleID(std::string bundleID);
+    std::vector<uint32_t> contextIDs() const;
+    void setContextIDs(std::vector<uint32_t> contextIDs);
+    std::shared_ptr<SVRecordingSessionDelegate> delegate() const;
+    void setDelegate(std::weak_ptr<SVRecordingSessionDelegate> delegate);
+    std::optional<URL> interruptedMovieURL() const;
+    void setInterruptedMovieURL(std::optional<URL> url);
+    int32_t frontmostPIDForAudioTap() const { return frontmostPIDForAudioTap_.load(); }
+    void setFrontmostPIDForAudioTap(int32_t pid) { frontmostPIDForAudioTap_.store(pid); }
+    std::shared_ptr<SVBroadcastConfiguration> broadcastConfiguration() const;
+    void setBroadcastConfiguration(std::shared_ptr<SVBroadcastConfiguration> configuration);
+    std::string broadcastExtensionID() const;
+    void setBroadcastExtensionID(std::string extensionID);
+    std::shared_ptr<SVMovieWriter> movieWriter() const { return movieWriter_.load(); }
+    void setMovieWriter(std::shared_ptr<SVMovieWriter> writer) {
+        movieWriter_.store(std::move(writer));
+    }
+    std::shared_ptr<ScreenCaptureController> screenCaptureController() const;
+    void setScreenCaptureController(std::shared_ptr<ScreenCaptureController> controller);
+    std::shared_ptr<SVStoreInfo> storeInfo() const;
+    void setStoreInfo(std::shared_ptr<SVStoreInfo> info);
+    std::shared_ptr<AppExtension> broadcastExtension() const { return broadcastExtension_.load(); }
+    void setBroadcastExtension(std::shared_ptr<AppExtension> extension) {
+        broadcastExtension_.store(std::move(extension));
+    }
+    int32_t broadcastProcessMode() const { return broadcastProcessMode_.load(); }
+    void setBroadcastProcessMode(int32_t mode);
+    std::shared_ptr<SVBroadcastExtensionProxy> broadcastUploadExtensionProxy() const;
+    void setBroadcastUploadExtensionProxy(std::shared_ptr<SVBroadcastExtensionProxy> proxy);
+    std::optional<Value> broadcastUserInfo() const;
+    void setBroadcastUserInfo(std::optional<Value> userInfo);
+    // Declared for broadcasting; never created.
+    std::shared_ptr<DispatchQueue> broadcastAggregatePayloadQueue() const;
+    std::shared_ptr<DispatchQueue> broadcastServiceInfoQueue() const;
+    std::vector<Value> pendingBroadcastExtensionPayloads() const;
+    int32_t broadcastFragmentIndex() const { return broadcastFragmentIndex_.load(); }
+    void setBroadcastFragmentIndex(int32_t index) { broadcastFragmentIndex_.store(index); }
+    bool hasSessionHandler() const { return sessionHandler_.load() != nullptr; }
+    WindowSize windowSize() const;
+    WindowSize originalWindowSize() const;
+    // The video timeline (under _shouldStopLock; never call from the frame path).
+    MediaTime lastSampleTimestamp() const;
+    MediaTime sampleTimeOffset() const;
+    MediaTime broadcastFragmentStartTime() const;
+    void setBroadcastFragmentStartTime(MediaTime time);
 
     std::string description() const;
 
   private:
+    explicit SVRecordingSession(std::string bundleID);
+
+    // The start chain. `generation` is the value of captureGeneration_ that
+    // the chain was started under; any stop moves it on, and a step of an
+    // older chain then does nothing.
+    void _startWithStoreInfo(std::shared_ptr<SVStoreInfo> info, uint64_t generation);
+    void _resumeOrStartSession(uint64_t generation);
+    void _appAudioDidStart(uint64_t generation);
+    void _startScreenCapture(uint64_t generation);
+    // Hand-over of one frame (under _shouldStopLock).
+    void _handOverSampleBuffer(const std::shared_ptr<SampleBuffer>& sample,
+                               const std::shared_ptr<SampleBuffer>& original,
+                               const MediaTime& presentationTime, uint32_t transformFlags,
+                               SVCaptureManager& captureManager);
+    // Audio to the writer, moved by the paused gaps.
+    void _appendAudio(const std::shared_ptr<SampleBuffer>& sample, int input);
+    void _routeAppAudio(const std::shared_ptr<SampleBuffer>& sample);
+    void _routeMicrophoneAudio(const std::shared_ptr<SampleBuffer>& sample);
+    // The process's screen backend, taken when first needed and kept.
+    std::shared_ptr<ScreenBackend> _screenBackend();
+    std::string _localizedMovieName() const;
+
+    // Guards _shouldStop and timeline_. Held by the frame path for the whole
+    // handling of one frame and by the media-services-reset callback while it
+    // sets _shouldStop; never held while the controller is stopped (its stop
+    // waits for a frame in progress) or recursively.
+    mutable std::mutex _shouldStopLock;
+    bool _shouldStop = false;
+    SampleTimeline timeline_;
+
+    std::atomic<bool> microphoneEnabled_{false};
     std::atomic<bool> recording_{false};
+    std::atomic<bool> paused_{false};
+    std::atomic<bool> systemRecording_{false};
+    std::atomic<bool> sessionWasResumed_{false};
+    std::atomic<int32_t> frontmostPIDForAudioTap_{0};
+    std::atomic<int32_t> broadcastProcessMode_{kBroadcastProcessModeUpload};
+    std::atomic<int32_t> broadcastFragmentIndex_{0};
+    SharedSlot<SVMovieWriter> movieWriter_;
+    SharedSlot<AppExtension> broadcastExtension_;
+    SharedSlot<StartHandler> sessionHandler_;
+    // The paused gaps in host-clock ticks, for the audio routes; written by
+    // the frame path when it measures a gap and by finish.
+    std::atomic<int64_t> audioTimeOffset_{0};
+
+    // Serializes the session's calls into the shared capture manager (which
+    // wants one caller at a time) and pairs each stop's generation step with
+    // the start steps, so a pause or stop can never be undone by a start
+    // chain still in flight. Never held while the screen controller is
+    // stopped, and never taken on the capture manager's queues.
+    std::mutex controlMutex_;
+    std::atomic<uint64_t> captureGeneration_{0};
+
+    mutable std::mutex propertiesMutex_;
+    std::shared_ptr<SVClientProxy> clientProxy_;
+    std::string bundleID_;
+    std::vector<uint32_t> contextIDs_;
+    std::weak_ptr<SVRecordingSessionDelegate> delegate_;
+    std::optional<URL> interruptedMovieURL_;
+    std::shared_ptr<SVBroadcastConfiguration> broadcastConfiguration_;
+    std::string broadcastExtensionID_;
+    std::shared_ptr<ScreenCaptureController> screenCaptureController_;
+    std::shared_ptr<ScreenBackend> screenBackend_;
+    std::shared_ptr<SVStoreInfo> storeInfo_;
+    std::shared_ptr<SVBroadcastExtensionProxy> broadcastUploadExtensionProxy_;
+    std::optional<Value> broadcastUserInfo_;
+    std::shared_ptr<DispatchQueue> broadcastAggregatePayloadQueue_;
+    std::shared_ptr<DispatchQueue> broadcastServiceInfoQueue_;
+    std::vector<Value> pendingBroadcastExtensionPayloads_;
+    WindowSize windowSize_;
+    WindowSize originalWindowSize_;
+    MediaTime broadcastFragmentStartTime_;
 };
 
 }  // namespace sv

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "platform/audio/host_clock.h"
+#include "platform/screen/frame_stamp.h"
 
 namespace sv {
 
@@ -72,9 +74,13 @@ class SyntheticSource : public AudioSource {
                 if (cv_.wait_until(lock, due, [&] { return stopping_; })) return;
             }
             uint8_t* p = chunk.data();
+            const uint64_t chunkTime = start + HostClock::ticksForFrames(frames, rate);
             for (uint32_t i = 0; i < chunkFrames_; ++i) {
                 // Phase from the absolute frame index keeps the tone exact.
                 double v = frequency_ > 0 ? amplitude_ * std::sin(step * double(frames + i)) : 0.0;
+                // The whole-second click, on the host time of this very sample.
+                const uint64_t t = chunkTime + HostClock::ticksForFrames(i, rate);
+                v = std::clamp(v + syntheticClickValue(t), -1.0, 1.0);
                 for (uint32_t c = 0; c < channels; ++c) {
                     if (isFloat) {
                         float f = float(v);
@@ -93,7 +99,7 @@ class SyntheticSource : public AudioSource {
                     }
                 }
             }
-            sink_(chunk, start + HostClock::ticksForFrames(frames, rate));
+            sink_(chunk, chunkTime);
             frames += chunkFrames_;
         }
     }

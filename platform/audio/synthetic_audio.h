@@ -1,6 +1,10 @@
 // The synthetic audio backend: no server, deterministic content. The
 // default device produces a sine of a configurable frequency (or silence);
 // the tap of process P produces a sine of syntheticToneFrequencyForProcess(P).
+// Both carry a short click at every whole second of the host time of their
+// samples (syntheticClickValue, platform/screen/frame_stamp.h), mixed over
+// the tone and clipped to full scale, so a movie's audio can be matched
+// against its stamped frames.
 // Each source runs a generator thread paced by the host clock; presentation
 // times are the source's start time plus frames / rate, so consecutive chunks
 // are exactly contiguous.

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <set>
 
 namespace sv {
@@ -32,6 +33,32 @@ class DisplayMirroringService {
     // The layer contexts that clone mode shows; initially empty.
     virtual void setLayerContextsToClone(std::set<uint32_t> contextIDs) = 0;
     virtual std::set<uint32_t> layerContextsToClone() const = 0;
+};
+
+// The service as both backends keep it: the mode and the clone set, read by
+// capture threads once per frame. `version` grows with every change that
+// alters what is captured, so a reader can keep work derived from a
+// snapshot (resolved windows, a filtered layer list) until it moves.
+class BasicDisplayMirroringService final : public DisplayMirroringService {
+  public:
+    struct Snapshot {
+        int32_t mode = kCloneMirroringModeEnded;
+        std::set<uint32_t> contextIDs;
+        uint64_t version = 0;
+    };
+
+    bool setCloneMirroringMode(int32_t mode) override;
+    int32_t cloneMirroringMode() const override;
+    void setLayerContextsToClone(std::set<uint32_t> contextIDs) override;
+    std::set<uint32_t> layerContextsToClone() const override;
+
+    uint64_t version() const;
+    // The whole state at one instant.
+    Snapshot snapshot() const;
+
+  private:
+    mutable std::mutex mutex_;
+    Snapshot state_;
 };
 
 }  // namespace sv

@@ -5,6 +5,16 @@
 // down-scaling to the recording size limit, and a reader rejects anything
 // that is not a stamp rather than misreading it.
 //
+// Layout: a band across the top of the frame, kFrameStampColumns cells wide
+// and kFrameStampRows cells high; a cell is square with a side of
+// min(width / columns, height / rows) pixels, kept fractional, so the grid
+// scales with the frame and a reader finds it in a frame of any size from
+// that frame's own size. The first and last 16 cells of the top row are the
+// sync pattern (white, black, white, ...); the other 160 cells carry the
+// frame index and the host time (64 bits each, most significant first) and
+// a CRC-32 of them. White is full white, black full black; a reader
+// thresholds halfway between the levels it measures on the sync cells.
+//
 // Also the audio counterpart: the synthetic microphone and application audio
 // carry a short click at every whole second of the host clock, which the
 // movie inspector matches against the frame stamped with the same second.
@@ -12,7 +22,9 @@
 // Pure functions, callable from any thread.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
+#include <numbers>
 #include <optional>
 
 #include "platform/shared_surface.h"
@@ -25,21 +37,43 @@ struct FrameStamp {
     friend bool operator==(const FrameStamp&, const FrameStamp&) = default;
 };
 
+inline constexpr int32_t kFrameStampColumns = 64;
+inline constexpr int32_t kFrameStampRows = 3;
+// Smallest surface a stamp is drawn into (and read from).
+inline constexpr int32_t kFrameStampMinWidth = 64;
+inline constexpr int32_t kFrameStampMinHeight = 32;
+
+// Pixel rows at the top of a width x height frame that the stamp covers
+// (0 when the frame is too small to carry one). Everything below is left
+// untouched by drawFrameStamp.
+int32_t frameStampHeight(int32_t width, int32_t height);
+
 // Draws `stamp` into the top rows of a BGRA surface of at least 64x32
-// pixels. False (nothing drawn) for a smaller or read-only surface.
+// pixels. False (nothing drawn) for a smaller or read-only surface. Costs
+// about width x frameStampHeight() pixel writes, done as row copies.
 bool drawFrameStamp(SharedSurface& surface, const FrameStamp& stamp);
 
 // Reads a stamp back from an 8-bit luma plane (Y of a decoded frame, any
-// size at least 64x32). nullopt when no valid stamp is there.
+// size at least 64x32). nullopt when no valid stamp is there: too little
+// contrast, a broken sync pattern or a checksum mismatch.
 std::optional<FrameStamp> readFrameStamp(const uint8_t* luma, int32_t width, int32_t height,
                                          int32_t bytesPerRow);
 
 // Whole-second clicks of the synthetic audio sources.
-// Length of a click (ms) and its peak as a fraction of full scale.
+// Length of a click (ms), its peak as a fraction of full scale and the
+// frequency of the burst it is made of (well above the sources' tones).
 inline constexpr double kSyntheticClickMilliseconds = 5.0;
 inline constexpr double kSyntheticClickAmplitude = 0.9;
+inline constexpr double kSyntheticClickFrequency = 2000.0;
 // The click's sample value (-1..1) at host time `hostTime` (ns): non-zero
-// only in [k s, k s + click length) for whole seconds k.
-double syntheticClickValue(uint64_t hostTime);
+// only in [k s, k s + click length) for whole seconds k. Defined here so
+// that audio sources use it without linking the screen library.
+inline double syntheticClickValue(uint64_t hostTime) {
+    constexpr uint64_t kLength = uint64_t(kSyntheticClickMilliseconds * 1e6);
+    const uint64_t intoSecond = hostTime % 1'000'000'000u;
+    if (intoSecond >= kLength) return 0.0;
+    return kSyntheticClickAmplitude *
+           std::sin(2.0 * std::numbers::pi * kSyntheticClickFrequency * double(intoSecond) * 1e-9);
+}
 
 }  // namespace sv

@@ -14,7 +14,9 @@
 // clock (start + n * interval), so the rate does not drift; a deadline that
 // has already passed is skipped rather than delivered late in a burst.
 // The surface returns to the pool when the last holder drops the sample;
-// holders must not write to it.
+// holders must not write to it. At most 16 frames of a controller can be
+// held at once: while consumers hold that many, deadlines pass without a
+// frame. The first frame of a run is due at once.
 //
 // Threads and lifetime:
 // - Every delegate call (frames and the three failures) arrives on the
@@ -24,7 +26,15 @@
 // - Once stopCapture() returns, no delegate call is running or will start,
 //   except that stopCapture() called from inside a delegate call (on the
 //   delivery thread) returns at once without waiting for that call, which
-//   is the caller itself. The destructor stops capture the same way.
+//   is the caller itself. So a caller that holds a lock which its frame
+//   callback also takes must release it before stopping from another
+//   thread. Stopping never waits for the display source itself (a display
+//   server that stopped answering).
+// - The destructor stops capture the same way; it may run on the delivery
+//   thread (the last owner lets go inside a callback).
+// - A failure callback ends the run: the controller is stopped when it
+//   arrives (isCapturing() is false) and delivers nothing more until
+//   started again.
 // - A stopped controller may be started again (a resumed recording reuses
 //   its controller); frames of the new run continue the host-clock timeline.
 #pragma once
@@ -89,7 +99,8 @@ class ScreenCaptureController {
     int32_t pixelWidth() const { return pixelWidth_; }
     int32_t pixelHeight() const { return pixelHeight_; }
     // The shortest time between two frames (1/60 s for a recording, 1/30 s
-    // for a broadcast).
+    // for a broadcast): the interval asked for, or 1/60 s when that was not
+    // a positive time, brought into [1 ms, 10 s].
     MediaTime minimumFrameInterval() const { return minimumFrameInterval_; }
 
     // nullptr (or an expired pointer) means no delegate: frames are dropped.
@@ -101,7 +112,7 @@ class ScreenCaptureController {
     virtual void stopCapture() = 0;
     virtual bool isCapturing() const = 0;
 
-    // Each side of a size as delivered frames have it.
+    // Each side of a size as delivered frames have it (at most 16384).
     static int32_t evenPixelLength(float length);
 
   protected:

@@ -1,4 +1,5 @@
-// Helpers for audio tests: decoding 16-bit PCM samples and measuring tones.
+// Helpers for audio tests: decoding 16-bit PCM samples and measuring tones
+// (around the whole-second clicks of the synthetic sources).
 #pragma once
 
 #include <cmath>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include "platform/sample_buffer.h"
+#include "platform/screen/frame_stamp.h"
 
 namespace sv::testing {
 
@@ -53,6 +55,30 @@ inline double zeroCrossingFrequency(const std::vector<double>& x, double rate) {
     }
     if (count < 2) return 0;
     return double(count - 1) * rate / double(last - first);
+}
+
+// The longest run of `x` (consecutive samples at `rate`, the first at host
+// time `start` ns) that no whole-second click of the synthetic sources
+// touches, with a millisecond of margin on both sides: where a tone can be
+// measured undisturbed.
+inline std::vector<double> withoutClicks(const std::vector<double>& x, double rate,
+                                         uint64_t start) {
+    const uint64_t second = 1'000'000'000, margin = 1'000'000;
+    const uint64_t clickEnd = uint64_t(kSyntheticClickMilliseconds * 1e6) + margin;
+    size_t bestFrom = 0, bestLength = 0, from = 0;
+    for (size_t i = 0; i <= x.size(); ++i) {
+        bool inClick = false;
+        if (i < x.size()) {
+            const uint64_t t = start + uint64_t(std::llround(double(i) * 1e9 / rate));
+            const uint64_t into = (t + margin) % second;
+            inClick = into < clickEnd + margin;
+        }
+        if (inClick || i == x.size()) {
+            if (i - from > bestLength) bestFrom = from, bestLength = i - from;
+            from = i + 1;
+        }
+    }
+    return {x.begin() + long(bestFrom), x.begin() + long(bestFrom + bestLength)};
 }
 
 inline double rms(const std::vector<double>& x) {

@@ -5,8 +5,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <future>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "platform/audio/audio_tap_queue.h"
@@ -143,9 +145,70 @@ TEST(CaptureSession, InputsOutputsAndDelivery) {
         auto x = testing::pcm16Samples(s);
         all.insert(all.end(), x.begin(), x.end());
     }
-    EXPECT_NEAR(testing::zeroCrossingFrequency(all, 44100), 1000.0, 2.0);
+    // Measured where no whole-second click falls.
+    auto clean = testing::withoutClicks(
+        all, 44100, HostClock::fromMediaTime(samples.front()->presentationTime()));
+    EXPECT_GE(clean.size(), all.size() / 3);
+    EXPECT_NEAR(testing::zeroCrossingFrequency(clean, 44100), 1000.0, 2.0);
     // Stamps are on the host clock: the newest is not in the future.
     EXPECT_LE(HostClock::fromMediaTime(samples.back()->presentationTime()), HostClock::now());
+}
+
+TEST(SyntheticAudio, ClicksAtEveryWholeSecondOfTheSampleHostTime) {
+    // 20x real time: about 2.5 s of samples, so at least two seconds start.
+    auto backend =
+        std::make_shared<SyntheticAudioBackend>(SyntheticAudioBackend::Options{.speed = 20});
+    for (bool tap : {false, true}) {
+        const AudioStreamFormat format =
+            tap ? AudioStreamFormat::pcm16(44100, 1, true) : AudioStreamFormat::float32(48000, 2);
+        std::mutex mutex;
+        std::condition_variable cv;
+        std::vector<double> x;  // first channel
+        uint64_t start = 0;
+        auto sink = [&](std::span<const uint8_t> bytes, uint64_t hostTime) {
+            std::lock_guard lock(mutex);
+            if (x.empty()) start = hostTime;
+            EXPECT_EQ(hostTime, start + HostClock::ticksForFrames(x.size(), format.sampleRate));
+            for (size_t off = 0; off + format.bytesPerFrame <= bytes.size();
+                 off += format.bytesPerFrame) {
+                if (tap) {
+                    x.push_back(testing::pcm16Samples(&bytes[off], 2, format)[0]);
+                } else {
+                    float f;
+                    std::memcpy(&f, &bytes[off], 4);
+                    x.push_back(f);
+                }
+            }
+            cv.notify_all();
+        };
+        int32_t status = -1;
+        auto source = tap ? backend->openProcessTap(4242, format, sink, nullptr, &status)
+                          : backend->openDevice(*backend->defaultAudioDevice(), format, sink,
+                                                nullptr, &status);
+        ASSERT_EQ(status, 0);
+        {
+            std::unique_lock lock(mutex);
+            ASSERT_TRUE(cv.wait_for(lock, 10s, [&] { return x.size() > 2.5 * format.sampleRate; }));
+        }
+        source.reset();
+        // Above the tone's amplitude exactly in the clicks, and in every one.
+        const double rate = format.sampleRate;
+        std::set<uint64_t> seconds;
+        for (size_t i = 0; i < x.size(); ++i) {
+            const uint64_t t = start + HostClock::ticksForFrames(i, rate);
+            const bool inClick = t % 1'000'000'000 < uint64_t(kSyntheticClickMilliseconds * 1e6);
+            if (std::abs(x[i]) > 0.3) {
+                EXPECT_TRUE(inClick) << "loud sample outside a click at " << t;
+                seconds.insert(t / 1'000'000'000);
+            }
+            EXPECT_LE(std::abs(x[i]), 1.0);
+        }
+        const uint64_t first = start / 1'000'000'000 + 1,
+                       last = (start + HostClock::ticksForFrames(x.size(), rate)) / 1'000'000'000;
+        ASSERT_GE(last, first + 1);
+        for (uint64_t k = first; k < last; ++k)
+            EXPECT_TRUE(seconds.count(k)) << "no click at " << k;
+    }
 }
 
 TEST(CaptureSession, StaysStoppedWhenTheServerDoesNotAnswer) {
@@ -250,8 +313,10 @@ TEST(AudioTapQueue, FillsBuffersWithTheProcessToneStampedOnTheHostClock) {
         auto x = testing::pcm16Samples(bytes.data(), bytes.size(), kTapFormat);
         all.insert(all.end(), x.begin(), x.end());
     }
-    EXPECT_NEAR(testing::zeroCrossingFrequency(all, 44100), syntheticToneFrequencyForProcess(4242),
-                1.0);
+    auto clean = testing::withoutClicks(all, 44100, rec.buffers[0].first.hostTime);
+    EXPECT_GE(clean.size(), all.size() / 3);
+    EXPECT_NEAR(testing::zeroCrossingFrequency(clean, 44100),
+                syntheticToneFrequencyForProcess(4242), 1.0);
 
     EXPECT_EQ(rec.queue->freeBuffer(buffers[0]), 0);
     EXPECT_EQ(rec.queue->freeBuffer(buffers[0]), kAudioInvalidBufferError);

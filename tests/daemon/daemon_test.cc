@@ -191,7 +191,7 @@ TEST_F(DaemonTest, PurgeAndLockButtonDuringARecording) {
     log::Capture capture;
     auto manager = SVRecordingManager::create();
     ASSERT_TRUE(manager->publicListener());
-    auto session = std::make_shared<SVRecordingSession>();
+    auto session = SVRecordingSession::initWithBundleID("org.sorvel.tests.app");
     session->setRecording(true);
     manager->setCurrentRecordingSession(session);
     makeFile(store_ + "old.mp4", 1000, 2 * 86400s);

@@ -1,0 +1,376 @@
+#include "platform/media/movie_reader.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/display.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/pixdesc.h>
+#include <libswscale/swscale.h>
+}
+
+#include "platform/media/ffmpeg_util.h"
+
+namespace sv::media {
+namespace {
+
+// Owners of the FFmpeg handles of one read.
+struct FormatCloser {
+    void operator()(AVFormatContext* c) const { avformat_close_input(&c); }
+};
+struct CodecCloser {
+    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
+};
+struct FrameFreer {
+    void operator()(AVFrame* f) const { av_frame_free(&f); }
+};
+struct PacketFreer {
+    void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+struct DictFreer {
+    void operator()(AVDictionary* d) const { av_dict_free(&d); }
+};
+using FormatPtr = std::unique_ptr<AVFormatContext, FormatCloser>;
+using CodecPtr = std::unique_ptr<AVCodecContext, CodecCloser>;
+using FramePtr = std::unique_ptr<AVFrame, FrameFreer>;
+using PacketPtr = std::unique_ptr<AVPacket, PacketFreer>;
+
+// Undecodable packets in a row after which a track counts as broken.
+constexpr int kMaxConsecutiveErrors = 64;
+
+void setError(MediaError* error, int code, const std::string& what) {
+    if (error) *error = makeError(code, what);
+}
+
+// Opens `path` with the limits of a hostile file and reads its stream
+// parameters. Null with `error` set on failure.
+FormatPtr openFormat(const std::string& path, MediaError* error) {
+    AVFormatContext* raw = avformat_alloc_context();
+    if (!raw) {
+        setError(error, AVERROR(ENOMEM), "opening " + path);
+        return nullptr;
+    }
+    raw->max_streams = MovieReader::kMaxTracks;
+    // avformat_open_input frees the context when it fails.
+    int r = avformat_open_input(&raw, path.c_str(), nullptr, nullptr);
+    if (r < 0) {
+        setError(error, r, path + " is not a readable movie");
+        return nullptr;
+    }
+    FormatPtr ctx(raw);
+    // The probe decodes a few frames: it gets the same size limit.
+    std::vector<AVDictionary*> options(ctx->nb_streams, nullptr);
+    for (auto& o : options) av_dict_set_int(&o, "max_pixels", MovieReader::kMaxPixels, 0);
+    r = avformat_find_stream_info(ctx.get(), options.data());
+    for (auto& o : options) av_dict_free(&o);
+    if (r < 0) {
+        setError(error, r, path + ": reading the stream parameters");
+        return nullptr;
+    }
+    return ctx;
+}
+
+std::map<std::string, std::string> tagsOf(const AVDictionary* dict) {
+    std::map<std::string, std::string> tags;
+    const AVDictionaryEntry* e = nullptr;
+    while ((e = av_dict_get(dict, "", e, AV_DICT_IGNORE_SUFFIX))) tags[e->key] = e->value;
+    return tags;
+}
+
+double seconds(int64_t ts, AVRational tb) {
+    return ts == AV_NOPTS_VALUE ? 0.0 : double(ts) * av_q2d(tb);
+}
+
+TrackInfo describe(const AVStream* st) {
+    const AVCodecParameters* p = st->codecpar;
+    TrackInfo t;
+    t.index = st->index;
+    t.kind = p->codec_type == AVMEDIA_TYPE_VIDEO   ? TrackKind::Video
+             : p->codec_type == AVMEDIA_TYPE_AUDIO ? TrackKind::Audio
+                                                   : TrackKind::Other;
+    t.codec = avcodec_get_name(p->codec_id);
+    if (const char* profile = avcodec_profile_name(p->codec_id, p->profile)) t.profile = profile;
+    t.startTime = seconds(st->start_time, st->time_base);
+    t.duration = seconds(st->duration, st->time_base);
+    t.frameCount = st->nb_frames;
+    t.bitRate = p->bit_rate;
+    if (t.kind == TrackKind::Video) {
+        t.width = p->width;
+        t.height = p->height;
+    } else if (t.kind == TrackKind::Audio) {
+        t.sampleRate = p->sample_rate;
+        t.channels = p->ch_layout.nb_channels;
+        if (st->duration != AV_NOPTS_VALUE && p->sample_rate > 0)
+            t.sampleCount =
+                av_rescale_q(st->duration, st->time_base, AVRational{1, p->sample_rate});
+    }
+    size_t size = 0;
+    if (const uint8_t* m = av_stream_get_side_data(st, AV_PKT_DATA_DISPLAYMATRIX, &size);
+        m && size >= 9 * sizeof(int32_t)) {
+        std::array<int32_t, 9> matrix{};
+        std::memcpy(matrix.data(), m, sizeof matrix);
+        t.displayMatrix = matrix;
+        const double rotation = av_display_rotation_get(matrix.data());
+        t.rotation = std::isfinite(rotation) ? rotation : 0.0;
+        t.mirrored = double(matrix[0]) * matrix[4] - double(matrix[1]) * matrix[3] < 0;
+    } else if (t.kind == TrackKind::Video) {
+        // FFmpeg leaves an identity matrix out.
+        t.displayMatrix = std::array<int32_t, 9>{1 << 16, 0, 0, 0, 1 << 16, 0, 0, 0, 1 << 30};
+    }
+    t.tags = tagsOf(st->metadata);
+    return t;
+}
+
+struct ScalerFreer {
+    void operator()(SwsContext* s) const { sws_freeContext(s); }
+};
+
+// One track being decoded.
+struct Track {
+    AVStream* stream = nullptr;
+    CodecPtr decoder;
+    int64_t packets = 0;
+    int errors = 0;                          // undecodable packets in a row
+    std::vector<std::vector<float>> planes;  // audio converted to float
+    std::vector<const float*> pointers;
+    std::unique_ptr<SwsContext, ScalerFreer> scaler;  // video that is not 8-bit YUV
+    std::vector<uint8_t> gray;
+};
+
+// Plane 0 of 8-bit YUV and gray formats is the luma plane as it is.
+bool hasLumaPlane(int format) {
+    const AVPixFmtDescriptor* d = av_pix_fmt_desc_get(AVPixelFormat(format));
+    return d &&
+           !(d->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL | AV_PIX_FMT_FLAG_HWACCEL |
+                         AV_PIX_FMT_FLAG_BITSTREAM)) &&
+           d->nb_components >= 1 && d->comp[0].plane == 0 && d->comp[0].depth == 8 &&
+           d->comp[0].step == 1;
+}
+
+// The luma of any other picture, converted into the track's buffer. False
+// when the format cannot be converted.
+bool toGray(const AVFrame& f, Track& t, LumaFrame& luma) {
+    if (f.format < 0 || av_image_check_size(unsigned(f.width), unsigned(f.height), 0, nullptr) < 0)
+        return false;
+    t.scaler.reset(sws_getCachedContext(t.scaler.release(), f.width, f.height,
+                                        AVPixelFormat(f.format), f.width, f.height,
+                                        AV_PIX_FMT_GRAY8, SWS_POINT, nullptr, nullptr, nullptr));
+    if (!t.scaler) return false;
+    t.gray.resize(size_t(f.width) * size_t(f.height));
+    uint8_t* dst[4] = {t.gray.data(), nullptr, nullptr, nullptr};
+    int dstStride[4] = {f.width, 0, 0, 0};
+    if (sws_scale(t.scaler.get(), f.data, f.linesize, 0, f.height, dst, dstStride) != f.height)
+        return false;
+    luma.data = t.gray.data();
+    luma.bytesPerRow = f.width;
+    return true;
+}
+
+// Audio of any PCM sample format as planar float.
+bool toFloat(const AVFrame& f, Track& t) {
+    const auto format = AVSampleFormat(f.format);
+    const int channels = f.ch_layout.nb_channels;
+    const bool planar = av_sample_fmt_is_planar(format);
+    const int n = f.nb_samples;
+    if (channels <= 0 || channels > 64 || n < 0) return false;
+    t.planes.resize(size_t(channels));
+    t.pointers.resize(size_t(channels));
+    for (int c = 0; c < channels; ++c) {
+        auto& out = t.planes[size_t(c)];
+        out.resize(size_t(n));
+        const uint8_t* base = planar ? f.extended_data[c] : f.extended_data[0];
+        const int stride = planar ? 1 : channels;
+        const int offset = planar ? 0 : c;
+        for (int i = 0; i < n; ++i) {
+            const int k = i * stride + offset;
+            float v = 0;
+            switch (av_get_packed_sample_fmt(format)) {
+                case AV_SAMPLE_FMT_FLT:
+                    v = reinterpret_cast<const float*>(base)[k];
+                    break;
+                case AV_SAMPLE_FMT_DBL:
+                    v = float(reinterpret_cast<const double*>(base)[k]);
+                    break;
+                case AV_SAMPLE_FMT_S16:
+                    v = float(reinterpret_cast<const int16_t*>(base)[k]) / 32768.0f;
+                    break;
+                case AV_SAMPLE_FMT_S32:
+                    v = float(double(reinterpret_cast<const int32_t*>(base)[k]) / 2147483648.0);
+                    break;
+                case AV_SAMPLE_FMT_U8:
+                    v = float(int(base[k]) - 128) / 128.0f;
+                    break;
+                default:
+                    return false;
+            }
+            out[size_t(i)] = v;
+        }
+        t.pointers[size_t(c)] = out.data();
+    }
+    return true;
+}
+
+}  // namespace
+
+std::unique_ptr<MovieReader> MovieReader::open(const std::string& path, MediaError* error) {
+    installLogForwarding();
+    FormatPtr ctx = openFormat(path, error);
+    if (!ctx) return nullptr;
+    std::unique_ptr<MovieReader> reader(new MovieReader(path));
+    MovieInfo& info = reader->info_;
+    info.format = ctx->iformat ? ctx->iformat->name : "";
+    info.duration = ctx->duration == AV_NOPTS_VALUE ? 0.0 : double(ctx->duration) / AV_TIME_BASE;
+    info.fileSize = ctx->pb ? std::max<int64_t>(0, avio_size(ctx->pb)) : 0;
+    info.tags = tagsOf(ctx->metadata);
+    for (unsigned i = 0; i < ctx->nb_streams; ++i) info.tracks.push_back(describe(ctx->streams[i]));
+    return reader;
+}
+
+MovieReader::~MovieReader() = default;
+
+bool MovieReader::decode(const VideoCallback& onVideo, const AudioCallback& onAudio,
+                         MediaError* error) {
+    FormatPtr ctx = openFormat(path_, error);
+    if (!ctx) return false;
+
+    std::vector<Track> tracks(ctx->nb_streams);
+    for (unsigned i = 0; i < ctx->nb_streams; ++i) {
+        AVStream* st = ctx->streams[i];
+        tracks[i].stream = st;
+        const auto type = st->codecpar->codec_type;
+        if (!(type == AVMEDIA_TYPE_VIDEO && onVideo) && !(type == AVMEDIA_TYPE_AUDIO && onAudio)) {
+            st->discard = AVDISCARD_ALL;
+            continue;
+        }
+        const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
+        if (!codec) {
+            setError(error, AVERROR_DECODER_NOT_FOUND,
+                     "track " + std::to_string(i) + ": no decoder for " +
+                         avcodec_get_name(st->codecpar->codec_id));
+            return false;
+        }
+        CodecPtr dec(avcodec_alloc_context3(codec));
+        if (!dec) {
+            setError(error, AVERROR(ENOMEM), "allocating a decoder");
+            return false;
+        }
+        int r = avcodec_parameters_to_context(dec.get(), st->codecpar);
+        if (r >= 0) {
+            dec->max_pixels = kMaxPixels;
+            dec->thread_count = 0;  // as many as the machine has
+            dec->pkt_timebase = st->time_base;
+            r = avcodec_open2(dec.get(), codec, nullptr);
+        }
+        if (r < 0) {
+            setError(error, r, "track " + std::to_string(i) + ": opening the decoder");
+            return false;
+        }
+        tracks[i].decoder = std::move(dec);
+    }
+
+    PacketPtr packet(av_packet_alloc());
+    FramePtr frame(av_frame_alloc());
+    if (!packet || !frame) {
+        setError(error, AVERROR(ENOMEM), "allocating a packet and a frame");
+        return false;
+    }
+
+    bool stopped = false;
+    // Hands every frame the decoder has ready to the callbacks. False on a
+    // failure (with `error` set); `stopped` when a callback asked to end.
+    auto drain = [&](Track& t) -> bool {
+        for (;;) {
+            int r = avcodec_receive_frame(t.decoder.get(), frame.get());
+            if (r == AVERROR(EAGAIN) || r == AVERROR_EOF) return true;
+            if (r < 0) {
+                if (++t.errors > kMaxConsecutiveErrors) {
+                    setError(error, r,
+                             "track " + std::to_string(t.stream->index) + " cannot be decoded");
+                    return false;
+                }
+                continue;
+            }
+            t.errors = 0;
+            const AVFrame& f = *frame;
+            const int64_t ts = f.best_effort_timestamp;
+            const double time = seconds(ts, t.stream->time_base);
+            bool keepGoing = true;
+            // Frames before the movie's start are hidden by its edit list.
+            if (ts != AV_NOPTS_VALUE && time >= -1e-6) {
+                if (t.stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
+                    LumaFrame luma{t.stream->index,
+                                   f.data[0],
+                                   f.width,
+                                   f.height,
+                                   f.linesize[0],
+                                   time,
+                                   seconds(f.pkt_duration, t.stream->time_base)};
+                    if (f.data[0] && f.width > 0 && f.height > 0 &&
+                        (hasLumaPlane(f.format) || toGray(f, t, luma)))
+                        keepGoing = onVideo(luma);
+                } else if (toFloat(f, t)) {
+                    PCMBlock block{t.stream->index, t.pointers.data(), int(t.pointers.size()),
+                                   f.nb_samples,    f.sample_rate,     time};
+                    keepGoing = onAudio(block);
+                }
+            }
+            av_frame_unref(frame.get());
+            if (!keepGoing) {
+                stopped = true;
+                return true;
+            }
+        }
+    };
+
+    for (;;) {
+        int r = av_read_frame(ctx.get(), packet.get());
+        if (r == AVERROR_EOF) break;
+        if (r < 0) {
+            setError(error, r, "reading " + path_);
+            return false;
+        }
+        const int index = packet->stream_index;
+        Track* t = index >= 0 && index < int(tracks.size()) ? &tracks[size_t(index)] : nullptr;
+        if (t) ++t->packets;
+        if (!t || !t->decoder) {
+            av_packet_unref(packet.get());
+            continue;
+        }
+        r = avcodec_send_packet(t->decoder.get(), packet.get());
+        av_packet_unref(packet.get());
+        if (r < 0 && r != AVERROR(EAGAIN)) {
+            if (++t->errors > kMaxConsecutiveErrors) {
+                setError(error, r, "track " + std::to_string(index) + " cannot be decoded");
+                return false;
+            }
+            continue;
+        }
+        if (!drain(*t)) return false;
+        if (stopped) return true;
+    }
+    for (Track& t : tracks) {
+        if (!t.decoder) continue;
+        avcodec_send_packet(t.decoder.get(), nullptr);
+        if (!drain(t)) return false;
+        if (stopped) return true;
+    }
+    // A track whose index names more samples than the file holds was cut off.
+    for (const Track& t : tracks) {
+        const int expected = avformat_index_get_entries_count(t.stream);
+        if (t.decoder && t.packets < expected) {
+            setError(error, AVERROR_INVALIDDATA,
+                     path_ + " is truncated: track " + std::to_string(t.stream->index) +
+                         " ends after " + std::to_string(t.packets) + " of " +
+                         std::to_string(expected) + " samples");
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace sv::media

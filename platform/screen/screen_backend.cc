@@ -1,0 +1,85 @@
+#include "platform/screen/screen_backend.h"
+
+#include <cstdlib>
+#include <mutex>
+
+#include "platform/log.h"
+#include "platform/screen/synthetic_screen.h"
+#if SV_HAVE_XCB
+#include "platform/screen/x11_screen.h"
+#endif
+
+namespace sv {
+
+std::optional<ScreenBackendKind> parseScreenBackendKind(std::string_view text) {
+    if (text == "x11") return ScreenBackendKind::X11;
+    if (text == "synthetic") return ScreenBackendKind::Synthetic;
+    if (text == "auto" || text == "automatic") return ScreenBackendKind::Automatic;
+    return std::nullopt;
+}
+
+std::shared_ptr<ScreenBackend> makeScreenBackend(ScreenBackendKind kind, std::string* error) {
+    if (kind == ScreenBackendKind::Automatic) {
+        if (const char* env = std::getenv("SORVEL_SCREEN_BACKEND"); env && *env) {
+            if (auto parsed = parseScreenBackendKind(env))
+                kind = *parsed;
+            else
+                log::error("Screen: unknown SORVEL_SCREEN_BACKEND \"%@\", choosing automatically",
+                           env);
+        }
+    }
+    std::shared_ptr<ScreenBackend> backend;
+    const char* display = std::getenv("DISPLAY");
+    const std::string displayName = display ? display : "";
+    if (kind == ScreenBackendKind::X11 ||
+        (kind == ScreenBackendKind::Automatic && !displayName.empty())) {
+#if SV_HAVE_XCB
+        std::string why;
+        backend = X11ScreenBackend::connect(displayName, &why);
+        if (!backend) {
+            if (kind == ScreenBackendKind::X11) {
+                log::error("Screen: the X11 backend cannot reach the X server \"%@\": %@",
+                           displayName, why);
+                if (error) *error = why;
+                return nullptr;
+            }
+            log::info("Screen: X server \"%@\" not reachable (%@)", displayName, why);
+        }
+#else
+        if (kind == ScreenBackendKind::X11) {
+            const char* why = "this build has no X11 support";
+            log::error("Screen: %@", why);
+            if (error) *error = why;
+            return nullptr;
+        }
+#endif
+    }
+    if (!backend) backend = std::make_shared<SyntheticScreenBackend>();
+    WindowSize size = backend->displaySize();
+    log::info("Screen: using the %@ screen backend (%ix%i)", backend->name(), int32_t(size.width),
+              int32_t(size.height));
+    return backend;
+}
+
+namespace {
+std::mutex gBackendMutex;
+std::shared_ptr<ScreenBackend>& processBackendSlot() {
+    // Never destroyed: controllers may still be in use while statics go away.
+    static auto* slot = new std::shared_ptr<ScreenBackend>;
+    return *slot;
+}
+}  // namespace
+
+std::shared_ptr<ScreenBackend> processScreenBackend() {
+    std::lock_guard lock(gBackendMutex);
+    auto& slot = processBackendSlot();
+    if (!slot) slot = makeScreenBackend(ScreenBackendKind::Automatic);
+    return slot;
+}
+
+void setProcessScreenBackend(std::shared_ptr<ScreenBackend> backend) {
+    std::lock_guard lock(gBackendMutex);
+    processBackendSlot() = std::move(backend);
+}
+
+}  // namespace sv

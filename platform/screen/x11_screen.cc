@@ -1,0 +1,843 @@
+#include "platform/screen/x11_screen.h"
+
+#include <fcntl.h>
+#include <libyuv.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <xcb/composite.h>
+#include <xcb/randr.h>
+#include <xcb/shm.h>
+#include <xcb/xcb.h>
+#include <xcb/xfixes.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "platform/audio/host_clock.h"
+#include "platform/log.h"
+#include "platform/screen/paced_capture.h"
+
+namespace sv {
+
+uint32_t transformFlagsForRandRRotation(uint16_t rotation) {
+    uint32_t flags = 0;
+    if (rotation & XCB_RANDR_ROTATION_ROTATE_90)
+        flags = kScreenTransformRotate;
+    else if (rotation & XCB_RANDR_ROTATION_ROTATE_180)
+        flags = kScreenTransformFlipX | kScreenTransformFlipY;
+    else if (rotation & XCB_RANDR_ROTATION_ROTATE_270)
+        flags = kScreenTransformRotate | kScreenTransformFlipX | kScreenTransformFlipY;
+    if (rotation & XCB_RANDR_ROTATION_REFLECT_X) flags ^= kScreenTransformFlipX;
+    if (rotation & XCB_RANDR_ROTATION_REFLECT_Y) flags ^= kScreenTransformFlipY;
+    return flags;
+}
+
+xcb_connection_t* connectToXServer(const char* displayName, int* screenNumber) {
+    static std::mutex* connecting = new std::mutex;  // never destroyed: used by detached threads
+    std::lock_guard lock(*connecting);
+    return xcb_connect(displayName, screenNumber);
+}
+
+namespace {
+
+struct ConnectionDeleter {
+    void operator()(xcb_connection_t* c) const { xcb_disconnect(c); }
+};
+using Connection = std::unique_ptr<xcb_connection_t, ConnectionDeleter>;
+
+// Replies and errors are malloc'ed by xcb.
+struct FreeDeleter {
+    void operator()(void* p) const { std::free(p); }
+};
+template <typename T>
+using Reply = std::unique_ptr<T, FreeDeleter>;
+
+// One mapping of a memfd the server also maps (MIT-SHM 1.2).
+struct SharedSegment {
+    uint8_t* data = nullptr;
+    size_t size = 0;
+    xcb_shm_seg_t id = 0;
+
+    SharedSegment() = default;
+    SharedSegment(const SharedSegment&) = delete;
+    SharedSegment& operator=(const SharedSegment&) = delete;
+    ~SharedSegment() { unmap(); }
+    void unmap() {
+        if (data) munmap(data, size);
+        data = nullptr;
+        size = 0;
+        id = 0;
+    }
+};
+
+bool isLocalSocket(xcb_connection_t* c) {
+    sockaddr_storage addr{};
+    socklen_t len = sizeof addr;
+    if (getsockname(xcb_get_file_descriptor(c), reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+        return false;
+    return addr.ss_family == AF_UNIX;
+}
+
+// What a connection knows about its screen and the server.
+struct ScreenInfo {
+    xcb_window_t root = 0;
+    uint8_t rootDepth = 0;
+    int32_t width = 0;
+    int32_t height = 0;
+    bool composite = false;  // 0.2 or later: NameWindowPixmap
+    bool xfixes = false;     // cursor images
+    bool randr = false;      // 1.3 or later: primary output, current resources
+    bool randrAny = false;   // any version: screen info rotation
+    uint8_t randrFirstEvent = 0;
+    bool shm = false;  // 1.2 or later, on a local socket
+};
+
+int bitsPerPixelOfDepth(const xcb_setup_t* setup, uint8_t depth) {
+    for (auto it = xcb_setup_pixmap_formats_iterator(setup); it.rem; xcb_format_next(&it))
+        if (it.data->depth == depth) return it.data->bits_per_pixel;
+    return 0;
+}
+
+// Opens a connection and learns the screen; null with `error` when the
+// server is unreachable or its pixels are not 32-bit BGRX.
+Connection openConnection(const std::string& displayName, ScreenInfo& info, std::string* error) {
+    int screenNumber = 0;
+    Connection c(
+        connectToXServer(displayName.empty() ? nullptr : displayName.c_str(), &screenNumber));
+    if (!c || xcb_connection_has_error(c.get())) {
+        if (error) *error = "cannot connect to the X server";
+        return nullptr;
+    }
+    const xcb_setup_t* setup = xcb_get_setup(c.get());
+    xcb_screen_t* screen = nullptr;
+    for (auto it = xcb_setup_roots_iterator(setup); it.rem; xcb_screen_next(&it), --screenNumber) {
+        if (screenNumber == 0) {
+            screen = it.data;
+            break;
+        }
+    }
+    if (!screen) {
+        if (error) *error = "the X server has no such screen";
+        return nullptr;
+    }
+    xcb_visualtype_t* visual = nullptr;
+    for (auto d = xcb_screen_allowed_depths_iterator(screen); d.rem && !visual; xcb_depth_next(&d))
+        for (auto v = xcb_depth_visuals_iterator(d.data); v.rem; xcb_visualtype_next(&v))
+            if (v.data->visual_id == screen->root_visual) {
+                visual = v.data;
+                break;
+            }
+    if (setup->image_byte_order != XCB_IMAGE_ORDER_LSB_FIRST ||
+        bitsPerPixelOfDepth(setup, screen->root_depth) != 32 || !visual ||
+        visual->red_mask != 0xFF0000 || visual->green_mask != 0xFF00 || visual->blue_mask != 0xFF) {
+        if (error) *error = "the root window's pixels are not 32-bit BGRX";
+        return nullptr;
+    }
+    info.root = screen->root;
+    info.rootDepth = screen->root_depth;
+    info.width = screen->width_in_pixels;
+    info.height = screen->height_in_pixels;
+
+    xcb_connection_t* conn = c.get();
+    // Ask every extension's version at once; one round trip.
+    xcb_prefetch_extension_data(conn, &xcb_composite_id);
+    xcb_prefetch_extension_data(conn, &xcb_xfixes_id);
+    xcb_prefetch_extension_data(conn, &xcb_randr_id);
+    xcb_prefetch_extension_data(conn, &xcb_shm_id);
+    auto present = [&](xcb_extension_t* ext) {
+        const xcb_query_extension_reply_t* r = xcb_get_extension_data(conn, ext);
+        return r && r->present ? r : nullptr;
+    };
+    auto* compositeExt = present(&xcb_composite_id);
+    auto* xfixesExt = present(&xcb_xfixes_id);
+    auto* randrExt = present(&xcb_randr_id);
+    auto* shmExt = present(&xcb_shm_id);
+    xcb_composite_query_version_cookie_t compositeCookie{};
+    xcb_xfixes_query_version_cookie_t xfixesCookie{};
+    xcb_randr_query_version_cookie_t randrCookie{};
+    xcb_shm_query_version_cookie_t shmCookie{};
+    if (compositeExt) compositeCookie = xcb_composite_query_version(conn, 0, 4);
+    if (xfixesExt) xfixesCookie = xcb_xfixes_query_version(conn, 5, 0);
+    if (randrExt) randrCookie = xcb_randr_query_version(conn, 1, 5);
+    if (shmExt) shmCookie = xcb_shm_query_version(conn);
+    if (compositeExt) {
+        Reply<xcb_composite_query_version_reply_t> r(
+            xcb_composite_query_version_reply(conn, compositeCookie, nullptr));
+        info.composite = r && (r->major_version > 0 || r->minor_version >= 2);
+    }
+    if (xfixesExt) {
+        Reply<xcb_xfixes_query_version_reply_t> r(
+            xcb_xfixes_query_version_reply(conn, xfixesCookie, nullptr));
+        info.xfixes = r && r->major_version >= 1;
+    }
+    if (randrExt) {
+        Reply<xcb_randr_query_version_reply_t> r(
+            xcb_randr_query_version_reply(conn, randrCookie, nullptr));
+        info.randrAny = bool(r);
+        info.randr = r && (r->major_version > 1 || r->minor_version >= 3);
+        info.randrFirstEvent = randrExt->first_event;
+    }
+    if (shmExt) {
+        Reply<xcb_shm_query_version_reply_t> r(
+            xcb_shm_query_version_reply(conn, shmCookie, nullptr));
+        info.shm = r && (r->major_version > 1 || r->minor_version >= 2) && isLocalSocket(conn);
+    }
+    if (xcb_connection_has_error(conn)) {
+        if (error) *error = "the X server closed the connection";
+        return nullptr;
+    }
+    return c;
+}
+
+// openConnection with a time limit: xcb waits without end for a server that
+// accepted the socket but does not answer (stopped, hung). The attempt goes
+// on in a thread of its own, which disposes of the connection when it is
+// given up.
+Connection openConnectionWithin(const std::string& displayName, ScreenInfo& info,
+                                std::string* error, std::chrono::milliseconds timeout) {
+    struct Attempt {
+        std::mutex mutex;
+        std::condition_variable cv;
+        bool done = false;
+        bool abandoned = false;
+        Connection connection;
+        ScreenInfo info;
+        std::string error;
+    };
+    auto attempt = std::make_shared<Attempt>();
+    try {
+        std::thread([attempt, displayName] {
+            ScreenInfo i;
+            std::string e;
+            Connection c = openConnection(displayName, i, &e);
+            std::lock_guard lock(attempt->mutex);
+            if (attempt->abandoned) return;
+            attempt->connection = std::move(c);
+            attempt->info = i;
+            attempt->error = std::move(e);
+            attempt->done = true;
+            attempt->cv.notify_all();
+        }).detach();
+    } catch (const std::system_error& e) {
+        if (error) *error = std::string("cannot start a thread: ") + e.what();
+        return nullptr;
+    }
+    std::unique_lock lock(attempt->mutex);
+    if (!attempt->cv.wait_for(lock, timeout, [&] { return attempt->done; })) {
+        attempt->abandoned = true;
+        if (error) *error = "the X server does not answer";
+        return nullptr;
+    }
+    if (!attempt->connection) {
+        if (error) *error = attempt->error;
+        return nullptr;
+    }
+    info = attempt->info;
+    return std::move(attempt->connection);
+}
+
+constexpr std::chrono::milliseconds kConnectTimeout{2000};
+
+// More windows than any application has; a larger set is refused rather
+// than costing a round trip per identifier each frame.
+constexpr size_t kMaxClonedWindows = 256;
+
+// The primary output's rotation (or the first active CRTC's, or the screen's
+// for servers before RandR 1.3) as transform flags.
+uint32_t readTransformFlags(xcb_connection_t* c, const ScreenInfo& info) {
+    if (!info.randrAny) return 0;
+    if (info.randr) {
+        auto primaryCookie = xcb_randr_get_output_primary(c, info.root);
+        auto resourcesCookie = xcb_randr_get_screen_resources_current(c, info.root);
+        Reply<xcb_randr_get_output_primary_reply_t> primary(
+            xcb_randr_get_output_primary_reply(c, primaryCookie, nullptr));
+        Reply<xcb_randr_get_screen_resources_current_reply_t> resources(
+            xcb_randr_get_screen_resources_current_reply(c, resourcesCookie, nullptr));
+        if (resources) {
+            const xcb_timestamp_t ts = resources->config_timestamp;
+            xcb_randr_crtc_t crtc = 0;
+            if (primary && primary->output) {
+                Reply<xcb_randr_get_output_info_reply_t> output(xcb_randr_get_output_info_reply(
+                    c, xcb_randr_get_output_info(c, primary->output, ts), nullptr));
+                if (output) crtc = output->crtc;
+            }
+            const xcb_randr_crtc_t* crtcs =
+                xcb_randr_get_screen_resources_current_crtcs(resources.get());
+            const int count = xcb_randr_get_screen_resources_current_crtcs_length(resources.get());
+            for (int i = 0; i < count + 1; ++i) {
+                // The primary's CRTC first, then the first one showing a mode.
+                xcb_randr_crtc_t candidate = i == 0 ? crtc : crtcs[i - 1];
+                if (!candidate) continue;
+                Reply<xcb_randr_get_crtc_info_reply_t> info2(xcb_randr_get_crtc_info_reply(
+                    c, xcb_randr_get_crtc_info(c, candidate, ts), nullptr));
+                if (info2 && (info2->mode || i == 0))
+                    return transformFlagsForRandRRotation(info2->rotation);
+            }
+        }
+    }
+    Reply<xcb_randr_get_screen_info_reply_t> screen(
+        xcb_randr_get_screen_info_reply(c, xcb_randr_get_screen_info(c, info.root), nullptr));
+    return screen ? transformFlagsForRandRRotation(screen->rotation) : 0;
+}
+
+// Blends a premultiplied ARGB image (the cursor) onto a BGRX buffer.
+void blendCursor(uint8_t* buffer, int32_t stride, int32_t width, int32_t height,
+                 const uint32_t* image, int32_t x0, int32_t y0, int32_t w, int32_t h) {
+    for (int32_t j = std::max(0, -y0); j < h && y0 + j < height; ++j) {
+        auto* row = reinterpret_cast<uint32_t*>(buffer + size_t(y0 + j) * size_t(stride));
+        for (int32_t i = std::max(0, -x0); i < w && x0 + i < width; ++i) {
+            const uint32_t src = image[size_t(j) * size_t(w) + size_t(i)];
+            const uint32_t a = src >> 24;
+            if (a == 0) continue;
+            uint32_t& dst = row[x0 + i];
+            uint32_t out = 0xFF000000u;
+            for (int shift = 0; shift < 24; shift += 8) {
+                uint32_t s = (src >> shift) & 0xFF, d = (dst >> shift) & 0xFF;
+                uint32_t v = s + (d * (255 - a) + 127) / 255;
+                out |= std::min(v, 255u) << shift;
+            }
+            dst = out;
+        }
+    }
+}
+
+void setOpaque(SharedSurface& surface) {
+    for (int32_t y = 0; y < surface.height(); ++y) {
+        auto* row = reinterpret_cast<uint32_t*>(surface.mutableRow(y));
+        for (int32_t x = 0; x < surface.width(); ++x) row[x] |= 0xFF000000u;
+    }
+}
+
+GrabResult failed(CaptureFailure::Kind kind, int32_t status = kScreenCaptureNoError) {
+    GrabResult r;
+    r.failure = CaptureFailure{kind, status};
+    return r;
+}
+
+// One controller's capture: its own connection, used on the delivery thread.
+class X11FrameSource final : public FrameSource {
+  public:
+    X11FrameSource(std::string displayName, std::shared_ptr<BasicDisplayMirroringService> mirroring,
+                   bool sharedMemory)
+        : displayName_(std::move(displayName)),
+          mirroring_(std::move(mirroring)),
+          sharedMemory_(sharedMemory) {}
+
+    ~X11FrameSource() override { disconnect(); }
+
+    GrabResult grab(const GrabRequest&, SurfacePool& pool) override {
+        // Copied only when it changed: the clone set may be large.
+        if (!haveMirroring_ || mirroring_->version() != mirroringState_.version) {
+            mirroringState_ = mirroring_->snapshot();
+            haveMirroring_ = true;
+        }
+        const auto& mirroring = mirroringState_;
+        if (mirroring.mode != kCloneMirroringModeMirror &&
+            mirroring.mode != kCloneMirroringModeClone)
+            return {};
+        if (!conn_ && !reconnect()) return failed(CaptureFailure::Kind::MediaServicesReset);
+        xcb_connection_t* c = conn_.get();
+        drainEvents();
+
+        GrabResult result;
+        if (mirroring.mode == kCloneMirroringModeMirror)
+            result = grabRoot();
+        else
+            result = grabCloned(mirroring);
+        if (xcb_connection_has_error(c)) {
+            if (!interrupted_)
+                log::error("Screen capture: lost the connection to the X server \"%@\"",
+                           displayName_);
+            disconnect();
+            return failed(CaptureFailure::Kind::MediaServicesReset);
+        }
+        if (result.failure || !composedValid_) return result;
+
+        std::string error;
+        auto surface = pool.acquire(&error);
+        if (!surface) {
+            log::error("Screen capture: no surface for a frame: %@", error);
+            return failed(CaptureFailure::Kind::Failed, kScreenCaptureSurfaceUnavailable);
+        }
+        const int32_t dw = surface->width(), dh = surface->height();
+        if (dw == composedWidth_ && dh == composedHeight_)
+            libyuv::ARGBCopy(composed_, composedStride_, surface->mutableData(),
+                             int(surface->bytesPerRow()), dw, dh);
+        else
+            libyuv::ARGBScale(composed_, composedStride_, composedWidth_, composedHeight_,
+                              surface->mutableData(), int(surface->bytesPerRow()), dw, dh,
+                              libyuv::kFilterBilinear);
+        setOpaque(*surface);
+        result.surface = std::move(surface);
+        result.transformFlags = transformFlags_;
+        return result;
+    }
+
+    void interrupt() override {
+        interrupted_ = true;
+        std::lock_guard lock(connMutex_);
+        if (conn_) shutdown(xcb_get_file_descriptor(conn_.get()), SHUT_RDWR);
+    }
+
+  private:
+    struct ClonedWindow {
+        xcb_window_t window = 0;
+        xcb_window_t topLevel = 0;  // its ancestor that is a child of the root
+        int32_t depth = 0;          // levels below the root
+    };
+
+    bool reconnect() {
+        std::string error;
+        ScreenInfo info;
+        Connection c = openConnectionWithin(displayName_, info, &error, kConnectTimeout);
+        if (!c) {
+            log::error("Screen capture: X server \"%@\": %@", displayName_, error);
+            return false;
+        }
+        {
+            std::lock_guard lock(connMutex_);
+            conn_ = std::move(c);
+        }
+        info_ = info;
+        segment_.unmap();
+        useShm_ = info_.shm && sharedMemory_;
+        cloned_.clear();
+        cloneVersion_ = ~uint64_t(0);
+        if (info_.randrAny)
+            xcb_randr_select_input(
+                conn_.get(), info_.root,
+                XCB_RANDR_NOTIFY_MASK_SCREEN_CHANGE | XCB_RANDR_NOTIFY_MASK_CRTC_CHANGE);
+        transformFlags_ = readTransformFlags(conn_.get(), info_);
+        return true;
+    }
+
+    void disconnect() {
+        std::lock_guard lock(connMutex_);
+        segment_.unmap();
+        conn_.reset();
+    }
+
+    // Screen changes (size, rotation) arrive as RandR events; errors of
+    // requests whose outcome does not matter (freeing a pixmap of a window
+    // that just went away) arrive here too and are dropped.
+    void drainEvents() {
+        bool screenChanged = false;
+        while (Reply<xcb_generic_event_t> e{xcb_poll_for_event(conn_.get())}) {
+            uint8_t type = e->response_type & 0x7F;
+            if (info_.randrAny && (type == info_.randrFirstEvent + XCB_RANDR_SCREEN_CHANGE_NOTIFY ||
+                                   type == info_.randrFirstEvent + XCB_RANDR_NOTIFY))
+                screenChanged = true;
+        }
+        if (!screenChanged) return;
+        Reply<xcb_get_geometry_reply_t> g(xcb_get_geometry_reply(
+            conn_.get(), xcb_get_geometry(conn_.get(), info_.root), nullptr));
+        if (g) {
+            info_.width = g->width;
+            info_.height = g->height;
+        }
+        transformFlags_ = readTransformFlags(conn_.get(), info_);
+    }
+
+    // A shared segment of at least `bytes`; false when the server will not
+    // map one (then plain GetImage is used from now on).
+    bool ensureSegment(size_t bytes) {
+        if (!useShm_) return false;
+        if (segment_.data && segment_.size >= bytes) return true;
+        xcb_connection_t* c = conn_.get();
+        if (segment_.id) xcb_shm_detach(c, segment_.id);
+        segment_.unmap();
+        int fd = memfd_create("sv-x11-capture", MFD_CLOEXEC);
+        if (fd < 0 || ftruncate(fd, off_t(bytes)) != 0) {
+            if (fd >= 0) close(fd);
+            log::error("Screen capture: no shared memory (%@), reading pixels through the socket",
+                       std::strerror(errno));
+            useShm_ = false;
+            return false;
+        }
+        void* data = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (data == MAP_FAILED) {
+            close(fd);
+            useShm_ = false;
+            return false;
+        }
+        xcb_shm_seg_t id = xcb_generate_id(c);
+        // xcb closes the descriptor once it has been sent.
+        Reply<xcb_generic_error_t> err(
+            xcb_request_check(c, xcb_shm_attach_fd_checked(c, id, fd, 0)));
+        if (err) {
+            munmap(data, bytes);
+            log::error("Screen capture: the X server refused shared memory (error %i)",
+                       int32_t(err->error_code));
+            useShm_ = false;
+            return false;
+        }
+        segment_.data = static_cast<uint8_t*>(data);
+        segment_.size = bytes;
+        segment_.id = id;
+        return true;
+    }
+
+    // Reads a rectangle of a drawable as 32-bit pixels. Points `pixels` at
+    // rows of `w * 4` bytes, valid until the next read; `holder` keeps a
+    // plain reply alive. False when the server refused (the drawable went
+    // away in between, a size changed under us).
+    bool readImage(xcb_drawable_t drawable, int16_t x, int16_t y, uint16_t w, uint16_t h,
+                   uint8_t** pixels, Reply<xcb_get_image_reply_t>& holder) {
+        xcb_connection_t* c = conn_.get();
+        const size_t bytes = size_t(w) * h * 4;
+        if (ensureSegment(bytes)) {
+            Reply<xcb_shm_get_image_reply_t> r(xcb_shm_get_image_reply(
+                c,
+                xcb_shm_get_image(c, drawable, x, y, w, h, ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP,
+                                  segment_.id, 0),
+                nullptr));
+            if (!r) return false;
+            *pixels = segment_.data;
+            return true;
+        }
+        holder.reset(xcb_get_image_reply(
+            c, xcb_get_image(c, XCB_IMAGE_FORMAT_Z_PIXMAP, drawable, x, y, w, h, ~0u), nullptr));
+        if (!holder || size_t(xcb_get_image_data_length(holder.get())) < bytes) return false;
+        *pixels = xcb_get_image_data(holder.get());
+        return true;
+    }
+
+    GrabResult grabRoot() {
+        xcb_connection_t* c = conn_.get();
+        composedValid_ = false;
+        const int32_t w = info_.width, h = info_.height;
+        if (w <= 0 || h <= 0) return {};
+        xcb_xfixes_get_cursor_image_cookie_t cursorCookie{};
+        GrabResult result;
+        result.presentationTime = HostClock::now();
+        if (info_.xfixes) cursorCookie = xcb_xfixes_get_cursor_image(c);
+        uint8_t* pixels = nullptr;
+        bool ok = readImage(info_.root, 0, 0, uint16_t(w), uint16_t(h), &pixels, rootReply_);
+        Reply<xcb_xfixes_get_cursor_image_reply_t> cursor;
+        if (info_.xfixes) cursor.reset(xcb_xfixes_get_cursor_image_reply(c, cursorCookie, nullptr));
+        if (!ok) return {};
+        if (cursor) {
+            const int len = xcb_xfixes_get_cursor_image_cursor_image_length(cursor.get());
+            if (len >= int(cursor->width) * int(cursor->height))
+                blendCursor(pixels, w * 4, w, h,
+                            xcb_xfixes_get_cursor_image_cursor_image(cursor.get()),
+                            cursor->x - cursor->xhot, cursor->y - cursor->yhot, cursor->width,
+                            cursor->height);
+        }
+        composed_ = pixels;
+        composedStride_ = w * 4;
+        composedWidth_ = w;
+        composedHeight_ = h;
+        composedValid_ = true;
+        return result;
+    }
+
+    // Redirects the windows of a new clone set and finds where each sits in
+    // the window tree. False when one of them does not exist.
+    bool resolveCloned(const std::set<uint32_t>& ids) {
+        xcb_connection_t* c = conn_.get();
+        for (const ClonedWindow& w : cloned_)
+            if (!ids.contains(w.window))
+                xcb_composite_unredirect_window(c, w.window, XCB_COMPOSITE_REDIRECT_AUTOMATIC);
+        std::vector<ClonedWindow> next;
+        for (uint32_t id : ids) {
+            auto known = std::find_if(cloned_.begin(), cloned_.end(),
+                                      [&](const ClonedWindow& w) { return w.window == id; });
+            if (known != cloned_.end()) {
+                next.push_back(*known);
+                continue;
+            }
+            Reply<xcb_generic_error_t> err(xcb_request_check(
+                c, xcb_composite_redirect_window_checked(c, id, XCB_COMPOSITE_REDIRECT_AUTOMATIC)));
+            if (err && err->error_code != XCB_ACCESS) {
+                log::error("Screen capture: cloned window 0x%@ cannot be redirected (error %i)",
+                           hex(id), int32_t(err->error_code));
+                cloned_ = std::move(next);
+                return false;
+            }
+            ClonedWindow w{id, id, 1};
+            if (!findTopLevel(w)) {
+                cloned_ = std::move(next);
+                return false;
+            }
+            next.push_back(w);
+        }
+        cloned_ = std::move(next);
+        return true;
+    }
+
+    bool findTopLevel(ClonedWindow& w) {
+        xcb_connection_t* c = conn_.get();
+        xcb_window_t window = w.window;
+        std::vector<xcb_window_t> path;
+        for (int guard = 0; guard < 64; ++guard) {
+            Reply<xcb_query_tree_reply_t> tree(
+                xcb_query_tree_reply(c, xcb_query_tree(c, window), nullptr));
+            if (!tree) return false;
+            if (tree->parent == info_.root || tree->parent == XCB_NONE) {
+                w.topLevel = window;
+                w.depth = int32_t(path.size()) + 1;
+                return true;
+            }
+            path.push_back(window);
+            window = tree->parent;
+        }
+        return false;
+    }
+
+    static std::string hex(uint32_t v) {
+        char buf[16];
+        std::snprintf(buf, sizeof buf, "%x", v);
+        return buf;
+    }
+
+    GrabResult grabCloned(const BasicDisplayMirroringService::Snapshot& mirroring) {
+        xcb_connection_t* c = conn_.get();
+        composedValid_ = false;
+        if (!info_.composite) {
+            if (!warnedNoComposite_)
+                log::error(
+                    "Screen capture: the X server has no Composite 0.2; clone mode is "
+                    "unavailable");
+            warnedNoComposite_ = true;
+            return failed(CaptureFailure::Kind::Failed, kScreenCaptureGrabFailed);
+        }
+        if (mirroring.contextIDs.size() > kMaxClonedWindows) {
+            log::error("Screen capture: refusing to clone %lu windows",
+                       mirroring.contextIDs.size());
+            return failed(CaptureFailure::Kind::Failed, kScreenCaptureGrabFailed);
+        }
+        if (mirroring.version != cloneVersion_) {
+            if (!resolveCloned(mirroring.contextIDs))
+                return failed(CaptureFailure::Kind::Failed, kScreenCaptureSourceGone);
+            cloneVersion_ = mirroring.version;
+        }
+        const int32_t rw = info_.width, rh = info_.height;
+        if (rw <= 0 || rh <= 0) return {};
+        GrabResult result;
+        result.presentationTime = HostClock::now();
+
+        // Where every window is, in one round trip.
+        struct Query {
+            xcb_get_window_attributes_cookie_t attributes;
+            xcb_get_geometry_cookie_t geometry;
+            xcb_translate_coordinates_cookie_t position;
+        };
+        std::vector<Query> queries;
+        queries.reserve(cloned_.size());
+        auto treeCookie = xcb_query_tree(c, info_.root);
+        for (const ClonedWindow& w : cloned_)
+            queries.push_back({xcb_get_window_attributes(c, w.window),
+                               xcb_get_geometry(c, w.window),
+                               xcb_translate_coordinates(c, w.window, info_.root, 0, 0)});
+        Reply<xcb_query_tree_reply_t> tree(xcb_query_tree_reply(c, treeCookie, nullptr));
+        struct Placed {
+            size_t index;
+            int32_t stack;
+            int32_t x, y, w, h;  // the pixmap's rectangle in root coordinates
+        };
+        std::vector<Placed> placed;
+        bool gone = false;
+        for (size_t i = 0; i < cloned_.size(); ++i) {
+            Reply<xcb_get_window_attributes_reply_t> a(
+                xcb_get_window_attributes_reply(c, queries[i].attributes, nullptr));
+            Reply<xcb_get_geometry_reply_t> g(
+                xcb_get_geometry_reply(c, queries[i].geometry, nullptr));
+            Reply<xcb_translate_coordinates_reply_t> p(
+                xcb_translate_coordinates_reply(c, queries[i].position, nullptr));
+            if (!a || !g || !p || a->map_state != XCB_MAP_STATE_VIEWABLE) {
+                if (!gone)
+                    log::error("Screen capture: cloned window 0x%@ was destroyed or unmapped",
+                               hex(cloned_[i].window));
+                gone = true;
+                continue;
+            }
+            const int32_t bw = g->border_width;
+            placed.push_back(
+                {i, 0, p->dst_x - bw, p->dst_y - bw, g->width + 2 * bw, g->height + 2 * bw});
+        }
+        if (xcb_connection_has_error(c)) return {};
+        if (gone) return failed(CaptureFailure::Kind::Failed, kScreenCaptureSourceGone);
+        if (!tree) return {};
+
+        // Stacking order: the root's children come bottom to top; windows
+        // under one top-level window are drawn parent first.
+        const xcb_window_t* children = xcb_query_tree_children(tree.get());
+        const int childCount = xcb_query_tree_children_length(tree.get());
+        for (Placed& p : placed) {
+            ClonedWindow& w = cloned_[p.index];
+            auto at = std::find(children, children + childCount, w.topLevel);
+            if (at == children + childCount) {
+                // Reparented since it was resolved.
+                if (!findTopLevel(w)) return {};
+                at = std::find(children, children + childCount, w.topLevel);
+            }
+            p.stack = int32_t(at - children) * 64 + std::min(w.depth, 63);
+        }
+        std::stable_sort(placed.begin(), placed.end(),
+                         [](const Placed& a, const Placed& b) { return a.stack < b.stack; });
+
+        const size_t composeBytes = size_t(rw) * size_t(rh) * 4;
+        if (composeBuffer_.size() != composeBytes) composeBuffer_.assign(composeBytes, 0);
+        uint8_t* out = composeBuffer_.data();
+        std::fill(reinterpret_cast<uint32_t*>(out),
+                  reinterpret_cast<uint32_t*>(out) + size_t(rw) * size_t(rh), 0xFF000000u);
+        for (const Placed& p : placed) {
+            // Only the part on the screen is read.
+            const int32_t x0 = std::max(0, p.x), y0 = std::max(0, p.y);
+            const int32_t x1 = std::min(rw, p.x + p.w), y1 = std::min(rh, p.y + p.h);
+            if (x0 >= x1 || y0 >= y1) continue;
+            xcb_pixmap_t pixmap = xcb_generate_id(c);
+            xcb_composite_name_window_pixmap(c, cloned_[p.index].window, pixmap);
+            uint8_t* pixels = nullptr;
+            Reply<xcb_get_image_reply_t> holder;
+            bool ok = readImage(pixmap, int16_t(x0 - p.x), int16_t(y0 - p.y), uint16_t(x1 - x0),
+                                uint16_t(y1 - y0), &pixels, holder);
+            xcb_free_pixmap(c, pixmap);
+            if (!ok) continue;  // unmapped in between: the next frame reports it
+            libyuv::ARGBCopy(pixels, (x1 - x0) * 4,
+                             out + (size_t(y0) * size_t(rw) + size_t(x0)) * 4, rw * 4, x1 - x0,
+                             y1 - y0);
+        }
+        composed_ = out;
+        composedStride_ = rw * 4;
+        composedWidth_ = rw;
+        composedHeight_ = rh;
+        composedValid_ = true;
+        return result;
+    }
+
+    const std::string displayName_;
+    const std::shared_ptr<BasicDisplayMirroringService> mirroring_;
+    const bool sharedMemory_;
+    BasicDisplayMirroringService::Snapshot mirroringState_;
+    bool haveMirroring_ = false;
+    std::atomic<bool> interrupted_{false};
+    std::mutex connMutex_;  // guards conn_ against interrupt(); used on the delivery thread
+    Connection conn_;
+    ScreenInfo info_;
+    uint32_t transformFlags_ = 0;
+    bool useShm_ = false;
+    SharedSegment segment_;
+    Reply<xcb_get_image_reply_t> rootReply_;
+    std::vector<ClonedWindow> cloned_;
+    uint64_t cloneVersion_ = ~uint64_t(0);
+    std::vector<uint8_t> composeBuffer_;
+    bool warnedNoComposite_ = false;
+    // The display-sized image of the current frame.
+    const uint8_t* composed_ = nullptr;
+    int32_t composedStride_ = 0, composedWidth_ = 0, composedHeight_ = 0;
+    bool composedValid_ = false;
+};
+
+}  // namespace
+
+struct X11ScreenBackend::Impl {
+    std::string displayName;
+    Options options;
+    std::shared_ptr<BasicDisplayMirroringService> mirroring =
+        std::make_shared<BasicDisplayMirroringService>();
+    mutable std::mutex mutex;  // guards the connection and what was learnt through it
+    mutable Connection connection;
+    mutable ScreenInfo info;
+
+    mutable std::chrono::steady_clock::time_point lastAttempt;
+
+    // The backend's connection, reopened once it broke (at most every few
+    // seconds, as a server that does not answer costs the whole timeout).
+    // Null while the server is away. Called with `mutex` held.
+    xcb_connection_t* connectionLocked() const {
+        if (connection && !xcb_connection_has_error(connection.get())) return connection.get();
+        const auto now = std::chrono::steady_clock::now();
+        if (now - lastAttempt < std::chrono::seconds(5)) return nullptr;
+        lastAttempt = now;
+        ScreenInfo fresh;
+        Connection c = openConnectionWithin(displayName, fresh, nullptr, kConnectTimeout);
+        if (!c) return nullptr;
+        connection = std::move(c);
+        info = fresh;
+        return connection.get();
+    }
+};
+
+X11ScreenBackend::X11ScreenBackend(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+X11ScreenBackend::~X11ScreenBackend() = default;
+
+std::shared_ptr<X11ScreenBackend> X11ScreenBackend::connect(const std::string& displayName,
+                                                            std::string* error) {
+    return connect(displayName, Options{}, error);
+}
+
+std::shared_ptr<X11ScreenBackend> X11ScreenBackend::connect(const std::string& displayName,
+                                                            Options options, std::string* error) {
+    auto impl = std::make_unique<Impl>();
+    impl->options = options;
+    if (displayName.empty()) {
+        const char* env = std::getenv("DISPLAY");
+        impl->displayName = env ? env : "";
+    } else {
+        impl->displayName = displayName;
+    }
+    if (impl->displayName.empty()) {
+        if (error) *error = "no X display named (DISPLAY is not set)";
+        return nullptr;
+    }
+    impl->connection = openConnectionWithin(impl->displayName, impl->info, error, kConnectTimeout);
+    if (!impl->connection) return nullptr;
+    if (!impl->info.composite)
+        log::error("Screen: X server \"%@\" has no Composite 0.2; clone mode will fail",
+                   impl->displayName);
+    return std::make_shared<X11ScreenBackend>(std::move(impl));
+}
+
+std::shared_ptr<ScreenCaptureController> X11ScreenBackend::makeCaptureController(
+    WindowSize frameSize, MediaTime minimumFrameInterval) {
+    return std::make_shared<PacedCaptureController>(
+        frameSize, minimumFrameInterval,
+        std::make_shared<X11FrameSource>(impl_->displayName, impl_->mirroring,
+                                         impl_->options.sharedMemory));
+}
+
+std::shared_ptr<DisplayMirroringService> X11ScreenBackend::mirroringService() {
+    return impl_->mirroring;
+}
+
+WindowSize X11ScreenBackend::displaySize() const {
+    std::lock_guard lock(impl_->mutex);
+    if (xcb_connection_t* c = impl_->connectionLocked()) {
+        Reply<xcb_get_geometry_reply_t> g(
+            xcb_get_geometry_reply(c, xcb_get_geometry(c, impl_->info.root), nullptr));
+        if (g) {
+            impl_->info.width = g->width;
+            impl_->info.height = g->height;
+        }
+    }
+    return {float(impl_->info.width), float(impl_->info.height)};
+}
+
+const std::string& X11ScreenBackend::displayName() const {
+    return impl_->displayName;
+}
+
+bool X11ScreenBackend::usesSharedMemory() const {
+    std::lock_guard lock(impl_->mutex);
+    return impl_->info.shm && impl_->options.sharedMemory;
+}
+
+uint32_t X11ScreenBackend::transformFlags() const {
+    std::lock_guard lock(impl_->mutex);
+    xcb_connection_t* c = impl_->connectionLocked();
+    return c ? readTransformFlags(c, impl_->info) : 0;
+}
+
+}  // namespace sv

@@ -1,0 +1,90 @@
+// The X11 screen backend: screen capture on an X server through xcb.
+//
+// Mirror mode reads the root window (MIT-SHM GetImage when the server is on
+// this machine, plain GetImage otherwise) and draws the pointer in from the
+// XFixes cursor image. Clone mode treats each layer context identifier as an
+// X window identifier: the windows are redirected with Composite (automatic
+// redirection, so the screen looks the same), each frame reads every cloned
+// window's own pixmap and composes them at their root positions in stacking
+// order onto black, so no other window, even one lying on top of a cloned
+// one, ever reaches a frame. The pointer is not drawn in clone mode: where it
+// is tells something about the windows that are left out. Frames are scaled
+// from the root window's size to the controller's pixel size with libyuv.
+//
+// Failures: a cloned window that does not exist, is destroyed or is unmapped
+// makes the controller deliver didFailWithStatus(kScreenCaptureSourceGone)
+// once; a lost connection to the X server delivers MediaServicesWereReset
+// once. A controller started again after either reconnects.
+//
+// A server that accepts the connection but does not answer (stopped, hung)
+// counts as unreachable after two seconds; a controller whose server stops
+// answering in the middle of a frame delivers nothing more, but stopping and
+// releasing it never wait for the server.
+//
+// Each controller has its own connection, used only on its delivery thread;
+// the backend's own connection answers displaySize(). Presentation times are
+// the host time at which the frame's image was requested.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/screen/screen_backend.h"
+
+struct xcb_connection_t;
+
+namespace sv {
+
+// The transform flags for a RandR rotation word (XCB_RANDR_ROTATION_* bits):
+//   rotate 0   -> 0
+//   rotate 90  -> kScreenTransformRotate                                   (4)
+//   rotate 180 -> kScreenTransformFlipX | kScreenTransformFlipY            (3)
+//   rotate 270 -> kScreenTransformRotate | FlipX | FlipY                   (7)
+// then reflect X toggles kScreenTransformFlipX (2) and reflect Y toggles
+// kScreenTransformFlipY (1). A word without a rotation bit counts as rotate 0.
+uint32_t transformFlagsForRandRRotation(uint16_t rotation);
+
+// xcb_connect for everyone in the process: it reads the X authority file
+// through libXau, whose file name lookup is not thread-safe, so connections
+// are opened one at a time. Same arguments and result as xcb_connect.
+xcb_connection_t* connectToXServer(const char* displayName, int* screenNumber);
+
+class X11ScreenBackend final : public ScreenBackend {
+  public:
+    struct Options {
+        // Off: pixels always come through the socket, as with a remote
+        // server (for tests and measurements).
+        bool sharedMemory = true;
+    };
+    // Connects to `displayName` (empty: $DISPLAY) and checks that the root
+    // window's pixels are 32-bit BGRX, the only layout captured. Null with
+    // `error` when the server cannot be reached or is unsuitable.
+    static std::shared_ptr<X11ScreenBackend> connect(const std::string& displayName,
+                                                     std::string* error = nullptr);
+    static std::shared_ptr<X11ScreenBackend> connect(const std::string& displayName,
+                                                     Options options, std::string* error);
+    ~X11ScreenBackend() override;
+
+    std::string name() const override { return "x11"; }
+    std::shared_ptr<ScreenCaptureController> makeCaptureController(
+        WindowSize frameSize, MediaTime minimumFrameInterval) override;
+    std::shared_ptr<DisplayMirroringService> mirroringService() override;
+    // The root window's size; the last size known while the server is away.
+    WindowSize displaySize() const override;
+
+    const std::string& displayName() const;
+    // Whether pixels come through shared memory (MIT-SHM 1.2 on a server of
+    // this machine) rather than through the socket.
+    bool usesSharedMemory() const;
+    // The primary output's rotation as transform flags, read now.
+    uint32_t transformFlags() const;
+
+    struct Impl;
+    explicit X11ScreenBackend(std::unique_ptr<Impl> impl);
+
+  private:
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace sv

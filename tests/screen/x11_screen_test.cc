@@ -1,0 +1,297 @@
+// The X11 screen backend against a private Xvfb with real client windows:
+// what mirror and clone mode show, the pointer, windows that go away, a
+// server that goes away or stops answering, and the automatic choice.
+// Xvfb's output cannot rotate, so the RandR orientation is checked through
+// its mapping alone.
+#include <gtest/gtest.h>
+#include <xcb/randr.h>
+
+#include <signal.h>
+
+#include <cstdlib>
+#include <thread>
+
+#include "platform/screen/testing/xvfb_server.h"
+#include "platform/screen/x11_screen.h"
+#include "tests/screen/screen_test_util.h"
+#include "tests/support/test_util.h"
+
+namespace sv {
+namespace {
+
+using test::pixelAt;
+using test::Recorder;
+using test::Ticker;
+using testing::XTestWindow;
+using testing::XvfbServer;
+
+constexpr uint32_t kRed = 0xC03020;   // window A
+constexpr uint32_t kBlue = 0x2040C0;  // window B, lying on top of A
+constexpr uint32_t opaque(uint32_t rgb) {
+    return 0xFF000000u | rgb;
+}
+
+class X11ScreenTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!XvfbServer::available()) {
+            if (const char* ci = std::getenv("CI"); ci && std::string(ci) == "true")
+                FAIL() << "Xvfb is missing; scripts/install-deps.sh installs it";
+            GTEST_SKIP() << "Xvfb is not installed: the X11 backend is not tested here "
+                            "(scripts/install-deps.sh installs it)";
+        }
+        std::string error;
+        server = XvfbServer::start(1600, 900, &error);
+        ASSERT_TRUE(server) << error;
+        backend = X11ScreenBackend::connect(server->displayName(), &error);
+        ASSERT_TRUE(backend) << error;
+    }
+
+    // Windows A and B of two clients; B overlaps A's lower right part.
+    void makeWindows() {
+        std::string error;
+        a = XTestWindow::create(server->displayName(), 100, 100, 600, 400, kRed, &error);
+        ASSERT_TRUE(a) << error;
+        b = XTestWindow::create(server->displayName(), 400, 300, 600, 400, kBlue, &error);
+        ASSERT_TRUE(b) << error;
+    }
+
+    std::shared_ptr<ScreenCaptureController> make(WindowSize size, size_t keep = 1) {
+        recorder = std::make_shared<Recorder>(keep);
+        auto c = backend->makeCaptureController(size, MediaTime::make(1, 60));
+        c->setDelegate(recorder);
+        return c;
+    }
+
+    void checkMirrorAndClone();
+
+    std::unique_ptr<XvfbServer> server;
+    std::shared_ptr<X11ScreenBackend> backend;
+    std::unique_ptr<XTestWindow> a, b;
+    std::shared_ptr<Recorder> recorder;
+};
+
+using Pred = std::function<bool(const SharedSurface&)>;
+Pred shows(int32_t x, int32_t y, uint32_t color) {
+    return [=](const SharedSurface& s) { return pixelAt(s, x, y) == color; };
+}
+Pred all(std::vector<Pred> preds) {
+    return [=](const SharedSurface& s) {
+        for (auto& p : preds)
+            if (!p(s)) return false;
+        return true;
+    };
+}
+// Pixels of a square around (x, y) that are not `color`.
+int otherPixels(const SharedSurface& s, int32_t x, int32_t y, int32_t radius, uint32_t color) {
+    int n = 0;
+    for (int32_t j = y - radius; j <= y + radius; ++j)
+        for (int32_t i = x - radius; i <= x + radius; ++i)
+            if (pixelAt(s, i, j) != color) ++n;
+    return n;
+}
+
+TEST(X11Screen, RandRRotationAsTransformFlags) {
+    struct {
+        uint16_t rotation;
+        uint32_t flags;
+    } cases[] = {
+        {XCB_RANDR_ROTATION_ROTATE_0, 0},
+        {XCB_RANDR_ROTATION_ROTATE_90, kScreenTransformRotate},
+        {XCB_RANDR_ROTATION_ROTATE_180, kScreenTransformFlipX | kScreenTransformFlipY},
+        {XCB_RANDR_ROTATION_ROTATE_270,
+         kScreenTransformRotate | kScreenTransformFlipX | kScreenTransformFlipY},
+        {XCB_RANDR_ROTATION_ROTATE_0 | XCB_RANDR_ROTATION_REFLECT_X, kScreenTransformFlipX},
+        {XCB_RANDR_ROTATION_ROTATE_0 | XCB_RANDR_ROTATION_REFLECT_Y, kScreenTransformFlipY},
+        {XCB_RANDR_ROTATION_ROTATE_90 | XCB_RANDR_ROTATION_REFLECT_X,
+         kScreenTransformRotate | kScreenTransformFlipX},
+        {XCB_RANDR_ROTATION_ROTATE_180 | XCB_RANDR_ROTATION_REFLECT_Y, kScreenTransformFlipX},
+        {0, 0},
+    };
+    for (auto c : cases)
+        EXPECT_EQ(transformFlagsForRandRRotation(c.rotation), c.flags) << c.rotation;
+}
+
+TEST_F(X11ScreenTest, MirrorShowsOverlappingWindowsAndThePointerCloneOnlyTheClonedWindow) {
+    ASSERT_NO_FATAL_FAILURE(makeWindows());
+    // Pixels through shared memory, and through the socket as from a
+    // remote server.
+    EXPECT_TRUE(backend->usesSharedMemory());
+    {
+        SCOPED_TRACE("shared memory");
+        ASSERT_NO_FATAL_FAILURE(checkMirrorAndClone());
+    }
+    std::string error;
+    backend = X11ScreenBackend::connect(server->displayName(), {.sharedMemory = false}, &error);
+    ASSERT_TRUE(backend) << error;
+    EXPECT_FALSE(backend->usesSharedMemory());
+    a->raise();
+    b->raise();
+    SCOPED_TRACE("socket");
+    checkMirrorAndClone();
+}
+
+void X11ScreenTest::checkMirrorAndClone() {
+    EXPECT_EQ(backend->displaySize(), (WindowSize{1600, 900}));
+    EXPECT_EQ(backend->name(), "x11");
+    // The pointer rests on B, away from A.
+    a->warpPointer(900, 600);
+    auto mirroring = backend->mirroringService();
+    mirroring->setCloneMirroringMode(kCloneMirroringModeMirror);
+
+    // Mirror at the display's size: A, B over A, and the pointer over B.
+    auto controller = make({1600, 900});
+    controller->startCapture();
+    auto frame =
+        recorder->waitForFrame(all({shows(200, 200, opaque(kRed)), shows(500, 350, opaque(kBlue)),
+                                    shows(900, 400, opaque(kBlue))}));
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(frame->imageBuffer()->width(), 1600);
+    EXPECT_GT(otherPixels(*frame->imageBuffer(), 905, 605, 6, opaque(kBlue)), 0)
+        << "no pointer drawn";
+    controller->stopCapture();
+
+    // Clone A into a half-size frame: B lies on top of A but is left out,
+    // and so are the root window and the pointer.
+    mirroring->setLayerContextsToClone({a->id()});
+    mirroring->setCloneMirroringMode(kCloneMirroringModeClone);
+    controller = make({800, 450});
+    controller->startCapture();
+    frame = recorder->waitForFrame(
+        all({shows(100, 100, opaque(kRed)), shows(250, 175, opaque(kRed)),  // under B
+             shows(450, 300, 0xFF000000),                                   // B alone
+             shows(20, 20, 0xFF000000)}));                                  // the root
+    ASSERT_TRUE(frame) << "clone mode did not show A alone";
+    const SharedSurface& s = *frame->imageBuffer();
+    EXPECT_EQ(s.width(), 800);
+    for (int32_t y = 0; y < s.height(); ++y)
+        for (int32_t x = 0; x < s.width(); ++x)
+            ASSERT_LT((pixelAt(s, x, y) & 0xFF), 0x60u) << "a pixel of B at " << x << "," << y;
+
+    // Cloning B too: B on top again (stacking order), still no pointer.
+    mirroring->setLayerContextsToClone({a->id(), b->id()});
+    frame = recorder->waitForFrame(
+        all({shows(250, 175, opaque(kBlue)), shows(100, 100, opaque(kRed))}));
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(otherPixels(*frame->imageBuffer(), 452, 302, 5, opaque(kBlue)), 0);
+    // Raising A puts it on top.
+    a->raise();
+    ASSERT_TRUE(recorder->waitForFrame(shows(250, 175, opaque(kRed))));
+    controller->stopCapture();
+}
+
+TEST_F(X11ScreenTest, ClonedWindowThatGoesAwayFailsOnce) {
+    ASSERT_NO_FATAL_FAILURE(makeWindows());
+    auto mirroring = backend->mirroringService();
+    mirroring->setLayerContextsToClone({a->id()});
+    mirroring->setCloneMirroringMode(kCloneMirroringModeClone);
+    auto controller = make({800, 450});
+    controller->startCapture();
+    ASSERT_TRUE(recorder->waitForFrames(2));
+
+    a->unmap();
+    ASSERT_TRUE(recorder->waitForFailures(1));
+    EXPECT_EQ(recorder->failedStatuses(), std::vector<int32_t>{kScreenCaptureSourceGone});
+    EXPECT_FALSE(controller->isCapturing());
+    // Mapped again, the window records again once the controller restarts.
+    a->map();
+    size_t frames = recorder->frameCount();
+    controller->startCapture();
+    ASSERT_TRUE(recorder->waitForFrames(frames + 2));
+
+    a->destroy();
+    ASSERT_TRUE(recorder->waitForFailures(2));
+    Ticker ticker;
+    ASSERT_TRUE(ticker.pass(6));
+    EXPECT_EQ(recorder->failureCount(), 2u);
+    EXPECT_EQ(recorder->resets(), 0);
+
+    // A window that never existed fails at the first frame; so does a set
+    // of more windows than any application has, without a round trip each.
+    struct Case {
+        std::set<uint32_t> ids;
+        int32_t status;
+    };
+    std::set<uint32_t> many;
+    for (uint32_t id = 1; id <= 100'000; ++id) many.insert(id);
+    many.insert(b->id());
+    for (Case c :
+         {Case{{0x7FFFF0u}, kScreenCaptureSourceGone}, Case{many, kScreenCaptureGrabFailed}}) {
+        mirroring->setLayerContextsToClone(c.ids);
+        controller = make({800, 450});
+        controller->startCapture();
+        ASSERT_TRUE(recorder->waitForFailures(1));
+        EXPECT_EQ(recorder->failedStatuses(), std::vector<int32_t>{c.status});
+        EXPECT_EQ(recorder->frameCount(), 0u);
+    }
+}
+
+TEST_F(X11ScreenTest, LostServerIsMediaServicesResetOnce) {
+    backend->mirroringService()->setCloneMirroringMode(kCloneMirroringModeMirror);
+    auto controller = make({800, 450});
+    controller->startCapture();
+    ASSERT_TRUE(recorder->waitForFrames(2));
+    server->stop();
+    ASSERT_TRUE(recorder->waitForFailures(1));
+    EXPECT_EQ(recorder->resets(), 1);
+    EXPECT_FALSE(controller->isCapturing());
+    Ticker ticker;
+    ASSERT_TRUE(ticker.pass(6));
+    EXPECT_EQ(recorder->failureCount(), 1u);
+    // Still away when started again: reported again, nothing hangs.
+    controller->startCapture();
+    ASSERT_TRUE(recorder->waitForFailures(2));
+    EXPECT_EQ(recorder->resets(), 2);
+    EXPECT_EQ(backend->displaySize(), (WindowSize{1600, 900}));  // the last size known
+}
+
+// Runs `fn` on a thread of its own; false when it has not returned in time.
+bool returnsInTime(std::function<void()> fn) {
+    auto done = std::make_shared<Semaphore>();
+    std::thread([fn = std::move(fn), done] {
+        fn();
+        done->signal();
+    }).detach();
+    return done->waitFor(test::kWait);
+}
+
+TEST_F(X11ScreenTest, ServerThatStopsAnsweringHangsNobody) {
+    backend->mirroringService()->setCloneMirroringMode(kCloneMirroringModeMirror);
+    auto controller = make({800, 450});
+    controller->startCapture();
+    ASSERT_TRUE(recorder->waitForFrames(2));
+    ASSERT_EQ(kill(server->pid(), SIGSTOP), 0);
+    struct Resume {
+        pid_t pid;
+        ~Resume() { kill(pid, SIGCONT); }
+    } resume{server->pid()};
+    Ticker ticker;
+    ASSERT_TRUE(ticker.pass(6));  // the controller now waits for a reply
+
+    EXPECT_TRUE(returnsInTime([&] { controller->stopCapture(); }));
+    EXPECT_TRUE(returnsInTime([&] { controller.reset(); }));
+    // Choosing a backend gives up on the server and takes the synthetic one.
+    test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", std::nullopt},
+                        {"DISPLAY", server->displayName()}};
+    std::shared_ptr<ScreenBackend> chosen;
+    EXPECT_TRUE(returnsInTime([&] { chosen = makeScreenBackend(); }));
+    ASSERT_TRUE(chosen);
+    EXPECT_EQ(chosen->name(), "synthetic");
+    // A new controller cannot reach it: reported as lost, once.
+    auto fresh = make({800, 450});
+    fresh->startCapture();
+    ASSERT_TRUE(recorder->waitForFailures(1));
+    EXPECT_EQ(recorder->resets(), 1);
+    EXPECT_TRUE(returnsInTime([&] { fresh.reset(); }));
+}
+
+TEST_F(X11ScreenTest, AutomaticChoiceTakesAReachableServer) {
+    test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", std::nullopt},
+                        {"DISPLAY", server->displayName()}};
+    EXPECT_EQ(makeScreenBackend()->name(), "x11");
+    test::ScopedEnv forced{{"SORVEL_SCREEN_BACKEND", "synthetic"}};
+    EXPECT_EQ(makeScreenBackend()->name(), "synthetic");
+}
+
+}  // namespace
+}  // namespace sv
