@@ -22,7 +22,7 @@ const std::vector<Command>& commands() {
 
 static void usage(FILE* out) {
     std::fprintf(out, "usage: sorvel <command> [options]\n\ncommands:\n");
-    for (const auto& c : sv::cli::commands()) std::fprintf(out, "  %-10s %s\n", c.name, c.summary);
+    for (const auto& c : sv::cli::commands()) std::fprintf(out, "  %-14s %s\n", c.name, c.summary);
     std::fprintf(out, "\nRun 'sorvel <command> --help' for the options of a command.\n");
 }
 

@@ -1,0 +1,13 @@
+// The short summary of a finished movie that `sorvel record` prints.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+namespace sv::cli {
+
+// Writes a few lines about the movie at `path` to `out`; a movie that cannot
+// be read gets one line saying so.
+void printMovieSummary(const std::string& path, FILE* out);
+
+}  // namespace sv::cli

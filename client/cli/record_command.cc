@@ -1,0 +1,648 @@
+// `sorvel record -o FILE ...`: records through the service as the
+// application "org.sorvel.recorder" (the bundle this executable lives in),
+// with a live status line and single-key controls, and writes the finished
+// movie to FILE.
+//
+// Everything runs on the command's main loop: the recorder client's handlers
+// and callbacks arrive through an executor that posts to it, the shell
+// channel's answers are posted to it, and keys and signals are read by it.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#ifdef SV_HAVE_XCB
+#include <xcb/xcb.h>
+#endif
+
+#include "client/cli/cli_loop.h"
+#include "client/cli/movie_summary.h"
+#include "client/cli_command.h"
+#include "client/shell_client.h"
+#include "platform/ipc/ipc.h"
+#include "platform/log.h"
+#include "sorvel/recorder_client.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using sv::SVRecorderError;
+using sv::cli::MainLoop;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kUsage =
+    "usage: sorvel record -o FILE [options]\n"
+    "\n"
+    "Records through the screen-recording service, as the application\n"
+    "\"org.sorvel.recorder\", and writes the finished movie to FILE.\n"
+    "\n"
+    "options:\n"
+    "  -o, --output FILE      where the movie goes (replaced if it exists)\n"
+    "  --duration SECONDS     stop after this much recorded time (pauses do not count)\n"
+    "  --mic                  record the microphone too (the user is asked)\n"
+    "  --system               record the whole display instead of this command's layers\n"
+    "  --layer ID             record this layer context; repeat for more (default: the\n"
+    "                         layers the service shows for this command)\n"
+    "  --size WxH             the recorded size in pixels (default: the X display's size\n"
+    "                         for --system on X11, else 1600x900)\n"
+    "  --trim-start SECONDS   with --trim-end: cut whole seconds from the movie's start\n"
+    "  --trim-end SECONDS     and end when it is finished\n"
+    "  --runtime-dir DIR      directory of the service's sockets\n"
+    "\n"
+    "While recording, when standard input is a terminal:\n"
+    "  p  pause or resume    m  microphone on or off    q  stop and keep the movie\n"
+    "  d  stop and discard   Ctrl-C  stop and keep the movie\n"
+    "Without a terminal, --duration, SIGINT and SIGTERM stop the recording.\n"
+    "\n"
+    "Exit status: 0 the movie was written (or discarded on request); 1 failure or\n"
+    "interruption (a movie the service handed back is still written to FILE); 2 usage.\n";
+
+constexpr auto kStatusInterval = 250ms;
+constexpr auto kConsentHintDelay = 1500ms;
+constexpr auto kLayerWait = 3s;
+
+int usageError(const std::string& message) {
+    std::fprintf(stderr, "sorvel record: %s\n\n%s", message.c_str(), kUsage);
+    return 2;
+}
+
+std::optional<double> parseSeconds(const char* text) {
+    char* end = nullptr;
+    errno = 0;
+    double v = std::strtod(text, &end);
+    if (errno || end == text || *end || !std::isfinite(v) || v < 0) return std::nullopt;
+    return v;
+}
+
+std::optional<uint32_t> parseLayer(const char* text) {
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long v = std::strtoull(text, &end, 0);
+    if (errno || end == text || *end || text[0] == '-' || v > UINT32_MAX) return std::nullopt;
+    return uint32_t(v);
+}
+
+std::optional<sv::SVWindowSize> parseSize(const std::string& text) {
+    unsigned w = 0, h = 0;
+    char x = 0, extra = 0;
+    if (std::sscanf(text.c_str(), "%u%c%u%c", &w, &x, &h, &extra) != 3 || (x != 'x' && x != 'X'))
+        return std::nullopt;
+    if (w < 16 || h < 16 || w > 16384 || h > 16384) return std::nullopt;
+    return sv::SVWindowSize{float(w), float(h)};
+}
+
+sv::SVWindowSize defaultSize(bool system) {
+#ifdef SV_HAVE_XCB
+    if (system && std::getenv("DISPLAY")) {
+        int screenNumber = 0;
+        xcb_connection_t* c = xcb_connect(nullptr, &screenNumber);
+        std::optional<sv::SVWindowSize> size;
+        if (c && !xcb_connection_has_error(c)) {
+            auto it = xcb_setup_roots_iterator(xcb_get_setup(c));
+            for (int i = 0; it.rem && i < screenNumber; ++i) xcb_screen_next(&it);
+            if (it.rem)
+                size = sv::SVWindowSize{float(it.data->width_in_pixels),
+                                        float(it.data->height_in_pixels)};
+        }
+        if (c) xcb_disconnect(c);
+        if (size) return *size;
+    }
+#else
+    (void)system;
+#endif
+    return {1600, 900};
+}
+
+std::string formatBytes(int64_t bytes) {
+    char buf[32];
+    if (bytes < 1000 * 1000)
+        std::snprintf(buf, sizeof buf, "%.0f kB", double(bytes) / 1000);
+    else
+        std::snprintf(buf, sizeof buf, "%.1f MB", double(bytes) / 1e6);
+    return buf;
+}
+
+std::string formatTime(double seconds) {
+    int total = int(seconds);
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%02d:%02d.%d", total / 60, total % 60,
+                  int((seconds - total) * 10));
+    return buf;
+}
+
+// Moves the service's movie to `output` (renaming when both are on one file
+// system); the service hands the file over with the movie location.
+bool saveMovie(const std::string& movie, const std::string& output, std::string& why) {
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    if (fs::equivalent(movie, output, ec)) return true;
+    if (std::rename(movie.c_str(), output.c_str()) == 0) return true;
+    if (errno != EXDEV) {
+        why = std::strerror(errno);
+        return false;
+    }
+    if (!fs::copy_file(movie, output, fs::copy_options::overwrite_existing, ec)) {
+        why = ec.message();
+        return false;
+    }
+    fs::remove(movie, ec);
+    return true;
+}
+
+struct Options {
+    std::string output;
+    std::optional<double> duration;
+    bool microphone = false;
+    bool system = false;
+    std::vector<uint32_t> layers;
+    std::optional<sv::SVWindowSize> size;
+    std::optional<double> trimStart, trimEnd;
+};
+
+class Recorder : public sv::SVRecorderClientDelegate,
+                 public std::enable_shared_from_this<Recorder> {
+  public:
+    Recorder(Options options, std::shared_ptr<MainLoop> loop)
+        : options_(std::move(options)), loop_(std::move(loop)) {}
+
+    int run();
+
+    void stopRecordingWithError(const std::optional<SVRecorderError>& error,
+                                const std::optional<std::string>& moviePath) override;
+
+  private:
+    enum class Phase { Preparing, Starting, Recording, Stopping, Done };
+
+    void findLayers(Clock::time_point deadline);
+    void start();
+    void started(std::optional<SVRecorderError> error, bool microphone);
+    void pollStatus();
+    void onKey(char key);
+    void onSignal(int signal);
+    void togglePause();
+    void toggleMicrophone();
+    void stop(bool discard);
+    void stopped(std::optional<std::string> movie, std::optional<SVRecorderError> error);
+    void finish(const std::optional<std::string>& movie,
+                const std::optional<SVRecorderError>& error, bool interrupted);
+    double recordedSeconds() const;
+    void render();
+    void clearStatusLine();
+    void note(const std::string& text);
+    void fail(const std::string& text) {
+        note(text);
+        phase_ = Phase::Done;
+        loop_->quit(1);
+    }
+
+    Options options_;
+    // Shared with the closures the client and shell run on their threads.
+    std::shared_ptr<MainLoop> loop_;
+    std::unique_ptr<sv::SVRecorderClient> client_;
+    std::unique_ptr<sv::ShellClient> shell_;
+    std::unique_ptr<sv::cli::RawTerminal> terminal_;
+    std::string bundleID_;
+    Phase phase_ = Phase::Preparing;
+    bool discard_ = false;
+    bool microphoneAllowed_ = false, microphoneOn_ = false, paused_ = false;
+    Clock::duration recorded_{0};
+    Clock::time_point segmentStart_;
+    std::optional<sv::ShellRecordingStatus> status_;
+    uint64_t localChanges_ = 0;  // key presses that changed pause or microphone
+    bool statusLineShown_ = false;
+    bool liveStatus_ = isatty(STDERR_FILENO);
+    uint64_t hintTimer_ = 0, pollTimer_ = 0, durationTimer_ = 0;
+};
+
+void Recorder::note(const std::string& text) {
+    clearStatusLine();
+    std::fprintf(stderr, "%s\n", text.c_str());
+}
+
+void Recorder::clearStatusLine() {
+    if (statusLineShown_) std::fputs("\r\033[2K", stderr);
+    statusLineShown_ = false;
+}
+
+double Recorder::recordedSeconds() const {
+    auto total = recorded_;
+    if (phase_ == Phase::Recording && !paused_) total += Clock::now() - segmentStart_;
+    return std::chrono::duration<double>(total).count();
+}
+
+void Recorder::render() {
+    if (!liveStatus_ || phase_ != Phase::Recording) return;
+    // The service's figures when it reports them, else the local clock.
+    double elapsed = status_ ? status_->elapsed : recordedSeconds();
+    std::string line = std::string(paused_ ? "PAUSED " : "REC    ") + formatTime(elapsed);
+    if (status_) {
+        line += "  " + formatBytes(status_->movieBytes) + "  " +
+                std::to_string(status_->framesWritten) + " frames";
+    }
+    line += microphoneOn_ ? "  mic on" : "  mic off";
+    std::fprintf(stderr, "\r\033[2K%s", line.c_str());
+    std::fflush(stderr);
+    statusLineShown_ = true;
+}
+
+int Recorder::run() {
+    bundleID_ = sv::SVRecorderClient::mainBundleIdentifier();
+    if (bundleID_.empty()) {
+        std::fprintf(stderr,
+                     "sorvel record: this executable is not inside its bundle, so the service "
+                     "cannot tell which application asks; run the installed sorvel (or the one "
+                     "in <build>/bundles/sorvel-recorder)\n");
+        return 1;
+    }
+    sv::SVRecorderClient::Options o;
+    o.executor = [loop = loop_](std::function<void()> task) { loop->post(std::move(task)); };
+    client_ = std::make_unique<sv::SVRecorderClient>(std::move(o));
+    client_->setDelegate(weak_from_this());
+    shell_ = std::make_unique<sv::ShellClient>();
+    loop_->handleTerminationSignals([this](int s) { onSignal(s); });
+
+    // The service learns of this application when its connection arrives;
+    // report it active first, then ask for its layers.
+    client_->clientDidBecomeActiveWithBundleID(bundleID_);
+    if (options_.system || !options_.layers.empty())
+        start();
+    else
+        findLayers(Clock::now() + kLayerWait);
+    int status = loop_->run();
+    clearStatusLine();
+    terminal_.reset();
+    // Closing the connection before the shell client keeps the order of the
+    // service's view: the application goes first.
+    client_.reset();
+    shell_.reset();
+    return status;
+}
+
+void Recorder::findLayers(Clock::time_point deadline) {
+    std::weak_ptr<Recorder> w = weak_from_this();
+    shell_->layerContextIDsForCaller(
+        [loop = loop_, w, deadline](std::vector<uint32_t> layers, sv::OptionalError error) {
+            loop->post([w, deadline, layers = std::move(layers), error = std::move(error)] {
+                auto self = w.lock();
+                if (!self || self->phase_ != Phase::Preparing) return;
+                if (error) {
+                    if (error->domain == sv::ipc::kIPCErrorDomain) {
+                        self->fail("sorvel record: " +
+                                   SVRecorderError::clientError(
+                                       error->code == sv::ipc::kErrorConnectionInterrupted
+                                           ? SVRecorderError::kClientServiceNotRunning
+                                           : SVRecorderError::kClientRequestRejected)
+                                       .description());
+                    } else {
+                        self->fail("sorvel record: the service has no layers of this command (" +
+                                   error->localizedDescription().value_or(error->description()) +
+                                   "); record the whole display with --system or name layers "
+                                   "with --layer");
+                    }
+                    return;
+                }
+                if (layers.empty()) {
+                    // The service adds this command's layers when it accepts the
+                    // connection; that may take a moment.
+                    if (Clock::now() < deadline) {
+                        self->loop_->after(50ms, [w, deadline] {
+                            if (auto s = w.lock()) s->findLayers(deadline);
+                        });
+                    } else {
+                        self->fail(
+                            "sorvel record: the service shows no layers of this command; record "
+                            "the whole display with --system or name layers with --layer");
+                    }
+                    return;
+                }
+                self->options_.layers = std::move(layers);
+                self->start();
+            });
+        });
+}
+
+void Recorder::start() {
+    phase_ = Phase::Starting;
+    auto size = options_.size ? *options_.size : defaultSize(options_.system);
+    hintTimer_ = loop_->after(kConsentHintDelay, [this] {
+        note(
+            "sorvel record: waiting for the user to allow the recording (a consent agent "
+            "shows the question: sorvel consent-agent)...");
+    });
+    std::weak_ptr<Recorder> w = weak_from_this();
+    client_->startRecordingWindowLayerContextIDs(
+        options_.layers, size, options_.microphone, false, false, options_.system,
+        [w](std::optional<SVRecorderError> error, bool microphone, bool) {
+            if (auto self = w.lock()) self->started(std::move(error), microphone);
+        });
+}
+
+void Recorder::started(std::optional<SVRecorderError> error, bool microphone) {
+    loop_->cancel(hintTimer_);
+    if (phase_ != Phase::Starting) return;
+    if (error) {
+        fail("sorvel record: " + error->description());
+        return;
+    }
+    phase_ = Phase::Recording;
+    segmentStart_ = Clock::now();
+    microphoneAllowed_ = microphoneOn_ = microphone;
+    if (options_.microphone && !microphone)
+        note("sorvel record: recording without the microphone (not allowed by the user)");
+    terminal_ = std::make_unique<sv::cli::RawTerminal>(STDIN_FILENO);
+    if (terminal_->active()) {
+        note("Recording. p pause/resume, m microphone, q stop, d discard.");
+        loop_->watch(STDIN_FILENO, [this] {
+            char keys[16];
+            ssize_t n = read(STDIN_FILENO, keys, sizeof keys);
+            if (n <= 0) {
+                loop_->unwatch(STDIN_FILENO);
+                return;
+            }
+            for (ssize_t i = 0; i < n; ++i) onKey(keys[i]);
+        });
+    } else {
+        note("Recording.");
+    }
+    pollStatus();
+    if (options_.duration) {
+        std::weak_ptr<Recorder> w = weak_from_this();
+        // Re-armed on resume, since pauses do not count.
+        durationTimer_ = loop_->after(std::chrono::duration_cast<Clock::duration>(
+                                          std::chrono::duration<double>(*options_.duration)),
+                                      [w] {
+                                          if (auto s = w.lock()) s->stop(false);
+                                      });
+    }
+}
+
+void Recorder::pollStatus() {
+    if (phase_ != Phase::Recording) return;
+    std::weak_ptr<Recorder> w = weak_from_this();
+    uint64_t changes = localChanges_;
+    shell_->recordingStatusForCaller(
+        [loop = loop_, w, changes](std::optional<sv::ShellRecordingStatus> status,
+                                   sv::OptionalError error) {
+            loop->post([w, changes, status = std::move(status), error = std::move(error)] {
+                auto self = w.lock();
+                if (!self || self->phase_ != Phase::Recording) return;
+                // A service without the status method: the local clock. An
+                // answer to a question asked before the last key press may
+                // not show what the key changed yet.
+                if (!error && status && status->recording && changes == self->localChanges_) {
+                    self->status_ = status;
+                    self->paused_ = status->paused;
+                    self->microphoneOn_ = status->microphoneEnabled;
+                }
+                self->render();
+                self->pollTimer_ = self->loop_->after(kStatusInterval, [w] {
+                    if (auto s = w.lock()) s->pollStatus();
+                });
+            });
+        });
+}
+
+void Recorder::onKey(char key) {
+    if (phase_ != Phase::Recording) return;
+    switch (key) {
+        case 'p':
+        case 'P':
+            togglePause();
+            break;
+        case 'm':
+        case 'M':
+            toggleMicrophone();
+            break;
+        case 'q':
+        case 'Q':
+            stop(false);
+            break;
+        case 'd':
+        case 'D':
+            stop(true);
+            break;
+        default:
+            break;
+    }
+}
+
+void Recorder::togglePause() {
+    if (options_.system) {
+        note("sorvel record: a recording of the whole display cannot pause");
+        return;
+    }
+    if (paused_) {
+        client_->resumeRecordingWithWindowLayerContextID(options_.layers.front());
+        paused_ = false;
+        segmentStart_ = Clock::now();
+        if (options_.duration) {
+            double left = *options_.duration - recordedSeconds();
+            std::weak_ptr<Recorder> w = weak_from_this();
+            durationTimer_ = loop_->after(std::chrono::duration_cast<Clock::duration>(
+                                              std::chrono::duration<double>(std::max(left, 0.0))),
+                                          [w] {
+                                              if (auto s = w.lock()) s->stop(false);
+                                          });
+        }
+    } else {
+        client_->pauseRecording();
+        recorded_ += Clock::now() - segmentStart_;
+        paused_ = true;
+        loop_->cancel(durationTimer_);
+    }
+    ++localChanges_;
+    render();
+}
+
+void Recorder::toggleMicrophone() {
+    if (!microphoneAllowed_) {
+        note(options_.microphone
+                 ? "sorvel record: the user did not allow the microphone for this recording"
+                 : "sorvel record: start with --mic to record the microphone");
+        return;
+    }
+    microphoneOn_ = !microphoneOn_;
+    client_->setMicrophoneEnabled(microphoneOn_);
+    ++localChanges_;
+    render();
+}
+
+void Recorder::onSignal(int) {
+    switch (phase_) {
+        case Phase::Preparing:
+        case Phase::Starting:
+            fail("sorvel record: cancelled before the recording started");
+            break;
+        case Phase::Recording:
+            stop(false);
+            break;
+        case Phase::Stopping:
+            fail("sorvel record: not waiting for the service any more; the movie stays with it");
+            break;
+        case Phase::Done:
+            break;
+    }
+}
+
+void Recorder::stop(bool discard) {
+    if (phase_ != Phase::Recording) return;
+    if (!paused_) recorded_ += Clock::now() - segmentStart_;
+    phase_ = Phase::Stopping;
+    discard_ = discard;
+    loop_->cancel(pollTimer_);
+    loop_->cancel(durationTimer_);
+    loop_->unwatch(STDIN_FILENO);
+    note(discard ? "Stopping and discarding..." : "Stopping...");
+    std::weak_ptr<Recorder> w = weak_from_this();
+    auto handler = [w](std::optional<std::string> movie, std::optional<SVRecorderError> error) {
+        if (auto self = w.lock()) self->stopped(std::move(movie), std::move(error));
+    };
+    if (options_.trimStart && options_.trimEnd && !discard)
+        client_->stopRecordingWithStartClipDuration(*options_.trimStart, *options_.trimEnd,
+                                                    handler);
+    else
+        client_->stopRecordingWithHandler(handler);
+}
+
+void Recorder::stopped(std::optional<std::string> movie, std::optional<SVRecorderError> error) {
+    if (phase_ != Phase::Stopping) return;
+    if (!discard_) {
+        finish(movie, error, false);
+        return;
+    }
+    if (error && error->isClientError()) {
+        fail("sorvel record: " + error->description());
+        return;
+    }
+    std::weak_ptr<Recorder> w = weak_from_this();
+    client_->discardRecordingWithHandler([w](std::optional<SVRecorderError> e) {
+        auto self = w.lock();
+        if (!self || self->phase_ != Phase::Stopping) return;
+        if (e) {
+            self->fail("sorvel record: " + e->description());
+            return;
+        }
+        self->note("Recording discarded; nothing was written.");
+        self->phase_ = Phase::Done;
+        self->loop_->quit(0);
+    });
+}
+
+void Recorder::stopRecordingWithError(const std::optional<SVRecorderError>& error,
+                                      const std::optional<std::string>& moviePath) {
+    if (phase_ == Phase::Done || phase_ == Phase::Preparing) return;
+    finish(
+        moviePath,
+        error ? error : SVRecorderError::clientError(SVRecorderError::kClientConnectionInterrupted),
+        true);
+}
+
+void Recorder::finish(const std::optional<std::string>& movie,
+                      const std::optional<SVRecorderError>& error, bool interrupted) {
+    loop_->cancel(pollTimer_);
+    loop_->cancel(durationTimer_);
+    loop_->cancel(hintTimer_);
+    loop_->unwatch(STDIN_FILENO);
+    phase_ = Phase::Done;
+    int status = error ? 1 : 0;
+    if (error)
+        note(std::string("sorvel record: ") + (interrupted ? "recording interrupted: " : "") +
+             error->description());
+    if (movie) {
+        std::string why;
+        if (saveMovie(*movie, options_.output, why)) {
+            if (error) note("sorvel record: the movie recorded so far is in " + options_.output);
+            std::printf("%s\n", options_.output.c_str());
+            std::fflush(stdout);
+            sv::cli::printMovieSummary(options_.output, stdout);
+        } else {
+            note("sorvel record: cannot write " + options_.output + ": " + why +
+                 "; the movie is still at " + *movie);
+            status = 1;
+        }
+    } else if (!error) {
+        note("sorvel record: the service handed back no movie");
+        status = 1;
+    }
+    loop_->quit(status);
+}
+
+int runRecord(int argc, char** argv) {
+    Options o;
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
+        const char* v = nullptr;
+        if (a == "-h" || a == "--help") {
+            std::fputs(kUsage, stdout);
+            return 0;
+        } else if (a == "-o" || a == "--output") {
+            if (!(v = value())) return usageError("-o needs a file");
+            o.output = v;
+        } else if (a == "--duration" || a == "--trim-start" || a == "--trim-end") {
+            auto s = (v = value()) ? parseSeconds(v) : std::nullopt;
+            if (!s) return usageError(a + " needs a number of seconds, 0 or more");
+            if (a == "--duration" && *s <= 0) return usageError("--duration must be above 0");
+            (a == "--duration" ? o.duration : a == "--trim-start" ? o.trimStart : o.trimEnd) = s;
+        } else if (a == "--mic") {
+            o.microphone = true;
+        } else if (a == "--system") {
+            o.system = true;
+        } else if (a == "--layer") {
+            auto id = (v = value()) ? parseLayer(v) : std::nullopt;
+            if (!id) return usageError("--layer needs a layer context identifier");
+            o.layers.push_back(*id);
+        } else if (a == "--size") {
+            auto size = (v = value()) ? parseSize(v) : std::nullopt;
+            if (!size) return usageError("--size needs WIDTHxHEIGHT, each 16 to 16384");
+            o.size = size;
+        } else if (a == "--runtime-dir") {
+            if (!(v = value())) return usageError("--runtime-dir needs a directory");
+            // Both the recorder library and the shell client read it.
+            setenv("SORVEL_RUNTIME_DIR", v, 1);
+            sv::ipc::setRuntimeDirectory(v);
+        } else {
+            return usageError("unknown option " + a);
+        }
+    }
+    if (o.output.empty()) return usageError("no output file given (-o FILE)");
+    if (o.trimStart.has_value() != o.trimEnd.has_value())
+        return usageError("--trim-start and --trim-end go together");
+    if (o.system && !o.layers.empty()) return usageError("--system records every layer");
+    {
+        // Fail before recording, not after: the output must be writable.
+        namespace fs = std::filesystem;
+        std::error_code ec;
+        fs::path out = fs::absolute(o.output, ec);
+        fs::path dir = out.parent_path();
+        if (fs::is_directory(out, ec)) return usageError(o.output + " is a directory");
+        if (access(dir.c_str(), W_OK) != 0) {
+            std::fprintf(stderr, "sorvel record: cannot write into %s: %s\n", dir.c_str(),
+                         std::strerror(errno));
+            return 1;
+        }
+        o.output = out.lexically_normal().string();
+    }
+    // The tool reports what matters itself; library log lines would tear
+    // the status line apart.
+    sv::log::setOutputEnabled(false);
+    setenv("SORVEL_LOG_LEVEL", "quiet", 0);
+
+    auto loop = std::make_shared<MainLoop>();
+    auto recorder = std::make_shared<Recorder>(std::move(o), loop);
+    return recorder->run();
+}
+
+sv::cli::CliRegistration reg({"record", "record the screen through the service into a movie",
+                              &runRecord});
+
+}  // namespace

@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# Records five seconds through the service and shows the movie: installs the
+# Debian packages the build needs, builds the release configuration, starts a
+# private daemon on the synthetic platform (screen and audio need no
+# hardware) with an auto-accepting consent agent, runs
+#   sorvel record -o <dir>/demo.mp4 --duration 5 --mic
+# prints the movie's path and its inspection, and stops what it started on
+# every way out (also Ctrl-C). The movie and the logs stay in <dir>.
+# Usage: scripts/demo.sh [SECONDS]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds="${1:-5}"
+
+scripts/install-deps.sh
+scripts/build.sh release --target sorveld sorvel
+build="$PWD/build/release"
+
+work="$(mktemp -d "${TMPDIR:-/tmp}/sorvel-demo-XXXXXX")"
+mkdir -p "$work/run" "$work/home"
+pids=()
+cleanup() {
+  local status=$?
+  trap - EXIT INT TERM
+  for ((i = ${#pids[@]} - 1; i >= 0; i--)); do kill "${pids[i]}" 2>/dev/null || true; done
+  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+  rm -rf "$work/run" "$work/home"
+  exit "$status"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+# Both the daemon and the tools look here; the daemon learns the recorder's
+# bundle from the build tree.
+export SORVEL_RUNTIME_DIR="$work/run"
+export SORVEL_BUNDLE_PATH="$build/bundles"
+
+"$build/daemon/sorveld" --runtime-dir "$work/run" --home "$work/home" \
+  --screen-backend synthetic --audio-backend synthetic >"$work/sorveld.log" 2>&1 &
+pids+=($!)
+"$build/client/sorvel" consent-agent --answer accept >"$work/consent-agent.log" 2>&1 &
+pids+=($!)
+# The recording asks the user first: wait until the agent can answer.
+for _ in $(seq 200); do
+  grep -q "registered with the service" "$work/consent-agent.log" && break
+  kill -0 "${pids[0]}" 2>/dev/null || { echo "sorveld ended; see $work/sorveld.log" >&2; exit 1; }
+  sleep 0.05
+done
+grep -q "registered with the service" "$work/consent-agent.log" ||
+  { echo "the consent agent did not register; see $work/consent-agent.log" >&2; exit 1; }
+
+echo "== recording $seconds seconds (synthetic screen, application audio and microphone)"
+"$build/client/sorvel" record -o "$work/demo.mp4" --duration "$seconds" --mic
+echo
+echo "== the movie: $work/demo.mp4"
+"$build/client/sorvel" inspect "$work/demo.mp4"
