@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "daemon/consent_agent.h"
+#include "daemon/daemon_platform.h"
 #include "daemon/protocol/service_names.h"
 #include "daemon/recording_manager.h"
 #include "daemon/shell_service.h"
@@ -19,6 +21,9 @@
 #include "platform/process/purgeable_space.h"
 #include "platform/process/termination_signals.h"
 #include "platform/screen/screen_backend.h"
+#include "platform/screen/synthetic_screen.h"
+#include "platform/system/system_alert.h"
+#include "platform/ui/ui_backend.h"
 #include "support/movie_store.h"
 
 namespace {
@@ -37,11 +42,14 @@ void usage(FILE* out) {
         "  --audio-backend KIND  auto, pulse or synthetic: where microphone and application\n"
         "                        audio come from (default: $SORVEL_AUDIO_BACKEND, else\n"
         "                        PulseAudio when a server answers, else synthetic)\n"
-        "  --screen-backend KIND auto, x11 or synthetic: where screen frames come from\n"
+        "  --screen-backend KIND auto, x11 or synthetic: where screen frames come from and\n"
+        "                        which window system foreground tracking watches\n"
         "                        (default: $SORVEL_SCREEN_BACKEND, else X11 when $DISPLAY\n"
         "                        names a reachable server, else synthetic)\n"
         "  --idle-exit SECONDS   when started by socket activation, end after this long with\n"
         "                        no recording and no connection (default: 60)\n"
+        "  --test-clock          let the shell channel move the clock of consent\n"
+        "                        exemptions forward (advanceClockBy:); for tests only\n"
         "  -h, --help            show this help\n\n"
         "Services: org.sorvel.sorveld (applications), org.sorvel.sorveld.shell (the\n"
         "operating system's side; see `sorvel shell --help`).\n");
@@ -52,6 +60,7 @@ struct Options {
     std::optional<sv::AudioBackendKind> audioBackend;
     std::optional<sv::ScreenBackendKind> screenBackend;
     long idleExitSeconds = 60;
+    bool testClock = false;
 };
 
 // 0: go on; otherwise the exit status.
@@ -85,6 +94,8 @@ int parse(int argc, char** argv, Options& o) {
                 std::fprintf(stderr, "sorveld: unknown screen backend '%s'\n", v);
                 return 2;
             }
+        } else if (a == "--test-clock") {
+            o.testClock = true;
         } else if (a == "--idle-exit" && (v = value())) {
             char* end = nullptr;
             o.idleExitSeconds = std::strtol(v, &end, 10);
@@ -126,11 +137,35 @@ int main(int argc, char** argv) {
         }
         sv::setProcessScreenBackend(std::move(screen));
     }
+    // The window system follows the screen: the synthetic one on the
+    // synthetic screen's display, X11 with the X11 screen.
+    {
+        auto screen = sv::processScreenBackend();
+        const bool synthetic =
+            std::dynamic_pointer_cast<sv::SyntheticScreenBackend>(screen) != nullptr;
+        std::string why;
+        auto ui = sv::makeUiBackend(
+            synthetic ? sv::UiBackendKind::Synthetic : sv::UiBackendKind::X11, nullptr, &why);
+        if (!ui) {
+            std::fprintf(stderr, "sorveld: cannot use the window system: %s\n", why.c_str());
+            return 1;
+        }
+        sv::setProcessUiBackend(std::move(ui));
+    }
 
     sv::log::info("sorveld Starting!");
     sv::stopMainRunLoopOnTerminationSignals();
 
-    sv::startRecordingManager();
+    // Consent alerts go to the consent agent that registers on the shell
+    // channel.
+    auto agents = sv::SVConsentAgentRegistry::create();
+    sv::setAlertPresenter(agents);
+    sv::SVRecordingManager::Options managerOptions;
+    managerOptions.consentAgents = agents;
+    managerOptions.adjustableClock = options.testClock;
+    if (options.testClock)
+        sv::log::info("sorveld: the clock may be moved through the shell channel");
+    sv::startRecordingManager(managerOptions);
     auto manager = sv::sharedRecordingManager();
     if (!manager || !manager->publicListener()) {
         sv::log::error("sorveld: cannot listen on %@; is another instance running?",
@@ -139,7 +174,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::string error;
-    auto shell = sv::SVShellService::create(&error);
+    auto shell = sv::SVShellService::create(manager, agents, &error);
     if (!shell) {
         sv::log::error("sorveld: cannot open the shell channel: %@", error);
         sv::log::flush();
@@ -158,6 +193,7 @@ int main(int argc, char** argv) {
     sv::KeepAlive::shared().disarmIdleExit();
     shell->invalidate();
     if (manager->publicListener()) manager->publicListener()->invalidate();
+    sv::setAlertPresenter(nullptr);
     manager.reset();
     sv::log::flush();
     return -1;

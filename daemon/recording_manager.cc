@@ -1,7 +1,18 @@
+// SVRecordingManager: start-up, teardown, the manager's queue, the lock
+// button, the purgeable-space callbacks, the keep-alive transaction, the
+// session registry and the bookkeeping shared by the other parts.
 #include "daemon/recording_manager.h"
 
+#include <pthread.h>
+#include <sys/stat.h>
+
+#include <cmath>
 #include <mutex>
 
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+
+#include "daemon/protocol/recording_protocol.h"
 #include "daemon/protocol/service_names.h"
 #include "platform/log.h"
 #include "platform/process/keep_alive.h"
@@ -19,12 +30,73 @@ std::shared_ptr<SVRecordingManager> gManager;
 
 }  // namespace
 
+// The thread behind the manager's queue. Stopped and joined with the
+// manager; a manager released by a task of its own queue leaves the thread
+// to end by itself (and the few bytes of this object behind).
+class SVRecordingManager::ManagerThread {
+  public:
+    ManagerThread() : guard_(asio::make_work_guard(io_)) {
+        thread_ = std::thread([this] {
+            pthread_setname_np(pthread_self(), "sv-manager");
+            io_.run();
+        });
+        queue_ =
+            std::make_shared<DispatchQueue>("org.sorvel.sorveld.manager", true, io_.get_executor());
+    }
+    ~ManagerThread() {
+        guard_.reset();
+        io_.stop();
+        thread_.join();
+    }
+    bool isCurrent() const { return std::this_thread::get_id() == thread_.get_id(); }
+    // From a task of the queue itself: the thread ends after that task.
+    static void retireFromInside(std::unique_ptr<ManagerThread> self) {
+        self->guard_.reset();
+        self->io_.stop();
+        self->thread_.detach();
+        (void)self.release();
+    }
+    const std::shared_ptr<DispatchQueue>& queue() const { return queue_; }
+
+  private:
+    asio::io_context io_;
+    asio::executor_work_guard<asio::io_context::executor_type> guard_;
+    std::thread thread_;
+    std::shared_ptr<DispatchQueue> queue_;
+};
+
+// A session's delegate: tells the manager which session stopped.
+class SVRecordingManager::SessionDelegate : public SVRecordingSessionDelegate {
+  public:
+    SessionDelegate(std::weak_ptr<SVRecordingManager> manager,
+                    std::weak_ptr<SVRecordingSession> session)
+        : manager_(std::move(manager)), session_(std::move(session)) {}
+    // On the screen capture controller's delivery thread: never blocks it.
+    void recordingSessionStoppedWithError(const Error& error) override {
+        auto manager = manager_.lock();
+        auto session = session_.lock();
+        if (!manager || !session) return;
+        manager->queue()->async(
+            [manager, session, error] { manager->sessionStoppedWithError(session, error); });
+    }
+
+  private:
+    std::weak_ptr<SVRecordingManager> manager_;
+    std::weak_ptr<SVRecordingSession> session_;
+};
+
 std::string SVRecordingManager::cacheDeleteServiceName() {
     return std::string(kDaemonServiceName) + "-cache-delete";
 }
 
-std::shared_ptr<SVRecordingManager> SVRecordingManager::create() {
-    std::shared_ptr<SVRecordingManager> m(new SVRecordingManager);
+SVRecordingManager::SVRecordingManager(Options options)
+    : options_(std::move(options)), thread_(std::make_unique<ManagerThread>()) {
+    queue_ = thread_->queue();
+    platform_ = options_.platform ? options_.platform : SVDaemonPlatform::processPlatform();
+}
+
+std::shared_ptr<SVRecordingManager> SVRecordingManager::create(Options options) {
+    std::shared_ptr<SVRecordingManager> m(new SVRecordingManager(std::move(options)));
     m->init();
     return m;
 }
@@ -40,13 +112,19 @@ void SVRecordingManager::init() {
 
     std::string error;
     publicListener_ = ipc::Listener::named(kDaemonServiceName, &error);
-    if (publicListener_) publicListener_->setDelegate(weak);
+    if (publicListener_)
+        publicListener_->setDelegate(weak);
+    else
+        log::error("SVRecordingManager: cannot listen on %@: %@", kDaemonServiceName, error);
 
     exemptBundleIdentifiers_.clear();
     exemptWithMicRecordingEnabledBundleIdentifiers_.clear();
     lastBackgroundDateByBundleIdentifier_.clear();
     bundleIDToRecordingSessionLookup_.clear();
     hostBundleIDtoExtensionInfoLookup_.clear();
+
+    applicationStateMonitor_ = platform_->makeApplicationStateMonitor();
+    log::info("SVRecordingManager: recording on the %@", platform_->description());
 
     // Only the purge callback refers to the manager, strongly.
     auto self = shared_from_this();
@@ -63,8 +141,15 @@ void SVRecordingManager::init() {
 }
 
 SVRecordingManager::~SVRecordingManager() {
-    // No layout monitor exists yet to stop observing or invalidate.
+    if (layoutMonitor_) {
+        layoutMonitor_->removeObserver(this);
+        layoutMonitor_->invalidate();
+    }
     NotificationCenter::defaultCenter().removeObserver(this);
+    // The application-state monitor is not invalidated; its handler goes.
+    if (applicationStateMonitor_) applicationStateMonitor_->setChangeHandler(nullptr);
+    applicationStateMonitor_.reset();
+    layoutMonitor_.reset();
     currentRecordingSession_.reset();
     hostBundleIDtoExtensionInfoLookup_.clear();
     bundleIDToRecordingSessionLookup_.clear();
@@ -72,21 +157,34 @@ SVRecordingManager::~SVRecordingManager() {
     exemptWithMicRecordingEnabledBundleIdentifiers_.clear();
     exemptBundleIdentifiers_.clear();
     publicListener_.reset();
+    queue_.reset();
+    if (thread_ && thread_->isCurrent()) ManagerThread::retireFromInside(std::move(thread_));
+    thread_.reset();
 }
 
 void SVRecordingManager::finishStartup() {
     if (publicListener_) publicListener_->resume();
 }
 
+// ---- Lock button
+
 void SVRecordingManager::_handleLockButtonWasPressedNotification(const Notification&) {
-    log::info("SVRecordingManager: _handleLockButtonWasPressedNotification");
-    auto session = currentRecordingSession_;
-    if (!session || !session->isRecording()) return;
-    auto self = shared_from_this();
-    stopRecordingWithHandler([self](std::optional<URL> movieURL, OptionalError) {
-        self->recordingSessionStoppedWithError(_svUserErrorForCode(-5809), std::move(movieURL));
+    queue_->sync([this] {
+        log::info("SVRecordingManager: _handleLockButtonWasPressedNotification");
+        // The session that records, whichever application is current: the
+        // device is locked for all of them.
+        auto session = recordingSession();
+        if (!session) return;
+        auto self = shared_from_this();
+        stopRecordingWithHandler(
+            session, [self, session](std::optional<URL> movieURL, OptionalError) {
+                self->recordingSessionStoppedWithError(_svUserErrorForCode(kSVRecordingErrorLocked),
+                                                       movieURL, session);
+            });
     });
 }
+
+// ---- Keep-alive
 
 void SVRecordingManager::beginTransaction() {
     KeepAlive::shared().beginTransaction();
@@ -96,43 +194,7 @@ void SVRecordingManager::endTransaction() {
     KeepAlive::shared().endTransaction();
 }
 
-bool SVRecordingManager::listenerShouldAcceptNewConnection(
-    ipc::Listener&, const std::shared_ptr<ipc::Connection>& connection) {
-    log::info("SVRecordingManager: shouldAcceptNewConnection:");
-    pid_t pid = connection->processIdentifier();
-    if (pid == 0) return false;
-    log::info("accepted client connection PID: %d", int(pid));
-    // The daemon protocol, the application's session and its client proxy
-    // are attached by the client-connection work; until then the connection
-    // is served with no exported interface, and its end is only logged.
-    connection->setInterruptionHandler([] { log::info("connection INTERRUPTED"); });
-    connection->setInvalidationHandler([] { log::info("connection INVALID"); });
-    connection->resume();
-    return true;
-}
-
-void SVRecordingManager::stopRecordingWithHandler(StopHandler handler) {
-    log::info("SVRecordingManager: stopRecordingWithHandler:");
-    stopRecordingWithStartClipDuration(0.0, 0.0, std::move(handler));
-}
-
-void SVRecordingManager::stopRecordingWithStartClipDuration(double, double, StopHandler) {
-    log::info("SVRecordingManager: stopRecordingWithStartTimeOffset:endTimeOffset:handler:");
-    // Pending: stopping the current session arrives with recording control.
-}
-
-void SVRecordingManager::recordingSessionStoppedWithError(const Error& error) {
-    recordingSessionStoppedWithError(error, std::nullopt);
-}
-
-void SVRecordingManager::recordingSessionStoppedWithError(const Error& error,
-                                                          std::optional<URL> movieURL) {
-    log::info("SVRecordingManager:recordingSessionStoppedWithError:movieURL:");
-    // Pending: delivery to the client proxy of the current session arrives
-    // with client connections.
-    log::debug("stop error %li for %@ not delivered: no client proxy yet", error.code,
-               movieURL ? movieURL->absoluteString() : std::string("(null)"));
-}
+// ---- Purgeable space
 
 int64_t SVRecordingManager::purgeableSpaceCallback(int32_t) {
     log::info("SVRecordingManager: cache delete purgeable space callback");
@@ -141,15 +203,18 @@ int64_t SVRecordingManager::purgeableSpaceCallback(int32_t) {
 
 int64_t SVRecordingManager::purgeCallback(int64_t, int32_t urgency) {
     log::info("SVRecordingManager: cache delete purge callback");
-    auto session = currentRecordingSession_;
-    bool recording = session && session->isRecording();
+    bool recording = false;
+    queue_->sync([&] {
+        auto session = recordingSession();
+        recording = session != nullptr;
+        if (!recording || urgency < kUrgentPurgeLevel) return;
+        stopRecordingWithHandler(session, nullptr);
+        recordingSessionStoppedWithError(_svUserErrorForCode(kSVRecordingErrorInsufficientStorage),
+                                         std::nullopt, session);
+    });
     if (urgency < kUrgentPurgeLevel) {
         if (recording) return 0;
         return MovieStore::shared()._srDeleteFilesOlderThanTimeToLiveInSeconds(kMovieTimeToLive);
-    }
-    if (recording) {
-        stopRecordingWithHandler(nullptr);
-        recordingSessionStoppedWithError(_svUserErrorForCode(-5805));
     }
     return MovieStore::shared()._srDeleteAllTempFiles();
 }
@@ -159,13 +224,198 @@ int64_t SVRecordingManager::periodicCallback(int64_t, int32_t) {
     return MovieStore::shared()._srDeleteFilesOlderThanTimeToLiveInSeconds(kMovieTimeToLive);
 }
 
+// ---- Session registry
+
+std::shared_ptr<SVRecordingSession> SVRecordingManager::recordingSessionForBundleID(
+    const std::string& bundleID) {
+    log::info("SVRecordingManager:recordingSessionForBundleID");
+    if (bundleID.empty()) return nullptr;
+    auto it = bundleIDToRecordingSessionLookup_.find(bundleID);
+    if (it != bundleIDToRecordingSessionLookup_.end()) return it->second;
+    log::info("no session, creating a new one");
+    auto session = SVRecordingSession::initWithBundleID(bundleID);
+    bundleIDToRecordingSessionLookup_.emplace(bundleID, session);
+    book(session);
+    return session;
+}
+
+void SVRecordingManager::removeSessionForBundleID(const std::string& bundleID) {
+    log::info("SVRecordingManager:removeSessionForBundleID");
+    auto it = bundleIDToRecordingSessionLookup_.find(bundleID);
+    if (it == bundleIDToRecordingSessionLookup_.end()) return;
+    auto session = it->second;
+    bundleIDToRecordingSessionLookup_.erase(it);
+    pruneBook(session);
+}
+
+std::shared_ptr<SVRecordingSession> SVRecordingManager::sessionOfClient(
+    const SVClientConnection& client) {
+    if (client.bundleID.empty() || client.ended) return nullptr;
+    auto it = bundleIDToRecordingSessionLookup_.find(client.bundleID);
+    return it == bundleIDToRecordingSessionLookup_.end() ? nullptr : it->second;
+}
+
+std::shared_ptr<SVRecordingSession> SVRecordingManager::recordingSession() const {
+    if (currentRecordingSession_ && currentRecordingSession_->isRecording())
+        return currentRecordingSession_;
+    for (const auto& [bundleID, session] : bundleIDToRecordingSessionLookup_)
+        if (session->isRecording()) return session;
+    return nullptr;
+}
+
+SVRecordingManager::SessionBook& SVRecordingManager::book(
+    const std::shared_ptr<SVRecordingSession>& session) {
+    auto [it, inserted] = books_.try_emplace(session);
+    if (inserted)
+        it->second.delegate = std::make_shared<SessionDelegate>(weak_from_this(), session);
+    return it->second;
+}
+
+uint64_t SVRecordingManager::generationOf(
+    const std::shared_ptr<SVRecordingSession>& session) const {
+    auto it = books_.find(session);
+    return it == books_.end() ? 0 : it->second.generation;
+}
+
+void SVRecordingManager::pruneBook(const std::shared_ptr<SVRecordingSession>& session) {
+    auto it = books_.find(session);
+    if (it == books_.end()) return;
+    auto registered = bundleIDToRecordingSessionLookup_.find(session->bundleID());
+    if (registered != bundleIDToRecordingSessionLookup_.end() && registered->second == session)
+        return;
+    if (it->second.finishing > 0 || !it->second.openTransactions.empty() || session->isRecording())
+        return;
+    books_.erase(it);
+}
+
+void SVRecordingManager::beginFinishing(const std::shared_ptr<SVRecordingSession>& session) {
+    ++book(session).finishing;
+}
+
+void SVRecordingManager::endFinishing(const std::shared_ptr<SVRecordingSession>& session) {
+    auto& b = book(session);
+    if (b.finishing > 0) --b.finishing;
+    releaseHeldRequests(session->bundleID());
+    pruneBook(session);
+}
+
+void SVRecordingManager::closeTransaction(const std::shared_ptr<SVRecordingSession>& session,
+                                          uint64_t generation) {
+    auto it = books_.find(session);
+    if (it == books_.end() || it->second.openTransactions.erase(generation) == 0) return;
+    endTransaction();
+}
+
+// ---- Held requests
+
+bool SVRecordingManager::isHeld(const SVClientConnection& client) {
+    if (client.pendingAlert) return true;
+    if (client.bundleID.empty()) return false;
+    auto it = bundleIDToRecordingSessionLookup_.find(client.bundleID);
+    if (it == bundleIDToRecordingSessionLookup_.end()) return false;
+    auto b = books_.find(it->second);
+    return b != books_.end() && b->second.finishing > 0;
+}
+
+void SVRecordingManager::submit(const std::shared_ptr<SVClientConnection>& client,
+                                std::function<void()> request) {
+    if (client->ended) {
+        static log::RateLimit limit;
+        log::debug(limit, "SVRecordingManager: request of an ended connection dropped");
+        return;
+    }
+    if (client->heldRequests.empty() && !isHeld(*client)) {
+        request();
+        return;
+    }
+    if (client->heldRequests.size() >= kMaxHeldRequests) {
+        static log::RateLimit limit;
+        log::error(limit,
+                   "SVRecordingManager: pid %i sent more than %lu requests while held; "
+                   "ending its connection",
+                   int32_t(client->pid), kMaxHeldRequests);
+        client->heldRequests.clear();
+        if (auto c = client->connection.lock()) c->invalidate();
+        return;
+    }
+    client->heldRequests.push_back(std::move(request));
+}
+
+std::shared_ptr<SVClientConnection> SVRecordingManager::clientOfBundle(
+    const std::string& bundleID) const {
+    auto it = clients_.find(bundleID);
+    return it == clients_.end() ? nullptr : it->second;
+}
+
+void SVRecordingManager::releaseHeldRequests(const std::string& bundleID) {
+    auto client = clientOfBundle(bundleID);
+    if (!client) return;
+    while (!client->ended && !client->heldRequests.empty() && !isHeld(*client)) {
+        auto request = std::move(client->heldRequests.front());
+        client->heldRequests.pop_front();
+        request();
+    }
+}
+
+// ---- Clock
+
+SVRecordingManager::Date SVRecordingManager::now() const {
+    return Clock::now() + std::chrono::nanoseconds(clockOffsetNanoseconds_.load());
+}
+
+OptionalError SVRecordingManager::advanceClockBy(double seconds) {
+    if (!options_.adjustableClock)
+        return shellError(kSVShellErrorNotAllowed,
+                          "The daemon's clock moves only in a daemon started with --test-clock.");
+    // A century at most: far beyond any expiry, far below overflow.
+    if (!std::isfinite(seconds) || seconds < 0 || seconds > 3.2e9)
+        return shellError(kSVShellErrorInvalidArgument,
+                          "The clock moves forward by 0 to 3.2e9 seconds.");
+    clockOffsetNanoseconds_.fetch_add(int64_t(seconds * 1e9));
+    log::info("SVRecordingManager: clock moved forward by %f seconds", seconds);
+    return std::nullopt;
+}
+
+// ---- Status
+
+Value SVRecordingManager::recordingStatusForProcess(pid_t pid) {
+    // The bundle is read off the queue: it touches the file system.
+    auto bundle = bundleWithPID(pid);
+    auto bundleID = bundle ? bundle->bundleIdentifier() : std::nullopt;
+    if (!bundleID || bundleID->empty()) return Value(nullptr);
+    std::shared_ptr<SVRecordingSession> session;
+    queue_->sync([&] {
+        auto it = bundleIDToRecordingSessionLookup_.find(*bundleID);
+        if (it != bundleIDToRecordingSessionLookup_.end()) session = it->second;
+    });
+    if (!session) return Value(nullptr);
+    const auto progress = session->progress();
+    int64_t movieBytes = 0;
+    if (auto writer = session->movieWriter()) {
+        struct stat st {};
+        if (stat(writer->outputPath().c_str(), &st) == 0) movieBytes = int64_t(st.st_size);
+    }
+    Value status = Value::object();
+    status["bundleID"] = *bundleID;
+    status["recording"] = session->isRecording();
+    status["paused"] = session->isPaused();
+    status["microphoneEnabled"] = session->isMicrophoneEnabled();
+    status["systemRecording"] = session->isSystemRecording();
+    status["elapsed"] = progress.recordedSeconds;
+    status["framesWritten"] = progress.framesWritten;
+    status["movieBytes"] = movieBytes;
+    return status;
+}
+
+// ---- Start-up function
+
 std::shared_ptr<SVRecordingManager> sharedRecordingManager() {
     std::lock_guard lock(gManagerMutex);
     return gManager;
 }
 
-void startRecordingManager() {
-    auto manager = SVRecordingManager::create();
+void startRecordingManager(SVRecordingManager::Options options) {
+    auto manager = SVRecordingManager::create(std::move(options));
     std::shared_ptr<SVRecordingManager> previous;
     {
         std::lock_guard lock(gManagerMutex);

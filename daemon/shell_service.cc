@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "daemon/protocol/recording_protocol.h"
 #include "daemon/protocol/shell_protocol.h"
 #include "platform/log.h"
 #include "platform/process/notification_center.h"
@@ -48,8 +49,21 @@ void replyBytes(const ipc::Invocation& inv, std::optional<int64_t> bytes) {
 
 }  // namespace
 
-std::shared_ptr<SVShellService> SVShellService::create(std::string* error) {
+std::shared_ptr<const ipc::Interface> SVShellService::exportedInterface() {
+    static auto i = [] {
+        std::vector<ipc::MethodSpec> methods = shellProtocolMethods();
+        for (auto& m : recordingShellMethods()) methods.push_back(std::move(m));
+        return std::make_shared<const ipc::Interface>("SVShellProtocol", std::move(methods));
+    }();
+    return i;
+}
+
+std::shared_ptr<SVShellService> SVShellService::create(
+    std::shared_ptr<SVRecordingManager> manager, std::shared_ptr<SVConsentAgentRegistry> agents,
+    std::string* error) {
     auto s = std::make_shared<SVShellService>();
+    s->manager_ = std::move(manager);
+    s->agents_ = std::move(agents);
     s->listener_ = ipc::Listener::named(kShellServiceName, error);
     if (!s->listener_) return nullptr;
     s->listener_->setDelegate(s);
@@ -81,6 +95,7 @@ std::shared_ptr<SVShellService> SVShellService::create(std::string* error) {
                 [&purgeable](ipc::Invocation& inv, int64_t amount, int32_t urgency) {
                     replyBytes(inv, purgeable.periodic(amount, urgency));
                 }));
+    s->addRecordingMethods(*s->object_);
     return s;
 }
 
@@ -96,10 +111,113 @@ bool SVShellService::listenerShouldAcceptNewConnection(
     ipc::Listener&, const std::shared_ptr<ipc::Connection>& connection) {
     static log::RateLimit limit;
     log::debug(limit, "shell connection from pid %i", int(connection->processIdentifier()));
-    connection->setExportedInterface(shellProtocolInterface());
+    connection->setExportedInterface(exportedInterface());
     connection->setExportedObject(object_);
+    // Any shell connection may register as the consent agent, which exports
+    // SVConsentAgentProtocol on it.
+    connection->setRemoteObjectInterface(consentAgentProtocolInterface());
+    std::weak_ptr<SVConsentAgentRegistry> agents = agents_;
+    const ipc::Connection* key = connection.get();
+    connection->setInvalidationHandler([agents, key] {
+        if (auto a = agents.lock()) a->connectionEnded(key);
+    });
     connection->resume();
     return true;
+}
+
+void SVShellService::addRecordingMethods(ipc::MethodTable& table) {
+    std::weak_ptr<SVRecordingManager> weakManager = manager_;
+    std::weak_ptr<SVConsentAgentRegistry> weakAgents = agents_;
+    auto platform = manager_ ? manager_->platform() : nullptr;
+    auto errorValue = [](const OptionalError& e) { return e ? e->toValue() : Value(nullptr); };
+    auto answerError = [errorValue](const ipc::Invocation& inv, const OptionalError& e) {
+        inv.handler()(ipc::Arguments().add(errorValue(e)));
+    };
+    auto invalid = [](const ipc::Invocation& inv, const std::string& why) {
+        static log::RateLimit limit;
+        log::error(limit, "shell: %@ refused: %@", inv.method(), why);
+        return shellError(kSVShellErrorInvalidArgument, why);
+    };
+
+    table.on("registerConsentAgentWithPreferredLanguages:handler:",
+             [weakAgents, answerError](ipc::Invocation& inv) {
+                 auto agents = weakAgents.lock();
+                 if (!agents || !inv.connection()) {
+                     answerError(inv, shellError(kSVShellErrorNotAllowed,
+                                                 "This daemon takes no consent agents."));
+                     return;
+                 }
+                 std::vector<std::string> languages;
+                 for (const auto& l : inv.at(0))
+                     if (l.is_string()) languages.push_back(l.get<std::string>());
+                 agents->registerAgent(inv.connection(), languages);
+                 answerError(inv, std::nullopt);
+             });
+    table.on("layerContextIDsForCallerWithHandler:", [platform, errorValue](ipc::Invocation& inv) {
+        OptionalError error;
+        std::optional<std::vector<uint32_t>> layers;
+        if (!platform)
+            error = shellError(kSVShellErrorNotSynthetic, "No recording service runs here.");
+        else if (inv.connection())
+            layers =
+                platform->layerContextIDsForProcess(inv.connection()->processIdentifier(), &error);
+        Value list = Value(nullptr);
+        if (layers) {
+            list = Value::array();
+            for (uint32_t id : *layers) list.push_back(id);
+        }
+        inv.handler()(ipc::Arguments().add(std::move(list)).add(errorValue(error)));
+    });
+    table.on("setApplicationState:foreground:processIdentifier:handler:",
+             [platform, answerError](ipc::Invocation& inv) {
+                 auto pid = inv.integerAt<int32_t>(2);
+                 const std::string bundleID = inv.at(0).get<std::string>();
+                 answerError(inv, platform ? platform->setApplicationState(
+                                                 bundleID, inv.at(1).get<bool>(), pid.value_or(-1))
+                                           : OptionalError(shellError(kSVShellErrorNotSynthetic,
+                                                                      "No platform.")));
+             });
+    table.on("setDisplayLayoutLevels:handler:", [platform, answerError,
+                                                 invalid](ipc::Invocation& inv) {
+        std::optional<std::vector<int32_t>> levels;
+        if (!inv.at(0).is_null()) {
+            levels.emplace();
+            for (const auto& l : inv.at(0)) {
+                auto level = integerOf<int32_t>(l);
+                if (!level) return answerError(inv, invalid(inv, "levels are 32-bit integers"));
+                levels->push_back(*level);
+            }
+        }
+        answerError(
+            inv, platform ? platform->setDisplayLayoutLevels(levels)
+                          : OptionalError(shellError(kSVShellErrorNotSynthetic, "No platform.")));
+    });
+    table.on("setDisplayTransformFlags:handler:", [platform, answerError,
+                                                   invalid](ipc::Invocation& inv) {
+        auto flags = inv.integerAt<uint32_t>(0);
+        if (!flags) return answerError(inv, invalid(inv, "transform flags are 1, 2 and 4"));
+        answerError(
+            inv, platform ? platform->setDisplayTransformFlags(*flags)
+                          : OptionalError(shellError(kSVShellErrorNotSynthetic, "No platform.")));
+    });
+    table.on("injectScreenCaptureFailure:handler:", [platform, answerError](ipc::Invocation& inv) {
+        answerError(
+            inv, platform ? platform->injectScreenCaptureFailure(inv.at(0).get<std::string>())
+                          : OptionalError(shellError(kSVShellErrorNotSynthetic, "No platform.")));
+    });
+    table.on("recordingStatusForCallerWithHandler:", [weakManager](ipc::Invocation& inv) {
+        auto manager = weakManager.lock();
+        Value status = Value(nullptr);
+        if (manager && inv.connection())
+            status = manager->recordingStatusForProcess(inv.connection()->processIdentifier());
+        inv.handler()(ipc::Arguments().add(std::move(status)));
+    });
+    table.on("advanceClockBy:handler:", [weakManager, answerError](ipc::Invocation& inv) {
+        auto manager = weakManager.lock();
+        answerError(inv, manager ? manager->advanceClockBy(inv.at(0).get<double>())
+                                 : OptionalError(shellError(kSVShellErrorNotAllowed,
+                                                            "No recording service runs here.")));
+    });
 }
 
 }  // namespace sv

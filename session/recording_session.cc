@@ -137,6 +137,7 @@ void SVRecordingSession::getStoreInfoWithHandler(StoreInfoHandler handler) {
 void SVRecordingSession::startSessionWithHandler(StartHandler handler) {
     log::info("SVRecordingSession: startSession");
     paused_.store(false);
+    framesWritten_.store(0);
     sessionHandler_.store(handler ? std::make_shared<StartHandler>(std::move(handler)) : nullptr);
     const uint64_t generation = ++captureGeneration_;
     // The last recording's writer is of no use any more. One that was never
@@ -503,7 +504,20 @@ void SVRecordingSession::_handOverSampleBuffer(const std::shared_ptr<SampleBuffe
         _notifyExtensionOfVideoSampleBuffer(original, kBroadcastSampleTypeVideo);
         return;
     }
-    if (auto writer = movieWriter_.load()) writer->appendVideoSampleBuffer(sample, transform);
+    auto writer = movieWriter_.load();
+    if (!writer) return;
+    writer->appendVideoSampleBuffer(sample, transform);
+    const double seconds = sample->presentationTime().seconds();
+    if (framesWritten_.fetch_add(1) == 0) firstWrittenSeconds_.store(seconds);
+    lastWrittenSeconds_.store(seconds);
+}
+
+SVRecordingSession::Progress SVRecordingSession::progress() const {
+    Progress p;
+    p.framesWritten = framesWritten_.load();
+    if (p.framesWritten > 0)
+        p.recordedSeconds = std::max(0.0, lastWrittenSeconds_.load() - firstWrittenSeconds_.load());
+    return p;
 }
 
 // --- Failures ---------------------------------------------------------------------

@@ -281,6 +281,15 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     MediaTime broadcastFragmentStartTime() const;
     void setBroadcastFragmentStartTime(MediaTime time);
 
+    // What the current (or last) recording has written so far: the frames
+    // handed to the movie writer and the length of the movie's video in
+    // seconds, the paused gaps cut out. Reset by each start. Any thread.
+    struct Progress {
+        int64_t framesWritten = 0;
+        double recordedSeconds = 0;
+    };
+    Progress progress() const;
+
     std::string description() const;
 
   private:
@@ -328,6 +337,10 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // The paused gaps in host-clock ticks, for the audio routes; written by
     // the frame path when it measures a gap and by finish.
     std::atomic<int64_t> audioTimeOffset_{0};
+    // Progress of the recording (the frame path writes, anyone reads).
+    std::atomic<int64_t> framesWritten_{0};
+    std::atomic<double> firstWrittenSeconds_{0};
+    std::atomic<double> lastWrittenSeconds_{0};
 
     // Serializes the session's calls into the shared capture manager (which
     // wants one caller at a time) and pairs each stop's generation step with

@@ -103,6 +103,17 @@ inline std::shared_ptr<const ipc::Interface> consentAgentProtocolInterface() {
     return i;
 }
 
+// Errors of the shell channel's recording methods (besides the IPC layer's
+// own): domain kSVShellErrorDomain, with a message under the error's
+// localized-description key.
+inline constexpr const char* kSVShellErrorDomain = "org.sorvel.SVShellErrorDomain";
+enum SVShellErrorCode : int64_t {
+    kSVShellErrorNotSynthetic = 1,     // the method drives the synthetic platform; this is not it
+    kSVShellErrorInvalidArgument = 2,  // a value out of range or of the wrong form
+    kSVShellErrorNotAllowed = 3,       // the daemon was not started to allow this
+    kSVShellErrorNoApplication = 4,    // the caller's process lies in no bundle
+};
+
 // The recording service's methods of the shell channel, added to the shell
 // protocol's own. Those that drive the synthetic platform answer with an
 // error on a real display.
@@ -120,6 +131,9 @@ inline std::shared_ptr<const ipc::Interface> consentAgentProtocolInterface() {
 //       no session: {"bundleID": text, "recording": bool, "paused": bool,
 //       "microphoneEnabled": bool, "systemRecording": bool, "elapsed": seconds
 //       recorded without pauses, "framesWritten": int, "movieBytes": int}
+//   advanceClockBy:handler:  (number, seconds >= 0) -> (error?)
+//       moves the daemon's clock of consent exemptions forward; only for a
+//       daemon started with --test-clock, an error otherwise
 inline std::vector<ipc::MethodSpec> recordingShellMethods() {
     using K = ipc::ArgKind;
     using ipc::orNull;
@@ -140,6 +154,8 @@ inline std::vector<ipc::MethodSpec> recordingShellMethods() {
         {"injectScreenCaptureFailure:handler:",
          {{K::String}, {K::Handler}},
          {orNull(K::Dictionary)}},
+        {"recordingStatusForCallerWithHandler:", {{K::Handler}}, {orNull(K::Dictionary)}},
+        {"advanceClockBy:handler:", {{K::Number}, {K::Handler}}, {orNull(K::Dictionary)}},
     };
 }
 

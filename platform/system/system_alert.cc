@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 
 #include "platform/dispatch.h"
@@ -239,15 +240,19 @@ struct SystemAlert::State {
     std::mutex mutex;
     std::condition_variable answered;
     std::optional<AlertResponse> response;
+    std::vector<std::function<void(AlertResponse)>> responseHandlers;
 
     // True when this call gave the answer.
     bool finish(AlertResponse r) {
+        std::vector<std::function<void(AlertResponse)>> handlers;
         {
             std::lock_guard lock(mutex);
             if (response) return false;
             response = r;
+            handlers.swap(responseHandlers);
         }
         answered.notify_all();
+        for (auto& h : handlers) h(r);
         log::debug("SystemAlert: alert %lu answered %@", id, alertResponseName(r));
         return true;
     }
@@ -388,6 +393,19 @@ std::optional<AlertResponse> SystemAlert::waitForResponseFor(std::chrono::nanose
     std::unique_lock lock(state_->mutex);
     state_->answered.wait_for(lock, timeout, [&] { return state_->response.has_value(); });
     return state_->response;
+}
+
+void SystemAlert::notifyOnResponse(std::function<void(AlertResponse)> handler) {
+    if (!handler) return;
+    std::optional<AlertResponse> answered;
+    {
+        std::lock_guard lock(state_->mutex);
+        if (state_->response)
+            answered = state_->response;
+        else
+            state_->responseHandlers.push_back(std::move(handler));
+    }
+    if (answered) handler(*answered);
 }
 
 std::optional<AlertResponse> SystemAlert::response() const {

@@ -21,6 +21,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -157,6 +158,11 @@ class SystemAlert {
     AlertResponse waitForResponse();
     // Nullopt when no answer came within `timeout` (the alert stays up).
     std::optional<AlertResponse> waitForResponseFor(std::chrono::nanoseconds timeout);
+    // Calls `handler` once with the answer, on the thread that gives it (at
+    // once, on the calling thread, when the alert is answered already); for
+    // callers that must not hold a thread while the user thinks. Keep the
+    // alert until then: releasing it unanswered answers Cancelled.
+    void notifyOnResponse(std::function<void(AlertResponse)> handler);
     std::optional<AlertResponse> response() const;
     // Takes the alert down; it answers Cancelled unless already answered.
     void cancel();

@@ -33,7 +33,7 @@ class SyntheticWindowSystem::LayoutMonitor : public DisplayLayoutMonitor {
         : DisplayLayoutMonitor(std::move(initial)), system_(std::move(system)) {}
     void publish(DisplayLayout layout) { updateLayout(std::move(layout)); }
     DisplayLayout currentLayout() const override {
-        return isValid() ? system_->computeLayout() : DisplayLayout{};
+        return isValid() ? system_->currentLayout() : DisplayLayout{};
     }
 
   private:
@@ -170,9 +170,44 @@ void SyntheticWindowSystem::hideLayersLocked(const App& app) {
     for (uint32_t id : app.layers) display_->removeLayer(id);
 }
 
+void SyntheticWindowSystem::backgroundOthersLocked(
+    const std::string& bundleID, std::map<std::string, ApplicationState>& before) {
+    if (!singleForeground_) return;
+    const std::string* frontmost = frontmostLocked();
+    for (auto& [id, app] : apps_) {
+        if (id == bundleID || !app.foreground) continue;
+        before.emplace(id, stateOf(id, app, frontmost));
+        app.foreground = false;
+        hideLayersLocked(app);
+    }
+}
+
+void SyntheticWindowSystem::setSingleForegroundApplication(bool single) {
+    std::lock_guard lock(mutex_);
+    singleForeground_ = single;
+}
+
+bool SyntheticWindowSystem::isSingleForegroundApplication() const {
+    std::lock_guard lock(mutex_);
+    return singleForeground_;
+}
+
+std::optional<int32_t> SyntheticWindowSystem::processOwningLayerContext(uint32_t contextID) const {
+    {
+        std::lock_guard lock(mutex_);
+        for (const auto& [bundleID, app] : apps_)
+            if (std::find(app.layers.begin(), app.layers.end(), contextID) != app.layers.end())
+                return app.pid > 0 ? std::optional<int32_t>(app.pid) : std::nullopt;
+    }
+    for (const auto& layer : display_->layers())
+        if (layer.contextID == contextID && layer.ownerPID > 0) return layer.ownerPID;
+    return std::nullopt;
+}
+
 std::vector<uint32_t> SyntheticWindowSystem::launchApplication(const std::string& bundleID,
                                                                int32_t pid) {
     if (!validBundleID(bundleID) || pid <= 0) return {};
+    std::lock_guard change(changeMutex_);
     std::lock_guard lock(mutex_);
     auto before = affectedLocked(bundleID);
     auto it = apps_.find(bundleID);
@@ -190,6 +225,7 @@ std::vector<uint32_t> SyntheticWindowSystem::launchApplication(const std::string
         app.pid = pid;
     }
     if (app.layers.empty()) app.layers.push_back(display_->makeContextID());
+    backgroundOthersLocked(bundleID, before);
     app.foreground = true;
     app.activation = ++activationCounter_;
     showLayersLocked(app, bundleID);
@@ -201,6 +237,7 @@ std::vector<uint32_t> SyntheticWindowSystem::launchApplication(const std::string
 bool SyntheticWindowSystem::setForeground(const std::string& bundleID, bool foreground,
                                           int32_t pid) {
     if (!validBundleID(bundleID)) return false;
+    std::lock_guard change(changeMutex_);
     std::lock_guard lock(mutex_);
     auto before = affectedLocked(bundleID);
     auto it = apps_.find(bundleID);
@@ -215,6 +252,7 @@ bool SyntheticWindowSystem::setForeground(const std::string& bundleID, bool fore
         app.pid = pid;
     }
     if (foreground) {
+        backgroundOthersLocked(bundleID, before);
         app.foreground = true;
         app.activation = ++activationCounter_;
         showLayersLocked(app, bundleID);
@@ -227,6 +265,7 @@ bool SyntheticWindowSystem::setForeground(const std::string& bundleID, bool fore
 }
 
 bool SyntheticWindowSystem::terminate(const std::string& bundleID) {
+    std::lock_guard change(changeMutex_);
     std::lock_guard lock(mutex_);
     auto it = apps_.find(bundleID);
     if (it == apps_.end()) return false;
@@ -292,6 +331,7 @@ std::optional<std::vector<int32_t>> SyntheticWindowSystem::layoutLevels() const 
 }
 
 DisplayLayout SyntheticWindowSystem::currentLayout() const {
+    std::lock_guard change(changeMutex_);
     return computeLayout();
 }
 
@@ -336,7 +376,7 @@ void SyntheticWindowSystem::scheduleLayoutUpdate() {
                 if (auto m = w.lock()) monitors.push_back(std::move(m));
         }
         if (monitors.empty()) return;
-        DisplayLayout layout = self->computeLayout();
+        DisplayLayout layout = self->currentLayout();
         for (const auto& m : monitors) m->publish(layout);
     });
 }
@@ -351,12 +391,12 @@ std::shared_ptr<ApplicationStateMonitor> SyntheticWindowSystem::makeApplicationS
 }
 
 std::shared_ptr<DisplayLayoutMonitor> SyntheticWindowSystem::makeMainDisplayLayoutMonitor() {
-    auto monitor = std::make_shared<LayoutMonitor>(shared_from_this(), computeLayout());
+    auto monitor = std::make_shared<LayoutMonitor>(shared_from_this(), currentLayout());
     {
         std::lock_guard lock(layoutMutex_);
         layoutMonitors_.push_back(monitor);
     }
-    // A change between computeLayout() and the registration above would
+    // A change between currentLayout() and the registration above would
     // otherwise go unseen until the next one.
     scheduleLayoutUpdate();
     return monitor;

@@ -13,7 +13,14 @@
 //
 // The layout is one element per layer of the display, bottom to top, with the
 // layer's level (identifier = context identifier, owner pid and bundle), unless
-// an explicit list of levels overrides it (setLayoutLevels).
+// an explicit list of levels overrides it (setLayoutLevels). Layouts are taken
+// between two changes of the window system, never in the middle of one: a
+// change that moves several layers (an application coming to the foreground
+// while another leaves it) is seen as the layout before and the layout after.
+//
+// With setSingleForegroundApplication(true) one application at a time has the
+// screen, as on a phone: the application that comes to the foreground sends
+// every other one to the background in the same change.
 //
 // Threads: every method may be called from any thread. Each monitor calls its
 // handlers and observers on its own serial queue (ApplicationStateMonitor::
@@ -75,6 +82,16 @@ class SyntheticWindowSystem : public UiBackend,
     // Forgets the application and removes its layers. False when unknown.
     bool terminate(const std::string& bundleID);
 
+    // Off by default: other applications keep their foreground flag (and
+    // their layers, covered) when one comes to the foreground.
+    void setSingleForegroundApplication(bool single);
+    bool isSingleForegroundApplication() const;
+
+    // The process owning the layer `contextID`: the application's process
+    // for an application's layer (on the display or not), else the owner of
+    // a layer on the display; nullopt when unknown.
+    std::optional<int32_t> processOwningLayerContext(uint32_t contextID) const override;
+
     // Context identifiers of an application's layers / of a process's layers,
     // whether on the display or not.
     std::vector<uint32_t> layerContextIDs(const std::string& bundleID) const;
@@ -122,6 +139,11 @@ class SyntheticWindowSystem : public UiBackend,
                              const std::map<std::string, ApplicationState>& before);
     void showLayersLocked(App& app, const std::string& bundleID);
     void hideLayersLocked(const App& app);
+    // Single-foreground mode: sends every foreground application but
+    // `bundleID` to the background, adding their states before the change
+    // to `before`.
+    void backgroundOthersLocked(const std::string& bundleID,
+                                std::map<std::string, ApplicationState>& before);
     void scheduleLayoutUpdate();
     DisplayLayout computeLayout() const;
 
@@ -129,9 +151,14 @@ class SyntheticWindowSystem : public UiBackend,
     std::shared_ptr<DispatchQueue> layoutQueue_;
     uint64_t layersObserverToken_ = 0;
 
+    // Held by each change of the applications for its whole length and by
+    // every computation of the layout, so no layout is taken in the middle
+    // of a change. Taken before mutex_ and layoutMutex_.
+    mutable std::mutex changeMutex_;
     mutable std::mutex mutex_;  // applications and state monitors
     std::map<std::string, App> apps_;
     uint64_t activationCounter_ = 0;
+    bool singleForeground_ = false;
     std::vector<std::weak_ptr<StateMonitor>> stateMonitors_;
 
     mutable std::mutex layoutMutex_;  // override and layout monitors

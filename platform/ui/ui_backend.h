@@ -5,6 +5,7 @@
 // synthetic display (platform/ui/synthetic_window_system.h).
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,6 +28,11 @@ class UiBackend {
     // The bundle identifier of the frontmost application, or nullopt.
     // Synchronous, any thread.
     virtual std::optional<std::string> frontmostApplicationBundleIdentifier() = 0;
+    // The process that owns the layer context (synthetic) or window (X11)
+    // `contextID`, as far as the window system knows; nullopt when it knows
+    // no owner. What the recording service checks before it records a
+    // layer for an application. Synchronous, any thread.
+    virtual std::optional<int32_t> processOwningLayerContext(uint32_t contextID) const = 0;
 };
 
 enum class UiBackendKind { Automatic, X11, Synthetic };

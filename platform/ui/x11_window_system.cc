@@ -262,6 +262,8 @@ struct X11WindowSystem::Core {
     DisplayLayout layout;
     std::map<std::string, ApplicationState> apps;  // foreground or frontmost ones
     std::optional<std::string> frontmost;
+    // Counted top-level and client windows with a trusted owner process.
+    std::unordered_map<uint32_t, int32_t> windowOwners;
     uint64_t scans = 0;
     std::vector<std::weak_ptr<X11StateMonitor>> stateMonitors;
     std::vector<std::weak_ptr<X11LayoutMonitor>> layoutMonitors;
@@ -638,6 +640,16 @@ void X11WindowSystem::Core::scan() {
         s.pid = activePid;
         s.state |= kApplicationStateRunning | kApplicationStateFrontmost;
     }
+    std::unordered_map<uint32_t, int32_t> owners;
+    for (const auto& w : windows) {
+        if (w.pid <= 0) continue;
+        owners[w.client] = w.pid;
+        owners[w.topLevel] = w.pid;
+    }
+    {
+        std::lock_guard lock(mutex);
+        windowOwners = std::move(owners);
+    }
     publish(std::move(newLayout), std::move(newApps), activeBundle);
 }
 
@@ -690,6 +702,7 @@ void X11WindowSystem::Core::connectionLost() {
     publish({}, {}, std::nullopt);
     std::lock_guard lock(mutex);
     connected = false;
+    windowOwners.clear();
 }
 
 namespace {
@@ -850,6 +863,13 @@ std::vector<ApplicationState> X11WindowSystem::applications() const {
     std::vector<ApplicationState> list;
     for (const auto& [id, s] : core_->apps) list.push_back(s);
     return list;
+}
+
+std::optional<int32_t> X11WindowSystem::processOwningLayerContext(uint32_t contextID) const {
+    std::lock_guard lock(core_->mutex);
+    auto it = core_->windowOwners.find(contextID);
+    if (it == core_->windowOwners.end()) return std::nullopt;
+    return it->second;
 }
 
 ApplicationState X11WindowSystem::applicationState(const std::string& bundleID) const {

@@ -117,6 +117,9 @@ class X11WindowSystem : public UiBackend, public std::enable_shared_from_this<X1
     std::shared_ptr<ApplicationStateMonitor> makeApplicationStateMonitor() override;
     std::shared_ptr<DisplayLayoutMonitor> makeMainDisplayLayoutMonitor() override;
     std::optional<std::string> frontmostApplicationBundleIdentifier() override;
+    // The trusted _NET_WM_PID owner of a counted top-level window or of its
+    // client window, as of the last scan.
+    std::optional<int32_t> processOwningLayerContext(uint32_t contextID) const override;
 
     struct Core;
 

@@ -214,6 +214,9 @@ TEST_F(DaemonTest, PurgeAndLockButtonDuringARecording) {
     EXPECT_TRUE(capture.contains("SVRecordingManager: stopRecordingWithHandler:"));
     EXPECT_TRUE(capture.contains("SVRecordingManager:recordingSessionStoppedWithError:movieURL:"));
 
+    // A new recording, and the device is locked.
+    session->setRecording(true);
+    manager->setCurrentRecordingSession(session);
     capture.clear();
     NotificationCenter::defaultCenter().post(kLockButtonPressedNotification);
     EXPECT_TRUE(capture.contains("SVRecordingManager: _handleLockButtonWasPressedNotification"));

@@ -1,0 +1,76 @@
+// SVConsentAgentRegistry: the daemon's alert presenter. The daemon has no
+// screen of its own; a consent agent, a process of the logged-in user,
+// registers on the shell channel (registerConsentAgentWithPreferredLanguages:)
+// and exports SVConsentAgentProtocol on that connection. Every system alert
+// the daemon creates is sent to the newest registered agent as
+// presentAlert:handler:, and the agent's answer answers the alert.
+//
+// With no agent registered, or with one whose connection has ended, an alert
+// cannot be created (presentAlert returns false). An agent that goes away
+// while it shows alerts answers them all Cancelled (the IPC layer fails
+// their pending calls); so does an answer that is not one of the four
+// names. At most kMaxAlertsAtAgent alerts wait for answers at once; a
+// further one cannot be created, so a flood of start requests cannot pile
+// questions up in front of the user.
+//
+// Threads: every method may be called from any thread; alerts are answered
+// on the agent connection's queue. Holds agent connections weakly (the IPC
+// layer keeps them while they are open).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/ipc/ipc.h"
+#include "platform/system/system_alert.h"
+
+namespace sv {
+
+inline constexpr size_t kMaxAlertsAtAgent = 8;
+// Languages an agent may name; more are ignored, as are over-long ones.
+inline constexpr size_t kMaxAgentLanguages = 16;
+inline constexpr size_t kMaxLanguageIdentifierBytes = 35;
+
+class SVConsentAgentRegistry : public AlertPresenter,
+                               public std::enable_shared_from_this<SVConsentAgentRegistry> {
+  public:
+    static std::shared_ptr<SVConsentAgentRegistry> create();
+
+    // `connection` becomes the consent agent, replacing any earlier one
+    // (whose shown alerts stay with it). Its remote object interface must be
+    // SVConsentAgentProtocol. Languages are kept in order, without entries
+    // that are empty, too long or hold anything but letters, digits, "-"
+    // and "_".
+    void registerAgent(const std::shared_ptr<ipc::Connection>& connection,
+                       const std::vector<std::string>& preferredLanguages);
+    // The connection ended: it is no longer the agent.
+    void connectionEnded(const ipc::Connection* connection);
+
+    bool hasAgent() const;
+    // The current agent's preferred languages, most preferred first (empty
+    // without an agent).
+    std::vector<std::string> preferredLanguages() const;
+    size_t alertsAtAgent() const;
+
+    // AlertPresenter
+    bool presentAlert(uint64_t alertID, const AlertRequest& request, AlertReply reply) override;
+    // The agent protocol has no way to take an alert back: the agent keeps
+    // showing it, and its answer, when it comes, is ignored.
+    void withdrawAlert(uint64_t alertID) override;
+
+  private:
+    SVConsentAgentRegistry() = default;
+    void alertDone(uint64_t alertID);
+
+    mutable std::mutex mutex_;
+    std::weak_ptr<ipc::Connection> agent_;
+    std::vector<std::string> languages_;
+    std::map<uint64_t, AlertReply> pending_;  // alerts at an agent, by identifier
+};
+
+}  // namespace sv

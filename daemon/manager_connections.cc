@@ -1,0 +1,310 @@
+// SVRecordingManager: client connections. Acceptance by peer process, the
+// application's bundle, the client proxy, replaced connections, disconnects,
+// and SVDaemonProtocol as exported on each accepted connection.
+//
+// Who keeps an accepted connection alive: the IPC layer, while its socket is
+// open. The proxy and the manager's SVClientConnection refer to it weakly, so
+// nothing in the daemon prolongs a connection its peer has closed.
+#include <cmath>
+#include <limits>
+
+#include "daemon/protocol/recording_protocol.h"
+#include "daemon/recording_manager.h"
+#include "platform/log.h"
+#include "platform/process/process_info.h"
+
+namespace sv {
+namespace {
+
+// Most layer context identifiers one start request may name.
+constexpr size_t kMaxContextIDs = 1024;
+// Longest bundle identifier taken from a request.
+constexpr size_t kMaxBundleIDBytes = 255;
+
+// A request whose values do not make sense: the error its handler gets.
+Error malformedRequestError(const std::string& why) {
+    Error e = ipc::makeError(ipc::kErrorMessageRejected);
+    e.userInfo[kLocalizedDescriptionKey] = "The request was not carried out: " + why + ".";
+    return e;
+}
+
+void logMalformed(const ipc::Invocation& inv, const std::string& why) {
+    static log::RateLimit limit;
+    log::error(limit, "SVRecordingManager: malformed %@ from pid %i dropped: %@", inv.method(),
+               inv.connection() ? int32_t(inv.connection()->processIdentifier()) : 0, why);
+}
+
+Value errorValue(const OptionalError& e) {
+    return e ? e->toValue() : Value(nullptr);
+}
+
+Value urlValue(const std::optional<URL>& url) {
+    return url ? Value(url->absoluteString()) : Value(nullptr);
+}
+
+std::optional<std::vector<uint32_t>> contextIDsOf(const Value& v, std::string* why) {
+    if (!v.is_array() || v.size() > kMaxContextIDs) {
+        *why = "layer context identifiers are a list of at most 1024 entries";
+        return std::nullopt;
+    }
+    std::vector<uint32_t> ids;
+    ids.reserve(v.size());
+    for (const auto& id : v) {
+        auto n = integerOf<uint32_t>(id);
+        if (!n) {
+            *why = "a layer context identifier is an integer from 0 to 4294967295";
+            return std::nullopt;
+        }
+        ids.push_back(*n);
+    }
+    return ids;
+}
+
+// Sides that are no finite positive numbers are left to the session, which
+// records the display's size instead; only the form is checked here.
+std::optional<WindowSize> windowSizeOf(const Value& v, std::string* why) {
+    auto width = numberAt(v, "width");
+    auto height = numberAt(v, "height");
+    if (!width || !height) {
+        *why = "a window size is {\"width\": number, \"height\": number}";
+        return std::nullopt;
+    }
+    auto toFloat = [](double d) {
+        if (std::isnan(d)) return std::numeric_limits<float>::quiet_NaN();
+        if (d > std::numeric_limits<float>::max()) return std::numeric_limits<float>::infinity();
+        if (d < -std::numeric_limits<float>::max()) return -std::numeric_limits<float>::infinity();
+        return float(d);
+    };
+    return WindowSize{toFloat(*width), toFloat(*height)};
+}
+
+std::optional<std::string> bundleIDOf(const Value& v) {
+    if (!v.is_string()) return std::nullopt;
+    auto s = v.get<std::string>();
+    if (s.size() > kMaxBundleIDBytes) return std::nullopt;
+    return s;
+}
+
+}  // namespace
+
+std::shared_ptr<Bundle> SVRecordingManager::bundleWithPID(pid_t pid) {
+    char path[kMaxProcessPathBytes];
+    int length = processExecutablePath(pid, path, sizeof path);
+    if (length <= 0) return nullptr;
+    URL executable = URL::fileURLWithPath(std::string(path, size_t(length)));
+    auto bundleURL = enclosingBundleURL(executable);
+    if (!bundleURL) return nullptr;
+    return Bundle::bundleWithPath(bundleURL->path);
+}
+
+bool SVRecordingManager::listenerShouldAcceptNewConnection(
+    ipc::Listener&, const std::shared_ptr<ipc::Connection>& connection) {
+    log::info("SVRecordingManager: shouldAcceptNewConnection:");
+    const pid_t pid = connection->processIdentifier();
+    if (pid == 0) return false;
+    // The file system is read here, on the listener's queue, not on the
+    // manager's.
+    auto bundle = bundleWithPID(pid);
+    std::string bundleID = bundle ? bundle->bundleIdentifier().value_or("") : "";
+    if (bundleID.size() > kMaxBundleIDBytes) {
+        log::error("SVRecordingManager: pid %i has a bundle identifier of %lu bytes; taken as none",
+                   int32_t(pid), bundleID.size());
+        bundleID.clear();
+    }
+    log::info("accepted client connection PID: %d", int32_t(pid));
+    bool accepted = false;
+    queue_->sync([&] {
+        auto client = std::make_shared<SVClientConnection>();
+        client->connection = connection;
+        client->pid = pid;
+        client->bundleID = bundleID;
+        accepted = true;
+
+        connection->setExportedObject(makeExportedObject(client));
+        connection->setExportedInterface(daemonProtocolInterface());
+        connection->setRemoteObjectInterface(clientProtocolInterface());
+        std::weak_ptr<SVRecordingManager> weak = weak_from_this();
+        auto disconnected = [weak, client] {
+            if (auto self = weak.lock())
+                self->queue_->async(
+                    [self, client] { self->applicationDisconnectedWithBundleID(client); });
+        };
+        connection->setInterruptionHandler([disconnected] {
+            log::info("connection INTERRUPTED");
+            disconnected();
+        });
+        connection->setInvalidationHandler([disconnected] {
+            log::info("connection INVALID");
+            disconnected();
+        });
+
+        auto session = recordingSessionForBundleID(bundleID);
+        if (session) {
+            session->setBundleID(bundleID);
+            // The application connects again: its older connection is
+            // silently replaced, without the handlers of a disconnect.
+            if (auto previous = session->clientProxy()) {
+                if (auto old = previous->connection()) {
+                    old->setInvalidationHandler(nullptr);
+                    old->setInterruptionHandler(nullptr);
+                    old->invalidate();
+                }
+            }
+            if (auto older = clientOfBundle(bundleID); older && older != client) {
+                older->ended = true;
+                older->heldRequests.clear();
+                if (auto alert = std::exchange(older->pendingAlert, nullptr)) alert->cancel();
+            }
+            clients_[bundleID] = client;
+            session->setClientProxy(SVClientProxy::initWithBundleIdentifier(bundleID, connection));
+        }
+        setCurrentRecordingSession(session);
+        platform_->applicationConnected(bundleID, pid);
+        connection->resume();
+        expireAcknowledgementExemptionsForBundleID(bundleID);
+    });
+    return accepted;
+}
+
+void SVRecordingManager::applicationDisconnectedWithBundleID(
+    const std::shared_ptr<SVClientConnection>& client) {
+    // A connection replaced by a newer one is not a disconnect; its handlers
+    // were removed, but one may have been on its way already.
+    if (client->ended) return;
+    client->ended = true;
+    client->heldRequests.clear();
+    if (auto alert = std::exchange(client->pendingAlert, nullptr)) alert->cancel();
+    log::info("SVRecordingManager: applicationDisconnected");
+    const std::string& bundleID = client->bundleID;
+    if (bundleID.empty()) return;  // no session was attached
+    if (clientOfBundle(bundleID) == client) clients_.erase(bundleID);
+    // The application's own recording ends, thrown away; another
+    // application's recording is none of its business.
+    auto it = bundleIDToRecordingSessionLookup_.find(bundleID);
+    if (it != bundleIDToRecordingSessionLookup_.end())
+        stopRecordingWithHandler(it->second, StopHandler());
+    removeSessionForBundleID(bundleID);
+    platform_->applicationDisconnected(bundleID, client->pid);
+}
+
+std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
+    const std::shared_ptr<SVClientConnection>& client) {
+    std::weak_ptr<SVRecordingManager> weak = weak_from_this();
+    // Each method reads its arguments on the connection's queue, then waits
+    // for the manager's queue, so a client that floods requests is held
+    // back by its own connection.
+    auto run = [weak, client](std::function<void(SVRecordingManager&)> request) {
+        auto self = weak.lock();
+        if (!self) return;
+        self->queue_->sync([&] {
+            self->submit(client, [self, request = std::move(request)] { request(*self); });
+        });
+    };
+    auto table = std::make_shared<ipc::MethodTable>();
+    table->on(
+        "startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:"
+        "broadcast:systemRecording:withHandler:",
+        [run, client](ipc::Invocation& inv) {
+            ipc::ReplyHandler reply = inv.handler();
+            std::string why;
+            auto ids = contextIDsOf(inv.at(0), &why);
+            auto size = ids ? windowSizeOf(inv.at(1), &why) : std::nullopt;
+            if (!ids || !size) {
+                logMalformed(inv, why);
+                reply(ipc::Arguments()
+                          .add(malformedRequestError(why).toValue())
+                          .add(Value(false))
+                          .add(Value(false)));
+                return;
+            }
+            const bool mic = inv.at(2).get<bool>(), camera = inv.at(3).get<bool>(),
+                       broadcast = inv.at(4).get<bool>(), system = inv.at(5).get<bool>();
+            StartHandler handler = [reply](OptionalError error, bool m, bool c) {
+                reply(ipc::Arguments().add(errorValue(error)).add(Value(m)).add(Value(c)));
+            };
+            run([=, ids = std::move(*ids)](SVRecordingManager& m) {
+                m.startRecordingWindowLayerContextIDs(client, ids, *size, mic, camera, broadcast,
+                                                      system, handler);
+            });
+        });
+    table->on(
+        "setupBroadcastWithHostBundleID:broadcastExtensionBundleID:broadcastConfigurationData:"
+        "userInfo:handler:",
+        [run, client](ipc::Invocation& inv) {
+            ipc::ReplyHandler reply = inv.handler();
+            auto host = bundleIDOf(inv.at(0));
+            auto extension = bundleIDOf(inv.at(1));
+            if (!host || !extension) {
+                logMalformed(inv, "bundle identifiers of at most 255 bytes");
+                reply(ipc::Arguments().add(
+                    malformedRequestError("bundle identifiers have at most 255 bytes").toValue()));
+                return;
+            }
+            SetupHandler handler = [reply](OptionalError error) {
+                reply(ipc::Arguments().add(errorValue(error)));
+            };
+            run([=](SVRecordingManager& m) {
+                m.setupBroadcastWithHostBundleID(client, *host, *extension, handler);
+            });
+        });
+    auto stopHandler = [](ipc::ReplyHandler reply) -> StopHandler {
+        if (!reply) return nullptr;
+        return [reply](std::optional<URL> movie, OptionalError error) {
+            reply(ipc::Arguments().add(urlValue(movie)).add(errorValue(error)));
+        };
+    };
+    table->on("stopRecordingWithHandler:", [run, client, stopHandler](ipc::Invocation& inv) {
+        StopHandler handler = stopHandler(inv.handler());
+        run([=](SVRecordingManager& m) { m.stopRecordingWithHandler(client, handler); });
+    });
+    table->on("stopRecordingWithStartClipDuration:endClipDuration:handler:",
+              [run, client, stopHandler](ipc::Invocation& inv) {
+                  auto start = inv.at(0).get<double>(), end = inv.at(1).get<double>();
+                  if (!std::isfinite(start) || !std::isfinite(end)) {
+                      logMalformed(inv, "clip durations are finite numbers");
+                      if (auto h = stopHandler(inv.handler()))
+                          h(std::nullopt,
+                            malformedRequestError("clip durations are finite numbers of seconds"));
+                      return;
+                  }
+                  StopHandler handler = stopHandler(inv.handler());
+                  run([=](SVRecordingManager& m) {
+                      m.stopRecordingWithStartClipDuration(client, start, end, handler);
+                  });
+              });
+    table->on("pauseRecording", [run, client](ipc::Invocation&) {
+        run([=](SVRecordingManager& m) { m.pauseRecording(client); });
+    });
+    table->on("resumeRecordingWithWindowLayerContextID:", [run, client](ipc::Invocation& inv) {
+        auto id = inv.integerAt<uint32_t>(0);
+        if (!id) return logMalformed(inv, "a layer context identifier is an unsigned integer");
+        run([=](SVRecordingManager& m) { m.resumeRecordingWithWindowLayerContextID(client, *id); });
+    });
+    table->on("setMicrophoneEnabled:", [run, client](ipc::Invocation& inv) {
+        const bool enabled = inv.at(0).get<bool>();
+        run([=](SVRecordingManager& m) { m.setMicrophoneEnabled(client, enabled); });
+    });
+    table->on("discardRecordingWithHandler:", [run, client](ipc::Invocation& inv) {
+        ipc::ReplyHandler reply = inv.handler();
+        DiscardHandler handler;
+        if (reply) handler = [reply] { reply(); };
+        run([=](SVRecordingManager& m) { m.discardRecordingWithHandler(client, handler); });
+    });
+    for (const char* name :
+         {"clientDidBecomeActiveWithBundleID:", "clientDidResignActiveWithBundleID:"}) {
+        const bool active = std::string(name) == "clientDidBecomeActiveWithBundleID:";
+        table->on(name, [run, client, active](ipc::Invocation& inv) {
+            auto bundleID = bundleIDOf(inv.at(0));
+            if (!bundleID) return logMalformed(inv, "a bundle identifier of at most 255 bytes");
+            run([=](SVRecordingManager& m) {
+                if (active)
+                    m.clientDidBecomeActiveWithBundleID(client, *bundleID);
+                else
+                    m.clientDidResignActiveWithBundleID(client, *bundleID);
+            });
+        });
+    }
+    return table;
+}
+
+}  // namespace sv

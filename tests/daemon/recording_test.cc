@@ -1,0 +1,784 @@
+// The recording service end to end: a private sorveld per test (its own
+// runtime directory and home, the synthetic screen and audio, the clock
+// movable through the shell channel), test applications that record
+// themselves through the client library (copies of sorvel_test_app in bundle
+// directories), and a consent agent inside the test. Movies are judged by
+// the movie inspector.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <condition_variable>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "client/consent_agent.h"
+#include "client/shell_client.h"
+#include "daemon/protocol/recording_protocol.h"
+#include "daemon/protocol/service_names.h"
+#include "movie/movie_inspector.h"
+#include "platform/dispatch.h"
+#include "platform/ipc/ipc.h"
+#include "platform/log.h"
+#include "platform/url.h"
+#include "tests/process/process_helpers.h"
+
+extern char** environ;
+
+using namespace sv;
+using namespace std::chrono_literals;
+using sv::test::eventually;
+using sv::test::waitForExit;
+
+namespace {
+
+constexpr auto kAnswer = 30s;  // generous: sanitizer builds on a busy machine
+const std::string kAlpha = "org.sorvel.tests.alpha";
+const std::string kBeta = "org.sorvel.tests.beta";
+
+std::string readAll(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+size_t countOf(const std::string& text, const std::string& fragment) {
+    size_t n = 0;
+    for (size_t at = text.find(fragment); at != std::string::npos;
+         at = text.find(fragment, at + fragment.size()))
+        ++n;
+    return n;
+}
+
+bool exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+// One test application: commands go to its standard input, its report
+// lines come from its standard output.
+class App {
+  public:
+    App(const std::string& executable, const std::string& runtimeDir, const std::string& log) {
+        int in[2], out[2];
+        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
+        std::vector<std::string> env;
+        for (char** e = environ; *e; ++e)
+            if (std::strncmp(*e, "SORVEL_RUNTIME_DIR=", 19) != 0) env.emplace_back(*e);
+        env.push_back("SORVEL_RUNTIME_DIR=" + runtimeDir);
+        std::vector<char*> a{const_cast<char*>(executable.c_str()), nullptr}, en;
+        for (auto& s : env) en.push_back(s.data());
+        en.push_back(nullptr);
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_adddup2(&fa, in[0], 0);
+        posix_spawn_file_actions_adddup2(&fa, out[1], 1);
+        posix_spawn_file_actions_addopen(&fa, 2, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        if (posix_spawn(&pid_, a[0], &fa, nullptr, a.data(), en.data()) != 0) pid_ = -1;
+        posix_spawn_file_actions_destroy(&fa);
+        close(in[0]);
+        close(out[1]);
+        toApp_ = in[1];
+        fromApp_ = out[0];
+    }
+    ~App() {
+        if (toApp_ >= 0) close(toApp_);
+        if (pid_ > 0 && waitForExit(pid_, 10s) < 0) pid_ = -1;
+        if (fromApp_ >= 0) close(fromApp_);
+    }
+    pid_t pid() const { return pid_; }
+
+    void send(const std::string& command) {
+        std::string line = command + "\n";
+        ASSERT_EQ(write(toApp_, line.data(), line.size()), ssize_t(line.size()));
+    }
+    // The first unread line beginning with `prefix` (the prefix cut off), or
+    // nullopt after `timeout`.
+    std::optional<std::string> expect(const std::string& prefix,
+                                      std::chrono::milliseconds timeout = kAnswer) {
+        auto end = std::chrono::steady_clock::now() + timeout;
+        while (true) {
+            for (auto it = lines_.begin(); it != lines_.end(); ++it) {
+                if (it->rfind(prefix, 0) == 0) {
+                    std::string rest = it->substr(prefix.size());
+                    lines_.erase(it);
+                    return rest;
+                }
+            }
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                end - std::chrono::steady_clock::now());
+            if (left.count() <= 0 || !readSome(left)) return std::nullopt;
+        }
+    }
+    // Whether an unread line begins with `prefix`, reading what is there.
+    bool has(const std::string& prefix) {
+        while (readSome(0ms)) {
+        }
+        for (const auto& l : lines_)
+            if (l.rfind(prefix, 0) == 0) return true;
+        return false;
+    }
+    void kill() {
+        if (pid_ > 0) ::kill(pid_, SIGKILL);
+    }
+
+  private:
+    bool readSome(std::chrono::milliseconds timeout) {
+        pollfd p{fromApp_, POLLIN, 0};
+        if (poll(&p, 1, int(timeout.count())) != 1) return false;
+        char buf[4096];
+        ssize_t n = read(fromApp_, buf, sizeof buf);
+        if (n <= 0) return false;
+        partial_.append(buf, size_t(n));
+        for (size_t nl; (nl = partial_.find('\n')) != std::string::npos;) {
+            lines_.push_back(partial_.substr(0, nl));
+            partial_.erase(0, nl + 1);
+        }
+        return true;
+    }
+
+    pid_t pid_ = -1;
+    int toApp_ = -1, fromApp_ = -1;
+    std::string partial_;
+    std::deque<std::string> lines_;
+};
+
+// "CODE PATH" of a stop answer or callback.
+struct StopReport {
+    int64_t code = 0;
+    std::string path;  // "" for none
+};
+std::optional<StopReport> parseStop(const std::optional<std::string>& text) {
+    if (!text) return std::nullopt;
+    std::istringstream in(*text);
+    StopReport r;
+    in >> r.code >> r.path;
+    if (r.path == "-") r.path.clear();
+    return r;
+}
+
+// The consent agent of the logged-in user, played by the test.
+class Agent {
+  public:
+    explicit Agent(std::vector<std::string> languages = {"en"}) {
+        ConsentAgent::Options o;
+        o.preferredLanguages = std::move(languages);
+        o.presenter = [this](const ConsentAlert& alert, ConsentAgent::Answer answer) {
+            std::optional<ConsentResponse> scripted;
+            {
+                std::lock_guard lock(mutex_);
+                alerts_.push_back(alert);
+                if (!script_.empty()) {
+                    scripted = script_.front();
+                    script_.pop_front();
+                } else {
+                    held_.push_back(std::move(answer));
+                }
+                changed_.notify_all();
+            }
+            // Answered outside the lock: the agent may report an event from
+            // within the answer.
+            if (scripted) answer(*scripted);
+        };
+        o.events = [this](ConsentAgent::Event e, const std::string&) {
+            std::lock_guard lock(mutex_);
+            if (e == ConsentAgent::Event::Registered) registered_ = true;
+            changed_.notify_all();
+        };
+        agent_ = ConsentAgent::create(std::move(o));
+        agent_->start();
+    }
+    ~Agent() { agent_->stop(); }
+
+    bool waitUntilRegistered() {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, kAnswer, [&] { return registered_; });
+    }
+    // Answers for the next alerts, in order; without one an alert is held.
+    void script(std::initializer_list<ConsentResponse> answers) {
+        std::lock_guard lock(mutex_);
+        script_.insert(script_.end(), answers);
+    }
+    bool waitForHeld(size_t n) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, kAnswer, [&] { return held_.size() >= n; });
+    }
+    void answerHeld(ConsentResponse r) {
+        ConsentAgent::Answer answer;
+        {
+            std::lock_guard lock(mutex_);
+            if (held_.empty()) return;
+            answer = std::move(held_.front());
+            held_.pop_front();
+        }
+        answer(r);
+    }
+    std::vector<ConsentAlert> alerts() const {
+        std::lock_guard lock(mutex_);
+        return alerts_;
+    }
+    void stop() { agent_->stop(); }
+
+  private:
+    std::shared_ptr<ConsentAgent> agent_;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    bool registered_ = false;
+    std::deque<ConsentResponse> script_;
+    std::deque<ConsentAgent::Answer> held_;
+    std::vector<ConsentAlert> alerts_;
+};
+
+class RecordingTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        log::setOutputEnabled(false);
+        root_ = sv::test::makeTempDir("sv-recording-");
+        ASSERT_FALSE(root_.empty());
+        home_ = root_ + "/home";
+        run_ = root_ + "/run";
+        mkdir(home_.c_str(), 0700);
+        mkdir(run_.c_str(), 0700);
+        store_ = home_ + "/Library/Sorvel/";
+        log_ = root_ + "/sorveld.log";
+        ipc::setRuntimeDirectory(run_);
+        daemon_ = sv::test::spawnProcess(
+            {SORVELD, "--runtime-dir", run_, "--home", home_, "--log-level", "default",
+             "--screen-backend", "synthetic", "--audio-backend", "synthetic", "--test-clock"},
+            {"SORVEL_SCREEN_BACKEND=synthetic", "SORVEL_AUDIO_BACKEND=synthetic",
+             std::string("SORVEL_BUNDLE_PATH=") + TEST_BUNDLES_DIR},
+            log_);
+        ASSERT_GT(daemon_, 0);
+        ASSERT_TRUE(
+            eventually([&] { return exists(ipc::servicePath(kShellServiceName)); }, kAnswer));
+    }
+    void TearDown() override {
+        apps_.clear();
+        agent_.reset();
+        shell_.reset();
+        if (daemon_ > 0) {
+            kill(daemon_, SIGTERM);
+            if (waitForExit(daemon_, 20s) < 0) ADD_FAILURE() << "sorveld did not end on SIGTERM";
+        }
+        if (HasFailure()) std::fprintf(stderr, "--- sorveld log\n%s\n", readAll(log_).c_str());
+        std::filesystem::remove_all(root_);
+    }
+
+    App& launch(const std::string& bundle) {
+        std::string exe = bundle.empty()
+                              ? std::string(TEST_APP)
+                              : std::string(TEST_BUNDLES_DIR) + "/" + bundle + "/sorvel_test_app";
+        apps_.push_back(std::make_unique<App>(exe, run_, root_ + "/apps.log"));
+        return *apps_.back();
+    }
+    Agent& agent(std::vector<std::string> languages = {"en"}) {
+        agent_ = std::make_unique<Agent>(std::move(languages));
+        EXPECT_TRUE(agent_->waitUntilRegistered());
+        return *agent_;
+    }
+    ShellClient& shell() {
+        if (!shell_) shell_ = std::make_unique<ShellClient>();
+        return *shell_;
+    }
+    OptionalError shellCall(const std::string& method, ipc::Arguments args) {
+        return shell().waitFor([&](ShellClient::Completion c) {
+            shell().call(method, args, [c](ipc::Received reply, OptionalError e) {
+                if (!e && !reply.at(0).is_null()) e = Error::fromValue(reply.at(0));
+                c(e);
+            });
+        });
+    }
+    OptionalError setApp(const std::string& bundle, bool foreground) {
+        return shell().waitFor([&](ShellClient::Completion c) {
+            shell().setApplicationState(bundle, foreground, 0, c);
+        });
+    }
+    OptionalError setLayout(std::optional<std::vector<int64_t>> levels) {
+        return shell().waitFor(
+            [&](ShellClient::Completion c) { shell().setDisplayLayoutLevels(levels, c); });
+    }
+    // Waits until the daemon's log holds `line` at least `count` times.
+    bool logged(const std::string& line, size_t count = 1) {
+        return eventually([&] { return countOf(readAll(log_), line) >= count; }, kAnswer);
+    }
+    size_t logCount(const std::string& line) { return countOf(readAll(log_), line); }
+
+    // Starts a recording of the app's own layers and waits for its answer.
+    int64_t start(App& app, bool mic = false, const std::string& extra = "0 0 0") {
+        app.send("start " + std::string(mic ? "1 " : "0 ") + extra + " own");
+        auto answer = app.expect("started ");
+        EXPECT_TRUE(answer) << "no answer to the start";
+        return answer ? std::stoll(*answer) : 1;
+    }
+    // Waits until the app's recording has written `frames` frames.
+    bool recorded(App& app, int64_t frames) {
+        return eventually(
+            [&] {
+                app.send("status");
+                auto s = app.expect("status ");
+                if (!s || *s == "null" || *s == "error") return false;
+                auto v = Value::parse(*s, nullptr, false);
+                return v.is_object() && v.value("framesWritten", int64_t(0)) >= frames;
+            },
+            kAnswer);
+    }
+    std::optional<StopReport> stop(App& app) {
+        app.send("stop");
+        return parseStop(app.expect("stopped "));
+    }
+    // The movie as the inspector reads it; fails the test when unreadable.
+    std::optional<MovieInspection> inspect(const std::string& path) {
+        std::string error;
+        auto movie = inspectMovie(path, &error);
+        EXPECT_TRUE(movie) << path << ": " << error;
+        return movie;
+    }
+
+    std::string root_, home_, run_, store_, log_;
+    pid_t daemon_ = -1;
+    std::vector<std::unique_ptr<App>> apps_;
+    std::unique_ptr<Agent> agent_;
+    std::unique_ptr<ShellClient> shell_;
+};
+
+int64_t clicksOn(const MovieInspection& m, int track) {
+    for (const auto& a : m.audioSync)
+        if (a.track == track) return a.clicks;
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+
+// The start request's refusals, each before the next check: a process that
+// is no application, an application in the background (before any alert),
+// the user declining (the alert's texts and buttons), no consent agent at
+// all, and a broadcast without set-up (which never shows the alert).
+TEST_F(RecordingTest, StartRefusalsInTheirOrder) {
+    auto& nobody = launch("");
+    nobody.send("start 0 0 0 1");  // even a system recording needs an application
+    EXPECT_EQ(nobody.expect("started "), "-5803 0 0");
+
+    // No consent agent registered: the alert cannot be shown.
+    auto& alpha = launch("alpha");
+    EXPECT_EQ(start(alpha, true), -5801);
+    EXPECT_TRUE(logged("error showing acknowledgement alert"));
+
+    auto& a = agent({"fr"});
+    a.script({ConsentResponse::Default});
+    alpha.send("start 1 1 0 0 own");
+    EXPECT_EQ(alpha.expect("started "), "-5801 0 0");
+    ASSERT_EQ(a.alerts().size(), 1u);
+    const ConsentAlert alert = a.alerts()[0];
+    // In the agent's language, with the application's name in it.
+    EXPECT_EQ(alert.title, "Autoriser l’enregistrement de l’écran dans « Alpha en français » ?");
+    EXPECT_NE(alert.message.find("la caméra"), std::string::npos) << alert.message;
+    EXPECT_EQ(alert.message.find("votre voix grâce au micro."),
+              alert.message.rfind("votre voix grâce au micro."));  // the camera sentence only
+    ASSERT_TRUE(alert.alternateButton && alert.otherButton);
+    EXPECT_TRUE(logged("user declined"));
+
+    // Sent to the background: refused before anyone is asked.
+    ASSERT_FALSE(setApp(kAlpha, false));
+    EXPECT_EQ(start(alpha), -5803);
+    EXPECT_EQ(a.alerts().size(), 1u);
+
+    // Back in front: a broadcast without set-up fails without a message and
+    // without an alert; a system recording is not asked about either.
+    ASSERT_FALSE(setApp(kAlpha, true));
+    alpha.send("start 0 0 1 0 own");
+    EXPECT_EQ(alpha.expect("started "), "-5808 0 0");
+    EXPECT_TRUE(logged("attempted to start broadcast without a session, bailing out"));
+    EXPECT_EQ(a.alerts().size(), 1u);
+    alpha.send("start 0 0 0 1");
+    EXPECT_EQ(alpha.expect("started "), "0 0 0");
+    EXPECT_EQ(a.alerts().size(), 1u);
+    auto movie = stop(alpha);
+    ASSERT_TRUE(movie);
+    EXPECT_EQ(movie->code, 0);
+    EXPECT_TRUE(exists(movie->path));
+    // The keep-alive transactions of the failed broadcast and of the
+    // recording are both closed: nothing is reported unbalanced.
+    EXPECT_EQ(logCount("without a matching begin"), 0u);
+}
+
+// Consent is remembered per microphone choice and expires once the
+// application has spent more than 480 s in the background (the daemon's clock
+// moved through the shell channel).
+TEST_F(RecordingTest, ConsentIsRememberedUntilLongInTheBackground) {
+    auto& a = agent();
+    auto& alpha = launch("alpha");
+    alpha.send("active");
+    // Accepted without the microphone: exempt for screen-only recordings.
+    a.script({ConsentResponse::Other});
+    alpha.send("start 1 0 0 0 own");
+    EXPECT_EQ(alpha.expect("started "), "0 0 0");
+    ASSERT_TRUE(recorded(alpha, 2));
+    ASSERT_TRUE(stop(alpha));
+    EXPECT_EQ(start(alpha, false), 0);
+    ASSERT_TRUE(stop(alpha));
+    EXPECT_EQ(a.alerts().size(), 1u);
+    // With the microphone it is asked again; accepted with it, exempt both ways.
+    a.script({ConsentResponse::Alternate});
+    alpha.send("start 1 0 0 0 own");
+    EXPECT_EQ(alpha.expect("started "), "0 1 0");
+    ASSERT_TRUE(stop(alpha));
+    EXPECT_EQ(a.alerts().size(), 2u);
+    EXPECT_EQ(a.alerts()[1].alternateButton.value_or(""), "Record Screen and Microphone");
+    EXPECT_EQ(start(alpha, true), 0);
+    ASSERT_TRUE(stop(alpha));
+    EXPECT_EQ(start(alpha, false), 0);
+    ASSERT_TRUE(stop(alpha));
+    EXPECT_EQ(a.alerts().size(), 2u);
+
+    // Eight minutes less a little in the background keep the exemption...
+    alpha.send("resign");
+    ASSERT_TRUE(logged("SVRecordingManager:clientDidResignActiveWithBundleID:"));
+    ASSERT_FALSE(shellCall("advanceClockBy:handler:", ipc::Arguments().add(Value(470.0))));
+    alpha.send("active");
+    ASSERT_TRUE(
+        logged("SVRecordingManager:removeAcknowledgementExemptionIfOverThreshholdForBundleID:", 2));
+    EXPECT_EQ(start(alpha, true), 0);
+    ASSERT_TRUE(stop(alpha));
+    EXPECT_EQ(a.alerts().size(), 2u);
+    // ...the first background date stays (a second resign does not renew
+    // it), and past 480 s the application is asked again.
+    alpha.send("resign");
+    ASSERT_TRUE(logged("SVRecordingManager:clientDidResignActiveWithBundleID:", 2));
+    ASSERT_FALSE(shellCall("advanceClockBy:handler:", ipc::Arguments().add(Value(20.0))));
+    alpha.send("active");
+    ASSERT_TRUE(logged("removedExemption"));
+    a.script({ConsentResponse::Default});
+    EXPECT_EQ(start(alpha, false), -5801);
+    EXPECT_EQ(a.alerts().size(), 3u);
+    // Only the daemon's own tests may move its clock.
+    EXPECT_TRUE(shellCall("advanceClockBy:handler:", ipc::Arguments().add(Value(-1.0))));
+}
+
+// Another application's start ends the recording: the first application gets
+// its movie at once and the -5806 report when it comes back.
+TEST_F(RecordingTest, AnotherApplicationsStartInterrupts) {
+    auto& a = agent();
+    a.script({ConsentResponse::Other, ConsentResponse::Other});
+    auto& alpha = launch("alpha");
+    EXPECT_EQ(start(alpha), 0);
+    ASSERT_TRUE(recorded(alpha, 10));
+
+    // Beta's launch takes the screen (alpha goes to the background without a
+    // layout interruption); its start finishes alpha's recording.
+    auto& beta = launch("beta");
+    EXPECT_EQ(start(beta), 0);
+    auto interrupted = parseStop(alpha.expect("callback "));
+    ASSERT_TRUE(interrupted);
+    EXPECT_EQ(interrupted->code, 0);
+    ASSERT_FALSE(interrupted->path.empty());
+    auto movie = inspect(interrupted->path);
+    ASSERT_TRUE(movie && movie->stamps);
+    EXPECT_GE(movie->stamps->stamped, 10);
+    EXPECT_EQ(movie->stamps->dropped, 0);
+    EXPECT_EQ(logCount("-5807"), 0u);
+
+    // Alpha comes back: told once, with the same movie.
+    ASSERT_FALSE(setApp(kAlpha, true));
+    alpha.send("active");
+    auto report = parseStop(alpha.expect("callback "));
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->code, -5806);
+    EXPECT_EQ(report->path, interrupted->path);
+    alpha.send("active");
+    ASSERT_TRUE(logged("SVRecordingManager:clientDidBecomeActiveWithBundleID:", 2));
+    alpha.send("status");
+    ASSERT_TRUE(alpha.expect("status "));
+    EXPECT_FALSE(alpha.has("callback "));
+
+    // Beta records on, untouched, and alpha's stop finds nothing to stop.
+    beta.send("status");
+    auto status = beta.expect("status ");
+    ASSERT_TRUE(status);
+    EXPECT_NE(status->find("\"recording\":true"), std::string::npos) << *status;
+    auto betaMovie = stop(beta);
+    ASSERT_TRUE(betaMovie);
+    EXPECT_EQ(betaMovie->code, 0);
+}
+
+// Layout changes: an overlay shares the screen, another window takes it
+// (-5807 with the movie); system recordings are never interrupted.
+TEST_F(RecordingTest, LayoutChangesInterruptApplicationRecordings) {
+    auto& a = agent();
+    a.script({ConsentResponse::Other});
+    auto& alpha = launch("alpha");
+    EXPECT_EQ(start(alpha), 0);
+    ASSERT_TRUE(recorded(alpha, 5));
+    ASSERT_FALSE(setLayout(std::vector<int64_t>{1, 4}));  // a notification over the app
+    ASSERT_FALSE(setLayout(std::vector<int64_t>{1}));     // gone again
+    ASSERT_FALSE(setLayout(std::vector<int64_t>{1, 2}));  // a dialog
+    ASSERT_TRUE(recorded(alpha, 15));
+    EXPECT_FALSE(alpha.has("callback "));
+    ASSERT_FALSE(setLayout(std::vector<int64_t>{0, 1}));  // two windows below the overlays
+    auto report = parseStop(alpha.expect("callback "));
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->code, -5807);
+    auto movie = inspect(report->path);
+    ASSERT_TRUE(movie && movie->stamps);
+    EXPECT_GE(movie->stamps->stamped, 15);
+
+    // A system recording stays through an empty layout and two windows.
+    ASSERT_FALSE(setLayout(std::nullopt));
+    alpha.send("start 0 0 0 1");
+    EXPECT_EQ(alpha.expect("started "), "0 0 0");
+    ASSERT_FALSE(setLayout(std::vector<int64_t>{}));
+    ASSERT_FALSE(setLayout(std::vector<int64_t>{1, 1}));
+    ASSERT_TRUE(recorded(alpha, 10));
+    auto system = stop(alpha);
+    ASSERT_TRUE(system);
+    EXPECT_EQ(system->code, 0);
+    EXPECT_EQ(logCount("-5807"), 0u);
+}
+
+// The lock button stops with -5809 and hands over the movie; storage
+// pressure below the urgent level leaves the recording alone, at the urgent
+// level it ends it with -5805 and empties the store.
+TEST_F(RecordingTest, LockButtonAndStoragePressure) {
+    auto& a = agent();
+    a.script({ConsentResponse::Other});
+    auto& alpha = launch("alpha");
+    EXPECT_EQ(start(alpha), 0);
+    ASSERT_TRUE(recorded(alpha, 5));
+    ASSERT_FALSE(shell().lockButtonPressedAndWait().error);
+    auto locked = parseStop(alpha.expect("callback "));
+    ASSERT_TRUE(locked);
+    EXPECT_EQ(locked->code, -5809);
+    ASSERT_TRUE(inspect(locked->path));
+
+    EXPECT_EQ(start(alpha), 0);  // exempt now
+    ASSERT_TRUE(recorded(alpha, 5));
+    auto low = shell().purgeAndWait(0, 2);
+    EXPECT_EQ(low.bytes, 0);
+    ASSERT_TRUE(recorded(alpha, 15));
+    EXPECT_FALSE(alpha.has("callback "));
+    auto urgent = shell().purgeAndWait(0, 3);
+    EXPECT_FALSE(urgent.error);
+    auto purged = parseStop(alpha.expect("callback "));
+    ASSERT_TRUE(purged);
+    EXPECT_EQ(purged->code, -5805);
+    EXPECT_TRUE(purged->path.empty());
+    EXPECT_TRUE(eventually([&] { return std::filesystem::is_empty(store_); }, kAnswer));
+    // The application can record again.
+    EXPECT_EQ(start(alpha), 0);
+    ASSERT_TRUE(recorded(alpha, 2));
+    ASSERT_TRUE(stop(alpha));
+}
+
+// Pause, resume and a trimmed stop: the movie holds the recorded time
+// without the pause, cut by a second at each end; the pause is seen once.
+// Discard removes the last movie; a discard while recording is never
+// answered.
+TEST_F(RecordingTest, PauseResumeTrimAndDiscard) {
+    auto& a = agent();
+    a.script({ConsentResponse::Other});
+    auto& alpha = launch("alpha");
+    EXPECT_EQ(start(alpha), 0);
+    ASSERT_TRUE(recorded(alpha, 100));  // over 1.5 s at 60 frames per second
+    alpha.send("pause");
+    ASSERT_TRUE(logged("SVRecordingSession: pauseSession"));
+    alpha.send("discard");
+    ASSERT_TRUE(logged("can't discard recording while recording is in progress"));
+    // The pause itself: a stretch of real time for the movie to leave out.
+    std::this_thread::sleep_for(1s);
+    alpha.send("resume own");
+    ASSERT_TRUE(logged("SVRecordingSession: resumeSessionWithContextID:"));
+    alpha.send("status");
+    auto before = alpha.expect("status ");
+    ASSERT_TRUE(before);
+    const int64_t framesBefore = Value::parse(*before).value("framesWritten", int64_t(0));
+    ASSERT_TRUE(recorded(alpha, framesBefore + 100));
+    alpha.send("stopclip 1 1");
+    auto trimmed = parseStop(alpha.expect("stopped "));
+    ASSERT_TRUE(trimmed);
+    EXPECT_EQ(trimmed->code, 0);
+    EXPECT_FALSE(alpha.has("discarded"));  // the discard while recording got no answer
+    EXPECT_NE(trimmed->path.find("_trimmed.mp4"), std::string::npos) << trimmed->path;
+    auto movie = inspect(trimmed->path);
+    ASSERT_TRUE(movie && movie->stamps);
+    const std::string whole = store_ + "Alpha.mp4";
+    auto full = inspect(whole);
+    ASSERT_TRUE(full && full->stamps);
+    ASSERT_EQ(full->stamps->pauses.size(), 1u);
+    EXPECT_GE(full->stamps->pauses[0].duration, 0.9);
+    EXPECT_EQ(full->stamps->dropped, 0);
+    // A second is cut at each end of the movie, which holds no pause.
+    EXPECT_LT(full->movie.duration, 3.0 + 1.0);
+    EXPECT_NEAR(movie->movie.duration, full->movie.duration - 2.0, 0.5);
+
+    alpha.send("discard");
+    EXPECT_EQ(alpha.expect("discarded "), "0");
+    EXPECT_FALSE(exists(whole));
+}
+
+// The user allowed the screen only: the application cannot switch the
+// microphone on afterwards, not even through a pause and resume.
+TEST_F(RecordingTest, MicrophoneStaysOffWithoutConsent) {
+    auto& a = agent();
+    a.script({ConsentResponse::Other});
+    auto& alpha = launch("alpha");
+    alpha.send("start 1 0 0 0 own");
+    EXPECT_EQ(alpha.expect("started "), "0 0 0");
+    alpha.send("mic 1");
+    ASSERT_TRUE(logged("may not record the microphone; not enabled"));
+    alpha.send("pause");
+    alpha.send("resume own");
+    ASSERT_TRUE(logged("SVRecordingSession: resumeSessionWithContextID:"));
+    ASSERT_TRUE(recorded(alpha, 150));
+    auto movie = stop(alpha);
+    ASSERT_TRUE(movie);
+    auto inspection = inspect(movie->path);
+    ASSERT_TRUE(inspection);
+    EXPECT_EQ(clicksOn(*inspection, 2), 0);
+}
+
+// A disconnect during a recording ends it and throws the movie away; a
+// second process of the same application replaces the connection without
+// ending anything, and the recording's report goes to the newer one.
+TEST_F(RecordingTest, DisconnectsAndReplacedConnections) {
+    auto& a = agent();
+    a.script({ConsentResponse::Other});
+    auto& first = launch("alpha");
+    EXPECT_EQ(start(first), 0);
+    ASSERT_TRUE(recorded(first, 5));
+    auto& second = launch("alpha");
+    second.send("status");  // connects
+    ASSERT_TRUE(logged("accepted client connection PID", 2));
+    ASSERT_TRUE(recorded(second, 15));  // the same recording goes on
+    EXPECT_EQ(logCount("SVRecordingManager: applicationDisconnected"), 0u);
+    ASSERT_FALSE(shell().lockButtonPressedAndWait().error);
+    auto report = parseStop(second.expect("callback "));
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->code, -5809);
+    ASSERT_TRUE(inspect(report->path));
+
+    // The second process goes away while recording: stopped, thrown away.
+    EXPECT_EQ(start(second), 0);
+    ASSERT_TRUE(recorded(second, 5));
+    second.kill();
+    ASSERT_TRUE(logged("SVRecordingManager: applicationDisconnected"));
+    ASSERT_TRUE(logged("recording stopped without handler!"));
+    EXPECT_TRUE(eventually([&] { return !exists(store_ + "Alpha.mp4"); }, kAnswer));
+    EXPECT_TRUE(logged("SVRecordingManager:resetStatesForSession:", 2));
+    // The daemon serves on; a new process of the application starts afresh.
+    auto& third = launch("alpha");
+    EXPECT_EQ(start(third), 0);
+    ASSERT_TRUE(stop(third));
+}
+
+// What another application may not do: record layers that are not its own,
+// speak for another application, or pile up requests while it waits for the
+// user. Malformed values get an error answer.
+TEST_F(RecordingTest, ApplicationsCannotReachBeyondThemselves) {
+    auto& a = agent();
+    a.script({ConsentResponse::Other});
+    auto& alpha = launch("alpha");
+    alpha.send("layers");
+    auto alphaLayers = alpha.expect("layers ");
+    ASSERT_TRUE(alphaLayers && !alphaLayers->empty());
+    auto& beta = launch("beta");
+    // Only another's layers: refused before the user is asked.
+    beta.send("start 0 0 0 0 " + *alphaLayers);
+    EXPECT_EQ(beta.expect("started "), "-5803 0 0");
+    EXPECT_TRUE(logged("do not belong to org.sorvel.tests.beta"));
+    // Its own layers and another's: only its own are recorded.
+    beta.send("start 0 0 0 0 own " + *alphaLayers);
+    EXPECT_EQ(beta.expect("started "), "0 0 0");
+    EXPECT_EQ(a.alerts().size(), 1u);
+    beta.send("active-as " + kAlpha);
+    EXPECT_TRUE(logged("reported org.sorvel.tests.alpha active, not its own; dropped"));
+    ASSERT_TRUE(stop(beta));
+
+    // Waiting for the user, alpha floods the daemon: its connection ends,
+    // the daemon serves on, and the late answer starts nothing.
+    ASSERT_FALSE(setApp(kAlpha, true));  // beta's launch sent it to the background
+    alpha.send("start 0 0 0 0 own");
+    ASSERT_TRUE(a.waitForHeld(1));
+    for (int i = 0; i < 300; ++i) alpha.send("pause");
+    EXPECT_TRUE(logged("requests while held; ending its connection"));
+    auto abandoned = alpha.expect("started ");
+    ASSERT_TRUE(abandoned);
+    EXPECT_NE(abandoned->rfind("-58", 0), 0u) << *abandoned;  // the library's own error
+    a.answerHeld(ConsentResponse::Other);
+    EXPECT_TRUE(logged("start abandoned, the application went away while the user was asked"));
+    EXPECT_EQ(logCount("recording session started"), 1u);
+    ASSERT_FALSE(setApp(kBeta, true));
+    EXPECT_EQ(start(beta), 0);
+    ASSERT_TRUE(stop(beta));
+}
+
+// Values a client library would never send, from a raw connection: each
+// request is answered with an error, and the daemon serves on.
+TEST_F(RecordingTest, MalformedRequestsAreAnsweredWithErrors) {
+    auto connection = ipc::Connection::toService(kDaemonServiceName);
+    connection->setRemoteObjectInterface(daemonProtocolInterface());
+    connection->setExportedInterface(clientProtocolInterface());
+    connection->setExportedObject(std::make_shared<ipc::MethodTable>());
+    connection->resume();
+    auto call = [&](const std::string& method, ipc::Arguments args) {
+        auto done = std::make_shared<Semaphore>();
+        auto answer = std::make_shared<Value>();
+        connection->remoteObjectProxyWithErrorHandler([done](const Error&) { done->signal(); })
+            .call(method, args, [done, answer](const ipc::Received& r) {
+                *answer = Value::array();
+                for (const auto& v : r.values()) answer->push_back(v);
+                done->signal();
+            });
+        EXPECT_TRUE(done->waitFor(kAnswer)) << method;
+        return *answer;
+    };
+    const std::string startMethod =
+        "startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:"
+        "broadcast:systemRecording:withHandler:";
+    auto answer = call(startMethod, ipc::Arguments()
+                                        .add(Value::array({1, 2}))
+                                        .add(Value{{"width", "wide"}})
+                                        .add(Value(false))
+                                        .add(Value(false))
+                                        .add(Value(false))
+                                        .add(Value(false)));
+    ASSERT_TRUE(answer.is_array() && answer.size() == 3) << answer.dump();
+    auto error = Error::fromValue(answer[0]);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code, ipc::kErrorMessageRejected);
+    EXPECT_TRUE(error->localizedDescription());
+    answer = call(startMethod, ipc::Arguments()
+                                   .add(Value::array({-1}))
+                                   .add(Value{{"width", 10}, {"height", 10}})
+                                   .add(Value(false))
+                                   .add(Value(false))
+                                   .add(Value(false))
+                                   .add(Value(false)));
+    ASSERT_TRUE(answer.is_array() && answer.size() == 3) << answer.dump();
+    EXPECT_TRUE(Error::fromValue(answer[0]));
+    answer = call("stopRecordingWithStartClipDuration:endClipDuration:handler:",
+                  ipc::Arguments().add(Value(std::nan(""))).add(Value(1.0)));
+    ASSERT_TRUE(answer.is_array() && answer.size() == 2) << answer.dump();
+    EXPECT_TRUE(answer[0].is_null());
+    EXPECT_TRUE(Error::fromValue(answer[1]));
+    connection->invalidate();
+
+    // Still serving.
+    auto& a = agent();
+    a.script({ConsentResponse::Other});
+    auto& alpha = launch("alpha");
+    EXPECT_EQ(start(alpha), 0);
+    ASSERT_TRUE(stop(alpha));
+}
+
+}  // namespace
