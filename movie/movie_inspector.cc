@@ -12,9 +12,9 @@ namespace sv {
 namespace {
 
 constexpr double kNs = 1e-9;
-// Frames the inspector keeps for its analysis: 18 hours at 60 frames per
-// second, about 130 MB at most.
-constexpr size_t kMaxFrames = size_t(1) << 22;
+// Frames the inspector keeps for its analysis: 4.8 hours at 60 frames per
+// second, under 150 MB with the analysis's own tables.
+constexpr size_t kMaxFrames = size_t(1) << 20;
 // Frames read before a movie without any stamp counts as unstamped.
 constexpr int64_t kFramesBeforeGivingUp = 120;
 // A step of stamp time this many frame intervals beyond the step of
@@ -25,6 +25,12 @@ constexpr double kLateIntervals = 1.5;
 // How close to a whole number of seconds two clicks of one continuous
 // track lie (sample-exact audio, decoded onsets within a fraction of a ms).
 constexpr double kWholeSecondTolerance = 0.003;
+
+// Counts from stamps a hostile file may have made up stay in range.
+void addSaturating(int64_t& total, double amount) {
+    const double room = double(std::numeric_limits<int64_t>::max() - total);
+    total = amount >= room ? std::numeric_limits<int64_t>::max() : total + int64_t(amount);
+}
 
 double median(std::vector<double> v) {
     if (v.empty()) return 0;
@@ -251,7 +257,7 @@ FrameStampReport analyzeFrameStamps(std::vector<InspectedFrame> frames) {
                 if (missing > 0) gaps.push_back({f.time, h.frameIndex + 1, missing});
                 if (T > 0 && dh > kLateIntervals * T) {
                     const double deadlines = std::round(dh / T) - double(missing + 1);
-                    if (deadlines > 0) r.late += int64_t(deadlines);
+                    if (deadlines > 0) addSaturating(r.late, deadlines);
                 }
             }
         }
@@ -266,7 +272,7 @@ FrameStampReport analyzeFrameStamps(std::vector<InspectedFrame> frames) {
         const auto to = std::upper_bound(shown.begin(), shown.end(), last);
         g.count -= uint64_t(to - from);
         if (g.count == 0) continue;
-        r.dropped += int64_t(g.count);
+        addSaturating(r.dropped, double(g.count));
         if (r.drops.size() < FrameStampReport::kMaxListed) r.drops.push_back(g);
     }
     return r;
@@ -358,11 +364,15 @@ std::optional<MovieInspection> inspectMovie(const std::string& path, std::string
         frames.begin(), frames.end(),
         [](const InspectedFrame& a, const InspectedFrame& b) { return a.time < b.time; });
     const double end = video->startTime + video->duration;
-    for (size_t i = frames.size(); i-- > 0;) {
+    std::vector<InspectedFrame> shown;
+    shown.reserve(frames.size());
+    for (size_t i = 0; i < frames.size(); ++i) {
         const double next = i + 1 < frames.size() ? frames[i + 1].time : end;
-        if (next - frames[i].time < 1e-3 && next - frames[i].time >= 0 && video->duration > 0)
-            frames.erase(frames.begin() + long(i));
+        const double length = next - frames[i].time;
+        if (video->duration > 0 && length >= 0 && length < 1e-3) continue;
+        shown.push_back(frames[i]);
     }
+    frames = std::move(shown);
 
     inspection.stamps = analyzeFrameStamps(frames);
     inspection.stamps->partial = partial;

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 
 #include "movie/movie_inspector.h"
 #include "support/movie_store.h"
@@ -246,6 +247,17 @@ TEST(FrameStampAnalysis, OrderDuplicatesAndGapsFilledLater) {
     EXPECT_EQ(r.lastIndex, 8u);
 
     EXPECT_EQ(analyzeFrameStamps({}).stamped, 0);
+    // Stamps a hostile file made up: counts saturate, nothing overflows.
+    const uint64_t top = std::numeric_limits<uint64_t>::max();
+    auto at = [](uint64_t index, uint64_t host) {
+        return InspectedFrame{double(host) * 1e-9, FrameStamp{index, host}};
+    };
+    r = analyzeFrameStamps({at(0, 0), at(1, uint64_t(kFrameInterval)), at(top / 2, top / 2),
+                            at(top / 2 + 1, top - top / 4), at(top, top)});
+    EXPECT_EQ(r.dropped, std::numeric_limits<int64_t>::max());
+    EXPECT_GE(r.late, 0);
+    EXPECT_TRUE(r.pauses.empty());
+    EXPECT_EQ(matchClicks(1, {0.5, 1.5, 2.5}, {{0, FrameStamp{0, top}}}).matched, 0);
     EXPECT_EQ(analyzeFrameStamps({{0, {}}, {kT, {}}}).unreadable, 2);
 }
 

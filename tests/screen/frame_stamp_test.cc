@@ -144,20 +144,5 @@ TEST(FrameStamp, RejectsWhatIsNotAStamp) {
     EXPECT_FALSE(readFrameStamp(good.y.data(), 63, 480, 640));
 }
 
-TEST(SyntheticClick, OneShortBurstAtEveryWholeSecond) {
-    const uint64_t s = 1'000'000'000;
-    const uint64_t length = uint64_t(kSyntheticClickMilliseconds * 1e6);
-    for (uint64_t second : {0ull, 1ull, 86400ull * 365}) {
-        double peak = 0;
-        for (uint64_t t = second * s; t < second * s + length; t += 10'000)
-            peak = std::max(peak, std::abs(syntheticClickValue(t)));
-        EXPECT_NEAR(peak, kSyntheticClickAmplitude, 0.01);
-        EXPECT_EQ(syntheticClickValue(second * s), 0.0);  // starts at zero: no step
-        EXPECT_EQ(syntheticClickValue(second * s + length), 0.0);
-        EXPECT_EQ(syntheticClickValue(second * s + s / 2), 0.0);
-        EXPECT_EQ(syntheticClickValue(second * s - 1), 0.0);
-    }
-}
-
 }  // namespace
 }  // namespace sv
