@@ -118,11 +118,11 @@ class SessionEndToEndTest : public ::testing::Test {
 
 TEST_F(SessionEndToEndTest, PauseAndResumeMakeOneContinuousMovie) {
     const double first = start();
-    run(1.0);
+    run(1.5);
     session->pauseSession();
     run(0.8);
     session->resumeSessionWithContextID(kContext);
-    run(1.0);
+    run(1.5);
     const double stopped = HostClock::toSeconds(HostClock::now());
     const std::string path = finish();
     ASSERT_FALSE(path.empty());
@@ -141,7 +141,7 @@ TEST_F(SessionEndToEndTest, PauseAndResumeMakeOneContinuousMovie) {
     const double video = movie.movie.tracks[0].duration;
     const auto [firstCaptured, lastCaptured] = stampSpan(path);
     EXPECT_NEAR(video, lastCaptured - firstCaptured - paused + kFrame, kFrame);
-    EXPECT_NEAR(video, stopped - first - paused, 0.1);
+    EXPECT_NEAR(video, stopped - first - paused, 0.25);  // the test's own delays
     // The pause is cut out of the sound as well: the clicks of both tracks
     // sound with the frames of their second, before and after the pause, and
     // the microphone ends with the picture. (The application's audio comes
