@@ -1,26 +1,41 @@
-// Recording session costs, as "name value unit" lines:
-// - the session's own frame path per frame (lock, pause and gap checks,
-//   timeline, transform), without a movie writer behind it: plain, re-timed
-//   after a pause, and rotated whole-display frames;
-// - the microphone route silencing one 1024-frame stereo float buffer;
-// - a 3 s recording of a 1600x900 synthetic screen at 60 fps with both
-//   synthetic audio sources into the real movie writer: CPU of the process,
-//   frames delivered by the screen and written to the movie per second, and
-//   peak memory.
-#include <algorithm>
-#include <chrono>
-#include <filesystem>
-#include <thread>
+// A whole recording through the session path on the synthetic platform: an
+// SVRecordingSession records an application's layers on a 1600x900 synthetic
+// screen at 60 frames per second with both audio tracks (application audio
+// and microphone), paced in real time, into a movie that the movie inspector
+// then judges. In the same run the ffmpeg command line encodes the same
+// frames with the same settings, for the CPU comparison.
+//
+// Usage: session_bench [--seconds N] [--keep DIR]   (default 60 s)
+// Prints "name value unit" lines, then one "session_check_<target> 1 pass"
+// or "... 0 fail" line per target.
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-}
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
 
 #include "bench/bench_util.h"
+#include "movie/movie_inspector.h"
+#include "platform/audio/host_clock.h"
 #include "platform/audio/synthetic_audio.h"
+#include "platform/dispatch.h"
 #include "platform/log.h"
-#include "platform/screen/frame_stamp.h"
+#include "platform/media/media_settings.h"
+#include "platform/screen/display_mirroring.h"
 #include "platform/screen/synthetic_screen.h"
 #include "session/recording_session.h"
 #include "support/movie_store.h"
@@ -29,133 +44,352 @@ extern "C" {
 namespace sv {
 namespace {
 
+using bench::percentile;
 using bench::report;
 
-constexpr int32_t kNs = 1000000000;
+constexpr int32_t kWidth = 1600, kHeight = 900;
+constexpr int32_t kPID = 4242;
+constexpr uint32_t kAppLayer = 41, kPanelLayer = 42;
 
-void benchFramePath() {
-    auto backend = std::make_shared<SyntheticScreenBackend>();
-    auto controller = backend->makeCaptureController({1600, 900}, MediaTime::make(1, 60));
-    auto surface = SharedSurface::create(1600, 900);
-    int64_t t = 0;
-    auto frame = [&] {
-        return SampleBuffer::makeVideo(surface, MediaTime::make(t += kNs / 60, kNs),
-                                       MediaTime::make(1, 60));
-    };
-    auto run = [&](const char* name, const std::shared_ptr<SVRecordingSession>& s, uint32_t flags) {
-        // Frames made outside the timed loop would all share one time; the
-        // sample's creation is measured apart and subtracted.
-        const double make = bench::nsPerCall([&] { frame(); });
-        const double ns = bench::nsPerCall(
-            [&] { s->screenCaptureControllerDidReceiveSampleBuffer(*controller, frame(), flags); });
-        report(name, ns - make, "ns");
-    };
-    // Sample-buffer mode: the path ends at the (empty) hand-over to an
-    // extension, so only the session's work is measured.
-    auto session = SVRecordingSession::initWithBundleID("org.sorvel.bench");
-    session->setBroadcastProcessMode(kBroadcastProcessModeSampleBuffer);
-    run("session_frame_path", session, 0);
-    session->setSessionWasResumed(true);  // the next frame measures a gap
-    run("session_frame_path_retimed", session, 0);
-    session->setSystemRecording(true);
-    run("session_frame_path_rotated", session, 7);
+// Targets of a recording at this size and rate.
+constexpr double kMaxDeliveryP99Ms = 1.0;
+constexpr double kMaxCpuRatio = 0.8;
+constexpr double kMaxPeakRssMiB = 150;
+constexpr double kMaxAVOffsetMs = 1000.0 / 60;
 
-    auto mic = session->_microphoneOutputRoute();
-    session->setMicrophoneEnabled(false);
-    const auto format = AudioStreamFormat::float32(48000, 2);
-    auto block = std::make_shared<DataBlock>(1024 * 8);
-    auto sample = SampleBuffer::makeAudio(block, format, 1024, MediaTime::make(0, 48000));
-    report("session_microphone_route_silenced", bench::nsPerCall([&] { mic(sample); }), "ns");
+double threadCpuSeconds() {
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
 }
 
-void benchRecording() {
-    const std::string home =
-        (std::filesystem::temp_directory_path() / ("sv-session-bench-" + std::to_string(getpid())))
-            .string();
-    MovieStore::shared().setHomeDirectory(home);
-    MovieStore::shared()._srSetupTempDirectory();
-    auto display = std::make_shared<SyntheticDisplay>(SyntheticDisplay::Options{1600, 900, 0});
-    display->addLayer({1, 4242, "org.sorvel.bench", 0, 0, 0, 1600, 900});
-    setProcessScreenBackend(std::make_shared<SyntheticScreenBackend>(display));
+double seconds(const rusage& u) {
+    return double(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+           double(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
 
-    auto session = SVRecordingSession::initWithBundleID("org.sorvel.bench");
-    session->setContextIDs({1});
-    session->setWindowSize({1600, 900});
-    session->setFrontmostPIDForAudioTap(4242);
+// Stands between the screen capture controller and the session and times
+// the session's handling of each frame on the delivery thread.
+class TimedDelegate : public ScreenCaptureControllerDelegate {
+  public:
+    explicit TimedDelegate(std::shared_ptr<SVRecordingSession> session, size_t expectedFrames)
+        : session_(std::move(session)) {
+        ms_.reserve(expectedFrames);
+        cpuMs_.reserve(expectedFrames);
+    }
+    void screenCaptureControllerDidReceiveSampleBuffer(ScreenCaptureController& controller,
+                                                       const std::shared_ptr<SampleBuffer>& sample,
+                                                       uint32_t flags) override {
+        const double cpu0 = threadCpuSeconds();
+        const auto t0 = std::chrono::steady_clock::now();
+        session_->screenCaptureControllerDidReceiveSampleBuffer(controller, sample, flags);
+        const double ms =
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0)
+                .count();
+        const double cpuMs = (threadCpuSeconds() - cpu0) * 1e3;
+        std::lock_guard lock(mutex_);
+        ms_.push_back(ms);
+        cpuMs_.push_back(cpuMs);
+    }
+    void screenCaptureControllerDidFailWithStatus(ScreenCaptureController& c,
+                                                  int32_t status) override {
+        std::fprintf(stderr, "session_bench: screen capture failed (%d)\n", status);
+        session_->screenCaptureControllerDidFailWithStatus(c, status);
+    }
+    void screenCaptureControllerWasPreempted(ScreenCaptureController& c) override {
+        session_->screenCaptureControllerWasPreempted(c);
+    }
+    void screenCaptureControllerMediaServicesWereReset(ScreenCaptureController& c) override {
+        session_->screenCaptureControllerMediaServicesWereReset(c);
+    }
+    // Wall-clock and thread-CPU milliseconds of each frame's handling.
+    std::pair<std::vector<double>, std::vector<double>> times() {
+        std::lock_guard lock(mutex_);
+        return {ms_, cpuMs_};
+    }
+
+  private:
+    std::shared_ptr<SVRecordingSession> session_;
+    std::mutex mutex_;
+    std::vector<double> ms_, cpuMs_;
+};
+
+// Resident memory of this process by kind (MiB), from /proc/self/status:
+// shared surfaces are memfd pages (shmem), libraries file pages.
+struct Resident {
+    double total = 0, anon = 0, file = 0, shmem = 0;
+};
+Resident resident() {
+    Resident r;
+    std::ifstream in("/proc/self/status");
+    std::string line;
+    while (std::getline(in, line)) {
+        char key[32] = {};
+        double kb = 0;
+        if (std::sscanf(line.c_str(), "%31[^:]: %lf", key, &kb) != 2) continue;
+        const std::string k = key;
+        if (k == "VmRSS") r.total = kb / 1024;
+        if (k == "RssAnon") r.anon = kb / 1024;
+        if (k == "RssFile") r.file = kb / 1024;
+        if (k == "RssShmem") r.shmem = kb / 1024;
+    }
+    return r;
+}
+
+struct Recording {
+    std::string movie;
+    double seconds = 0;
+    double cpu = 0;
+    double peakRssMiB = 0;
+    Resident largest;  // the largest resident set seen while recording
+    size_t framesCaptured = 0;
+    std::vector<double> deliveryMs, deliveryCpuMs;
+};
+
+Recording record(double seconds) {
+    auto session = SVRecordingSession::initWithBundleID("org.sorvel.bench.game");
+    session->setContextIDs({kAppLayer, kPanelLayer});
+    session->setWindowSize({float(kWidth), float(kHeight)});
+    session->setFrontmostPIDForAudioTap(kPID);
     session->setMicrophoneEnabled(true);
     session->setRecording(true);
-    Semaphore started, finished;
-    session->startSessionWithHandler([&] { started.signal(); });
-    if (!started.waitFor(std::chrono::seconds(30)))
-        return report("session_recording_failed", 1, "");
+    auto timed = std::make_shared<TimedDelegate>(session, size_t(seconds * 60 * 1.2) + 600);
 
-    constexpr double kSeconds = 3.0;
-    const double cpu0 = bench::cpuSeconds();
-    const auto wall0 = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(std::chrono::duration<double>(kSeconds));
-    std::optional<URL> movie;
-    session->finishSessionWithHandler([&](std::optional<URL> url, OptionalError) {
-        movie = url;
+    rusage before{};
+    getrusage(RUSAGE_SELF, &before);
+    Semaphore started;
+    // The start handler runs on the delivery thread with the first frame;
+    // from the next frame on the timing delegate stands in front.
+    session->startSessionWithHandler([&] {
+        if (auto controller = session->screenCaptureController()) controller->setDelegate(timed);
+        started.signal();
+    });
+    if (!started.waitFor(std::chrono::seconds(30))) {
+        std::fprintf(stderr, "session_bench: the session did not start\n");
+        std::exit(1);
+    }
+    // The recording runs in real time; meanwhile the resident set is
+    // sampled a few times a second to tell where the memory goes.
+    Resident largest;
+    const uint64_t end = HostClock::now() + uint64_t(seconds * 1e9);
+    while (HostClock::now() < end) {
+        if (Resident now = resident(); now.total > largest.total) largest = now;
+        std::this_thread::sleep_for(std::chrono::milliseconds(
+            std::clamp<int64_t>(int64_t(end - HostClock::now()) / 1'000'000, 1, 250)));
+    }
+
+    Semaphore finished;
+    std::optional<URL> url;
+    session->finishSessionWithHandler([&](std::optional<URL> movie, OptionalError error) {
+        if (error) std::fprintf(stderr, "session_bench: %s\n", error->description().c_str());
+        url = std::move(movie);
         finished.signal();
     });
-    finished.wait();
-    const double wall =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - wall0).count();
-    report("session_recording_cpu", 100.0 * (bench::cpuSeconds() - cpu0) / wall, "%");
-
-    // Frames in the movie, and frames the screen delivered over the same
-    // span (the stamps count every frame drawn), so drops of the session and
-    // writer show apart from deadlines the loaded machine let pass.
-    int64_t written = 0;
-    uint64_t firstIndex = UINT64_MAX, lastIndex = 0;
-    AVFormatContext* ctx = nullptr;
-    if (movie && avformat_open_input(&ctx, movie->path.c_str(), nullptr, nullptr) == 0 &&
-        avformat_find_stream_info(ctx, nullptr) >= 0) {
-        AVStream* st = ctx->streams[0];
-        const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
-        AVCodecContext* dec = avcodec_alloc_context3(codec);
-        avcodec_parameters_to_context(dec, st->codecpar);
-        avcodec_open2(dec, codec, nullptr);
-        AVPacket* pkt = av_packet_alloc();
-        AVFrame* f = av_frame_alloc();
-        auto drain = [&] {
-            while (avcodec_receive_frame(dec, f) >= 0) {
-                ++written;
-                if (auto stamp = readFrameStamp(f->data[0], f->width, f->height, f->linesize[0])) {
-                    firstIndex = std::min(firstIndex, stamp->frameIndex);
-                    lastIndex = std::max(lastIndex, stamp->frameIndex);
-                }
-            }
-        };
-        while (av_read_frame(ctx, pkt) >= 0) {
-            if (pkt->stream_index == 0 && avcodec_send_packet(dec, pkt) >= 0) drain();
-            av_packet_unref(pkt);
-        }
-        avcodec_send_packet(dec, nullptr);
-        drain();
-        av_frame_free(&f);
-        av_packet_free(&pkt);
-        avcodec_free_context(&dec);
-        avformat_close_input(&ctx);
+    if (!finished.waitFor(std::chrono::seconds(120)) || !url) {
+        std::fprintf(stderr, "session_bench: the session wrote no movie\n");
+        std::exit(1);
     }
-    const double delivered = lastIndex >= firstIndex ? double(lastIndex - firstIndex + 1) : 0;
-    report("session_recording_frames_delivered_per_second", delivered / kSeconds, "fps");
-    report("session_recording_frames_written_per_second", double(written) / kSeconds, "fps");
-    report("session_recording_frames_lost_after_delivery", delivered - double(written), "frames");
-    report("session_recording_peak_rss", bench::peakRssMiB(), "MiB");
-    std::error_code ec;
-    std::filesystem::remove_all(home, ec);
+    rusage after{};
+    getrusage(RUSAGE_SELF, &after);
+    session->screenCaptureController()->setDelegate({});
+
+    Recording r;
+    r.movie = url->path;
+    r.seconds = seconds;
+    r.cpu = sv::seconds(after) - sv::seconds(before);
+    r.peakRssMiB = double(after.ru_maxrss) / 1024.0;
+    r.largest = largest;
+    std::tie(r.deliveryMs, r.deliveryCpuMs) = timed->times();
+    r.framesCaptured = r.deliveryMs.size() + 1;  // and the first, before the timing began
+    return r;
+}
+
+struct Ffmpeg {
+    double cpu = 0;
+    double peakRssMiB = 0;
+    double drawCpu = 0;  // this process drawing the frames it feeds
+    bool ok = false;
+};
+
+// The same frames (the synthetic screen's drawing of the recorded layers,
+// stamps included) as raw BGRA through a pipe, encoded with the movie
+// writer's settings, with two AAC tracks from generated tones.
+Ffmpeg encodeWithFfmpeg(const SyntheticDisplay& display, int64_t frames, const std::string& out) {
+    const double seconds = double(frames) / 60;
+    char cmd[2048];
+    std::snprintf(cmd, sizeof cmd,
+                  "ffmpeg -v error -y -f rawvideo -pix_fmt bgra -s %dx%d -r 60 -i - "
+                  "-f lavfi -i sine=f=620:r=44100:d=%.3f -f lavfi -i sine=f=440:r=44100:d=%.3f "
+                  "-map 0:v -map 1:a -map 2:a -c:v libx264 -preset %s -profile:v main "
+                  "-pix_fmt yuv420p -b:v 5000000 -g 120 -c:a aac -b:a 128000 -ac 2 -ar 44100 %s",
+                  kWidth, kHeight, seconds, seconds, media::kDefaultX264Preset, out.c_str());
+    int fds[2];
+    if (pipe(fds) != 0) return {};
+    const pid_t pid = fork();
+    if (pid < 0) return {};
+    if (pid == 0) {
+        dup2(fds[0], 0);
+        close(fds[0]);
+        close(fds[1]);
+        execl("/bin/sh", "sh", "-c", cmd, static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(fds[0]);
+    const SyntheticScene scene =
+        display.scene(kCloneMirroringModeClone, std::set<uint32_t>{kAppLayer, kPanelLayer});
+    SurfacePool pool(kWidth, kHeight);
+    Ffmpeg result;
+    bool writing = true;
+    const uint64_t start = HostClock::now();
+    for (int64_t i = 0; i < frames && writing; ++i) {
+        auto surface = pool.acquire();
+        const double cpu0 = threadCpuSeconds();
+        drawSyntheticFrame(*surface, scene, {uint64_t(i), start + uint64_t(double(i) * 1e9 / 60)});
+        result.drawCpu += threadCpuSeconds() - cpu0;
+        for (int32_t y = 0; y < kHeight && writing; ++y) {
+            const uint8_t* p = surface->row(y);
+            size_t left = size_t(kWidth) * 4;
+            while (left > 0) {
+                const ssize_t n = write(fds[1], p, left);
+                if (n <= 0) {
+                    writing = false;
+                    break;
+                }
+                p += n;
+                left -= size_t(n);
+            }
+        }
+    }
+    close(fds[1]);
+    int status = 0;
+    rusage child{};
+    wait4(pid, &status, 0, &child);
+    result.cpu = sv::seconds(child);
+    result.peakRssMiB = double(child.ru_maxrss) / 1024.0;
+    result.ok = writing && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return result;
+}
+
+int checks = 0, failures = 0;
+void check(const char* name, bool pass) {
+    ++checks;
+    failures += !pass;
+    std::printf("session_check_%s %d %s\n", name, pass ? 1 : 0, pass ? "pass" : "fail");
+    std::fflush(stdout);
+}
+
+int run(double seconds, const std::optional<std::string>& keep) {
+    log::setOutputEnabled(false);
+    char tmpl[] = "/tmp/sv-session-bench-XXXXXX";
+    const std::string home = keep ? *keep : std::string(mkdtemp(tmpl));
+    std::filesystem::create_directories(home);
+    MovieStore::shared().setHomeDirectory(home);
+    MovieStore::shared()._srSetupTempDirectory();
+    // No store lookups: the bench measures recording, not the network.
+    SVReachability::setFlagsProvider(
+        [](const std::string&) -> std::optional<uint32_t> { return std::nullopt; });
+    setProcessAudioBackend(std::make_shared<SyntheticAudioBackend>());
+    auto display = std::make_shared<SyntheticDisplay>(
+        SyntheticDisplay::Options{.width = kWidth, .height = kHeight});
+    display->addLayer({kAppLayer, kPID, "org.sorvel.bench.game", 0, 0, 0, kWidth, kHeight});
+    display->addLayer({kPanelLayer, kPID, "org.sorvel.bench.game", 0, 200, 150, 900, 500});
+    setProcessScreenBackend(std::make_shared<SyntheticScreenBackend>(display));
+
+    const Recording rec = record(seconds);
+    report("session_seconds", rec.seconds, "s");
+
+    std::string error;
+    auto inspection = inspectMovie(rec.movie, &error);
+    if (!inspection || !inspection->stamps) {
+        std::fprintf(stderr, "session_bench: %s: %s\n", rec.movie.c_str(),
+                     inspection ? "no frame stamps" : error.c_str());
+        return 1;
+    }
+    const FrameStampReport& s = *inspection->stamps;
+    report("session_frames_captured", double(rec.framesCaptured), "frames");
+    report("session_frames_written", double(s.frames), "frames");
+    report("session_frames_dropped", double(s.dropped), "frames");
+    report("session_frames_late", double(s.late), "deadlines");
+    report("session_frames_duplicated", double(s.duplicates + s.outOfOrder), "frames");
+    report("session_frames_unreadable", double(s.unreadable), "frames");
+
+    std::vector<double> delivery = rec.deliveryMs;
+    const double p99 = percentile(delivery, 99);
+    report("session_delivery_thread_p50", percentile(delivery, 50), "ms");
+    report("session_delivery_thread_p99", p99, "ms");
+    report("session_delivery_thread_max", delivery.empty() ? 0 : delivery.back(), "ms");
+    // The same handling in CPU time of the delivery thread: what the frame
+    // path costs, without the time the thread waited for a core.
+    std::vector<double> deliveryCpu = rec.deliveryCpuMs;
+    report("session_delivery_thread_cpu_p50", percentile(deliveryCpu, 50), "ms");
+    report("session_delivery_thread_cpu_p99", percentile(deliveryCpu, 99), "ms");
+
+    const double cpuPerSecond = rec.cpu / rec.seconds;
+    report("session_cpu_per_recorded_second", cpuPerSecond, "s/s");
+    report("session_peak_rss", rec.peakRssMiB, "MiB");
+    report("session_rss_sampled_max", rec.largest.total, "MiB");
+    report("session_rss_sampled_max_surfaces", rec.largest.shmem, "MiB");
+    report("session_rss_sampled_max_heap", rec.largest.anon, "MiB");
+    report("session_rss_sampled_max_code", rec.largest.file, "MiB");
+
+    double worstOffset = 0;
+    bool allMatched = !inspection->audioSync.empty();
+    for (const auto& a : inspection->audioSync) {
+        const std::string name = "session_av_offset_track" + std::to_string(a.track);
+        report((name + "_clicks").c_str(), double(a.matched), "clicks");
+        report((name + "_mean").c_str(), a.meanOffset * 1e3, "ms");
+        report((name + "_max").c_str(), a.maxOffset * 1e3, "ms");
+        worstOffset = std::max(worstOffset, std::abs(a.maxOffset) * 1e3);
+        allMatched = allMatched && a.matched > 0;
+    }
+    report("session_av_offset_max", worstOffset, "ms");
+
+    const Ffmpeg ff = encodeWithFfmpeg(*display, s.frames, home + "/ffmpeg.mp4");
+    const double recorded = double(s.frames) / 60;
+    double ratio = 0;
+    if (ff.ok && ff.cpu > 0) {
+        report("ffmpeg_cli_cpu_per_recorded_second", ff.cpu / recorded, "s/s");
+        report("ffmpeg_cli_peak_rss", ff.peakRssMiB, "MiB");
+        report("session_synthetic_draw_cpu_per_recorded_second", ff.drawCpu / recorded, "s/s");
+        // Frame for frame: the same frames went through both (when the
+        // screen skipped deadlines, a recorded second holds fewer of them).
+        ratio = rec.cpu / ff.cpu;
+        report("session_vs_ffmpeg_cpu", ratio, "ratio");
+        report("session_vs_ffmpeg_cpu_without_drawing", (rec.cpu - ff.drawCpu) / ff.cpu, "ratio");
+    } else {
+        std::fprintf(stderr, "session_bench: the ffmpeg command line failed\n");
+    }
+
+    check("dropped_frames_zero", s.dropped == 0 && s.frames > 0);
+    check("delivery_p99_under_1ms", p99 < kMaxDeliveryP99Ms);
+    check("cpu_ratio_at_most_0.8", ff.ok && ratio <= kMaxCpuRatio);
+    check("peak_rss_at_most_150MiB", rec.peakRssMiB <= kMaxPeakRssMiB);
+    check("av_offset_under_one_frame", allMatched && worstOffset < kMaxAVOffsetMs);
+
+    if (!keep) std::filesystem::remove_all(home);
+    return 0;
 }
 
 }  // namespace
 }  // namespace sv
 
-int main() {
-    sv::log::setOutputEnabled(false);
-    sv::setProcessAudioBackend(std::make_shared<sv::SyntheticAudioBackend>());
-    sv::SVReachability::setFlagsProvider(
-        [](const std::string&) -> std::optional<uint32_t> { return std::nullopt; });
-    sv::benchFramePath();
-    sv::benchRecording();
-    sv::SVCaptureManager::sharedManager()->stopAllCapture();
+int main(int argc, char** argv) {
+    double seconds = 60;
+    std::optional<std::string> keep;
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--seconds" && i + 1 < argc) {
+            seconds = std::atof(argv[++i]);
+        } else if (a == "--keep" && i + 1 < argc) {
+            keep = argv[++i];
+        } else {
+            std::fprintf(stderr, "usage: session_bench [--seconds N] [--keep DIR]\n");
+            return 2;
+        }
+    }
+    if (!(seconds >= 3 && seconds <= 3600)) {
+        std::fprintf(stderr, "session_bench: --seconds must be between 3 and 3600\n");
+        return 2;
+    }
+    return sv::run(seconds, keep);
 }
