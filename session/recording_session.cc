@@ -2,8 +2,10 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <set>
 #include <utility>
@@ -652,9 +654,22 @@ void SVRecordingSession::_notifyBroadcastExtensionOfCompletedMovieWithURL(
 // --- Properties -------------------------------------------------------------------
 
 void SVRecordingSession::setWindowSize(WindowSize size) {
+    // A size that is no size at all (from a confused or hostile client)
+    // records the whole display's size instead of failing later.
+    auto usable = [](float side) { return std::isfinite(side) && side >= 1.0f; };
+    if (!usable(size.width) || !usable(size.height)) {
+        auto backend = _screenBackend();
+        const WindowSize display = backend ? backend->displaySize() : WindowSize{};
+        log::error("SVRecordingSession: unusable window size %fx%f, using the display's %fx%f",
+                   size.width, size.height, display.width, display.height);
+        size = usable(display.width) && usable(display.height) ? display : WindowSize{2, 2};
+    }
     std::lock_guard lock(propertiesMutex_);
     originalWindowSize_ = size;
     windowSize_ = _maximumSizeWithSize(size);
+    // A sliver of a window still makes a movie that can be written.
+    windowSize_.width = std::max(windowSize_.width, 2.0f);
+    windowSize_.height = std::max(windowSize_.height, 2.0f);
 }
 
 WindowSize SVRecordingSession::windowSize() const {

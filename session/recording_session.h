@@ -161,6 +161,8 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // the file at outputURL; `handler` runs once the removal is done.
     void finishAndCleanupSessionFilesWithHandler(CleanupHandler handler);
     // Keeps `size` as originalWindowSize and its limited form as windowSize.
+    // A side that is not a finite number of at least 1 is logged and the
+    // display's size (of the process screen backend) taken instead.
     void setWindowSize(WindowSize size);
     // Sets up mirroring and the controller and starts the sources (start and
     // resume use it).

@@ -1,16 +1,15 @@
 // A screen backend whose controllers the test drives frame by frame: frames
-// and failures are delivered on the calling thread as a controller's
-// delivery thread would deliver them, and a stop waits for a delivery in
-// progress on another thread, as the platform's controllers do.
+// and failures reach the delegate on the calling thread, as on a delivery
+// thread, and a stop from another thread waits for a delivery in progress,
+// as the platform's controllers do.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include "platform/screen/screen_backend.h"
 #include "platform/screen/synthetic_screen.h"
@@ -21,17 +20,15 @@ class FakeController : public ScreenCaptureController {
   public:
     FakeController(WindowSize size, MediaTime interval) : ScreenCaptureController(size, interval) {}
 
-    void setDelegate(std::weak_ptr<ScreenCaptureControllerDelegate> delegate) override {
+    void setDelegate(std::weak_ptr<ScreenCaptureControllerDelegate> d) override {
         std::lock_guard lock(mutex_);
-        delegate_ = std::move(delegate);
+        delegate_ = std::move(d);
     }
     void startCapture() override {
         std::lock_guard lock(mutex_);
-        if (capturing_) return;
+        if (!capturing_ && startsAreLate) ++lateStarts;
         capturing_ = true;
         stopRequested_ = false;
-        ++starts_;
-        if (stopMark_) ++lateStarts_;
         cv_.notify_all();
     }
     void stopCapture() override {
@@ -39,100 +36,72 @@ class FakeController : public ScreenCaptureController {
         capturing_ = false;
         stopRequested_ = true;
         cv_.notify_all();
-        // From inside a delivery the caller is the delivery itself.
-        if (deliveringThread_ != std::this_thread::get_id())
-            cv_.wait(lock, [&] { return !delivering_; });
+        if (deliveringThread_ != std::this_thread::get_id())  // not from inside a delivery
+            cv_.wait(lock, [&] { return deliveringThread_ == std::thread::id(); });
     }
     bool isCapturing() const override {
         std::lock_guard lock(mutex_);
         return capturing_;
     }
-    bool waitCapturing(bool capturing, std::chrono::seconds timeout = std::chrono::seconds(30)) {
+    bool waitFor(const std::function<bool()>& condition) {
         std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, timeout, [&] { return capturing_ == capturing; });
+        return cv_.wait_for(lock, std::chrono::seconds(30), condition);
     }
-    int starts() const {
-        std::lock_guard lock(mutex_);
-        return starts_;
-    }
-    // Starts while the mark is on are counted as late.
-    void markStopped(bool on) {
-        std::lock_guard lock(mutex_);
-        stopMark_ = on;
-    }
-    int lateStarts() const {
-        std::lock_guard lock(mutex_);
-        return lateStarts_;
+    bool waitCapturing() {
+        return waitFor([&] { return capturing_; });
     }
 
-    // One frame to the delegate; false (nothing delivered) while stopped.
-    // With `holdUntilStop` the delivery begins and then waits until a stop
-    // is requested before it reaches the delegate.
-    bool deliver(const std::shared_ptr<SampleBuffer>& frame, uint32_t flags = 0,
+    // One frame to the delegate while capturing. With `holdUntilStop` the
+    // delivery begins, then waits for a stop request before it goes on.
+    void deliver(const std::shared_ptr<SampleBuffer>& frame, uint32_t flags = 0,
                  bool holdUntilStop = false) {
-        return run(
-            [&](ScreenCaptureControllerDelegate& d) {
-                d.screenCaptureControllerDidReceiveSampleBuffer(*this, frame, flags);
-            },
-            holdUntilStop, true);
+        run(true, holdUntilStop, [&](ScreenCaptureControllerDelegate& d) {
+            d.screenCaptureControllerDidReceiveSampleBuffer(*this, frame, flags);
+        });
     }
-    // A failure to the delegate, as from the delivery thread (`asDelivery`)
-    // or from some other thread.
-    void fail(SyntheticScreenFailure failure, bool asDelivery = true) {
+    // A failure, as from the delivery thread or (`fromElsewhere`) another one.
+    void fail(SyntheticScreenFailure failure, bool fromElsewhere = false) {
         run(
+            false, false,
             [&](ScreenCaptureControllerDelegate& d) {
-                switch (failure) {
-                    case SyntheticScreenFailure::Failed:
-                        d.screenCaptureControllerDidFailWithStatus(*this, kScreenCaptureGrabFailed);
-                        break;
-                    case SyntheticScreenFailure::Preempted:
-                        d.screenCaptureControllerWasPreempted(*this);
-                        break;
-                    case SyntheticScreenFailure::MediaServicesReset:
-                        d.screenCaptureControllerMediaServicesWereReset(*this);
-                        break;
-                }
+                if (failure == SyntheticScreenFailure::Failed)
+                    d.screenCaptureControllerDidFailWithStatus(*this, kScreenCaptureGrabFailed);
+                else if (failure == SyntheticScreenFailure::Preempted)
+                    d.screenCaptureControllerWasPreempted(*this);
+                else
+                    d.screenCaptureControllerMediaServicesWereReset(*this);
             },
-            false, asDelivery);
+            fromElsewhere);
     }
-    // Waits until a delivery is in progress (held).
     bool waitDelivering() {
-        std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, std::chrono::seconds(30), [&] { return delivering_; });
+        return waitFor([&] { return deliveringThread_ != std::thread::id(); });
     }
+
+    std::atomic<int> lateStarts{0};          // starts while startsAreLate
+    std::atomic<bool> startsAreLate{false};  // set by a test between a stop and a start
 
   private:
-    bool run(const std::function<void(ScreenCaptureControllerDelegate&)>& call, bool hold,
-             bool needsCapture) {
+    void run(bool needsCapture, bool hold,
+             const std::function<void(ScreenCaptureControllerDelegate&)>& call,
+             bool fromElsewhere = false) {
         std::unique_lock lock(mutex_);
-        if (needsCapture && !capturing_) return false;
         auto d = delegate_.lock();
-        if (!d) return false;
-        const bool mark = !delivering_;
-        if (mark) {
-            delivering_ = true;
-            deliveringThread_ = std::this_thread::get_id();
-            cv_.notify_all();
-        }
+        if (!d || (needsCapture && !capturing_)) return;
+        if (!fromElsewhere) deliveringThread_ = std::this_thread::get_id();
+        cv_.notify_all();
         if (hold) cv_.wait(lock, [&] { return stopRequested_; });
         lock.unlock();
         call(*d);
         lock.lock();
-        if (mark) {
-            delivering_ = false;
-            deliveringThread_ = {};
-            cv_.notify_all();
-        }
-        return true;
+        if (!fromElsewhere) deliveringThread_ = {};
+        cv_.notify_all();
     }
 
     mutable std::mutex mutex_;
     std::condition_variable cv_;
     std::weak_ptr<ScreenCaptureControllerDelegate> delegate_;
-    bool capturing_ = false, stopRequested_ = false, delivering_ = false;
+    bool capturing_ = false, stopRequested_ = false;
     std::thread::id deliveringThread_;
-    int starts_ = 0, lateStarts_ = 0;
-    bool stopMark_ = false;
 };
 
 class FakeScreenBackend : public ScreenBackend {
@@ -140,21 +109,15 @@ class FakeScreenBackend : public ScreenBackend {
     std::string name() const override { return "fake"; }
     std::shared_ptr<ScreenCaptureController> makeCaptureController(WindowSize size,
                                                                    MediaTime interval) override {
-        auto c = std::make_shared<FakeController>(size, interval);
         std::lock_guard lock(mutex_);
-        controllers_.push_back(c);
-        return c;
+        return controller_ = std::make_shared<FakeController>(size, interval);
     }
     std::shared_ptr<DisplayMirroringService> mirroringService() override { return mirroring; }
     WindowSize displaySize() const override { return {1334, 750}; }
-
+    // The controller made last.
     std::shared_ptr<FakeController> controller() const {
         std::lock_guard lock(mutex_);
-        return controllers_.empty() ? nullptr : controllers_.back();
-    }
-    size_t controllerCount() const {
-        std::lock_guard lock(mutex_);
-        return controllers_.size();
+        return controller_;
     }
 
     const std::shared_ptr<BasicDisplayMirroringService> mirroring =
@@ -162,7 +125,7 @@ class FakeScreenBackend : public ScreenBackend {
 
   private:
     mutable std::mutex mutex_;
-    std::vector<std::shared_ptr<FakeController>> controllers_;
+    std::shared_ptr<FakeController> controller_;
 };
 
 }  // namespace sv::testing
