@@ -5,7 +5,7 @@
 
 #include <libyuv.h>
 
-#include <cstring>
+#include <algorithm>
 #include <limits>
 #include <random>
 #include <vector>
@@ -74,7 +74,7 @@ TEST(FrameStamp, RoundTripsAtEverySizeAndLeavesTheRestAlone) {
             ASSERT_TRUE(drawFrameStamp(*s, stamp));
             EXPECT_EQ(lumaOf(*s).read(), stamp) << size.w << "x" << size.h;
         }
-        EXPECT_EQ(0, std::memcmp(below.data(), s->data() + band * rowBytes, below.size()))
+        EXPECT_TRUE(std::equal(below.begin(), below.end(), s->data() + band * rowBytes))
             << "pixels below the stamp changed at " << size.w << "x" << size.h;
     }
 }
