@@ -128,6 +128,13 @@ class RecordCommandTest : public ::testing::Test {
 };
 
 TEST_F(RecordCommandTest, RecordsItsLayersForADurationAndWritesTheMovie) {
+    // The service hands back a real (if tiny) movie, summarized at the end.
+    pid_t ffmpeg = sv::test::spawnProcess(
+        {"/usr/bin/ffmpeg", "-loglevel", "error", "-y", "-f", "lavfi", "-i",
+         "testsrc=duration=1:size=64x48:rate=10", "-pix_fmt", "yuv420p", "-c:v", "libx264", movie_},
+        {}, dir_ + "/ffmpeg.log");
+    ASSERT_EQ(sv::test::waitForExit(ffmpeg, 60s), 0) << sv::test::readFile(dir_ + "/ffmpeg.log");
+    std::string movieBytes = sv::test::readFile(movie_);
     startShell();
     startDaemon();
     int status = -1;
@@ -142,10 +149,12 @@ TEST_F(RecordCommandTest, RecordsItsLayersForADurationAndWritesTheMovie) {
     EXPECT_EQ(calls[1].args[2], false);       // no microphone asked for
     EXPECT_EQ(calls[1].args[5], false);       // not a system recording
     EXPECT_GE(shell_->methods().size(), 3u);  // layers twice, then status
-    // The movie moved from the service's store to FILE.
-    EXPECT_EQ(sv::test::readFile(output_), "not really a movie");
+    // The movie moved from the service's store to FILE, and its inspection
+    // follows its path.
+    EXPECT_EQ(sv::test::readFile(output_), movieBytes);
     EXPECT_FALSE(std::filesystem::exists(movie_));
-    EXPECT_TRUE(contains(out, output_ + "\n")) << out;
+    EXPECT_TRUE(contains(out, output_ + "\n" + output_ + ": mov,mp4")) << out;
+    EXPECT_TRUE(contains(out, "track 0: video h264")) << out;
 }
 
 TEST_F(RecordCommandTest, SystemRecordingWithMicrophoneTrimsWhenItStops) {
