@@ -28,3 +28,5 @@ if(NOT LIBYUV_FOUND)
     set(LIBYUV_FOUND TRUE)
   endif()
 endif()
+# The X11 window system of the foreground tracking (core protocol only).
+pkg_check_modules(XCB_CORE REQUIRED IMPORTED_TARGET xcb)

@@ -1,0 +1,101 @@
+#include "platform/ui/ui_backend.h"
+
+#include <cstdlib>
+#include <mutex>
+
+#include "platform/log.h"
+#include "platform/screen/synthetic_screen.h"
+#include "platform/system/application_state.h"
+#include "platform/system/display_layout.h"
+#include "platform/ui/synthetic_window_system.h"
+#include "platform/ui/x11_window_system.h"
+
+namespace sv {
+
+std::optional<UiBackendKind> parseUiBackendKind(std::string_view text) {
+    if (text == "x11") return UiBackendKind::X11;
+    if (text == "synthetic") return UiBackendKind::Synthetic;
+    if (text == "auto" || text == "automatic") return UiBackendKind::Automatic;
+    return std::nullopt;
+}
+
+std::shared_ptr<UiBackend> makeUiBackend(UiBackendKind kind,
+                                         std::shared_ptr<SyntheticDisplay> display,
+                                         std::string* error) {
+    if (kind == UiBackendKind::Automatic) {
+        if (const char* env = std::getenv("SORVEL_SCREEN_BACKEND"); env && *env) {
+            if (auto parsed = parseUiBackendKind(env))
+                kind = *parsed;
+            else
+                log::error("UI: unknown SORVEL_SCREEN_BACKEND \"%@\", choosing automatically", env);
+        }
+    }
+    if (kind == UiBackendKind::Automatic) {
+        const char* d = std::getenv("DISPLAY");
+        kind = d && *d && X11WindowSystem::serverAnswers() ? UiBackendKind::X11
+                                                           : UiBackendKind::Synthetic;
+    }
+    std::shared_ptr<UiBackend> backend;
+    if (kind == UiBackendKind::X11) {
+        std::string why;
+        backend = X11WindowSystem::connect({}, &why);
+        if (!backend) {
+            log::error("UI: cannot use the X11 window system: %@", why);
+            if (error) *error = why;
+            return nullptr;
+        }
+    } else {
+        if (!display) {
+            // The process's screen backend follows the same choice, so in a
+            // synthetic process it is the synthetic screen and its display.
+            if (auto screen =
+                    std::dynamic_pointer_cast<SyntheticScreenBackend>(processScreenBackend()))
+                display = screen->display();
+        }
+        backend =
+            SyntheticWindowSystem::create(display ? display : std::make_shared<SyntheticDisplay>());
+    }
+    log::info("UI: using the %@ window system", backend->name());
+    return backend;
+}
+
+namespace {
+std::mutex gBackendMutex;
+std::shared_ptr<UiBackend>& processBackendSlot() {
+    static auto* slot = new std::shared_ptr<UiBackend>;
+    return *slot;
+}
+}  // namespace
+
+std::shared_ptr<UiBackend> processUiBackend() {
+    std::lock_guard lock(gBackendMutex);
+    auto& slot = processBackendSlot();
+    if (!slot) {
+        slot = makeUiBackend(UiBackendKind::Automatic);
+        // The server went away between the check and the connection: the
+        // window system without a server is the synthetic one.
+        if (!slot) slot = makeUiBackend(UiBackendKind::Synthetic);
+    }
+    return slot;
+}
+
+void setProcessUiBackend(std::shared_ptr<UiBackend> backend) {
+    std::lock_guard lock(gBackendMutex);
+    processBackendSlot() = std::move(backend);
+}
+
+// The services' entry points that go through the process's window system.
+
+std::shared_ptr<ApplicationStateMonitor> ApplicationStateMonitor::create() {
+    return processUiBackend()->makeApplicationStateMonitor();
+}
+
+std::shared_ptr<DisplayLayoutMonitor> DisplayLayoutMonitor::mainDisplayMonitor() {
+    return processUiBackend()->makeMainDisplayLayoutMonitor();
+}
+
+std::optional<std::string> frontmostApplicationBundleIdentifier() {
+    return processUiBackend()->frontmostApplicationBundleIdentifier();
+}
+
+}  // namespace sv

@@ -1,0 +1,57 @@
+// The window system behind the application-state monitor, the frontmost
+// application and the display-layout monitor. Two backends exist: X11 (EWMH
+// properties and structure events of the screen's top-level windows,
+// platform/ui/x11_window_system.h) and the synthetic window system on the
+// synthetic display (platform/ui/synthetic_window_system.h).
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace sv {
+
+class ApplicationStateMonitor;
+class DisplayLayoutMonitor;
+class SyntheticDisplay;
+
+class UiBackend {
+  public:
+    virtual ~UiBackend() = default;
+    virtual std::string name() const = 0;
+
+    // New monitors; each keeps the backend alive and has a queue of its own.
+    virtual std::shared_ptr<ApplicationStateMonitor> makeApplicationStateMonitor() = 0;
+    virtual std::shared_ptr<DisplayLayoutMonitor> makeMainDisplayLayoutMonitor() = 0;
+    // The bundle identifier of the frontmost application, or nullopt.
+    // Synchronous, any thread.
+    virtual std::optional<std::string> frontmostApplicationBundleIdentifier() = 0;
+};
+
+enum class UiBackendKind { Automatic, X11, Synthetic };
+
+// "x11", "synthetic", "auto"/"automatic"; nullopt for anything else.
+std::optional<UiBackendKind> parseUiBackendKind(std::string_view text);
+
+// Automatic: SORVEL_SCREEN_BACKEND (x11|synthetic) when set, so that the
+// window system always matches the screen that is recorded; otherwise X11
+// when $DISPLAY names a server that accepts a connection, otherwise
+// synthetic. X11: the server named by $DISPLAY; null (with `error`) when it
+// cannot be reached. Synthetic: a window system on `display`; when null, on
+// the display of the process's screen backend if that is synthetic (so that
+// the recorded screen and the window system show the same layers), else on a
+// new display. Logs the choice.
+std::shared_ptr<UiBackend> makeUiBackend(UiBackendKind kind = UiBackendKind::Automatic,
+                                         std::shared_ptr<SyntheticDisplay> display = nullptr,
+                                         std::string* error = nullptr);
+
+// The backend of the process (what ApplicationStateMonitor::create,
+// DisplayLayoutMonitor::mainDisplayMonitor and
+// frontmostApplicationBundleIdentifier use): the one set with
+// setProcessUiBackend, else makeUiBackend(Automatic) made on first use.
+// Thread-safe.
+std::shared_ptr<UiBackend> processUiBackend();
+void setProcessUiBackend(std::shared_ptr<UiBackend> backend);
+
+}  // namespace sv

@@ -1,0 +1,904 @@
+#include "platform/ui/x11_window_system.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
+
+#include <xcb/xcb.h>
+
+#include "platform/log.h"
+#include "platform/process/process_info.h"
+#include "platform/system/bundle.h"
+
+namespace sv {
+namespace {
+
+// ---- RAII owners of xcb objects
+
+struct FreeDeleter {
+    void operator()(void* p) const { std::free(p); }
+};
+template <typename T>
+using Reply = std::unique_ptr<T, FreeDeleter>;
+
+struct ConnectionDeleter {
+    void operator()(xcb_connection_t* c) const { xcb_disconnect(c); }
+};
+using Connection = std::unique_ptr<xcb_connection_t, ConnectionDeleter>;
+
+// The file descriptor that wakes the event thread.
+struct EventFd {
+    int fd = -1;
+    EventFd() : fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    ~EventFd() {
+        if (fd >= 0) close(fd);
+    }
+    EventFd(const EventFd&) = delete;
+    EventFd& operator=(const EventFd&) = delete;
+    void signal() const {
+        uint64_t one = 1;
+        if (fd >= 0) (void)!write(fd, &one, sizeof one);
+    }
+    void drain() const {
+        uint64_t n;
+        if (fd >= 0) (void)!read(fd, &n, sizeof n);
+    }
+};
+
+Connection openConnection(const std::string& displayName, int* screenNumber, std::string* error) {
+    const char* name = displayName.empty() ? nullptr : displayName.c_str();
+    if (!name) {
+        const char* env = std::getenv("DISPLAY");
+        if (!env || !*env) {
+            if (error) *error = "DISPLAY is not set";
+            return nullptr;
+        }
+    }
+    Connection c(xcb_connect(name, screenNumber));
+    if (!c || xcb_connection_has_error(c.get())) {
+        if (error)
+            *error = "cannot connect to X server " +
+                     (name ? std::string(name) : std::string(std::getenv("DISPLAY")));
+        return nullptr;
+    }
+    return c;
+}
+
+// ---- atoms
+
+enum AtomIndex {
+    kNetActiveWindow,
+    kNetClientList,
+    kNetClientListStacking,
+    kNetSupportingWmCheck,
+    kNetWmPid,
+    kNetWmWindowType,
+    kNetWmState,
+    kWmState,
+    kWmClientLeader,
+    kTypeDesktop,
+    kTypeDock,
+    kTypeToolbar,
+    kTypeMenu,
+    kTypeUtility,
+    kTypeSplash,
+    kTypeDialog,
+    kTypeDropdownMenu,
+    kTypePopupMenu,
+    kTypeTooltip,
+    kTypeNotification,
+    kTypeCombo,
+    kTypeDnd,
+    kTypeNormal,
+    kStateHidden,
+    kStateAbove,
+    kStateBelow,
+    kStateModal,
+    kStateFullscreen,
+    kAtomCount
+};
+
+constexpr const char* kAtomNames[kAtomCount] = {
+    "_NET_ACTIVE_WINDOW",
+    "_NET_CLIENT_LIST",
+    "_NET_CLIENT_LIST_STACKING",
+    "_NET_SUPPORTING_WM_CHECK",
+    "_NET_WM_PID",
+    "_NET_WM_WINDOW_TYPE",
+    "_NET_WM_STATE",
+    "WM_STATE",
+    "WM_CLIENT_LEADER",
+    "_NET_WM_WINDOW_TYPE_DESKTOP",
+    "_NET_WM_WINDOW_TYPE_DOCK",
+    "_NET_WM_WINDOW_TYPE_TOOLBAR",
+    "_NET_WM_WINDOW_TYPE_MENU",
+    "_NET_WM_WINDOW_TYPE_UTILITY",
+    "_NET_WM_WINDOW_TYPE_SPLASH",
+    "_NET_WM_WINDOW_TYPE_DIALOG",
+    "_NET_WM_WINDOW_TYPE_DROPDOWN_MENU",
+    "_NET_WM_WINDOW_TYPE_POPUP_MENU",
+    "_NET_WM_WINDOW_TYPE_TOOLTIP",
+    "_NET_WM_WINDOW_TYPE_NOTIFICATION",
+    "_NET_WM_WINDOW_TYPE_COMBO",
+    "_NET_WM_WINDOW_TYPE_DND",
+    "_NET_WM_WINDOW_TYPE_NORMAL",
+    "_NET_WM_STATE_HIDDEN",
+    "_NET_WM_STATE_ABOVE",
+    "_NET_WM_STATE_BELOW",
+    "_NET_WM_STATE_MODAL",
+    "_NET_WM_STATE_FULLSCREEN",
+};
+
+bool internAtoms(xcb_connection_t* c, xcb_atom_t (&atoms)[kAtomCount]) {
+    xcb_intern_atom_cookie_t cookies[kAtomCount];
+    for (int i = 0; i < kAtomCount; ++i)
+        cookies[i] = xcb_intern_atom(c, 0, uint16_t(std::strlen(kAtomNames[i])), kAtomNames[i]);
+    bool ok = true;
+    for (int i = 0; i < kAtomCount; ++i) {
+        Reply<xcb_intern_atom_reply_t> r(xcb_intern_atom_reply(c, cookies[i], nullptr));
+        atoms[i] = r ? r->atom : xcb_atom_t(XCB_ATOM_NONE);
+        ok = ok && r;
+    }
+    return ok;
+}
+
+// ---- what one scan reads of one window
+
+struct WindowProperties {
+    bool hasPid = false, hasWmState = false, hasType = false;
+    uint32_t pid = 0;
+    uint32_t wmState = 0;  // ICCCM: 1 normal, 3 iconic
+    std::vector<xcb_atom_t> types, states;
+    xcb_window_t transientFor = XCB_NONE;
+    xcb_window_t clientLeader = XCB_NONE;
+    std::optional<std::string> clientMachine;
+};
+
+// Property requests of one window, sent together and read together.
+struct PropertyCookies {
+    xcb_get_property_cookie_t pid, type, state, wmState, transient, leader, machine;
+};
+
+constexpr uint32_t kMaxPropertyWords = 64;
+
+PropertyCookies requestProperties(xcb_connection_t* c, xcb_window_t w,
+                                  const xcb_atom_t (&atoms)[kAtomCount]) {
+    PropertyCookies k;
+    k.pid = xcb_get_property(c, 0, w, atoms[kNetWmPid], XCB_ATOM_CARDINAL, 0, 1);
+    k.type =
+        xcb_get_property(c, 0, w, atoms[kNetWmWindowType], XCB_ATOM_ATOM, 0, kMaxPropertyWords);
+    k.state = xcb_get_property(c, 0, w, atoms[kNetWmState], XCB_ATOM_ATOM, 0, kMaxPropertyWords);
+    k.wmState = xcb_get_property(c, 0, w, atoms[kWmState], atoms[kWmState], 0, 2);
+    k.transient = xcb_get_property(c, 0, w, XCB_ATOM_WM_TRANSIENT_FOR, XCB_ATOM_WINDOW, 0, 1);
+    k.leader = xcb_get_property(c, 0, w, atoms[kWmClientLeader], XCB_ATOM_WINDOW, 0, 1);
+    k.machine = xcb_get_property(c, 0, w, XCB_ATOM_WM_CLIENT_MACHINE, XCB_GET_PROPERTY_TYPE_ANY, 0,
+                                 kMaxPropertyWords);
+    return k;
+}
+
+template <typename T>
+std::vector<T> values32(xcb_connection_t* c, xcb_get_property_cookie_t cookie, bool* present) {
+    Reply<xcb_get_property_reply_t> r(xcb_get_property_reply(c, cookie, nullptr));
+    std::vector<T> out;
+    if (present) *present = false;
+    if (!r || r->type == XCB_ATOM_NONE || r->format != 32) return out;
+    if (present) *present = true;
+    int n = xcb_get_property_value_length(r.get()) / 4;
+    auto* v = static_cast<const uint32_t*>(xcb_get_property_value(r.get()));
+    for (int i = 0; i < n; ++i) out.push_back(T(v[i]));
+    return out;
+}
+
+WindowProperties readProperties(xcb_connection_t* c, const PropertyCookies& k) {
+    WindowProperties p;
+    auto pid = values32<uint32_t>(c, k.pid, &p.hasPid);
+    p.hasPid = !pid.empty() && pid[0] > 0;
+    if (p.hasPid) p.pid = pid[0];
+    p.types = values32<xcb_atom_t>(c, k.type, &p.hasType);
+    p.states = values32<xcb_atom_t>(c, k.state, nullptr);
+    auto wmState = values32<uint32_t>(c, k.wmState, &p.hasWmState);
+    if (!wmState.empty()) p.wmState = wmState[0];
+    auto transient = values32<xcb_window_t>(c, k.transient, nullptr);
+    if (!transient.empty()) p.transientFor = transient[0];
+    auto leader = values32<xcb_window_t>(c, k.leader, nullptr);
+    if (!leader.empty()) p.clientLeader = leader[0];
+    Reply<xcb_get_property_reply_t> m(xcb_get_property_reply(c, k.machine, nullptr));
+    if (m && m->type != XCB_ATOM_NONE && m->format == 8) {
+        auto* text = static_cast<const char*>(xcb_get_property_value(m.get()));
+        std::string s(text, size_t(xcb_get_property_value_length(m.get())));
+        if (auto nul = s.find('\0'); nul != std::string::npos) s.resize(nul);
+        p.clientMachine = s;
+    }
+    return p;
+}
+
+bool contains(const std::vector<xcb_atom_t>& list, xcb_atom_t a) {
+    return a != XCB_ATOM_NONE && std::find(list.begin(), list.end(), a) != list.end();
+}
+
+// WM_CLIENT_MACHINE names this host (short or fully qualified), or is absent.
+bool isLocalMachine(const std::optional<std::string>& machine, const std::string& host) {
+    if (!machine || machine->empty() || *machine == "localhost") return true;
+    auto shortName = [](const std::string& s) { return s.substr(0, s.find('.')); };
+    return *machine == host || shortName(*machine) == shortName(host);
+}
+
+std::string localHostName() {
+    char buf[256] = {};
+    if (gethostname(buf, sizeof buf - 1) != 0) return {};
+    return buf;
+}
+
+}  // namespace
+
+// ---- the shared state of the window system and its event thread
+
+class X11StateMonitor;
+class X11LayoutMonitor;
+
+struct X11WindowSystem::Core {
+    Connection connection;
+    xcb_window_t root = XCB_NONE;
+    int32_t screenWidth = 0, screenHeight = 0;
+    xcb_atom_t atoms[kAtomCount] = {};
+    std::string hostName = localHostName();
+    EventFd wake;
+    std::atomic<bool> stopping{false};
+
+    // The view as of the last scan, and the monitors; guarded by mutex.
+    mutable std::mutex mutex;
+    bool connected = true;
+    DisplayLayout layout;
+    std::map<std::string, ApplicationState> apps;  // foreground or frontmost ones
+    std::optional<std::string> frontmost;
+    uint64_t scans = 0;
+    std::vector<std::weak_ptr<X11StateMonitor>> stateMonitors;
+    std::vector<std::weak_ptr<X11LayoutMonitor>> layoutMonitors;
+
+    // Synchronisation requests (synchronize()).
+    std::mutex syncMutex;
+    std::condition_variable syncDone;
+    uint64_t syncRequested = 0, syncCompleted = 0;
+
+    // Event thread only.
+    struct TopLevel {
+        xcb_window_t below = XCB_NONE;  // the sibling directly below it
+        bool onScreen = false;
+    };
+    std::unordered_map<xcb_window_t, TopLevel> topLevels;
+    std::unordered_set<xcb_window_t> selected;
+    struct CachedBundle {
+        std::string executable;
+        std::optional<std::string> bundleID;
+    };
+    std::unordered_map<uint32_t, CachedBundle> bundles;
+
+    // Whether `event` may change what a scan finds; notes a new screen size.
+    bool handleEvent(const xcb_generic_event_t* event);
+    bool onScreen(int32_t x, int32_t y, int32_t w, int32_t h) const {
+        return w > 0 && h > 0 && x < screenWidth && y < screenHeight && x + w > 0 && y + h > 0;
+    }
+    std::optional<std::string> bundleOfProcess(uint32_t pid);
+    void scan();
+    void publish(DisplayLayout newLayout, std::map<std::string, ApplicationState> newApps,
+                 std::optional<std::string> newFrontmost);
+    void connectionLost();
+    void run();
+};
+
+class X11StateMonitor : public ApplicationStateMonitor {
+  public:
+    explicit X11StateMonitor(std::shared_ptr<X11WindowSystem> system)
+        : system_(std::move(system)) {}
+    void report(const ApplicationState& state) { applicationStateDidChange(state); }
+
+  protected:
+    ApplicationState stateOfApplication(const std::string& bundleID) const override {
+        return system_->applicationState(bundleID);
+    }
+
+  private:
+    std::shared_ptr<X11WindowSystem> system_;
+};
+
+class X11LayoutMonitor : public DisplayLayoutMonitor {
+  public:
+    X11LayoutMonitor(std::shared_ptr<X11WindowSystem> system, DisplayLayout initial)
+        : DisplayLayoutMonitor(std::move(initial)), system_(std::move(system)) {}
+    void publish(const DisplayLayout& layout) { updateLayout(layout); }
+
+  private:
+    std::shared_ptr<X11WindowSystem> system_;
+};
+
+bool X11WindowSystem::Core::handleEvent(const xcb_generic_event_t* event) {
+    switch (event->response_type & 0x7F) {
+        case XCB_PROPERTY_NOTIFY: {
+            auto* e = reinterpret_cast<const xcb_property_notify_event_t*>(event);
+            if (e->window == root)
+                return e->atom == atoms[kNetActiveWindow] || e->atom == atoms[kNetClientList] ||
+                       e->atom == atoms[kNetClientListStacking];
+            return e->atom == atoms[kNetWmPid] || e->atom == atoms[kNetWmWindowType] ||
+                   e->atom == atoms[kNetWmState] || e->atom == atoms[kWmState] ||
+                   e->atom == atoms[kWmClientLeader] || e->atom == XCB_ATOM_WM_TRANSIENT_FOR ||
+                   e->atom == XCB_ATOM_WM_CLIENT_MACHINE;
+        }
+        case XCB_CONFIGURE_NOTIFY: {
+            // Moves and resizes matter only when they change the stacking
+            // order or whether a top-level is on the screen at all, so that
+            // dragging a window around costs no scans.
+            auto* e = reinterpret_cast<const xcb_configure_notify_event_t*>(event);
+            if (e->window == root) {  // the screen changed size
+                screenWidth = e->width;
+                screenHeight = e->height;
+                return true;
+            }
+            if (e->event != root) return false;
+            auto it = topLevels.find(e->window);
+            if (it == topLevels.end()) return true;
+            int32_t b = 2 * e->border_width;
+            return it->second.below != e->above_sibling ||
+                   it->second.onScreen != onScreen(e->x, e->y, e->width + b, e->height + b);
+        }
+        case XCB_MAP_NOTIFY:
+        case XCB_UNMAP_NOTIFY:
+        case XCB_DESTROY_NOTIFY:
+        case XCB_REPARENT_NOTIFY:
+        case XCB_CIRCULATE_NOTIFY:
+            return true;
+        default:
+            return false;  // errors (windows that went away meanwhile) included
+    }
+}
+
+std::optional<std::string> X11WindowSystem::Core::bundleOfProcess(uint32_t pid) {
+    char path[kMaxProcessPathBytes];
+    int n = processExecutablePath(pid_t(pid), path, sizeof path);
+    if (n <= 0) return std::nullopt;
+    std::string executable(path, size_t(n));
+    auto it = bundles.find(pid);
+    if (it != bundles.end() && it->second.executable == executable) return it->second.bundleID;
+    std::optional<std::string> id;
+    if (auto bundle = Bundle::bundleForExecutablePath(executable)) id = bundle->bundleIdentifier();
+    bundles[pid] = {executable, id};
+    return id;
+}
+
+namespace {
+
+struct ScannedWindow {
+    xcb_window_t topLevel = XCB_NONE;
+    xcb_window_t client = XCB_NONE;
+    int32_t level = kDisplayLayoutLevelNormal;
+    int32_t pid = -1;  // trusted owner process, or -1
+    xcb_window_t leader = XCB_NONE;
+    std::optional<std::string> bundleID;
+};
+
+int32_t levelOf(const WindowProperties& p, bool overrideRedirect, bool coversScreen,
+                const xcb_atom_t (&a)[kAtomCount]) {
+    auto type = [&](int i) { return contains(p.types, a[i]); };
+    auto state = [&](int i) { return contains(p.states, a[i]); };
+    if (state(kStateFullscreen) || (overrideRedirect && coversScreen))
+        return kDisplayLayoutLevelNormal;
+    if (state(kStateAbove)) return kDisplayLayoutLevelAbove;
+    if (type(kTypeNotification)) return kDisplayLayoutLevelNotification;
+    if (type(kTypePopupMenu) || type(kTypeDropdownMenu) || type(kTypeTooltip) || type(kTypeCombo) ||
+        type(kTypeDnd) || overrideRedirect)
+        return kDisplayLayoutLevelPopup;
+    if (type(kTypeDialog) || state(kStateModal) || (p.types.empty() && p.transientFor != XCB_NONE))
+        return kDisplayLayoutLevelDialog;
+    if (state(kStateBelow)) return kDisplayLayoutLevelBelow;
+    return kDisplayLayoutLevelNormal;
+}
+
+}  // namespace
+
+void X11WindowSystem::Core::scan() {
+    xcb_connection_t* c = connection.get();
+    auto treeCookie = xcb_query_tree(c, root);
+    auto activeCookie =
+        xcb_get_property(c, 0, root, atoms[kNetActiveWindow], XCB_ATOM_WINDOW, 0, 1);
+    auto checkCookie =
+        xcb_get_property(c, 0, root, atoms[kNetSupportingWmCheck], XCB_ATOM_WINDOW, 0, 1);
+    Reply<xcb_query_tree_reply_t> tree(xcb_query_tree_reply(c, treeCookie, nullptr));
+    auto active = values32<xcb_window_t>(c, activeCookie, nullptr);
+    auto check = values32<xcb_window_t>(c, checkCookie, nullptr);
+    xcb_window_t activeWindow = active.empty() ? XCB_NONE : active[0];
+    xcb_window_t wmCheck = check.empty() ? XCB_NONE : check[0];
+    if (!tree) return;
+
+    // Bottom to top; only the topmost kX11MaxScannedWindows.
+    auto* childPtr = xcb_query_tree_children(tree.get());
+    std::vector<xcb_window_t> children(childPtr,
+                                       childPtr + xcb_query_tree_children_length(tree.get()));
+    if (children.size() > kX11MaxScannedWindows)
+        children.erase(children.begin(), children.end() - long(kX11MaxScannedWindows));
+
+    std::vector<xcb_get_window_attributes_cookie_t> attrCookies;
+    std::vector<xcb_get_geometry_cookie_t> geometryCookies;
+    for (auto w : children) {
+        attrCookies.push_back(xcb_get_window_attributes(c, w));
+        geometryCookies.push_back(xcb_get_geometry(c, w));
+    }
+
+    struct Candidate {
+        xcb_window_t window;
+        bool overrideRedirect;
+        bool coversScreen;
+        PropertyCookies cookies;
+    };
+    std::vector<Candidate> candidates;
+    std::unordered_map<xcb_window_t, TopLevel> newTopLevels;
+    std::unordered_set<xcb_window_t> newSelected;
+    const uint32_t topMask[] = {XCB_EVENT_MASK_STRUCTURE_NOTIFY |
+                                XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY |
+                                XCB_EVENT_MASK_PROPERTY_CHANGE};
+    for (size_t i = 0; i < children.size(); ++i) {
+        xcb_window_t w = children[i];
+        Reply<xcb_get_window_attributes_reply_t> attr(
+            xcb_get_window_attributes_reply(c, attrCookies[i], nullptr));
+        Reply<xcb_get_geometry_reply_t> geo(xcb_get_geometry_reply(c, geometryCookies[i], nullptr));
+        if (!attr || !geo) continue;  // gone meanwhile
+        int32_t b = 2 * geo->border_width;
+        int32_t x = geo->x, y = geo->y, width = geo->width + b, height = geo->height + b;
+        bool visible = onScreen(x, y, width, height);
+        newTopLevels[w] = {i > 0 ? children[i - 1] : xcb_window_t(XCB_NONE), visible};
+        // Every top-level is watched, mapped or not, so that its properties
+        // are current when it appears.
+        if (!selected.count(w)) xcb_change_window_attributes(c, w, XCB_CW_EVENT_MASK, topMask);
+        newSelected.insert(w);
+        if (attr->map_state != XCB_MAP_STATE_VIEWABLE ||
+            attr->_class != XCB_WINDOW_CLASS_INPUT_OUTPUT || !visible || w == wmCheck)
+            continue;
+        bool covers = x <= 0 && y <= 0 && x + width >= screenWidth && y + height >= screenHeight;
+        candidates.push_back(
+            {w, bool(attr->override_redirect), covers, requestProperties(c, w, atoms)});
+    }
+
+    // Every phase below sends its requests for all windows before it reads
+    // a reply, so a scan costs a handful of round trips however many
+    // windows the screen has.
+    std::vector<WindowProperties> props(candidates.size());
+    std::vector<xcb_window_t> clients(candidates.size());
+    std::vector<size_t> framed;  // candidates whose client is to be found
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        props[i] = readProperties(c, candidates[i].cookies);
+        clients[i] = candidates[i].window;
+        const auto& p = props[i];
+        if (!(p.hasPid || p.hasWmState || p.hasType || candidates[i].overrideRedirect))
+            framed.push_back(i);
+    }
+
+    // Window manager frames: the client is the descendant with WM_STATE,
+    // searched breadth-first, three levels deep, at most 64 windows a level.
+    constexpr size_t kMaxSearchedPerLevel = 64;
+    std::vector<std::vector<xcb_window_t>> level(framed.size());
+    std::vector<xcb_window_t> found(framed.size(), XCB_NONE);
+    for (size_t f = 0; f < framed.size(); ++f) level[f] = {candidates[framed[f]].window};
+    for (int depth = 0; depth < 3; ++depth) {
+        std::vector<std::vector<xcb_query_tree_cookie_t>> treeCookies(framed.size());
+        for (size_t f = 0; f < framed.size(); ++f)
+            if (found[f] == XCB_NONE)
+                for (auto parent : level[f]) treeCookies[f].push_back(xcb_query_tree(c, parent));
+        std::vector<std::vector<xcb_get_property_cookie_t>> stateCookies(framed.size());
+        for (size_t f = 0; f < framed.size(); ++f) {
+            std::vector<xcb_window_t> next;
+            for (auto cookie : treeCookies[f]) {
+                Reply<xcb_query_tree_reply_t> sub(xcb_query_tree_reply(c, cookie, nullptr));
+                if (!sub) continue;
+                auto* kids = xcb_query_tree_children(sub.get());
+                size_t n = size_t(xcb_query_tree_children_length(sub.get()));
+                size_t room = kMaxSearchedPerLevel - next.size();
+                next.insert(next.end(), kids, kids + std::min(n, room));
+            }
+            level[f] = std::move(next);
+            for (auto k : level[f])
+                stateCookies[f].push_back(
+                    xcb_get_property(c, 0, k, atoms[kWmState], atoms[kWmState], 0, 0));
+        }
+        for (size_t f = 0; f < framed.size(); ++f) {
+            for (size_t k = 0; k < stateCookies[f].size(); ++k) {
+                Reply<xcb_get_property_reply_t> r(
+                    xcb_get_property_reply(c, stateCookies[f][k], nullptr));
+                if (found[f] == XCB_NONE && r && r->type != XCB_ATOM_NONE) found[f] = level[f][k];
+            }
+        }
+    }
+    std::vector<std::pair<size_t, PropertyCookies>> clientCookies;
+    const uint32_t clientMask[] = {XCB_EVENT_MASK_PROPERTY_CHANGE};
+    for (size_t f = 0; f < framed.size(); ++f) {
+        if (found[f] == XCB_NONE) continue;  // a bare window: it is its own client
+        size_t i = framed[f];
+        clients[i] = found[f];
+        clientCookies.emplace_back(i, requestProperties(c, found[f], atoms));
+        if (!selected.count(found[f]))
+            xcb_change_window_attributes(c, found[f], XCB_CW_EVENT_MASK, clientMask);
+        newSelected.insert(found[f]);
+    }
+    for (const auto& [i, cookies] : clientCookies) props[i] = readProperties(c, cookies);
+
+    // Owners: the window's own _NET_WM_PID, else its client leader's.
+    std::vector<ScannedWindow> windows;
+    std::vector<std::pair<size_t, xcb_get_property_cookie_t>> leaderCookies;
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        const auto& p = props[i];
+        if (contains(p.types, atoms[kTypeDesktop]) || contains(p.types, atoms[kTypeDock]))
+            continue;  // the desktop's furniture, see the header
+        if (contains(p.states, atoms[kStateHidden]) || p.wmState == 3) continue;
+        ScannedWindow sw;
+        sw.topLevel = candidates[i].window;
+        sw.client = clients[i];
+        sw.level = levelOf(p, candidates[i].overrideRedirect, candidates[i].coversScreen, atoms);
+        sw.leader = p.clientLeader;
+        bool local = isLocalMachine(p.clientMachine, hostName);
+        if (p.hasPid && local)
+            sw.pid = int32_t(p.pid);
+        else if (local && p.clientLeader != XCB_NONE && p.clientLeader != sw.client)
+            leaderCookies.emplace_back(
+                windows.size(),
+                xcb_get_property(c, 0, p.clientLeader, atoms[kNetWmPid], XCB_ATOM_CARDINAL, 0, 1));
+        windows.push_back(std::move(sw));
+    }
+    for (const auto& [w, cookie] : leaderCookies) {
+        auto leaderPid = values32<uint32_t>(c, cookie, nullptr);
+        if (!leaderPid.empty() && leaderPid[0] > 0) windows[w].pid = int32_t(leaderPid[0]);
+    }
+    for (auto& sw : windows)
+        if (sw.pid > 0) sw.bundleID = bundleOfProcess(uint32_t(sw.pid));
+    topLevels = std::move(newTopLevels);
+    selected = std::move(newSelected);
+    xcb_flush(c);
+
+    // The owner of the active window: one of the windows above (the active
+    // window may be the frame or the client), else the window's own claim.
+    int32_t activePid = -1;
+    std::optional<std::string> activeBundle;
+    if (activeWindow != XCB_NONE) {
+        auto it = std::find_if(windows.begin(), windows.end(), [&](const ScannedWindow& w) {
+            return w.client == activeWindow || w.topLevel == activeWindow;
+        });
+        if (it != windows.end()) {
+            activePid = it->pid;
+            activeBundle = it->bundleID;
+        } else {
+            WindowProperties p = readProperties(c, requestProperties(c, activeWindow, atoms));
+            if (p.hasPid && isLocalMachine(p.clientMachine, hostName)) {
+                activePid = int32_t(p.pid);
+                activeBundle = bundleOfProcess(p.pid);
+            }
+        }
+    }
+    // Processes that no longer own a window leave the bundle cache.
+    std::erase_if(bundles, [&](const auto& entry) {
+        return uint32_t(activePid) != entry.first &&
+               std::none_of(windows.begin(), windows.end(),
+                            [&](const ScannedWindow& w) { return uint32_t(w.pid) == entry.first; });
+    });
+
+    // One element per owner, at the position of its topmost window.
+    auto ownerKey = [](const ScannedWindow& w) -> std::string {
+        if (w.bundleID) return "b:" + *w.bundleID;
+        if (w.pid > 0) return "p:" + std::to_string(w.pid);
+        if (w.leader != XCB_NONE) return "l:" + std::to_string(w.leader);
+        return "w:" + std::to_string(w.client);
+    };
+    struct Group {
+        DisplayLayoutElement element;
+        size_t topmost = 0;
+    };
+    std::map<std::string, Group> groups;
+    for (size_t i = 0; i < windows.size(); ++i) {
+        const auto& w = windows[i];
+        auto [it, inserted] = groups.try_emplace(ownerKey(w));
+        Group& g = it->second;
+        if (inserted) {
+            g.element.level = w.level;
+            g.element.identifier = w.client;
+            g.element.pid = w.pid;
+            g.element.bundleIdentifier = w.bundleID.value_or("");
+        } else {
+            g.element.level = std::min(g.element.level, w.level);
+            g.element.identifier = std::min<uint32_t>(g.element.identifier, w.client);
+        }
+        g.topmost = i;  // windows are bottom to top
+    }
+    std::vector<const Group*> ordered;
+    for (const auto& [key, g] : groups) ordered.push_back(&g);
+    std::sort(ordered.begin(), ordered.end(),
+              [](const Group* a, const Group* b) { return a->topmost < b->topmost; });
+    DisplayLayout newLayout;
+    for (const auto* g : ordered) newLayout.elements.push_back(g->element);
+
+    // Applications: foreground with a counted window, frontmost with the
+    // active one. The pid reported is that of the topmost window (or of the
+    // active window for the frontmost application).
+    std::map<std::string, ApplicationState> newApps;
+    for (const auto& w : windows) {
+        if (!w.bundleID) continue;
+        auto& s = newApps[*w.bundleID];
+        s.bundleIdentifier = *w.bundleID;
+        s.pid = w.pid;
+        s.state |= kApplicationStateRunning | kApplicationStateForeground;
+    }
+    if (activeBundle) {
+        auto& s = newApps[*activeBundle];
+        s.bundleIdentifier = *activeBundle;
+        s.pid = activePid;
+        s.state |= kApplicationStateRunning | kApplicationStateFrontmost;
+    }
+    publish(std::move(newLayout), std::move(newApps), activeBundle);
+}
+
+void X11WindowSystem::Core::publish(DisplayLayout newLayout,
+                                    std::map<std::string, ApplicationState> newApps,
+                                    std::optional<std::string> newFrontmost) {
+    std::vector<ApplicationState> losers, others;
+    auto rank = [](const ApplicationState& s) {
+        return (s.isFrontmost() ? 2 : 0) + (s.isForeground() ? 1 : 0);
+    };
+    std::vector<std::shared_ptr<X11StateMonitor>> stateTargets;
+    std::vector<std::shared_ptr<X11LayoutMonitor>> layoutTargets;
+    {
+        std::lock_guard lock(mutex);
+        for (const auto& [bundleID, old] : apps) {
+            auto it = newApps.find(bundleID);
+            if (it == newApps.end()) {
+                ApplicationState gone = old;
+                gone.state = kApplicationStateNotRunning;
+                losers.push_back(gone);
+            } else if (!(it->second == old)) {
+                (rank(it->second) < rank(old) ? losers : others).push_back(it->second);
+            }
+        }
+        for (const auto& [bundleID, now] : newApps)
+            if (!apps.count(bundleID)) others.push_back(now);
+        apps = std::move(newApps);
+        layout = newLayout;
+        frontmost = std::move(newFrontmost);
+        ++scans;
+        std::erase_if(stateMonitors, [](const auto& w) { return w.expired(); });
+        std::erase_if(layoutMonitors, [](const auto& w) { return w.expired(); });
+        for (const auto& w : stateMonitors)
+            if (auto m = w.lock()) stateTargets.push_back(std::move(m));
+        for (const auto& w : layoutMonitors)
+            if (auto m = w.lock()) layoutTargets.push_back(std::move(m));
+    }
+    // Outside the lock: the monitors' queues are not ours to block, and a
+    // monitor released here by its last owner is destroyed on this thread.
+    for (const auto& m : layoutTargets) m->publish(newLayout);
+    for (const auto& m : stateTargets) {
+        for (const auto& s : losers) m->report(s);
+        for (const auto& s : others) m->report(s);
+    }
+}
+
+void X11WindowSystem::Core::connectionLost() {
+    log::error("X11WindowSystem: lost the connection to the X server (error %i)",
+               xcb_connection_has_error(connection.get()));
+    publish({}, {}, std::nullopt);
+    std::lock_guard lock(mutex);
+    connected = false;
+}
+
+namespace {
+
+// Scans allowed now: a burst of kX11RescanBurst, refilled at one every
+// kX11MinRescanInterval. An isolated change is scanned at once; a flood is
+// scanned at the refill rate.
+class ScanBudget {
+  public:
+    using Clock = std::chrono::steady_clock;
+    // Zero when a scan may run now (and takes it), else how long to wait.
+    Clock::duration take() {
+        auto now = Clock::now();
+        tokens_ = std::min<double>(
+            kX11RescanBurst, tokens_ + std::chrono::duration<double>(now - refilled_) /
+                                           std::chrono::duration<double>(kX11MinRescanInterval));
+        refilled_ = now;
+        if (tokens_ >= 1) {
+            tokens_ -= 1;
+            return Clock::duration::zero();
+        }
+        return std::chrono::duration_cast<Clock::duration>((1 - tokens_) * kX11MinRescanInterval);
+    }
+
+  private:
+    double tokens_ = kX11RescanBurst;
+    Clock::time_point refilled_ = Clock::now();
+};
+
+}  // namespace
+
+void X11WindowSystem::Core::run() {
+    pthread_setname_np(pthread_self(), "sv-x11-windows");
+    xcb_connection_t* c = connection.get();
+    ScanBudget budget;
+    bool dirty = false;
+    while (!stopping.load()) {
+        // Events that xcb has read already are not signalled on the socket.
+        while (auto* e = xcb_poll_for_event(c)) {
+            dirty = handleEvent(e) || dirty;
+            std::free(e);
+        }
+        if (xcb_connection_has_error(c)) {
+            connectionLost();
+            break;
+        }
+        uint64_t syncTarget;
+        {
+            std::lock_guard lock(syncMutex);
+            syncTarget = syncRequested;
+        }
+        if (syncTarget > syncCompleted) {
+            // A round trip: every event sent before the reply is queued then.
+            Reply<xcb_get_input_focus_reply_t> r(
+                xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr));
+            while (auto* e = xcb_poll_for_queued_event(c)) {
+                dirty = handleEvent(e) || dirty;
+                std::free(e);
+            }
+            if (dirty) {
+                budget.take();  // counted, but a waiter is never kept waiting
+                scan();
+                dirty = false;
+            }
+            {
+                std::lock_guard lock(syncMutex);
+                syncCompleted = syncTarget;
+            }
+            syncDone.notify_all();
+            continue;
+        }
+        int timeoutMs = -1;
+        if (dirty) {
+            auto wait = budget.take();
+            if (wait == ScanBudget::Clock::duration::zero()) {
+                scan();
+                dirty = false;
+                continue;  // the scan may have queued events
+            }
+            timeoutMs = int(std::chrono::ceil<std::chrono::milliseconds>(wait).count());
+        }
+        pollfd fds[2] = {{xcb_get_file_descriptor(c), POLLIN, 0}, {wake.fd, POLLIN, 0}};
+        int n = poll(fds, 2, timeoutMs);
+        if (n > 0 && (fds[1].revents & POLLIN)) wake.drain();
+        if (n > 0 && (fds[0].revents & (POLLERR | POLLHUP)) && !(fds[0].revents & POLLIN)) {
+            // xcb notices the hang-up on its next read.
+            if (auto* e = xcb_poll_for_event(c)) std::free(e);
+        }
+    }
+    // Waiters of synchronize() are released whatever happened.
+    {
+        std::lock_guard lock(syncMutex);
+        syncCompleted = UINT64_MAX;
+    }
+    syncDone.notify_all();
+}
+
+// ---- the window system
+
+bool X11WindowSystem::serverAnswers(const std::string& displayName) {
+    int screen = 0;
+    return openConnection(displayName, &screen, nullptr) != nullptr;
+}
+
+std::shared_ptr<X11WindowSystem> X11WindowSystem::connect(const std::string& displayName,
+                                                          std::string* error) {
+    int screenNumber = 0;
+    auto core = std::make_shared<Core>();
+    core->connection = openConnection(displayName, &screenNumber, error);
+    if (!core->connection) return nullptr;
+    xcb_connection_t* c = core->connection.get();
+    auto it = xcb_setup_roots_iterator(xcb_get_setup(c));
+    for (int i = 0; i < screenNumber && it.rem; ++i) xcb_screen_next(&it);
+    if (!it.rem || !it.data) {
+        if (error) *error = "the X server has no such screen";
+        return nullptr;
+    }
+    core->root = it.data->root;
+    core->screenWidth = it.data->width_in_pixels;
+    core->screenHeight = it.data->height_in_pixels;
+    if (core->wake.fd < 0 || !internAtoms(c, core->atoms)) {
+        if (error) *error = "cannot set up the X11 window system";
+        return nullptr;
+    }
+    const uint32_t rootMask[] = {XCB_EVENT_MASK_PROPERTY_CHANGE | XCB_EVENT_MASK_STRUCTURE_NOTIFY |
+                                 XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY};
+    xcb_change_window_attributes(c, core->root, XCB_CW_EVENT_MASK, rootMask);
+    core->scan();
+    auto system = std::shared_ptr<X11WindowSystem>(new X11WindowSystem(core));
+    system->thread_ = std::thread([core] { core->run(); });
+    log::info("X11WindowSystem: tracking screen %i (%ix%i), %lu layout elements", screenNumber,
+              core->screenWidth, core->screenHeight, core->layout.elements.size());
+    return system;
+}
+
+X11WindowSystem::X11WindowSystem(std::shared_ptr<Core> core) : core_(std::move(core)) {}
+
+X11WindowSystem::~X11WindowSystem() {
+    core_->stopping = true;
+    core_->wake.signal();
+    if (thread_.joinable()) {
+        // The last monitor may be released on the event thread itself; the
+        // thread keeps the core alive and ends by itself then.
+        if (thread_.get_id() == std::this_thread::get_id())
+            thread_.detach();
+        else
+            thread_.join();
+    }
+}
+
+DisplayLayout X11WindowSystem::currentLayout() const {
+    std::lock_guard lock(core_->mutex);
+    return core_->layout;
+}
+
+std::vector<ApplicationState> X11WindowSystem::applications() const {
+    std::lock_guard lock(core_->mutex);
+    std::vector<ApplicationState> list;
+    for (const auto& [id, s] : core_->apps) list.push_back(s);
+    return list;
+}
+
+ApplicationState X11WindowSystem::applicationState(const std::string& bundleID) const {
+    std::lock_guard lock(core_->mutex);
+    auto it = core_->apps.find(bundleID);
+    if (it != core_->apps.end()) return it->second;
+    ApplicationState s;
+    s.bundleIdentifier = bundleID;
+    return s;
+}
+
+bool X11WindowSystem::synchronize(std::chrono::milliseconds timeout) {
+    std::unique_lock lock(core_->syncMutex);
+    uint64_t target = ++core_->syncRequested;
+    core_->wake.signal();
+    bool done =
+        core_->syncDone.wait_for(lock, timeout, [&] { return core_->syncCompleted >= target; });
+    return done && isConnected();
+}
+
+bool X11WindowSystem::isConnected() const {
+    std::lock_guard lock(core_->mutex);
+    return core_->connected;
+}
+
+uint64_t X11WindowSystem::scanCount() const {
+    std::lock_guard lock(core_->mutex);
+    return core_->scans;
+}
+
+std::optional<std::string> X11WindowSystem::frontmostApplicationBundleIdentifier() {
+    std::lock_guard lock(core_->mutex);
+    return core_->frontmost;
+}
+
+std::shared_ptr<ApplicationStateMonitor> X11WindowSystem::makeApplicationStateMonitor() {
+    auto monitor = std::make_shared<X11StateMonitor>(shared_from_this());
+    std::lock_guard lock(core_->mutex);
+    core_->stateMonitors.push_back(monitor);
+    return monitor;
+}
+
+std::shared_ptr<DisplayLayoutMonitor> X11WindowSystem::makeMainDisplayLayoutMonitor() {
+    std::lock_guard lock(core_->mutex);
+    // Made under the lock, so that no scan falls between its initial layout
+    // and its registration.
+    auto monitor = std::make_shared<X11LayoutMonitor>(shared_from_this(), core_->layout);
+    core_->layoutMonitors.push_back(monitor);
+    return monitor;
+}
+
+}  // namespace sv

@@ -1,0 +1,370 @@
+// The synthetic window system on a synthetic display: applications launched
+// and sent back and forth, the change handler and layout observers on their
+// queues, the layout override, the process's backend choice.
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/screen/synthetic_screen.h"
+#include "platform/ui/synthetic_window_system.h"
+#include "tests/support/test_util.h"
+
+using namespace sv;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto kGenerous = 20s;
+
+std::vector<int32_t> levelsOf(const DisplayLayout& layout) {
+    std::vector<int32_t> levels;
+    for (const auto& e : layout.elements) levels.push_back(e.level);
+    return levels;
+}
+
+struct LayoutRecorder : DisplayLayoutObserver {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<DisplayLayout> layouts;
+    bool offQueue = false;
+    void layoutMonitorDidUpdateDisplayLayout(DisplayLayoutMonitor& monitor,
+                                             const DisplayLayout& layout,
+                                             const DisplayLayoutTransitionContext&) override {
+        std::lock_guard lock(mutex);
+        offQueue = offQueue || !monitor.queue()->isCurrent();
+        layouts.push_back(layout);
+        changed.notify_all();
+    }
+    bool waitFor(const std::function<bool(const DisplayLayout&)>& pred) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, kGenerous,
+                                [&] { return !layouts.empty() && pred(layouts.back()); });
+    }
+    bool waitForLevels(const std::vector<int32_t>& levels) {
+        return waitFor([&](const DisplayLayout& l) { return levelsOf(l) == levels; });
+    }
+    std::vector<DisplayLayout> all() {
+        std::lock_guard lock(mutex);
+        return layouts;
+    }
+};
+
+struct InfoRecorder {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<Value> infos;
+    bool offQueue = false;
+    ApplicationStateMonitor::ChangeHandler handler(
+        const std::shared_ptr<ApplicationStateMonitor>& m) {
+        std::weak_ptr<ApplicationStateMonitor> weak = m;
+        return [this, weak](const Value& info) {
+            std::lock_guard lock(mutex);
+            auto monitor = weak.lock();
+            offQueue = offQueue || !monitor || !monitor->queue()->isCurrent();
+            infos.push_back(info);
+            changed.notify_all();
+        };
+    }
+    std::vector<Value> waitForCount(size_t n) {
+        std::unique_lock lock(mutex);
+        changed.wait_for(lock, kGenerous, [&] { return infos.size() >= n; });
+        return infos;
+    }
+};
+
+// {bundle, frontmost, pid} of a change dictionary.
+std::tuple<std::string, bool, int64_t> summary(const Value& info) {
+    return {stringAt(info, kApplicationInfoBundleIDKey).value_or("?"),
+            boolAt(info, kApplicationInfoFrontmostKey).value_or(false),
+            intAt(info, kApplicationInfoPIDKey).value_or(0)};
+}
+
+class SyntheticWindowSystemTest : public ::testing::Test {
+  protected:
+    std::shared_ptr<SyntheticDisplay> display_ =
+        std::make_shared<SyntheticDisplay>(SyntheticDisplay::Options{1600, 900, 0});
+    std::shared_ptr<SyntheticWindowSystem> system_ = SyntheticWindowSystem::create(display_);
+};
+
+TEST_F(SyntheticWindowSystemTest,
+       LaunchedApplicationsAreForegroundWithALayerAndTheLastIsFrontmost) {
+    auto alpha = system_->launchApplication("org.example.alpha", 100);
+    ASSERT_EQ(alpha.size(), 1u);
+    auto layers = display_->layers();
+    ASSERT_EQ(layers.size(), 1u);
+    EXPECT_EQ(layers[0].contextID, alpha[0]);
+    EXPECT_EQ(layers[0].ownerPID, 100);
+    EXPECT_EQ(layers[0].ownerBundleID, "org.example.alpha");
+    EXPECT_EQ(layers[0].level, kDisplayLayoutLevelNormal);
+    EXPECT_EQ(std::tie(layers[0].x, layers[0].y, layers[0].width, layers[0].height),
+              std::make_tuple(0, 0, 1600, 900));
+    auto monitor = system_->makeApplicationStateMonitor();
+    EXPECT_EQ(monitor->applicationStateForApplication("org.example.alpha"),
+              kApplicationStateRunning | kApplicationStateForeground | kApplicationStateFrontmost);
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.alpha");
+
+    // Launching again (the client library connects again) keeps the layer.
+    EXPECT_EQ(system_->launchApplication("org.example.alpha", 100), alpha);
+    EXPECT_EQ(display_->layers().size(), 1u);
+
+    // A second application covers the first, which stays in the foreground.
+    auto beta = system_->launchApplication("org.example.beta", 200);
+    ASSERT_EQ(beta.size(), 1u);
+    EXPECT_NE(beta, alpha);
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.beta");
+    uint32_t alphaState = monitor->applicationStateForApplication("org.example.alpha");
+    EXPECT_TRUE(alphaState & 8u);
+    EXPECT_FALSE(alphaState & kApplicationStateFrontmost);
+    layers = display_->layers();
+    ASSERT_EQ(layers.size(), 2u);
+    EXPECT_EQ(layers[1].contextID, beta[0]);
+    EXPECT_EQ(system_->layerContextIDsForProcess(200), beta);
+    EXPECT_TRUE(system_->layerContextIDsForProcess(300).empty());
+
+    // The same application under a new process gets a new layer.
+    auto relaunched = system_->launchApplication("org.example.alpha", 101);
+    ASSERT_EQ(relaunched.size(), 1u);
+    EXPECT_NE(relaunched, alpha);
+    EXPECT_TRUE(system_->layerContextIDsForProcess(100).empty());
+    EXPECT_EQ(display_->layers().size(), 2u);
+
+    // Bad arguments change nothing.
+    EXPECT_TRUE(system_->launchApplication("", 5).empty());
+    EXPECT_TRUE(system_->launchApplication("org.example.gamma", 0).empty());
+    EXPECT_TRUE(system_->launchApplication(std::string(300, 'x'), 5).empty());
+    EXPECT_EQ(system_->applications().size(), 2u);
+}
+
+TEST_F(SyntheticWindowSystemTest, BackgroundClearsTheForegroundBitAndTakesTheLayersOff) {
+    auto alpha = system_->launchApplication("org.example.alpha", 100);
+    auto beta = system_->launchApplication("org.example.beta", 200);
+    auto monitor = system_->makeApplicationStateMonitor();
+
+    ASSERT_TRUE(system_->setForeground("org.example.beta", false, 200));
+    EXPECT_EQ(monitor->applicationStateForApplication("org.example.beta") & 8u, 0u);
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.alpha");
+    ASSERT_EQ(display_->layers().size(), 1u);
+    EXPECT_EQ(display_->layers()[0].contextID, alpha[0]);
+    EXPECT_EQ(system_->layerContextIDs("org.example.beta"), beta);  // remembered
+
+    // Back to the foreground with the same layer, on top, frontmost.
+    ASSERT_TRUE(system_->setForeground("org.example.beta", true, 0));
+    EXPECT_EQ(display_->layers().back().contextID, beta[0]);
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.beta");
+
+    // The shell can make an application known without layers.
+    EXPECT_FALSE(system_->setForeground("org.example.gamma", true, 0));  // needs a pid
+    ASSERT_TRUE(system_->setForeground("org.example.gamma", true, 300));
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.gamma");
+    EXPECT_EQ(display_->layers().size(), 2u);
+
+    // Nobody in the foreground: nobody frontmost.
+    for (const char* b : {"org.example.alpha", "org.example.beta", "org.example.gamma"})
+        ASSERT_TRUE(system_->setForeground(b, false, 0));
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
+    EXPECT_TRUE(display_->layers().empty());
+
+    EXPECT_TRUE(system_->terminate("org.example.alpha"));
+    EXPECT_FALSE(system_->terminate("org.example.alpha"));
+    EXPECT_FALSE(system_->applicationState("org.example.alpha"));
+    EXPECT_EQ(monitor->applicationStateForApplication("org.example.alpha"), 0u);
+}
+
+TEST_F(SyntheticWindowSystemTest, ChangeHandlerAndInformationComeOnTheMonitorsQueue) {
+    auto monitor = system_->makeApplicationStateMonitor();
+    InfoRecorder recorder;
+    monitor->setChangeHandler(recorder.handler(monitor));
+
+    system_->launchApplication("org.example.alpha", 100);
+    system_->launchApplication("org.example.beta", 200);
+    system_->terminate("org.example.beta");
+    auto infos = recorder.waitForCount(5);
+    ASSERT_EQ(infos.size(), 5u);
+    using S = std::tuple<std::string, bool, int64_t>;
+    // Losers first: alpha gives up frontmost before beta takes it, and beta
+    // goes (with its last pid) before alpha is frontmost again.
+    EXPECT_EQ(summary(infos[0]), S("org.example.alpha", true, 100));
+    EXPECT_EQ(summary(infos[1]), S("org.example.alpha", false, 100));
+    EXPECT_EQ(summary(infos[2]), S("org.example.beta", true, 200));
+    EXPECT_EQ(summary(infos[3]), S("org.example.beta", false, 200));
+    EXPECT_EQ(intAt(infos[3], kApplicationInfoStateKey), 0);
+    EXPECT_EQ(summary(infos[4]), S("org.example.alpha", true, 100));
+
+    Value info = sv::test::awaitOnce<Value>([&](std::function<void(Value)> done) {
+        monitor->applicationInfoForApplication("org.example.alpha", [monitor, done](Value v) {
+            v["onQueue"] = monitor->queue()->isCurrent();
+            done(v);
+        });
+    });
+    EXPECT_EQ(summary(info), S("org.example.alpha", true, 100));
+    EXPECT_EQ(boolAt(info, "onQueue"), true);
+    info = sv::test::awaitOnce<Value>([&](std::function<void(Value)> done) {
+        monitor->applicationInfoForApplication("org.example.nobody", done);
+    });
+    EXPECT_EQ(summary(info), S("org.example.nobody", false, -1));
+
+    // Replaced handler: only the new one hears later changes.
+    InfoRecorder second;
+    monitor->setChangeHandler(second.handler(monitor));
+    system_->setForeground("org.example.alpha", false, 0);
+    EXPECT_EQ(second.waitForCount(1).size(), 1u);
+    EXPECT_EQ(recorder.waitForCount(5).size(), 5u);
+    EXPECT_FALSE(recorder.offQueue || second.offQueue);
+}
+
+TEST_F(SyntheticWindowSystemTest, LayoutFollowsTheDisplaysLayersUnlessOverridden) {
+    auto monitor = system_->makeMainDisplayLayoutMonitor();
+    auto recorder = std::make_shared<LayoutRecorder>();
+    monitor->addObserver(recorder);
+    EXPECT_EQ(monitor->currentLayout().elementCount(), 0u);
+
+    auto alpha = system_->launchApplication("org.example.alpha", 100);
+    // Synchronously current, and delivered to observers on the queue.
+    auto now = monitor->currentLayout();
+    ASSERT_EQ(now.elementCount(), 1u);
+    EXPECT_EQ(now.elements[0].identifier, alpha[0]);
+    EXPECT_EQ(now.elements[0].pid, 100);
+    EXPECT_EQ(now.elements[0].bundleIdentifier, "org.example.alpha");
+    ASSERT_TRUE(recorder->waitForLevels({1}));
+
+    // Any layer of the display is an element with its own level.
+    SyntheticLayer banner;
+    banner.contextID = display_->makeContextID();
+    banner.level = kDisplayLayoutLevelNotification;
+    banner.width = 400;
+    banner.height = 80;
+    display_->addLayer(banner);
+    ASSERT_TRUE(recorder->waitForLevels({1, 4}));
+
+    ASSERT_TRUE(system_->setLayoutLevels(std::vector<int32_t>{0, 1}));
+    ASSERT_TRUE(recorder->waitForLevels({0, 1}));
+    EXPECT_EQ(system_->layoutLevels(), (std::vector<int32_t>{0, 1}));
+    // Display changes do not show through the override.
+    system_->launchApplication("org.example.beta", 200);
+    EXPECT_EQ(levelsOf(monitor->currentLayout()), (std::vector<int32_t>{0, 1}));
+    ASSERT_TRUE(system_->setLayoutLevels(std::vector<int32_t>{}));
+    ASSERT_TRUE(recorder->waitForLevels({}));
+    EXPECT_FALSE(
+        system_->setLayoutLevels(std::vector<int32_t>(kSyntheticMaxLayoutElements + 1, 1)));
+    EXPECT_EQ(system_->layoutLevels(), std::vector<int32_t>{});
+
+    ASSERT_TRUE(system_->setLayoutLevels(std::nullopt));
+    ASSERT_TRUE(recorder->waitForLevels({1, 4, 1}));
+
+    auto all = recorder->all();
+    for (size_t i = 1; i < all.size(); ++i) EXPECT_FALSE(all[i] == all[i - 1]) << i;
+    EXPECT_FALSE(recorder->offQueue);
+
+    // Invalidated: no more deliveries, an empty current layout.
+    size_t seen = all.size();
+    monitor->invalidate();
+    EXPECT_EQ(monitor->currentLayout().elementCount(), 0u);
+    auto other = system_->makeMainDisplayLayoutMonitor();
+    auto witness = std::make_shared<LayoutRecorder>();
+    other->addObserver(witness);
+    system_->terminate("org.example.beta");
+    ASSERT_TRUE(witness->waitForLevels({1, 4}));
+    EXPECT_EQ(recorder->all().size(), seen);
+}
+
+TEST_F(SyntheticWindowSystemTest, ConcurrentDriversLeaveAConsistentStateAndLastLayout) {
+    auto monitor = system_->makeMainDisplayLayoutMonitor();
+    auto recorder = std::make_shared<LayoutRecorder>();
+    monitor->addObserver(recorder);
+    auto states = system_->makeApplicationStateMonitor();
+    std::atomic<int> handled{0};
+    states->setChangeHandler([&](const Value&) { ++handled; });
+
+    constexpr int kThreads = 6, kRounds = 200;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([this, t] {
+            std::string bundle = "org.example.app" + std::to_string(t);
+            for (int i = 0; i < kRounds; ++i) {
+                switch (i % 5) {
+                    case 0:
+                        system_->launchApplication(bundle, 1000 + t);
+                        break;
+                    case 1:
+                        system_->setForeground(bundle, false, 0);
+                        break;
+                    case 2:
+                        system_->setForeground(bundle, true, 0);
+                        break;
+                    case 3:
+                        system_->setLayoutLevels(std::vector<int32_t>{i % 3});
+                        break;
+                    case 4:
+                        system_->setLayoutLevels(std::nullopt);
+                        break;
+                }
+                if (i == kRounds - 1 && t % 2) system_->terminate(bundle);
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+
+    // The last layout delivered is the one the display shows now.
+    auto expected = system_->currentLayout();
+    ASSERT_TRUE(recorder->waitFor([&](const DisplayLayout& l) { return l == expected; }));
+    size_t frontmost = 0;
+    for (const auto& app : system_->applications()) {
+        frontmost += app.isFrontmost();
+        EXPECT_FALSE(app.isFrontmost() && !app.isForeground());
+    }
+    EXPECT_EQ(frontmost, 1u);
+    EXPECT_EQ(system_->applications().size(), size_t(kThreads / 2));
+    EXPECT_GT(handled.load(), 0);
+}
+
+TEST_F(SyntheticWindowSystemTest, BoundedAgainstAShellThatRegistersEndlessApplications) {
+    for (size_t i = 0; i < kSyntheticMaxApplications; ++i)
+        ASSERT_TRUE(system_->setForeground("org.example.a" + std::to_string(i), false, 10));
+    EXPECT_TRUE(system_->launchApplication("org.example.more", 11).empty());
+    EXPECT_FALSE(system_->setForeground("org.example.more", true, 11));
+    // Known applications still work.
+    EXPECT_EQ(system_->launchApplication("org.example.a0", 10).size(), 1u);
+    EXPECT_TRUE(system_->terminate("org.example.a1"));
+    EXPECT_EQ(system_->launchApplication("org.example.more", 11).size(), 1u);
+}
+
+TEST(UiBackendTest, TheSyntheticBackendSharesTheScreensDisplay) {
+    auto display = std::make_shared<SyntheticDisplay>();
+    {
+        sv::test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", "synthetic"}, {"DISPLAY", ":0"}};
+        auto backend = makeUiBackend(UiBackendKind::Automatic, display);
+        ASSERT_TRUE(backend);
+        EXPECT_EQ(backend->name(), "synthetic");
+        auto system = std::dynamic_pointer_cast<SyntheticWindowSystem>(backend);
+        ASSERT_TRUE(system);
+        EXPECT_EQ(system->display(), display);
+    }
+    {
+        // Without a display of its own: the process's synthetic screen.
+        auto screen = std::make_shared<SyntheticScreenBackend>(display);
+        setProcessScreenBackend(screen);
+        sv::test::ScopedEnv env{{"DISPLAY", std::nullopt}, {"SORVEL_SCREEN_BACKEND", std::nullopt}};
+        auto backend = std::dynamic_pointer_cast<SyntheticWindowSystem>(makeUiBackend());
+        ASSERT_TRUE(backend);
+        EXPECT_EQ(backend->display(), display);
+        setProcessScreenBackend(nullptr);
+
+        // The services' entry points go through the process's backend.
+        setProcessUiBackend(backend);
+        backend->launchApplication("org.example.alpha", 100);
+        EXPECT_EQ(frontmostApplicationBundleIdentifier(), "org.example.alpha");
+        EXPECT_TRUE(
+            ApplicationStateMonitor::create()->applicationStateForApplication("org.example.alpha") &
+            kApplicationStateForeground);
+        EXPECT_EQ(DisplayLayoutMonitor::mainDisplayMonitor()->currentLayout().elementCount(), 1u);
+        setProcessUiBackend(nullptr);
+    }
+    EXPECT_EQ(parseUiBackendKind("synthetic"), UiBackendKind::Synthetic);
+    EXPECT_EQ(parseUiBackendKind("x11"), UiBackendKind::X11);
+    EXPECT_EQ(parseUiBackendKind("automatic"), UiBackendKind::Automatic);
+    EXPECT_FALSE(parseUiBackendKind("wayland"));
+}
+
+}  // namespace

@@ -1,0 +1,260 @@
+// The modal system alert through the presenter seam: answers, creation
+// failures, presenters that go away, withdrawal, safe texts and the wire form.
+#include <future>
+#include <map>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/system/system_alert.h"
+#include "platform/ui/scripted_alert_presenter.h"
+
+using namespace sv;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto kGenerous = 20s;
+
+AlertRequest consentRequest(bool threeButtons) {
+    AlertRequest r;
+    r.title = "Allow Notes to record the screen?";
+    r.message = "Screen recordings may contain private information.";
+    r.defaultButton = "Don't Allow";
+    if (threeButtons) r.alternateButton = "Record Screen and Microphone";
+    r.otherButton = threeButtons ? "Record Screen Only" : "Record Screen";
+    return r;
+}
+
+// Installs a presenter for one test and removes it afterwards.
+struct InstalledPresenter {
+    std::shared_ptr<ScriptedAlertPresenter> presenter = std::make_shared<ScriptedAlertPresenter>();
+    InstalledPresenter() { setAlertPresenter(presenter); }
+    ~InstalledPresenter() { setAlertPresenter(nullptr); }
+};
+
+TEST(SystemAlertTest, AnswersReachTheWaiterAndThePresenterSeesEveryAlertInOrder) {
+    InstalledPresenter installed;
+    auto& p = *installed.presenter;
+    for (auto r : {AlertResponse::Alternate, AlertResponse::Other, AlertResponse::Default,
+                   AlertResponse::Cancelled})
+        p.enqueueResponse(r);
+
+    std::vector<AlertResponse> answers;
+    for (int i = 0; i < 4; ++i) {
+        std::string error;
+        auto alert = SystemAlert::create(consentRequest(i % 2 == 0), &error);
+        ASSERT_TRUE(alert) << error;
+        answers.push_back(alert->waitForResponse());
+        EXPECT_EQ(alert->waitForResponse(), answers.back());  // the same answer every time
+    }
+    EXPECT_EQ(answers,
+              (std::vector<AlertResponse>{AlertResponse::Alternate, AlertResponse::Other,
+                                          AlertResponse::Default, AlertResponse::Cancelled}));
+
+    auto shown = p.shownAlerts();
+    ASSERT_EQ(shown.size(), 4u);
+    EXPECT_EQ(shown[0], consentRequest(true));
+    EXPECT_EQ(shown[1], consentRequest(false));
+    // The two-button alert has no alternate button, in its role list and on
+    // the wire.
+    auto buttons = shown[1].buttons();
+    ASSERT_EQ(buttons.size(), 2u);
+    EXPECT_EQ(buttons[0].first, AlertResponse::Default);
+    EXPECT_EQ(buttons[1].first, AlertResponse::Other);
+    EXPECT_TRUE(shown[1].toValue()[kAlertAlternateButtonKey].is_null());
+
+    // The convenience form with option flags builds the same request.
+    p.enqueueResponse(AlertResponse::Other);
+    auto alert =
+        SystemAlert::create("T", "M", "No", std::nullopt, std::string("Yes"), kAlertLevelWarning);
+    ASSERT_TRUE(alert);
+    EXPECT_EQ(alert->waitForResponse(), AlertResponse::Other);
+    EXPECT_EQ(p.shownAlerts().back().options, kAlertLevelWarning);
+}
+
+TEST(SystemAlertTest, CreationFailsWithoutAPresenterForUnshowableAlertsAndForBadRequests) {
+    setAlertPresenter(nullptr);
+    std::string error;
+    EXPECT_FALSE(SystemAlert::create(consentRequest(true), &error));
+    EXPECT_EQ(error, "no alert presenter is installed");
+
+    InstalledPresenter installed;
+    installed.presenter->setAvailable(false);  // as with no consent agent registered
+    EXPECT_FALSE(SystemAlert::create(consentRequest(true), &error));
+    EXPECT_EQ(error, "the alert presenter cannot show alerts now");
+    installed.presenter->setAvailable(true);
+
+    auto noDefault = consentRequest(false);
+    noDefault.defaultButton.clear();
+    auto unknownOption = consentRequest(false);
+    unknownOption.options = 0x100;
+    auto longTitle = consentRequest(false);
+    longTitle.title.assign(kAlertMaxTitleBytes + 1, 'x');
+    auto longButton = consentRequest(true);
+    longButton.alternateButton = std::string(kAlertMaxButtonBytes + 1, 'x');
+    for (const auto& bad : {noDefault, unknownOption, longTitle, longButton}) {
+        error.clear();
+        EXPECT_FALSE(SystemAlert::create(bad, &error));
+        EXPECT_FALSE(error.empty());
+    }
+    // None reached the user: unavailable presenters refuse before showing,
+    // invalid requests never get to the presenter.
+    EXPECT_EQ(installed.presenter->shownAlerts().size(), 0u);
+}
+
+TEST(SystemAlertTest, AWaitEndsCancelledWhenThePresenterGoesAwayOrDropsTheAlert) {
+    {
+        auto presenter = std::make_shared<ScriptedAlertPresenter>();  // never answers by itself
+        auto alert = SystemAlert::create(consentRequest(true), presenter);
+        ASSERT_TRUE(alert);
+        auto waiter = std::async(std::launch::async, [&] { return alert->waitForResponse(); });
+        ASSERT_TRUE(presenter->waitForPending(1, kGenerous));
+        EXPECT_EQ(waiter.wait_for(50ms), std::future_status::timeout);  // blocks while it lives
+        presenter.reset();                                              // the agent went away
+        ASSERT_EQ(waiter.wait_for(kGenerous), std::future_status::ready);
+        EXPECT_EQ(waiter.get(), AlertResponse::Cancelled);
+    }
+    {
+        // A presenter that accepts the alert and forgets its reply.
+        struct Forgetful : AlertPresenter {
+            bool presentAlert(uint64_t, const AlertRequest&, AlertReply) override { return true; }
+        };
+        auto alert = SystemAlert::create(consentRequest(false), std::make_shared<Forgetful>());
+        ASSERT_TRUE(alert);
+        EXPECT_EQ(alert->waitForResponseFor(kGenerous), AlertResponse::Cancelled);
+    }
+}
+
+TEST(SystemAlertTest, TheFirstAnswerFromAnyThreadCountsAndUnwantedAlertsAreWithdrawn) {
+    auto presenter = std::make_shared<ScriptedAlertPresenter>();
+
+    // Answered from another thread while the caller waits; later answers are
+    // ignored.
+    auto answered = SystemAlert::create(consentRequest(true), presenter);
+    ASSERT_TRUE(answered);
+    EXPECT_EQ(answered->waitForResponseFor(10ms), std::nullopt);
+    std::thread user([&] {
+        presenter->waitForPending(1, kGenerous);
+        presenter->answerPending(AlertResponse::Other);
+    });
+    EXPECT_EQ(answered->waitForResponse(), AlertResponse::Other);
+    user.join();
+    answered->cancel();
+    EXPECT_EQ(answered->response(), AlertResponse::Other);
+    EXPECT_TRUE(presenter->withdrawnAlerts().empty());  // nothing to withdraw
+
+    // Cancelled by the caller, released unanswered, timed out: each one
+    // answers Cancelled and is taken off the presenter.
+    auto cancelled = SystemAlert::create(consentRequest(true), presenter);
+    auto released = SystemAlert::create(consentRequest(true), presenter);
+    auto timedRequest = consentRequest(true);
+    timedRequest.timeout = 30ms;
+    auto timed = SystemAlert::create(timedRequest, presenter);
+    ASSERT_TRUE(cancelled && released && timed);
+    EXPECT_EQ(presenter->pendingCount(), 3u);
+    uint64_t releasedID = released->identifier();
+    cancelled->cancel();
+    EXPECT_EQ(cancelled->waitForResponse(), AlertResponse::Cancelled);
+    released.reset();
+    EXPECT_EQ(timed->waitForResponseFor(kGenerous), AlertResponse::Cancelled);
+    auto withdrawn = presenter->withdrawnAlerts();
+    ASSERT_EQ(withdrawn.size(), 3u);
+    EXPECT_EQ(withdrawn[0], cancelled->identifier());
+    EXPECT_EQ(withdrawn[1], releasedID);
+    EXPECT_EQ(withdrawn[2], timed->identifier());
+    EXPECT_EQ(presenter->pendingCount(), 0u);
+}
+
+TEST(SystemAlertTest, ManyCallersBlockedAtOnceAllGetTheirOwnAnswer) {
+    // Consent requests of several applications arrive on different IPC
+    // threads while the user answers one alert after the other.
+    auto presenter = std::make_shared<ScriptedAlertPresenter>();
+    constexpr int kCallers = 32;
+    std::vector<std::future<std::pair<std::string, AlertResponse>>> callers;
+    for (int i = 0; i < kCallers; ++i) {
+        callers.push_back(std::async(std::launch::async, [&, i] {
+            AlertRequest r = consentRequest(false);
+            r.title = "app " + std::to_string(i);
+            auto alert = SystemAlert::create(r, presenter);
+            return std::make_pair(r.title,
+                                  alert ? alert->waitForResponse() : AlertResponse::Cancelled);
+        }));
+    }
+    ASSERT_TRUE(presenter->waitForPending(kCallers, kGenerous));
+    // Pending alerts are answered oldest first, in the order they were shown.
+    std::map<std::string, AlertResponse> expected;
+    for (const auto& shown : presenter->shownAlerts()) {
+        auto response = expected.size() % 2 ? AlertResponse::Other : AlertResponse::Default;
+        expected[shown.title] = response;
+        ASSERT_TRUE(presenter->answerPending(response));
+    }
+    EXPECT_FALSE(presenter->answerPending(AlertResponse::Other));
+    std::map<std::string, AlertResponse> received;
+    for (auto& f : callers) {
+        ASSERT_EQ(f.wait_for(kGenerous), std::future_status::ready);
+        received.insert(f.get());
+    }
+    EXPECT_EQ(received.size(), size_t(kCallers));
+    EXPECT_EQ(received, expected);
+}
+
+TEST(SystemAlertTest, TextsAreMadeSafeForATerminalBeforeTheyAreShown) {
+    auto presenter = std::make_shared<ScriptedAlertPresenter>();
+    presenter->enqueueResponse(AlertResponse::Default);
+    AlertRequest r;
+    // An application controls its own display name, which goes into the
+    // title: escape sequences, line breaks, bidi overrides, broken UTF-8.
+    r.title =
+        "Allow \x1b[2J\x1b]0;owned\x07"
+        "Evil\nApp \xE2\x80\xAEtxt.exe\xFF?";
+    r.message = "First line\r\nSecond\tline\rThird \xC3\xA9\xC0\xAF";
+    r.defaultButton = "OK\n";
+    r.otherButton = "";  // empty: no such button
+    auto alert = SystemAlert::create(r, presenter);
+    ASSERT_TRUE(alert);
+    const auto shown = presenter->shownAlerts().at(0);
+    const std::string bad = "\xEF\xBF\xBD";
+    EXPECT_EQ(shown.title, "Allow " + bad + "[2J" + bad + "]0;owned" + bad + "Evil App " + bad +
+                               "txt.exe" + bad + "?");
+    EXPECT_EQ(shown.message, "First line\nSecond\tline\nThird \xC3\xA9" + bad + bad);
+    EXPECT_EQ(shown.defaultButton, "OK ");
+    EXPECT_FALSE(shown.otherButton);
+    EXPECT_EQ(alert->request(), shown);
+    EXPECT_EQ(shown.toValue().dump().find('\x1b'), std::string::npos);
+}
+
+TEST(SystemAlertTest, WireFormRoundTripsAndRejectsMalformedAlerts) {
+    auto r = consentRequest(true);
+    auto v = r.toValue();
+    EXPECT_EQ(v, Value::parse(R"({"title": "Allow Notes to record the screen?",
+        "message": "Screen recordings may contain private information.",
+        "defaultButton": "Don't Allow", "alternateButton": "Record Screen and Microphone",
+        "otherButton": "Record Screen Only"})"));
+    EXPECT_EQ(AlertRequest::fromValue(v), r);
+    v["extra"] = 1;  // unknown keys are ignored
+    EXPECT_EQ(AlertRequest::fromValue(v), r);
+
+    std::string error;
+    for (const char* bad : {R"([1, 2])", R"({"message": "m", "defaultButton": "d"})",
+                            R"({"title": "t", "message": "m", "defaultButton": 3})",
+                            R"({"title": "t", "message": "m", "defaultButton": "d",
+                                "otherButton": ["x"]})",
+                            R"({"title": "t", "message": "m", "defaultButton": ""})"}) {
+        error.clear();
+        EXPECT_FALSE(AlertRequest::fromValue(Value::parse(bad), &error)) << bad;
+        EXPECT_FALSE(error.empty()) << bad;
+    }
+    auto huge = consentRequest(false).toValue();
+    huge[kAlertMessageKey] = std::string(kAlertMaxMessageBytes + 1, 'm');
+    EXPECT_FALSE(AlertRequest::fromValue(huge, &error));
+
+    for (auto response : {AlertResponse::Default, AlertResponse::Alternate, AlertResponse::Other,
+                          AlertResponse::Cancelled})
+        EXPECT_EQ(parseAlertResponse(alertResponseName(response)), response);
+    EXPECT_STREQ(alertResponseName(AlertResponse::Cancelled), "cancel");
+    EXPECT_FALSE(parseAlertResponse("Default"));
+    EXPECT_FALSE(parseAlertResponse(""));
+}
+
+}  // namespace

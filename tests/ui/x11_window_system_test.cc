@@ -1,0 +1,454 @@
+// The X11 window system under a private Xvfb: windows made by the test as
+// applications and window managers make them, owned by processes inside test
+// bundles; the test sets the root's _NET_ACTIVE_WINDOW itself, as a window
+// manager would.
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+
+#include <gtest/gtest.h>
+
+#include "platform/screen/testing/xvfb_server.h"
+#include "platform/system/application_state.h"
+#include "platform/system/display_layout.h"
+#include "platform/ui/testing/x11_testing.h"
+#include "platform/ui/ui_backend.h"
+#include "platform/ui/x11_window_system.h"
+#include "tests/support/test_util.h"
+
+using namespace sv;
+using namespace sv::testing;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto kGenerous = 20s;
+
+std::vector<int32_t> levelsOf(const DisplayLayout& layout) {
+    std::vector<int32_t> levels;
+    for (const auto& e : layout.elements) levels.push_back(e.level);
+    return levels;
+}
+
+std::vector<std::string> ownersOf(const DisplayLayout& layout) {
+    std::vector<std::string> owners;
+    for (const auto& e : layout.elements)
+        owners.push_back(e.bundleIdentifier.empty() ? "pid " + std::to_string(e.pid)
+                                                    : e.bundleIdentifier);
+    return owners;
+}
+
+// Collects what a monitor delivers, and whether it came on the monitor's queue.
+struct LayoutRecorder : DisplayLayoutObserver {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<DisplayLayout> layouts;
+    bool offQueue = false;
+
+    void layoutMonitorDidUpdateDisplayLayout(DisplayLayoutMonitor& monitor,
+                                             const DisplayLayout& layout,
+                                             const DisplayLayoutTransitionContext&) override {
+        std::lock_guard lock(mutex);
+        offQueue = offQueue || !monitor.queue()->isCurrent();
+        layouts.push_back(layout);
+        changed.notify_all();
+    }
+    // Waits until the latest layout has these levels.
+    bool waitForLevels(const std::vector<int32_t>& levels) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, kGenerous, [&] {
+            return !layouts.empty() && levelsOf(layouts.back()) == levels;
+        });
+    }
+    std::vector<DisplayLayout> all() {
+        std::lock_guard lock(mutex);
+        return layouts;
+    }
+};
+
+struct InfoRecorder {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<Value> infos;
+    bool offQueue = false;
+
+    ApplicationStateMonitor::ChangeHandler handler(
+        const std::shared_ptr<ApplicationStateMonitor>& m) {
+        std::weak_ptr<ApplicationStateMonitor> weak = m;
+        return [this, weak](const Value& info) {
+            std::lock_guard lock(mutex);
+            auto monitor = weak.lock();
+            offQueue = offQueue || !monitor || !monitor->queue()->isCurrent();
+            infos.push_back(info);
+            changed.notify_all();
+        };
+    }
+    bool waitForCount(size_t n) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, kGenerous, [&] { return infos.size() >= n; });
+    }
+    std::vector<Value> all() {
+        std::lock_guard lock(mutex);
+        return infos;
+    }
+};
+
+Value requestInfo(ApplicationStateMonitor& monitor, const std::string& bundleID) {
+    return sv::test::awaitOnce<Value>([&](std::function<void(Value)> done) {
+        monitor.applicationInfoForApplication(bundleID, done);
+    });
+}
+
+std::unique_ptr<XvfbServer> startServerOrExplain() {
+    std::string why;
+    auto server = XvfbServer::start(1280, 800, &why);
+    if (!server) {
+        const char* ci = std::getenv("CI");
+        if (ci && std::string(ci) == "true") ADD_FAILURE() << "Xvfb is needed under CI: " << why;
+    }
+    return server;
+}
+
+class X11WindowSystemTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() { server_ = startServerOrExplain(); }
+    static void TearDownTestSuite() { server_.reset(); }
+
+    void SetUp() override {
+        if (!server_) GTEST_SKIP() << "Xvfb cannot be started here";
+        client_ = X11TestClient::connect(server_->displayName());
+        ASSERT_TRUE(client_);
+        client_->setActiveWindow(0);
+        std::string error;
+        system_ = X11WindowSystem::connect(server_->displayName(), &error);
+        ASSERT_TRUE(system_) << error;
+        alpha_ = BundledProcess::start(dir_.path(), "Alpha", "org.example.alpha");
+        beta_ = BundledProcess::start(dir_.path(), "Beta", "org.example.beta");
+        ASSERT_TRUE(alpha_ && beta_);
+    }
+    void TearDown() override {
+        system_.reset();
+        client_.reset();  // its windows go with it
+    }
+
+    uint32_t window(std::optional<pid_t> pid, std::vector<std::string> types = {},
+                    std::vector<std::string> states = {}) {
+        TestWindowSpec spec;
+        if (pid) spec.pid = uint32_t(*pid);
+        spec.types = std::move(types);
+        spec.states = std::move(states);
+        return client_->createWindow(spec);
+    }
+    DisplayLayout layoutNow() {
+        EXPECT_TRUE(system_->synchronize());
+        return system_->currentLayout();
+    }
+
+    static std::unique_ptr<XvfbServer> server_;
+    sv::test::TempDir dir_;
+    std::unique_ptr<X11TestClient> client_;
+    std::shared_ptr<X11WindowSystem> system_;
+    std::unique_ptr<BundledProcess> alpha_, beta_;
+};
+std::unique_ptr<XvfbServer> X11WindowSystemTest::server_;
+
+TEST_F(X11WindowSystemTest, FrontmostAndForegroundFollowTheActiveWindowAndMappedWindows) {
+    auto monitor = system_->makeApplicationStateMonitor();
+    EXPECT_EQ(monitor->applicationStateForApplication("org.example.alpha"), 0u);
+
+    uint32_t a = window(alpha_->pid());
+    uint32_t b = window(beta_->pid());
+    uint32_t stranger = window(getpid());  // a process outside any bundle
+    client_->setActiveWindow(a);
+    ASSERT_TRUE(system_->synchronize());
+
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.alpha");
+    uint32_t alpha = monitor->applicationStateForApplication("org.example.alpha");
+    uint32_t beta = monitor->applicationStateForApplication("org.example.beta");
+    EXPECT_TRUE(alpha & kApplicationStateForeground);
+    EXPECT_EQ(alpha & 8u, 8u);
+    EXPECT_TRUE(alpha & kApplicationStateFrontmost);
+    EXPECT_TRUE(beta & kApplicationStateForeground);
+    EXPECT_FALSE(beta & kApplicationStateFrontmost);
+    EXPECT_EQ(monitor->applicationStateForApplication("org.example.unknown"), 0u);
+
+    Value info = requestInfo(*monitor, "org.example.alpha");
+    EXPECT_EQ(intAt(info, kApplicationInfoPIDKey), alpha_->pid());
+    EXPECT_EQ(boolAt(info, kApplicationInfoFrontmostKey), true);
+    info = requestInfo(*monitor, "org.example.unknown");
+    EXPECT_EQ(intAt(info, kApplicationInfoPIDKey), -1);
+    EXPECT_EQ(boolAt(info, kApplicationInfoFrontmostKey), false);
+
+    client_->setActiveWindow(b);
+    client_->unmap(a);
+    ASSERT_TRUE(system_->synchronize());
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.beta");
+    EXPECT_EQ(monitor->applicationStateForApplication("org.example.alpha"), 0u);
+    EXPECT_TRUE(monitor->applicationStateForApplication("org.example.beta") &
+                kApplicationStateFrontmost);
+
+    // A frontmost window of a process outside any bundle is no application.
+    client_->setActiveWindow(stranger);
+    ASSERT_TRUE(system_->synchronize());
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
+    client_->setActiveWindow(0);
+    ASSERT_TRUE(system_->synchronize());
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
+
+    // After invalidation nothing is known any more.
+    monitor->invalidate();
+    EXPECT_EQ(monitor->applicationStateForApplication("org.example.beta"), 0u);
+}
+
+TEST_F(X11WindowSystemTest, ChangeHandlerHearsActivationsOnItsQueueLosersFirst) {
+    uint32_t a = window(alpha_->pid());
+    uint32_t b = window(beta_->pid());
+    client_->setActiveWindow(a);
+    ASSERT_TRUE(system_->synchronize());
+
+    auto monitor = system_->makeApplicationStateMonitor();
+    InfoRecorder recorder;
+    monitor->setChangeHandler(recorder.handler(monitor));
+
+    client_->setActiveWindow(b);
+    ASSERT_TRUE(recorder.waitForCount(2));
+    auto infos = recorder.all();
+    ASSERT_EQ(infos.size(), 2u);
+    EXPECT_EQ(stringAt(infos[0], kApplicationInfoBundleIDKey), "org.example.alpha");
+    EXPECT_EQ(boolAt(infos[0], kApplicationInfoFrontmostKey), false);
+    EXPECT_EQ(intAt(infos[0], kApplicationInfoPIDKey), alpha_->pid());
+    EXPECT_EQ(stringAt(infos[1], kApplicationInfoBundleIDKey), "org.example.beta");
+    EXPECT_EQ(boolAt(infos[1], kApplicationInfoFrontmostKey), true);
+    EXPECT_EQ(intAt(infos[1], kApplicationInfoPIDKey), beta_->pid());
+
+    // The frontmost application's window goes away: it is reported, not
+    // frontmost, with its last process, so a follower can let go of it.
+    client_->destroy(b);
+    ASSERT_TRUE(recorder.waitForCount(3));
+    infos = recorder.all();
+    EXPECT_EQ(stringAt(infos[2], kApplicationInfoBundleIDKey), "org.example.beta");
+    EXPECT_EQ(boolAt(infos[2], kApplicationInfoFrontmostKey), false);
+    EXPECT_EQ(intAt(infos[2], kApplicationInfoPIDKey), beta_->pid());
+    EXPECT_EQ(intAt(infos[2], kApplicationInfoStateKey), 0);
+
+    // Removed: later changes reach nobody; a new handler hears only what
+    // happens after it was set.
+    monitor->setChangeHandler(nullptr);
+    client_->setActiveWindow(0);
+    ASSERT_TRUE(system_->synchronize());
+    InfoRecorder second;
+    monitor->setChangeHandler(second.handler(monitor));
+    client_->setActiveWindow(a);
+    ASSERT_TRUE(second.waitForCount(1));
+    EXPECT_EQ(boolAt(second.all().at(0), kApplicationInfoFrontmostKey), true);
+    EXPECT_EQ(recorder.all().size(), 3u);
+    EXPECT_FALSE(recorder.offQueue || second.offQueue);
+}
+
+TEST_F(X11WindowSystemTest, LayoutHasOneElementPerOwnerWithLevelsFromTypeAndState) {
+    auto monitor = system_->makeMainDisplayLayoutMonitor();
+    auto recorder = std::make_shared<LayoutRecorder>();
+    monitor->addObserver(recorder);
+    EXPECT_EQ(monitor->currentLayout().elementCount(), 0u);
+
+    uint32_t a = window(alpha_->pid());
+    ASSERT_TRUE(recorder->waitForLevels({1}));
+    // The application's own dialog and menu do not make it share the screen.
+    window(alpha_->pid(), {"_NET_WM_WINDOW_TYPE_DIALOG"});
+    window(alpha_->pid(), {"_NET_WM_WINDOW_TYPE_POPUP_MENU"});
+    EXPECT_EQ(levelsOf(layoutNow()), (std::vector<int32_t>{1}));
+    // The desktop's furniture, hidden windows and windows off the screen are
+    // not elements.
+    window(getpid(), {"_NET_WM_WINDOW_TYPE_DOCK"});
+    window(getpid(), {"_NET_WM_WINDOW_TYPE_DESKTOP"});
+    window(beta_->pid(), {}, {"_NET_WM_STATE_HIDDEN"});
+    TestWindowSpec offscreen;
+    offscreen.x = -5000;
+    offscreen.pid = uint32_t(beta_->pid());
+    client_->createWindow(offscreen);
+    EXPECT_EQ(levelsOf(layoutNow()), (std::vector<int32_t>{1}));
+
+    // Another application's window takes the screen.
+    uint32_t b = window(beta_->pid());
+    ASSERT_TRUE(recorder->waitForLevels({1, 1}));
+    EXPECT_EQ(ownersOf(monitor->currentLayout()),
+              (std::vector<std::string>{"org.example.alpha", "org.example.beta"}));
+    // Raising the application's window puts its element on top.
+    client_->raise(a);
+    EXPECT_EQ(ownersOf(layoutNow()),
+              (std::vector<std::string>{"org.example.beta", "org.example.alpha"}));
+    // A window type change turns the other application into a dialog.
+    client_->setTypes(b, {"_NET_WM_WINDOW_TYPE_DIALOG"});
+    ASSERT_TRUE(recorder->waitForLevels({2, 1}));
+
+    // Windows of other owners that share the screen, one element each.
+    window(std::nullopt, {}, {"_NET_WM_STATE_ABOVE"});
+    window(getpid(), {"_NET_WM_WINDOW_TYPE_NOTIFICATION"});
+    TestWindowSpec popup;
+    popup.overrideRedirect = true;
+    popup.width = popup.height = 50;
+    uint32_t popupWindow = client_->createWindow(popup);
+    ASSERT_TRUE(recorder->waitForLevels({2, 1, 3, 4, 5}));
+    client_->destroy(popupWindow);
+
+    // A screen locker (override-redirect over the whole screen) and a
+    // fullscreen window take the screen.
+    TestWindowSpec locker;
+    locker.overrideRedirect = true;
+    locker.width = 1280;
+    locker.height = 800;
+    uint32_t lockerWindow = client_->createWindow(locker);
+    ASSERT_TRUE(recorder->waitForLevels({2, 1, 3, 4, 1}));
+    client_->destroy(lockerWindow);
+    client_->setStates(b, {"_NET_WM_STATE_FULLSCREEN"});
+    client_->raise(b);
+    ASSERT_TRUE(recorder->waitForLevels({1, 3, 4, 1}));
+
+    // Unmapped: gone.
+    client_->unmap(b);
+    ASSERT_TRUE(recorder->waitForLevels({1, 3, 4}));
+
+    // A property change that changes nothing delivers nothing: no layout is
+    // delivered twice in a row.
+    client_->setPid(a, uint32_t(alpha_->pid()));
+    client_->map(b);
+    ASSERT_TRUE(recorder->waitForLevels({1, 3, 4, 1}));
+    auto all = recorder->all();
+    for (size_t i = 1; i < all.size(); ++i) EXPECT_FALSE(all[i] == all[i - 1]) << i;
+    EXPECT_FALSE(recorder->offQueue);
+
+    // Removed observers and invalidated monitors hear nothing more.
+    size_t seen = all.size();
+    monitor->removeObserver(recorder.get());
+    auto second = std::make_shared<LayoutRecorder>();
+    auto other = system_->makeMainDisplayLayoutMonitor();
+    other->addObserver(second);
+    client_->unmap(b);
+    ASSERT_TRUE(second->waitForLevels({1, 3, 4}));
+    monitor->addObserver(recorder);
+    monitor->invalidate();
+    EXPECT_EQ(monitor->currentLayout().elementCount(), 0u);
+    client_->map(b);
+    ASSERT_TRUE(second->waitForLevels({1, 3, 4, 1}));
+    EXPECT_EQ(recorder->all().size(), seen);
+}
+
+TEST_F(X11WindowSystemTest, ClientsInsideWindowManagerFramesAndUntrustedOwners) {
+    // A reparenting window manager: a frame without properties holding the
+    // client, which carries WM_STATE and the owner.
+    TestWindowSpec frameSpec;
+    uint32_t frame = client_->createWindow(frameSpec, false);
+    TestWindowSpec clientSpec;
+    clientSpec.parent = frame;
+    clientSpec.pid = uint32_t(alpha_->pid());
+    uint32_t inner = client_->createWindow(clientSpec);
+    client_->setWmState(inner, 1);
+    client_->map(frame);
+    client_->setActiveWindow(inner);
+
+    auto layout = layoutNow();
+    ASSERT_EQ(layout.elementCount(), 1u);
+    EXPECT_EQ(layout.elements[0].identifier, inner);
+    EXPECT_EQ(layout.elements[0].bundleIdentifier, "org.example.alpha");
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.alpha");
+
+    // Iconified by the window manager (frame still mapped): not shown.
+    client_->setWmState(inner, 3);
+    EXPECT_EQ(layoutNow().elementCount(), 0u);
+    EXPECT_FALSE(system_->applicationState("org.example.alpha").isForeground());
+    client_->setWmState(inner, 1);
+    EXPECT_EQ(layoutNow().elementCount(), 1u);
+
+    // An owner claimed by a client of another machine is no local process.
+    TestWindowSpec remote;
+    remote.pid = uint32_t(beta_->pid());
+    remote.clientMachine = "elsewhere.example.org";
+    client_->createWindow(remote);
+    layout = layoutNow();
+    ASSERT_EQ(layout.elementCount(), 2u);
+    EXPECT_EQ(layout.elements[1].pid, -1);
+    EXPECT_EQ(layout.elements[1].bundleIdentifier, "");
+    EXPECT_FALSE(system_->applicationState("org.example.beta").isForeground());
+}
+
+TEST_F(X11WindowSystemTest, FloodsAndCrowdsCostBoundedWork) {
+    uint32_t a = window(alpha_->pid());
+    uint32_t b = window(beta_->pid());
+    ASSERT_TRUE(system_->synchronize());
+
+    // A client switching the active window as fast as it can: scans stay
+    // within the rescan interval's budget, and the end state is right.
+    uint64_t scansBefore = system_->scanCount();
+    auto start = std::chrono::steady_clock::now();
+    constexpr int kSwitches = 50000;
+    client_->cycleActiveWindow({b, a}, kSwitches);
+    ASSERT_TRUE(system_->synchronize());
+    uint64_t scans = system_->scanCount() - scansBefore;
+    auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_LE(double(scans), double(elapsed / kX11MinRescanInterval) + kX11RescanBurst + 2)
+        << scans << " scans in " << std::chrono::duration<double>(elapsed).count() << " s";
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.alpha");
+
+    // More top-levels than one scan reads: the topmost ones are seen.
+    TestWindowSpec tiny;
+    tiny.width = tiny.height = 1;
+    client_->createUnmappedWindows(tiny, int(kX11MaxScannedWindows) + 10);
+    uint32_t top = window(beta_->pid());
+    auto layout = layoutNow();
+    ASSERT_FALSE(layout.elements.empty());
+    EXPECT_EQ(layout.elements.back().bundleIdentifier, "org.example.beta");
+    // Beta's first window lies below the crowd, beyond what a scan reads.
+    EXPECT_EQ(layout.elements.back().identifier, top);
+}
+
+TEST_F(X11WindowSystemTest, ALostServerEmptiesTheLayoutAndForegroundState) {
+    auto server = startServerOrExplain();
+    ASSERT_TRUE(server);
+    auto client = X11TestClient::connect(server->displayName());
+    ASSERT_TRUE(client);
+    auto system = X11WindowSystem::connect(server->displayName());
+    ASSERT_TRUE(system);
+    TestWindowSpec spec;
+    spec.pid = uint32_t(alpha_->pid());
+    uint32_t w = client->createWindow(spec);
+    client->setActiveWindow(w);
+    ASSERT_TRUE(system->synchronize());
+    auto monitor = system->makeMainDisplayLayoutMonitor();
+    auto recorder = std::make_shared<LayoutRecorder>();
+    monitor->addObserver(recorder);
+    EXPECT_EQ(monitor->currentLayout().elementCount(), 1u);
+
+    server->stop();
+    ASSERT_TRUE(recorder->waitForLevels({}));
+    EXPECT_FALSE(system->synchronize(1s));
+    EXPECT_FALSE(system->isConnected());
+    EXPECT_EQ(system->frontmostApplicationBundleIdentifier(), std::nullopt);
+    EXPECT_FALSE(system->applicationState("org.example.alpha").isForeground());
+}
+
+TEST_F(X11WindowSystemTest, AutomaticChoiceTakesAReachableServerUnlessTheScreenSaysOtherwise) {
+    {
+        sv::test::ScopedEnv env{{"DISPLAY", server_->displayName()},
+                                {"SORVEL_SCREEN_BACKEND", std::nullopt}};
+        auto backend = makeUiBackend();
+        ASSERT_TRUE(backend);
+        EXPECT_EQ(backend->name(), "x11");
+    }
+    {
+        sv::test::ScopedEnv env{{"DISPLAY", server_->displayName()},
+                                {"SORVEL_SCREEN_BACKEND", "synthetic"}};
+        EXPECT_EQ(makeUiBackend()->name(), "synthetic");
+    }
+    {
+        sv::test::ScopedEnv env{{"DISPLAY", ":9999"}, {"SORVEL_SCREEN_BACKEND", std::nullopt}};
+        EXPECT_FALSE(X11WindowSystem::serverAnswers());
+        EXPECT_EQ(makeUiBackend()->name(), "synthetic");
+        std::string error;
+        EXPECT_FALSE(makeUiBackend(UiBackendKind::X11, nullptr, &error));
+        EXPECT_FALSE(error.empty());
+    }
+}
+
+}  // namespace
