@@ -94,7 +94,8 @@ void SVShellService::invalidate() {
 
 bool SVShellService::listenerShouldAcceptNewConnection(
     ipc::Listener&, const std::shared_ptr<ipc::Connection>& connection) {
-    log::debug("shell connection from pid %i", int(connection->processIdentifier()));
+    static log::RateLimit limit;
+    log::debug(limit, "shell connection from pid %i", int(connection->processIdentifier()));
     connection->setExportedInterface(shellProtocolInterface());
     connection->setExportedObject(object_);
     connection->resume();

@@ -26,6 +26,9 @@ const Interface& fuzzInterface() {
                                  {"collections:dictionary:any:",
                                   {orNull(K::Array), orNull(K::Dictionary), {K::Any}},
                                   {}},
+                                 {"int32:uint32:int64:handler:",
+                                  {{K::Int32}, {K::UInt32}, {K::Int64}, {K::Handler}},
+                                  {{K::Int64}}},
                                  {"ping", {}, {}},
                              });
     return i;
@@ -44,6 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (r.message) {
         const Received& a = r.message->arguments;
         for (size_t i = 0; i < a.size(); ++i) {
+            (void)a.integerAt<int32_t>(i);
+            (void)a.integerAt<uint64_t>(i);
             (void)a.surfaceAt(i);
             (void)a.endpointAt(i);
             (void)a.fileTokenAt(i);

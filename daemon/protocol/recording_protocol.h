@@ -31,7 +31,7 @@ namespace sv {
 //   stopRecordingWithStartClipDuration:endClipDuration:handler: (number, number)
 //                                                    -> (movie?, error?)
 //   pauseRecording
-//   resumeRecordingWithWindowLayerContextID:  (int)
+//   resumeRecordingWithWindowLayerContextID:  (uint32)
 //   setMicrophoneEnabled:                     (bool)
 //   discardRecordingWithHandler:                     -> ()
 //   clientDidBecomeActiveWithBundleID:        (text)
@@ -63,7 +63,7 @@ inline std::shared_ptr<const ipc::Interface> daemonProtocolInterface() {
              {{K::Number}, {K::Number}, {K::Handler}},
              {orNull(K::String), orNull(K::Dictionary)}},
             {"pauseRecording", {}, {}},
-            {"resumeRecordingWithWindowLayerContextID:", {{K::Int}}, {}},
+            {"resumeRecordingWithWindowLayerContextID:", {{K::UInt32}}, {}},
             {"setMicrophoneEnabled:", {{K::Bool}}, {}},
             {"discardRecordingWithHandler:", {{K::Handler}}, {}},
             {"clientDidBecomeActiveWithBundleID:", {{K::String}}, {}},
@@ -110,7 +110,7 @@ inline std::shared_ptr<const ipc::Interface> consentAgentProtocolInterface() {
 //       the calling connection becomes the consent agent (the newest one wins)
 //   layerContextIDsForCallerWithHandler:      -> (array of ints, error?)
 //       the synthetic window system's layers of the calling process
-//   setApplicationState:foreground:processIdentifier:handler: (text, bool, int) -> (error?)
+//   setApplicationState:foreground:processIdentifier:handler: (text, bool, int32) -> (error?)
 //   setDisplayLayoutLevels:handler:  (array of ints or null) -> (error?)
 //       null returns to the layout made from the display's layers
 //   setDisplayTransformFlags:handler:  (int) -> (error?)
@@ -131,7 +131,7 @@ inline std::vector<ipc::MethodSpec> recordingShellMethods() {
          {{K::Handler}},
          {orNull(K::Array), orNull(K::Dictionary)}},
         {"setApplicationState:foreground:processIdentifier:handler:",
-         {{K::String}, {K::Bool}, {K::Int}, {K::Handler}},
+         {{K::String}, {K::Bool}, {K::Int32}, {K::Handler}},
          {orNull(K::Dictionary)}},
         {"setDisplayLayoutLevels:handler:",
          {orNull(K::Array), {K::Handler}},

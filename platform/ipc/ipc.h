@@ -7,8 +7,25 @@
 // under an Interface and calls the peer's exported object through a
 // RemoteProxy; completion handlers cross processes as reply identifiers.
 //
+// Lifetime: an open connection is kept alive by the I/O thread for as long
+// as its socket is open. Dropping every reference to it without
+// invalidate() does not end it: it goes on delivering calls to its exported
+// object until the peer goes away, then runs its invalidation (accepted and
+// endpoint connections) or interruption handler (service connections) and
+// is freed. A connection that was never resumed, or whose socket has closed,
+// is freed with its last reference, without any handler running. To end a
+// connection, call invalidate().
+//
+// Hostile peers: a listener accepts at most Options::maxConnectionsPerUser
+// open connections per user and closes further ones at once. When the
+// process runs out of descriptors it stops accepting and starts again as
+// soon as one is free (a connection closes) or on a backing-off timer. A
+// peer that does not read what is sent to it stops being read from (its own
+// sends then block) and is disconnected if it takes nothing for a while.
+// Lines a peer can cause at will are logged rate-limited.
+//
 // Threads: one I/O thread, shared by every socket of the process, reads,
-// writes and checks messages. Each connection delivers its incoming calls,
+// writes and checks messages; it never blocks. Each connection delivers its incoming calls,
 // replies, error handlers and its interruption and invalidation handlers in
 // order on its own serial queue (queue()), so a handler that blocks holds up
 // only its own connection. Every method of Listener and Connection may be
@@ -19,10 +36,12 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "platform/dispatch.h"
@@ -45,9 +64,24 @@ Error makeError(int64_t code);
 // Bounds of one connection.
 inline constexpr size_t kMaxQueuedBytes = 8 * 1024 * 1024;  // outgoing, not yet in the kernel
 inline constexpr size_t kMaxQueuedMessages = 1024;          // outgoing, not yet in the kernel
-inline constexpr size_t kMaxPendingReplies = 4096;          // calls waiting for a reply
-inline constexpr size_t kMaxUndeliveredMessages = 256;      // read ahead of a busy queue
-inline constexpr int kMaxRejectedMessages = 8;              // then the peer is disconnected
+// Reading from a peer stops while this much waits to be sent to it (it does
+// not read its replies), and starts again once the queue is down to the
+// low-water mark, so a peer cannot make its replies pile up.
+inline constexpr size_t kReadPauseQueuedBytes = 4 * 1024 * 1024;
+inline constexpr size_t kReadPauseQueuedMessages = 512;
+inline constexpr size_t kReadResumeQueuedBytes = 1024 * 1024;
+inline constexpr size_t kReadResumeQueuedMessages = 128;
+// A peer that takes none of the messages waiting for it for this long is
+// disconnected (Listener::Options::stalledPeerTimeout for accepted ones).
+inline constexpr std::chrono::milliseconds kDefaultStalledPeerTimeout{10000};
+// How long connecting through an endpoint waits for room in the listener's
+// queue before the connection fails.
+inline constexpr std::chrono::milliseconds kEndpointConnectTimeout{5000};
+// Open connections one user may have on one listener.
+inline constexpr size_t kDefaultMaxConnectionsPerUser = 256;
+inline constexpr size_t kMaxPendingReplies = 4096;      // calls waiting for a reply
+inline constexpr size_t kMaxUndeliveredMessages = 256;  // read ahead of a busy queue
+inline constexpr int kMaxRejectedMessages = 8;          // then the peer is disconnected
 
 // Directory holding named services: set here, else $SORVEL_RUNTIME_DIR, else
 // $XDG_RUNTIME_DIR, else /tmp. Set it before the first listener or connection.
@@ -149,8 +183,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
   public:
     // A connection to a named service; it connects on resume(). When the
     // service goes away the connection is interrupted, and the next call
-    // connects again.
-    static std::shared_ptr<Connection> toService(std::string serviceName);
+    // connects again. The service must run as `serviceUser` (by default the
+    // user this process runs as): a socket that another user listens on is
+    // not connected to, so nobody else can stand in for the service; calls
+    // then fail as interruptions and the mismatch is logged.
+    static std::shared_ptr<Connection> toService(std::string serviceName,
+                                                 std::optional<uid_t> serviceUser = std::nullopt);
     // A connection to the unnamed listener of `endpoint`; it connects on
     // resume(). It becomes invalid when the listener goes away.
     static std::shared_ptr<Connection> toEndpoint(Endpoint endpoint);
@@ -222,21 +260,34 @@ class ListenerDelegate {
         Listener& listener, const std::shared_ptr<Connection>& connection) = 0;
 };
 
+// How a listener treats its peers (Listener::named, Listener::anonymous).
+struct ListenerOptions {
+    // Users allowed to connect to a named service; empty: only the
+    // user this process runs as.
+    std::vector<uid_t> allowedUsers;
+    // Connections one user may have open on this listener at once
+    // (0: no limit). A further connection is closed as soon as it is
+    // accepted, before the delegate sees it; the first refusal of an
+    // episode is logged, and the episode ends when the user is below
+    // the limit again.
+    size_t maxConnectionsPerUser = kDefaultMaxConnectionsPerUser;
+    // Accepted connections whose peer takes nothing of what waits for
+    // it for this long are disconnected.
+    std::chrono::milliseconds stalledPeerTimeout = kDefaultStalledPeerTimeout;
+};
+
 class Listener : public std::enable_shared_from_this<Listener> {
   public:
-    struct Options {
-        // Users allowed to connect to a named service; empty: only the
-        // user this process runs as.
-        std::vector<uid_t> allowedUsers;
-    };
+    using Options = ListenerOptions;
     // Binds "<runtime directory>/<serviceName>" with mode 0600 (or adopts
     // the socket systemd passed under that name). Accepts nothing until
     // resume(). Null (with `error`) when the name is taken by a running
     // service or the socket cannot be created.
     static std::shared_ptr<Listener> named(const std::string& serviceName,
                                            std::string* error = nullptr, Options options = {});
-    // A listener reachable only through endpoint().
-    static std::shared_ptr<Listener> anonymous(std::string* error = nullptr);
+    // A listener reachable only through endpoint(); `options.allowedUsers`
+    // does not apply (the endpoint is the capability), the other options do.
+    static std::shared_ptr<Listener> anonymous(std::string* error = nullptr, Options options = {});
     ~Listener();
 
     // Held weakly; a listener without a live delegate refuses connections.

@@ -400,6 +400,71 @@ EncodedMessage encodeConnect(UniqueFd socket) {
     return m;
 }
 
+namespace {
+
+// The envelope of a datagram: one CBOR map within the limits, of this
+// version, announcing as many descriptors as arrived. Sets `type`.
+std::string readEnvelope(std::span<const uint8_t> bytes, size_t fdCount, Value& env,
+                         int64_t& type) {
+    if (bytes.size() > kMaxMessageBytes) return "message larger than the limit";
+    if (fdCount > kMaxObjectsPerMessage) return "too many descriptors";
+    CborLimits limits;
+    limits.maxBytes = kMaxMessageBytes;
+    limits.maxDepth = 32;
+    limits.maxItems = 65536;
+    auto decoded = decodeCbor(bytes, limits);
+    if (!decoded) return decoded.error;
+    env = std::move(*decoded.value);
+    if (!env.is_object()) return "envelope is not a map";
+    auto version = smallInt(env, "v");
+    if (!version || *version != kWireVersion) return "unsupported envelope version";
+    auto t = smallInt(env, "t");
+    if (!t) return "envelope without a type";
+    type = *t;
+    auto count = env.contains("n") ? smallInt(env, "n") : std::optional<int64_t>(0);
+    if (!count || *count < 0 || size_t(*count) != fdCount)
+        return "descriptor count does not match the descriptors received";
+    return {};
+}
+
+// A call's method and arguments checked against the exported interface;
+// the reply identifier moves out of the handler's position.
+std::string readCall(const Value& env, const Interface* exported, std::vector<Value>& values,
+                     DecodedMessage& msg) {
+    auto name = env.find("m");
+    if (name == env.end() || !name->is_string() || name->get_ref<const std::string&>().empty() ||
+        name->get_ref<const std::string&>().size() > kMaxMethodName)
+        return "call without a method name";
+    msg.type = MessageType::Call;
+    msg.method = name->get<std::string>();
+    if (!exported) return "call of " + msg.method + " but no interface is exported";
+    const MethodSpec* method = exported->method(msg.method);
+    if (!method) return "unknown method " + msg.method + " of " + exported->name();
+    if (auto err = checkArguments(method->arguments, values); !err.empty())
+        return msg.method + ": " + err;
+    if (int h = method->handlerIndex(); h >= 0) {
+        msg.replyId = values[h].get<uint64_t>();
+        values[h] = nullptr;
+    }
+    return {};
+}
+
+// A reply's identifier and arguments checked against the call it answers.
+std::string readReply(const Value& env, const ReplySpecLookup& replySpec,
+                      const std::vector<Value>& values, DecodedMessage& msg) {
+    auto id = env.find("r");
+    if (id == env.end() || !id->is_number_unsigned() || id->get<uint64_t>() == 0)
+        return "reply without a reply identifier";
+    msg.type = MessageType::Reply;
+    msg.replyId = id->get<uint64_t>();
+    const std::vector<ArgSpec>* signature = replySpec ? replySpec(msg.replyId) : nullptr;
+    if (!signature) return "reply to no outstanding call";
+    if (auto err = checkArguments(*signature, values); !err.empty()) return "reply: " + err;
+    return {};
+}
+
+}  // namespace
+
 DecodeResult decodeMessage(std::span<const uint8_t> bytes, std::vector<UniqueFd> fds,
                            const Interface* exported, const ReplySpecLookup& replySpec) {
     DecodeResult r;
@@ -407,26 +472,12 @@ DecodeResult decodeMessage(std::span<const uint8_t> bytes, std::vector<UniqueFd>
         r.error = std::move(why);
         return std::move(r);
     };
-    if (bytes.size() > kMaxMessageBytes) return fail("message larger than the limit");
-    if (fds.size() > kMaxObjectsPerMessage) return fail("too many descriptors");
-    CborLimits limits;
-    limits.maxBytes = kMaxMessageBytes;
-    limits.maxDepth = 32;
-    limits.maxItems = 65536;
-    auto decoded = decodeCbor(bytes, limits);
-    if (!decoded) return fail(decoded.error);
-    Value& env = *decoded.value;
-    if (!env.is_object()) return fail("envelope is not a map");
-    auto version = smallInt(env, "v");
-    if (!version || *version != kWireVersion) return fail("unsupported envelope version");
-    auto type = smallInt(env, "t");
-    if (!type) return fail("envelope without a type");
-    auto count = env.contains("n") ? smallInt(env, "n") : std::optional<int64_t>(0);
-    if (!count || *count < 0 || size_t(*count) != fds.size())
-        return fail("descriptor count does not match the descriptors received");
+    Value env;
+    int64_t type = 0;
+    if (auto err = readEnvelope(bytes, fds.size(), env, type); !err.empty()) return fail(err);
 
     DecodedMessage msg;
-    if (*type == int64_t(MessageType::Connect)) {
+    if (type == int64_t(MessageType::Connect)) {
         if (fds.size() != 1 || !isSeqpacketUnixSocket(fds[0].get()))
             return fail("connect message without a socket");
         msg.type = MessageType::Connect;
@@ -437,40 +488,19 @@ DecodeResult decodeMessage(std::span<const uint8_t> bytes, std::vector<UniqueFd>
     auto args = env.find("a");
     if (args == env.end() || !args->is_array()) return fail("envelope without an argument array");
     if (args->size() > kMaxArguments) return fail("too many arguments");
-    std::vector<Value> values = args->get<std::vector<Value>>();
+    std::vector<Value> values = std::move(args->get_ref<Value::array_t&>());
 
-    if (*type == int64_t(MessageType::Call)) {
-        auto name = env.find("m");
-        if (name == env.end() || !name->is_string() ||
-            name->get_ref<const std::string&>().empty() ||
-            name->get_ref<const std::string&>().size() > kMaxMethodName)
-            return fail("call without a method name");
-        msg.type = MessageType::Call;
-        msg.method = name->get<std::string>();
-        if (!exported) return fail("call of " + msg.method + " but no interface is exported");
-        const MethodSpec* method = exported->method(msg.method);
-        if (!method) return fail("unknown method " + msg.method + " of " + exported->name());
-        if (auto err = checkArguments(method->arguments, values); !err.empty())
-            return fail(msg.method + ": " + err);
-        if (int h = method->handlerIndex(); h >= 0) {
-            msg.replyId = values[h].get<uint64_t>();
-            values[h] = nullptr;
-        }
-    } else if (*type == int64_t(MessageType::Reply)) {
-        auto id = env.find("r");
-        if (id == env.end() || !id->is_number_unsigned() || id->get<uint64_t>() == 0)
-            return fail("reply without a reply identifier");
-        msg.type = MessageType::Reply;
-        msg.replyId = id->get<uint64_t>();
-        const std::vector<ArgSpec>* signature = replySpec ? replySpec(msg.replyId) : nullptr;
-        if (!signature) return fail("reply to no outstanding call");
-        if (auto err = checkArguments(*signature, values); !err.empty())
-            return fail("reply: " + err);
-    } else {
-        return fail("unknown message type");
-    }
+    std::string err;
+    if (type == int64_t(MessageType::Call))
+        err = readCall(env, exported, values, msg);
+    else if (type == int64_t(MessageType::Reply))
+        err = readReply(env, replySpec, values, msg);
+    else
+        err = "unknown message type";
+    if (!err.empty()) return fail(err);
+
     std::vector<std::optional<Object>> objects;
-    if (auto err = importObjects(values, fds, objects); !err.empty()) return fail(err);
+    if (auto e = importObjects(values, fds, objects); !e.empty()) return fail(e);
     msg.arguments = Received(std::move(values), std::move(objects));
     r.message = std::move(msg);
     return r;

@@ -154,7 +154,12 @@ class Interface {
 class Arguments {
   public:
     Arguments& add(Value value);
-    Arguments& add(int value) { return add(Value(value)); }  // not a null surface
+    // Every integer type keeps its full value (and a literal 0 is a number,
+    // not a null surface).
+    template <std::integral T>
+    Arguments& add(T value) {
+        return add(Value(value));
+    }
     Arguments& add(std::shared_ptr<SharedSurface> surface);
     Arguments& add(Endpoint endpoint);
     Arguments& add(FileToken token);

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -128,8 +129,12 @@ TEST_F(DaemonTest, AnswersPurgeCallsByUrgencyWhileIdle) {
 
     EXPECT_FALSE(shell.cancelPurgeAndWait().error);
 
+    // A sparse file: byte counts beyond 32 bits travel whole.
+    constexpr int64_t kHuge = int64_t(3) << 30;
+    std::ofstream(store_ + "huge.mp4").close();
+    ASSERT_EQ(truncate((store_ + "huge.mp4").c_str(), kHuge), 0) << std::strerror(errno);
     r = shell.purgeAndWait(0, 3);  // urgent: everything goes
-    EXPECT_EQ(r.bytes, 500);
+    EXPECT_EQ(r.bytes, 500 + kHuge);
     EXPECT_TRUE(std::filesystem::is_empty(store_));
     EXPECT_TRUE(eventually([&] {
         std::string text = readAll(log_);

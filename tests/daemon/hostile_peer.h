@@ -9,9 +9,11 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
@@ -69,40 +71,69 @@ inline size_t descriptorCount(pid_t pid) {
 }
 
 // A log file that grows while the daemon writes it; counts what was added
-// since the last mark.
+// since the last mark. Reads only what is new on each call, and keeps at
+// most `keepBytes` of it: a daemon that floods its log fails a bound long
+// before that, and the test must not drown reading it.
 class LogFile {
   public:
-    explicit LogFile(std::string path) : path_(std::move(path)) {}
-    std::string text() const {
-        std::ifstream in(path_);
-        return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    explicit LogFile(std::string path, size_t keepBytes = 16 << 20)
+        : path_(std::move(path)), keep_(keepBytes) {}
+
+    // Counts from the end of the file as it is now.
+    void mark() {
+        struct stat st {};
+        start_ = ::stat(path_.c_str(), &st) == 0 ? size_t(st.st_size) : 0;
+        read_ = start_;
+        text_.clear();
     }
-    void mark() { offset_ = text().size(); }
-    std::string sinceMark() const {
-        std::string t = text();
-        return offset_ < t.size() ? t.substr(offset_) : std::string();
+    // What was added since the mark (up to the bytes kept).
+    const std::string& sinceMark() {
+        update();
+        return text_;
     }
-    size_t linesSinceMark() const { return countLines(sinceMark(), {}); }
-    size_t linesSinceMarkContaining(std::string_view fragment) const {
-        return countLines(sinceMark(), fragment);
+    size_t linesSinceMark() { return countLines({}); }
+    size_t linesSinceMarkContaining(std::string_view fragment) { return countLines(fragment); }
+    size_t bytesSinceMark() const {
+        struct stat st {};
+        return ::stat(path_.c_str(), &st) == 0 && size_t(st.st_size) > start_
+                   ? size_t(st.st_size) - start_
+                   : 0;
     }
-    size_t bytesSinceMark() const { return sinceMark().size(); }
 
   private:
-    static size_t countLines(const std::string& t, std::string_view fragment) {
-        size_t n = 0, start = 0;
-        while (start < t.size()) {
-            size_t end = t.find('\n', start);
-            if (end == std::string::npos) end = t.size();
-            if (std::string_view(t).substr(start, end - start).find(fragment) !=
+    void update() {
+        if (text_.size() >= keep_) return;
+        std::ifstream in(path_, std::ios::binary);
+        in.seekg(std::streamoff(read_));
+        std::string chunk(std::min<size_t>(keep_ - text_.size(), 1 << 20), '\0');
+        while (text_.size() < keep_ &&
+               in.read(chunk.data(), std::streamsize(chunk.size())).gcount() > 0) {
+            size_t n = size_t(in.gcount());
+            text_.append(chunk.data(), n);
+            read_ += n;
+            if (n < chunk.size()) break;
+        }
+    }
+    // Complete lines only: the last one may still be being written.
+    size_t countLines(std::string_view fragment) {
+        update();
+        size_t n = 0, begin = 0;
+        while (true) {
+            size_t end = text_.find('\n', begin);
+            if (end == std::string::npos) break;
+            if (std::string_view(text_).substr(begin, end - begin).find(fragment) !=
                 std::string_view::npos)
                 ++n;
-            start = end + 1;
+            begin = end + 1;
         }
         return n;
     }
+
     std::string path_;
-    size_t offset_ = 0;
+    size_t keep_;
+    size_t start_ = 0;  // file offset of the mark
+    size_t read_ = 0;   // file offset read up to
+    std::string text_;
 };
 
 // ---- hand-made messages ----
@@ -147,11 +178,12 @@ class RawPeer {
   public:
     RawPeer() = default;
     explicit RawPeer(int fd) : fd_(fd) {}
-    RawPeer(RawPeer&& o) noexcept : fd_(std::exchange(o.fd_, -1)) {}
+    RawPeer(RawPeer&& o) noexcept : fd_(std::exchange(o.fd_, -1)), buffer_(std::move(o.buffer_)) {}
     RawPeer& operator=(RawPeer&& o) noexcept {
         if (this != &o) {
             close();
             fd_ = std::exchange(o.fd_, -1);
+            buffer_ = std::move(o.buffer_);
         }
         return *this;
     }
@@ -201,7 +233,7 @@ class RawPeer {
     // The next message, decoded; nullopt on timeout, end of stream or garbage.
     std::optional<Value> receive(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
         auto end = std::chrono::steady_clock::now() + timeout;
-        std::vector<uint8_t> buf(256 * 1024 + 1);
+        std::vector<uint8_t>& buf = buffer();
         while (true) {
             ssize_t n = ::recv(fd_, buf.data(), buf.size(), MSG_DONTWAIT);
             if (n > 0) {
@@ -218,12 +250,26 @@ class RawPeer {
     // reset), read within `timeout`; messages before it are skipped.
     bool closedByPeer(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
         auto end = std::chrono::steady_clock::now() + timeout;
-        std::vector<uint8_t> buf(256 * 1024 + 1);
+        std::vector<uint8_t>& buf = buffer();
         while (true) {
             ssize_t n = ::recv(fd_, buf.data(), buf.size(), MSG_DONTWAIT);
             if (n == 0) return true;
             if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) return errno != EINTR;
             if (n < 0 && !waitFor(POLLIN, end)) return false;
+        }
+    }
+
+    // True once the other side has closed the connection, seen within
+    // `timeout` without reading anything (what waits to be read stays).
+    bool hungUp(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+        auto end = std::chrono::steady_clock::now() + timeout;
+        while (true) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                end - std::chrono::steady_clock::now());
+            if (left.count() <= 0) return false;
+            pollfd p{fd_, POLLRDHUP, 0};
+            if (::poll(&p, 1, int(left.count())) > 0 && (p.revents & (POLLHUP | POLLRDHUP)))
+                return true;
         }
     }
 
@@ -236,14 +282,39 @@ class RawPeer {
         return ::poll(&p, 1, int(left.count())) > 0;
     }
 
+    std::vector<uint8_t>& buffer() {
+        if (buffer_.empty()) buffer_.resize(256 * 1024 + 1);  // the largest datagram, and one more
+        return buffer_;
+    }
+
     int fd_ = -1;
+    std::vector<uint8_t> buffer_;
 };
+
+// Sends `call`, whose reply identifier is `replyId`, and waits for that
+// reply (skipping others); false on timeout or when the peer closes.
+inline bool callAndWait(RawPeer& p, const Bytes& call, uint64_t replyId,
+                        std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
 // The reply identifier of a decoded reply, or 0.
 inline uint64_t replyIdOf(const std::optional<Value>& m) {
     if (!m || !m->is_object() || m->value("t", 0) != 2) return 0;
     auto it = m->find("r");
     return it != m->end() && it->is_number_unsigned() ? it->get<uint64_t>() : 0;
+}
+
+inline bool callAndWait(RawPeer& p, const Bytes& call, uint64_t replyId,
+                        std::chrono::milliseconds timeout) {
+    using Clock = std::chrono::steady_clock;
+    auto end = Clock::now() + timeout;
+    if (!p.send(call, timeout)) return false;
+    while (Clock::now() < end) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+        auto m = p.receive(left + std::chrono::milliseconds(1));
+        if (!m) return false;
+        if (replyIdOf(m) == replyId) return true;
+    }
+    return false;
 }
 
 }  // namespace sv::test

@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/log.h"
+#include "tests/daemon/hostile_peer.h"
 #include "tests/ipc/test_protocol.h"
 #include "tests/process/process_helpers.h"
 
@@ -127,8 +128,8 @@ class IpcTest : public ::testing::Test {
         std::filesystem::remove_all(dir_);
     }
 
-    void listen() {
-        listener_ = Listener::named(service_);
+    void listen(ListenerOptions options = {}) {
+        listener_ = Listener::named(service_, nullptr, std::move(options));
         ASSERT_TRUE(listener_);
         listener_->setDelegate(server_);
         listener_->resume();
@@ -467,6 +468,154 @@ TEST_F(IpcTest, SendsToAPeerThatDoesNotReadFailInsteadOfGrowing) {
     c->invalidate();
     close(accepted);
     close(lfd);
+}
+
+// One user holds at most the limit of open connections; further ones are
+// closed before the delegate sees them, with one line per episode, and a
+// place that frees up can be taken again.
+TEST_F(IpcTest, EachUserHoldsAtMostTheLimitOfConnections) {
+    ListenerOptions options;
+    options.maxConnectionsPerUser = 3;
+    listen(options);
+    log::Capture capture;
+    std::vector<test::RawPeer> held;
+    for (int i = 0; i < 3; ++i) held.push_back(test::RawPeer::connect(servicePath(service_)));
+    ASSERT_TRUE(eventually([&] { return server_->snapshot(server_->connections).size() == 3; }));
+    for (int i = 0; i < 5; ++i) {
+        auto refused = test::RawPeer::connect(servicePath(service_));
+        EXPECT_TRUE(refused.closedByPeer()) << i;
+    }
+    EXPECT_EQ(server_->snapshot(server_->connectionPids).size(), 3u);
+    EXPECT_EQ(capture.countContaining("ipc: refusing connections"), 1u);
+
+    held.pop_back();  // its connection ends and gives back its place
+    ASSERT_TRUE(eventually([&] { return server_->invalidations == 1; }));
+    auto again = test::RawPeer::connect(servicePath(service_));
+    EXPECT_TRUE(eventually([&] { return server_->snapshot(server_->connections).size() == 4; }));
+    EXPECT_TRUE(again.trySend(call("hello:", Value::array({7}))));
+    EXPECT_TRUE(eventually([&] { return server_->snapshot(server_->hellos).size() == 1; }));
+
+    // A new episode of refusals is logged again.
+    auto refused = test::RawPeer::connect(servicePath(service_));
+    EXPECT_TRUE(refused.closedByPeer());
+    EXPECT_EQ(capture.countContaining("ipc: refusing connections"), 2u);
+}
+
+// Back-pressure loses nothing: while a peer does not read its replies the
+// service stops reading its calls (the peer's sends block), and once the
+// peer reads again every call is answered, in order.
+TEST_F(IpcTest, APeerThatStopsReadingIsPausedAndLosesNothing) {
+    ListenerOptions options;
+    options.stalledPeerTimeout = 10min;  // not what this test is about, even when slow
+    listen(options);
+    auto peer = test::RawPeer::connect(servicePath(service_));
+    ASSERT_TRUE(peer.valid());
+    Value payload = std::string(2000, 'x');
+    uint64_t sent = 0;
+    auto blockedSince = std::chrono::steady_clock::now();
+    bool blocked = false;
+    ASSERT_TRUE(eventually(
+        [&] {
+            for (int i = 0; i < 64; ++i) {
+                if (!peer.trySend(call("echo:withReply:", Value::array({payload, sent + 1})))) {
+                    if (!blocked) blockedSince = std::chrono::steady_clock::now();
+                    blocked = true;
+                    return std::chrono::steady_clock::now() - blockedSince > 300ms;
+                }
+                ++sent;
+                blocked = false;
+            }
+            return false;
+        },
+        30s));
+    // The service read only a bounded part of the calls.
+    EXPECT_GT(sent, kReadPauseQueuedMessages);
+
+    uint64_t expected = 1;
+    while (expected <= sent) {
+        auto reply = peer.receive(5s);
+        ASSERT_TRUE(reply) << "reply " << expected << " of " << sent;
+        ASSERT_EQ(test::replyIdOf(reply), expected);
+        ++expected;
+    }
+    EXPECT_TRUE(
+        test::callAndWait(peer, call("echo:withReply:", Value::array({1, sent + 1})), sent + 1));
+    EXPECT_EQ(server_->invalidations, 0);
+}
+
+// Nobody else can stand in for a service: a socket served by another user
+// than expected is not connected to.
+TEST_F(IpcTest, ServiceRunningAsAnotherUserIsNotConnectedTo) {
+    listen();
+    log::Capture capture;
+    auto impostor = Connection::toService(service_, geteuid() + 1);
+    impostor->setRemoteObjectInterface(ipctest::testInterface());
+    impostor->resume();
+    auto code = std::make_shared<std::atomic<int64_t>>(0);
+    impostor->remoteObjectProxyWithErrorHandler([code](const Error& e) { *code = e.code; })
+        .call("hello:", Arguments().add(1));
+    EXPECT_TRUE(eventually([&] { return *code != 0; }));
+    EXPECT_EQ(*code, kErrorConnectionInterrupted);
+    EXPECT_TRUE(server_->snapshot(server_->hellos).empty());
+    EXPECT_GE(capture.countContaining("not connecting"), 1u);
+    impostor->invalidate();
+
+    auto genuine = Connection::toService(service_, geteuid());
+    genuine->setRemoteObjectInterface(ipctest::testInterface());
+    genuine->resume();
+    genuine->remoteObjectProxyWithErrorHandler(nullptr).call("hello:", Arguments().add(2));
+    EXPECT_TRUE(eventually([&] { return server_->snapshot(server_->hellos).size() == 1; }));
+    genuine->invalidate();
+}
+
+// Connecting through an endpoint whose listener is not reading waits for
+// room without holding up the I/O thread: other connections are served
+// meanwhile, and the connection is made once the listener reads.
+TEST_F(IpcTest, EndpointConnectWaitsForRoomWithoutBlockingOthers) {
+    listen();
+    auto anonymous = Listener::anonymous();
+    ASSERT_TRUE(anonymous);
+    anonymous->setDelegate(server_);
+    // Not resumed: nothing reads the endpoint. Fill its queue.
+    Endpoint endpoint = anonymous->endpoint();
+    Bytes junk = encodeCbor(Value{{"v", 1}, {"t", 1}, {"n", 0}});
+    while (send(endpoint.fd(), junk.data(), junk.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+    }
+    ASSERT_TRUE(errno == EAGAIN || errno == EWOULDBLOCK);
+
+    auto viaEndpoint = Connection::toEndpoint(endpoint);
+    viaEndpoint->setRemoteObjectInterface(ipctest::testInterface());
+    viaEndpoint->resume();
+    auto code = std::make_shared<std::atomic<int64_t>>(0);
+    viaEndpoint->remoteObjectProxyWithErrorHandler([code](const Error& e) { *code = e.code; })
+        .call("hello:", Arguments().add(99));
+
+    auto other = Connection::toService(service_);
+    other->setRemoteObjectInterface(ipctest::testInterface());
+    other->resume();
+    auto proxy = other->remoteObjectProxyWithErrorHandler(nullptr);
+    for (int i = 0; i < 3; ++i) proxy.call("hello:", Arguments().add(i));
+    ASSERT_TRUE(eventually([&] { return server_->snapshot(server_->hellos).size() == 3; }));
+    EXPECT_EQ(*code, 0);  // still waiting, not failed
+
+    anonymous->resume();  // reads (and drops) the junk, then the connect message
+    EXPECT_TRUE(eventually([&] { return server_->snapshot(server_->hellos).size() == 4; }));
+    EXPECT_EQ(server_->snapshot(server_->hellos).back(), 99);
+    EXPECT_EQ(*code, 0);
+    viaEndpoint->invalidate();
+    other->invalidate();
+    anonymous->invalidate();
+}
+
+// A zero-length datagram cannot be told from the end of the stream: the
+// connection ends.
+TEST_F(IpcTest, AZeroLengthDatagramEndsTheConnection) {
+    listen();
+    auto peer = test::RawPeer::connect(servicePath(service_));
+    ASSERT_TRUE(eventually([&] { return server_->snapshot(server_->connections).size() == 1; }));
+    ASSERT_EQ(send(peer.fd(), "", 0, MSG_NOSIGNAL), 0);
+    EXPECT_TRUE(peer.closedByPeer());
+    EXPECT_TRUE(eventually([&] { return server_->invalidations == 1; }));
 }
 
 TEST_F(IpcTest, APythonPeerSpeaksTheDocumentedFormat) {

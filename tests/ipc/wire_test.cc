@@ -94,6 +94,47 @@ TEST(WireTest, ObjectsAreCheckedAndRefusedDescriptorsClosed) {
     EXPECT_LE(sv::test::openDescriptorCount(), before);
 }
 
+// Integer kinds admit exactly their range; what does not fit is refused by
+// the receiver (and by a sender that uses this library), never narrowed.
+TEST(WireTest, IntegerKindsHoldOnlyTheirRange) {
+    using K = ArgKind;
+    Interface widths("SVWidths",
+                     {{"int32:uint32:int64:", {{K::Int32}, {K::UInt32}, {K::Int64}}, {}}});
+    auto decodeArgs = [&](Value a, Value b, Value c) {
+        Bytes bytes = encodeCbor(Value{
+            {"v", 1}, {"t", 1}, {"m", "int32:uint32:int64:"}, {"a", Value::array({a, b, c})}});
+        return decodeMessage(bytes, {}, &widths, nullptr);
+    };
+    auto ok = decodeArgs(INT32_MIN, UINT32_MAX, INT64_MIN);
+    ASSERT_TRUE(ok.message) << ok.error;
+    EXPECT_EQ(ok.message->arguments.integerAt<int32_t>(0), INT32_MIN);
+    EXPECT_EQ(ok.message->arguments.integerAt<uint32_t>(1), UINT32_MAX);
+    EXPECT_EQ(ok.message->arguments.integerAt<int64_t>(2), INT64_MIN);
+    EXPECT_FALSE(ok.message->arguments.integerAt<int32_t>(1));  // asked narrower than it is
+
+    EXPECT_EQ(decodeArgs(int64_t(INT32_MAX) + 1, 0, 0).error,
+              "int32:uint32:int64:: argument 0 is not a int32");
+    EXPECT_EQ(decodeArgs(0, -1, 0).error, "int32:uint32:int64:: argument 1 is not a uint32");
+    EXPECT_EQ(decodeArgs(0, uint64_t(UINT32_MAX) + 1, 0).error,
+              "int32:uint32:int64:: argument 1 is not a uint32");
+    EXPECT_EQ(decodeArgs(0, 0, uint64_t(INT64_MAX) + 1).error,
+              "int32:uint32:int64:: argument 2 is not a int64");
+    EXPECT_FALSE(decodeArgs(0.5, 0, 0).message);
+
+    // Outgoing integers keep their width: the sender refuses what does not fit.
+    std::string error;
+    auto wide =
+        encodeCall(widths.methods()[0],
+                   Arguments().add(int32_t(-1)).add(uint32_t(7)).add(int64_t(1) << 40), 0, &error);
+    ASSERT_TRUE(wide) << error;
+    auto back = decodeMessage(wide->bytes, {}, &widths, nullptr);
+    ASSERT_TRUE(back.message) << back.error;
+    EXPECT_EQ(back.message->arguments.integerAt<int64_t>(2), int64_t(1) << 40);
+    EXPECT_FALSE(encodeCall(widths.methods()[0], Arguments().add(int64_t(1) << 40).add(0).add(0), 0,
+                            &error));
+    EXPECT_EQ(error, "int32:uint32:int64:: argument 0 is not a int32");
+}
+
 TEST(WireTest, EnvelopesThatLieAreRefused) {
     auto env = [](Value v) {
         EncodedMessage m;
