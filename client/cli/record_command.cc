@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#ifdef SV_HAVE_XCB
+#ifdef SV_CLI_HAVE_XCB
 #include <xcb/xcb.h>
 #endif
 
@@ -101,7 +101,7 @@ std::optional<sv::SVWindowSize> parseSize(const std::string& text) {
 }
 
 sv::SVWindowSize defaultSize(bool system) {
-#ifdef SV_HAVE_XCB
+#ifdef SV_CLI_HAVE_XCB
     if (system && std::getenv("DISPLAY")) {
         int screenNumber = 0;
         xcb_connection_t* c = xcb_connect(nullptr, &screenNumber);
