@@ -52,8 +52,9 @@ constexpr const char* kUsage =
     "  --system               record the whole display instead of this command's layers\n"
     "  --layer ID             record this layer context; repeat for more (default: the\n"
     "                         layers the service shows for this command)\n"
-    "  --size WxH             the recorded size in pixels (default: the X display's size\n"
-    "                         for --system on X11, else 1600x900)\n"
+    "  --size WxH             the recorded size in pixels (default on X11: the display's\n"
+    "                         size for --system, the first window's for --layer;\n"
+    "                         else 1600x900)\n"
     "  --trim-start SECONDS   with --trim-end: cut whole seconds from the movie's start\n"
     "  --trim-end SECONDS     and end when it is finished\n"
     "  --runtime-dir DIR      directory of the service's sockets\n"
@@ -100,24 +101,36 @@ std::optional<sv::SVWindowSize> parseSize(const std::string& text) {
     return sv::SVWindowSize{float(w), float(h)};
 }
 
-sv::SVWindowSize defaultSize(bool system) {
+// On X11: the display's size for a recording of the whole display, the
+// first window's for named layers (X window ids). Elsewhere, or when the X
+// server knows no such window, the synthetic display's default.
+sv::SVWindowSize defaultSize(bool system, const std::vector<uint32_t>& layers) {
 #ifdef SV_CLI_HAVE_XCB
-    if (system && std::getenv("DISPLAY")) {
+    if (std::getenv("DISPLAY") && (system || !layers.empty())) {
         int screenNumber = 0;
-        xcb_connection_t* c = xcb_connect(nullptr, &screenNumber);
+        std::unique_ptr<xcb_connection_t, void (*)(xcb_connection_t*)> c(
+            xcb_connect(nullptr, &screenNumber), xcb_disconnect);
         std::optional<sv::SVWindowSize> size;
-        if (c && !xcb_connection_has_error(c)) {
-            auto it = xcb_setup_roots_iterator(xcb_get_setup(c));
+        if (c && !xcb_connection_has_error(c.get())) {
+            auto it = xcb_setup_roots_iterator(xcb_get_setup(c.get()));
             for (int i = 0; it.rem && i < screenNumber; ++i) xcb_screen_next(&it);
-            if (it.rem)
+            if (system && it.rem) {
                 size = sv::SVWindowSize{float(it.data->width_in_pixels),
                                         float(it.data->height_in_pixels)};
+            } else if (!system) {
+                std::unique_ptr<xcb_get_geometry_reply_t, void (*)(void*)> g(
+                    xcb_get_geometry_reply(c.get(), xcb_get_geometry(c.get(), layers.front()),
+                                           nullptr),
+                    std::free);
+                if (g && g->width > 0 && g->height > 0)
+                    size = sv::SVWindowSize{float(g->width), float(g->height)};
+            }
         }
-        if (c) xcb_disconnect(c);
         if (size) return *size;
     }
 #else
     (void)system;
+    (void)layers;
 #endif
     return {1600, 900};
 }
@@ -332,7 +345,7 @@ void Recorder::findLayers(Clock::time_point deadline) {
 
 void Recorder::start() {
     phase_ = Phase::Starting;
-    auto size = options_.size ? *options_.size : defaultSize(options_.system);
+    auto size = options_.size ? *options_.size : defaultSize(options_.system, options_.layers);
     hintTimer_ = loop_->after(kConsentHintDelay, [this] {
         note(
             "sorvel record: waiting for the user to allow the recording (a consent agent "
