@@ -152,22 +152,27 @@ std::string formatTime(double seconds) {
     return buf;
 }
 
-// Moves the service's movie to `output` (renaming when both are on one file
-// system); the service hands the file over with the movie location.
+// Puts the service's movie at `output`. The movie belongs to this command
+// now, so one in the service's movie store (".../Library/Sorvel/") is moved
+// (renamed when both lie on one file system); anything else the answer
+// names is only copied, and only when it is a regular file, so that a
+// process standing in for the service cannot make this command move or
+// stream arbitrary files.
 bool saveMovie(const std::string& movie, const std::string& output, std::string& why) {
     namespace fs = std::filesystem;
     std::error_code ec;
-    if (fs::equivalent(movie, output, ec)) return true;
-    if (std::rename(movie.c_str(), output.c_str()) == 0) return true;
-    if (errno != EXDEV) {
-        why = std::strerror(errno);
+    if (!fs::is_regular_file(movie, ec)) {
+        why = movie + " is not a movie file";
         return false;
     }
+    if (fs::equivalent(movie, output, ec)) return true;
+    const bool inStore = fs::path(movie).parent_path().string().ends_with("/Library/Sorvel");
+    if (inStore && std::rename(movie.c_str(), output.c_str()) == 0) return true;
     if (!fs::copy_file(movie, output, fs::copy_options::overwrite_existing, ec)) {
         why = ec.message();
         return false;
     }
-    fs::remove(movie, ec);
+    if (inStore) fs::remove(movie, ec);
     return true;
 }
 

@@ -39,7 +39,7 @@ class RecordCommandTest : public ::testing::Test {
         dir_ = sv::test::makeTempDir("sv-record-");
         ASSERT_FALSE(dir_.empty());
         ipc::setRuntimeDirectory(dir_);
-        movie_ = dir_ + "/store/movie.mp4";
+        movie_ = dir_ + "/home/Library/Sorvel/movie.mp4";  // in the service's store
         output_ = dir_ + "/out/recording.mp4";
         std::filesystem::create_directories(dir_ + "/out");
         sv::test::writeFile(movie_, "not really a movie");
@@ -84,8 +84,9 @@ class RecordCommandTest : public ::testing::Test {
     }
     // The daemon: starts with `startReply` (null: never answers) and stops
     // with the movie.
-    void startDaemon(std::optional<Value> startError = Value(nullptr), bool allowMic = false) {
-        std::string url = URL::fileURLWithPath(movie_).absoluteString();
+    void startDaemon(std::optional<Value> startError = Value(nullptr), bool allowMic = false,
+                     std::optional<std::string> moviePath = std::nullopt) {
+        std::string url = URL::fileURLWithPath(moviePath.value_or(movie_)).absoluteString();
         auto paused = paused_, microphone = microphone_;
         daemon_ =
             FakeService::start(kDaemonServiceName, daemonProtocolInterface(),
@@ -242,6 +243,26 @@ TEST_F(RecordCommandTest, FailuresPrintMessageAndCodeAndUsageErrorsExitWithTwo) 
     child_ = sv::test::spawnWithInput({SORVEL, "record", "--system"}, {}, "", dir_ + "/o");
     EXPECT_EQ(sv::test::waitForExit(child_, 60s), 2);  // no -o
     child_ = -1;
+}
+
+// Only a movie in the service's store is moved; anything else an answer
+// names is copied if it is a regular file, and refused otherwise.
+TEST_F(RecordCommandTest, OnlyAMovieInTheStoreIsMovedAndOnlyFilesAreCopied) {
+    std::string elsewhere = dir_ + "/elsewhere.mp4";
+    sv::test::writeFile(elsewhere, "elsewhere");
+    startShell();
+    startDaemon(Value(nullptr), false, elsewhere);
+    int status = -1;
+    std::string out = run({"--system", "--duration", "0.1"}, status);
+    EXPECT_EQ(status, 0) << out;
+    EXPECT_EQ(sv::test::readFile(output_), "elsewhere");
+    EXPECT_TRUE(std::filesystem::exists(elsewhere));
+
+    daemon_->die();
+    startDaemon(Value(nullptr), false, "/dev/zero");
+    out = run({"--system", "--duration", "0.1"}, status);
+    EXPECT_EQ(status, 1);
+    EXPECT_TRUE(contains(out, "/dev/zero is not a movie file")) << out;
 }
 
 // SIGINT: while recording it stops and keeps the movie; while the user is
