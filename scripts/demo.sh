@@ -49,7 +49,8 @@ grep -q "registered with the service" "$work/consent-agent.log" ||
   { echo "the consent agent did not register; see $work/consent-agent.log" >&2; exit 1; }
 
 echo "== recording $seconds seconds (synthetic screen, application audio and microphone)"
-"$build/client/sorvel" record -o "$work/demo.mp4" --duration "$seconds" --mic
+# Its own summary of the movie is what `sorvel inspect` prints below.
+"$build/client/sorvel" record -o "$work/demo.mp4" --duration "$seconds" --mic >/dev/null
 echo
 echo "== the movie: $work/demo.mp4"
 "$build/client/sorvel" inspect "$work/demo.mp4"

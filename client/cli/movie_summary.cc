@@ -1,18 +1,43 @@
 #include "client/cli/movie_summary.h"
 
-#include "platform/media/movie_exporter.h"
-#include "platform/url.h"
+#include "movie/movie_inspector.h"
+#include "platform/media/movie_reader.h"
 
 namespace sv::cli {
 
+namespace {
+
+// Reading every frame's stamp back costs a decode of the whole movie: worth
+// it for a short recording, while a long one gets its tracks only.
+constexpr double kLongestFullInspection = 120;  // seconds
+
+}  // namespace
+
 void printMovieSummary(const std::string& path, FILE* out) {
-    auto asset = media::MovieAsset::assetWithURL(URL::fileURLWithPath(path));
-    if (!asset->isReadable()) {
-        std::fprintf(out, "  (not a readable movie)\n");
+    media::MediaError error;
+    auto reader = media::MovieReader::open(path, &error);
+    if (!reader) {
+        std::fprintf(out, "(not a readable movie)\n");
         return;
     }
-    std::fprintf(out, "  duration %.3f s, %d tracks\n", asset->duration().seconds(),
-                 asset->trackCount());
+    if (reader->info().duration <= kLongestFullInspection) {
+        reader.reset();
+        std::string why;
+        if (auto inspection = inspectMovie(path, &why)) {
+            std::fputs(inspectionToText(*inspection).c_str(), out);
+            return;
+        }
+        std::fprintf(out, "(%s)\n", why.c_str());
+        return;
+    }
+    MovieInspection tracksOnly;
+    tracksOnly.path = path;
+    tracksOnly.movie = reader->info();
+    std::string text = inspectionToText(tracksOnly);
+    // The analysis was not run, so its "none" would mislead.
+    if (auto at = text.rfind("frame stamps:"); at != std::string::npos) text.erase(at);
+    std::fputs(text.c_str(), out);
+    std::fprintf(out, "(sorvel inspect %s reads the frame stamps and A/V offsets)\n", path.c_str());
 }
 
 }  // namespace sv::cli

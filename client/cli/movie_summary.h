@@ -6,8 +6,9 @@
 
 namespace sv::cli {
 
-// Writes a few lines about the movie at `path` to `out`; a movie that cannot
-// be read gets one line saying so.
+// Writes what `sorvel inspect` says about the movie at `path` to `out` (for
+// a long movie its tracks only); a movie that cannot be read gets one line
+// saying so.
 void printMovieSummary(const std::string& path, FILE* out);
 
 }  // namespace sv::cli

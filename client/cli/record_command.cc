@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#ifdef SV_HAVE_XCB
+#ifdef SV_CLI_HAVE_XCB
 #include <xcb/xcb.h>
 #endif
 
@@ -52,8 +52,9 @@ constexpr const char* kUsage =
     "  --system               record the whole display instead of this command's layers\n"
     "  --layer ID             record this layer context; repeat for more (default: the\n"
     "                         layers the service shows for this command)\n"
-    "  --size WxH             the recorded size in pixels (default: the X display's size\n"
-    "                         for --system on X11, else 1600x900)\n"
+    "  --size WxH             the recorded size in pixels (default on X11: the display's\n"
+    "                         size for --system, the first window's for --layer;\n"
+    "                         else 1600x900)\n"
     "  --trim-start SECONDS   with --trim-end: cut whole seconds from the movie's start\n"
     "  --trim-end SECONDS     and end when it is finished\n"
     "  --runtime-dir DIR      directory of the service's sockets\n"
@@ -100,24 +101,36 @@ std::optional<sv::SVWindowSize> parseSize(const std::string& text) {
     return sv::SVWindowSize{float(w), float(h)};
 }
 
-sv::SVWindowSize defaultSize(bool system) {
-#ifdef SV_HAVE_XCB
-    if (system && std::getenv("DISPLAY")) {
+// On X11: the display's size for a recording of the whole display, the
+// first window's for named layers (X window ids). Elsewhere, or when the X
+// server knows no such window, the synthetic display's default.
+sv::SVWindowSize defaultSize(bool system, const std::vector<uint32_t>& layers) {
+#ifdef SV_CLI_HAVE_XCB
+    if (std::getenv("DISPLAY") && (system || !layers.empty())) {
         int screenNumber = 0;
-        xcb_connection_t* c = xcb_connect(nullptr, &screenNumber);
+        std::unique_ptr<xcb_connection_t, void (*)(xcb_connection_t*)> c(
+            xcb_connect(nullptr, &screenNumber), xcb_disconnect);
         std::optional<sv::SVWindowSize> size;
-        if (c && !xcb_connection_has_error(c)) {
-            auto it = xcb_setup_roots_iterator(xcb_get_setup(c));
+        if (c && !xcb_connection_has_error(c.get())) {
+            auto it = xcb_setup_roots_iterator(xcb_get_setup(c.get()));
             for (int i = 0; it.rem && i < screenNumber; ++i) xcb_screen_next(&it);
-            if (it.rem)
+            if (system && it.rem) {
                 size = sv::SVWindowSize{float(it.data->width_in_pixels),
                                         float(it.data->height_in_pixels)};
+            } else if (!system) {
+                std::unique_ptr<xcb_get_geometry_reply_t, void (*)(void*)> g(
+                    xcb_get_geometry_reply(c.get(), xcb_get_geometry(c.get(), layers.front()),
+                                           nullptr),
+                    std::free);
+                if (g && g->width > 0 && g->height > 0)
+                    size = sv::SVWindowSize{float(g->width), float(g->height)};
+            }
         }
-        if (c) xcb_disconnect(c);
         if (size) return *size;
     }
 #else
     (void)system;
+    (void)layers;
 #endif
     return {1600, 900};
 }
@@ -139,22 +152,27 @@ std::string formatTime(double seconds) {
     return buf;
 }
 
-// Moves the service's movie to `output` (renaming when both are on one file
-// system); the service hands the file over with the movie location.
+// Puts the service's movie at `output`. The movie belongs to this command
+// now, so one in the service's movie store (".../Library/Sorvel/") is moved
+// (renamed when both lie on one file system); anything else the answer
+// names is only copied, and only when it is a regular file, so that a
+// process standing in for the service cannot make this command move or
+// stream arbitrary files.
 bool saveMovie(const std::string& movie, const std::string& output, std::string& why) {
     namespace fs = std::filesystem;
     std::error_code ec;
-    if (fs::equivalent(movie, output, ec)) return true;
-    if (std::rename(movie.c_str(), output.c_str()) == 0) return true;
-    if (errno != EXDEV) {
-        why = std::strerror(errno);
+    if (!fs::is_regular_file(movie, ec)) {
+        why = movie + " is not a movie file";
         return false;
     }
+    if (fs::equivalent(movie, output, ec)) return true;
+    const bool inStore = fs::path(movie).parent_path().string().ends_with("/Library/Sorvel");
+    if (inStore && std::rename(movie.c_str(), output.c_str()) == 0) return true;
     if (!fs::copy_file(movie, output, fs::copy_options::overwrite_existing, ec)) {
         why = ec.message();
         return false;
     }
-    fs::remove(movie, ec);
+    if (inStore) fs::remove(movie, ec);
     return true;
 }
 
@@ -332,7 +350,7 @@ void Recorder::findLayers(Clock::time_point deadline) {
 
 void Recorder::start() {
     phase_ = Phase::Starting;
-    auto size = options_.size ? *options_.size : defaultSize(options_.system);
+    auto size = options_.size ? *options_.size : defaultSize(options_.system, options_.layers);
     hintTimer_ = loop_->after(kConsentHintDelay, [this] {
         note(
             "sorvel record: waiting for the user to allow the recording (a consent agent "

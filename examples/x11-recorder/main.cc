@@ -6,7 +6,7 @@
 // It opens a window with a bouncing square, tells the service that it is
 // active (and again whenever it gains or loses the keyboard focus), asks the
 // service to record the window (its X window id is the layer context) for
-// N seconds, stops, and prints where the movie is (moving it to FILE when
+// N seconds, stops, and prints where the movie is (copying it to FILE when
 // given). q, Escape or closing the window stops early.
 //
 // The library's handlers arrive through an executor that hands them to this
@@ -210,12 +210,8 @@ void App::finish(const std::optional<std::string>& movie, int status) {
         std::string path = *movie;
         if (!output_.empty()) {
             std::error_code ec;
-            std::filesystem::rename(path, output_, ec);
-            if (ec) {
-                std::filesystem::copy_file(path, output_,
-                                           std::filesystem::copy_options::overwrite_existing, ec);
-                if (!ec) std::filesystem::remove(path, ec);
-            }
+            std::filesystem::copy_file(path, output_,
+                                       std::filesystem::copy_options::overwrite_existing, ec);
             if (ec) {
                 std::fprintf(stderr, "x11-recorder: cannot write %s: %s\n", output_.c_str(),
                              ec.message().c_str());

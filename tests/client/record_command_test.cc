@@ -39,7 +39,7 @@ class RecordCommandTest : public ::testing::Test {
         dir_ = sv::test::makeTempDir("sv-record-");
         ASSERT_FALSE(dir_.empty());
         ipc::setRuntimeDirectory(dir_);
-        movie_ = dir_ + "/store/movie.mp4";
+        movie_ = dir_ + "/home/Library/Sorvel/movie.mp4";  // in the service's store
         output_ = dir_ + "/out/recording.mp4";
         std::filesystem::create_directories(dir_ + "/out");
         sv::test::writeFile(movie_, "not really a movie");
@@ -84,8 +84,9 @@ class RecordCommandTest : public ::testing::Test {
     }
     // The daemon: starts with `startReply` (null: never answers) and stops
     // with the movie.
-    void startDaemon(std::optional<Value> startError = Value(nullptr), bool allowMic = false) {
-        std::string url = URL::fileURLWithPath(movie_).absoluteString();
+    void startDaemon(std::optional<Value> startError = Value(nullptr), bool allowMic = false,
+                     std::optional<std::string> moviePath = std::nullopt) {
+        std::string url = URL::fileURLWithPath(moviePath.value_or(movie_)).absoluteString();
         auto paused = paused_, microphone = microphone_;
         daemon_ =
             FakeService::start(kDaemonServiceName, daemonProtocolInterface(),
@@ -128,6 +129,13 @@ class RecordCommandTest : public ::testing::Test {
 };
 
 TEST_F(RecordCommandTest, RecordsItsLayersForADurationAndWritesTheMovie) {
+    // The service hands back a real (if tiny) movie, summarized at the end.
+    pid_t ffmpeg = sv::test::spawnProcess(
+        {"/usr/bin/ffmpeg", "-loglevel", "error", "-y", "-f", "lavfi", "-i",
+         "testsrc=duration=1:size=64x48:rate=10", "-pix_fmt", "yuv420p", "-c:v", "libx264", movie_},
+        {}, dir_ + "/ffmpeg.log");
+    ASSERT_EQ(sv::test::waitForExit(ffmpeg, 60s), 0) << sv::test::readFile(dir_ + "/ffmpeg.log");
+    std::string movieBytes = sv::test::readFile(movie_);
     startShell();
     startDaemon();
     int status = -1;
@@ -142,10 +150,12 @@ TEST_F(RecordCommandTest, RecordsItsLayersForADurationAndWritesTheMovie) {
     EXPECT_EQ(calls[1].args[2], false);       // no microphone asked for
     EXPECT_EQ(calls[1].args[5], false);       // not a system recording
     EXPECT_GE(shell_->methods().size(), 3u);  // layers twice, then status
-    // The movie moved from the service's store to FILE.
-    EXPECT_EQ(sv::test::readFile(output_), "not really a movie");
+    // The movie moved from the service's store to FILE, and its inspection
+    // follows its path.
+    EXPECT_EQ(sv::test::readFile(output_), movieBytes);
     EXPECT_FALSE(std::filesystem::exists(movie_));
-    EXPECT_TRUE(contains(out, output_ + "\n")) << out;
+    EXPECT_TRUE(contains(out, output_ + "\n" + output_ + ": mov,mp4")) << out;
+    EXPECT_TRUE(contains(out, "track 0: video h264")) << out;
 }
 
 TEST_F(RecordCommandTest, SystemRecordingWithMicrophoneTrimsWhenItStops) {
@@ -225,18 +235,34 @@ TEST_F(RecordCommandTest, FailuresPrintMessageAndCodeAndUsageErrorsExitWithTwo) 
     EXPECT_EQ(daemon_->waitForCall(kStart)->args[0], Value::array({42}));
     EXPECT_FALSE(std::filesystem::exists(output_));
 
-    for (auto args : std::vector<std::vector<std::string>>{{"--trim-start", "1"},
-                                                           {"--layer", "x"},
-                                                           {"--duration", "-1"},
-                                                           {"--size", "9x9"},
-                                                           {"--system", "--layer", "3"},
-                                                           {"--bogus"}}) {
+    for (auto args : std::vector<std::vector<std::string>>{
+             {"--trim-start", "1"}, {"--layer", "x"}, {"--size", "9x9"}, {"--bogus"}}) {
         run(args, status);
         EXPECT_EQ(status, 2) << args[0];
     }
     child_ = sv::test::spawnWithInput({SORVEL, "record", "--system"}, {}, "", dir_ + "/o");
     EXPECT_EQ(sv::test::waitForExit(child_, 60s), 2);  // no -o
     child_ = -1;
+}
+
+// Only a movie in the service's store is moved; anything else an answer
+// names is copied if it is a regular file, and refused otherwise.
+TEST_F(RecordCommandTest, OnlyAMovieInTheStoreIsMovedAndOnlyFilesAreCopied) {
+    std::string elsewhere = dir_ + "/elsewhere.mp4";
+    sv::test::writeFile(elsewhere, "elsewhere");
+    startShell();
+    startDaemon(Value(nullptr), false, elsewhere);
+    int status = -1;
+    std::string out = run({"--system", "--duration", "0.1"}, status);
+    EXPECT_EQ(status, 0) << out;
+    EXPECT_EQ(sv::test::readFile(output_), "elsewhere");
+    EXPECT_TRUE(std::filesystem::exists(elsewhere));
+
+    daemon_->die();
+    startDaemon(Value(nullptr), false, "/dev/zero");
+    out = run({"--system", "--duration", "0.1"}, status);
+    EXPECT_EQ(status, 1);
+    EXPECT_TRUE(contains(out, "/dev/zero is not a movie file")) << out;
 }
 
 // SIGINT: while recording it stops and keeps the movie; while the user is
