@@ -7,7 +7,7 @@
 //
 // usage: <target> [--mutations N] [--seed S] [--verbose] [--emit DIR] PATH...
 //   PATH        a seed file or a directory of seed files
-//   --mutations mutated inputs in total (default 3000), spread over the seeds
+//   --mutations mutated inputs in total (default 2000), spread over the seeds
 //   --seed      start value of the pseudo-random sequence (default 1)
 //   --verbose   name each input on stderr before running it
 //   --emit DIR  also write every generated input to DIR (for libFuzzer)
@@ -179,7 +179,7 @@ class Mutator {
                 const size_t from = below(b.size()),
                              n = 1 + below(std::min<size_t>(b.size() - from, 4));
                 Input run(b.begin() + long(from), b.begin() + long(from + n));
-                const size_t times = 16 + below(4096);
+                const size_t times = 16 + below(1024);
                 Input many;
                 many.reserve(run.size() * times);
                 for (size_t i = 0; i < times; ++i) many.insert(many.end(), run.begin(), run.end());
@@ -214,7 +214,7 @@ void onFatalSignal(int sig) {
 int main(int argc, char** argv) {
     gTargetName = fs::path(argv[0]).filename().string();
     if (LLVMFuzzerInitialize) LLVMFuzzerInitialize(&argc, &argv);
-    size_t mutations = 3000;
+    size_t mutations = 2000;
     uint64_t seed = 1;
     bool verbose = false;
     std::string emit;
