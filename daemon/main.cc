@@ -37,7 +37,8 @@ void usage(FILE* out) {
         "  --runtime-dir DIR     directory of the service sockets\n"
         "                        (default: $SORVEL_RUNTIME_DIR, $XDG_RUNTIME_DIR, /tmp)\n"
         "  --home DIR            home directory holding the movie store Library/Sorvel/\n"
-        "                        (default: $HOME)\n"
+        "                        (default: $HOME, else the user's home in the password\n"
+        "                        database)\n"
         "  --log-level LEVEL     default, debug or quiet (default: $SORVEL_LOG_LEVEL or default)\n"
         "  --audio-backend KIND  auto, pulse or synthetic: where microphone and application\n"
         "                        audio come from (default: $SORVEL_AUDIO_BACKEND, else\n"
@@ -125,6 +126,13 @@ int main(int argc, char** argv) {
     }
     if (!options.runtimeDirectory.empty()) sv::ipc::setRuntimeDirectory(options.runtimeDirectory);
     if (!options.home.empty()) sv::MovieStore::shared().setHomeDirectory(options.home);
+    // Never a shared directory for the movies: without a home, refuse to start.
+    sv::OptionalError homeError;
+    if (!sv::MovieStore::shared().homeDirectory(&homeError)) {
+        std::fprintf(stderr, "sorveld: %s; pass --home DIR\n",
+                     homeError->localizedDescription().value_or("no home directory").c_str());
+        return 1;
+    }
     // Without the option the backend is chosen when capture is first used.
     if (options.audioBackend && *options.audioBackend != sv::AudioBackendKind::Automatic)
         sv::setProcessAudioBackend(sv::makeAudioBackend(*options.audioBackend));

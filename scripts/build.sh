@@ -16,7 +16,11 @@ case "$config" in
   release) args=(-DCMAKE_BUILD_TYPE=Release) ;;
   asan)    args=(-DCMAKE_BUILD_TYPE=Debug "-DSV_SANITIZE=address;undefined" -DSV_BUILD_BENCH=OFF) ;;
   tsan)    args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DSV_SANITIZE=thread -DSV_BUILD_BENCH=OFF) ;;
-  fuzz)    args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+  # libFuzzer: every library is instrumented for coverage and checked with
+  # ASan and UBSan, not only the fuzz entry points.
+  fuzz)    fuzzflags="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer"
+           args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+                 "-DCMAKE_C_FLAGS=$fuzzflags" "-DCMAKE_CXX_FLAGS=$fuzzflags"
                  -DSV_BUILD_FUZZ=ON -DSV_BUILD_TESTS=OFF -DSV_BUILD_BENCH=OFF) ;;
   *) echo "unknown config: $config" >&2; exit 2 ;;
 esac

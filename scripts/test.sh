@@ -1,11 +1,17 @@
 #!/usr/bin/env bash
-# The whole test run: installs what is missing, builds and runs every test,
-# then the ASan+UBSan build's tests and a TSan run of the threaded tests.
+# The whole test run: installs what is missing, checks the formatting (and
+# stops at once with the list of unformatted files), builds and runs every
+# test (the fuzz targets' seed replays included), then the ASan+UBSan build's
+# tests and a TSan run of the threaded tests. Under CI (CI=true) the tests
+# that need a private PulseAudio server fail when it cannot start.
 # Usage: scripts/test.sh [--quick]   (--quick: debug build only)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
+
+echo "== format check"
+scripts/format.sh --check
 
 run_ctest() {
   local dir="$1"; shift

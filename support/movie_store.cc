@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -30,16 +31,58 @@ MovieStore& MovieStore::shared() {
     return *store;
 }
 
+namespace {
+
+std::optional<std::string> passwordDatabaseHome(uid_t uid) {
+    long hint = sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(size_t(hint > 0 ? hint : 4096));
+    for (;;) {
+        passwd entry{};
+        passwd* found = nullptr;
+        int err = getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
+        if (err == ERANGE && buffer.size() < (1u << 20)) {
+            buffer.resize(buffer.size() * 2);
+            continue;
+        }
+        if (err != 0 || !found || !found->pw_dir) return std::nullopt;
+        return std::string(found->pw_dir);
+    }
+}
+
+bool isAbsolute(const std::optional<std::string>& path) {
+    return path && !path->empty() && path->front() == '/';
+}
+
+}  // namespace
+
 void MovieStore::setHomeDirectory(std::string home) {
     std::lock_guard lock(mutex_);
     home_ = std::move(home);
 }
 
-std::string MovieStore::homeDirectory() const {
+void MovieStore::setPasswordLookup(PasswordLookup lookup) {
     std::lock_guard lock(mutex_);
-    if (!home_.empty()) return home_;
-    const char* h = std::getenv("HOME");
-    return h && *h ? h : "/tmp";
+    passwordLookup_ = std::move(lookup);
+}
+
+std::optional<std::string> MovieStore::homeDirectory(OptionalError* error) const {
+    PasswordLookup lookup;
+    {
+        std::lock_guard lock(mutex_);
+        if (!home_.empty()) return home_;
+        lookup = passwordLookup_;
+    }
+    if (const char* h = std::getenv("HOME"); h && h[0] == '/') return std::string(h);
+    const uid_t uid = geteuid();
+    auto home = lookup ? lookup(uid) : passwordDatabaseHome(uid);
+    if (isAbsolute(home)) return home;
+    if (error) {
+        Value info = Value::object();
+        info[kLocalizedDescriptionKey] =
+            "cannot find a home directory for uid " + std::to_string(uid);
+        *error = Error{kPOSIXErrorDomain, ENOENT, std::move(info)};
+    }
+    return std::nullopt;
 }
 
 void MovieStore::setFreeSpaceProvider(FreeSpaceProvider provider) {
@@ -48,7 +91,9 @@ void MovieStore::setFreeSpaceProvider(FreeSpaceProvider provider) {
 }
 
 std::string MovieStore::_srTempPath() const {
-    std::string home = homeDirectory();
+    auto found = homeDirectory();
+    if (!found) return {};
+    std::string home = std::move(*found);
     while (home.size() > 1 && home.back() == '/') home.pop_back();
     return home + "/Library/Sorvel/";
 }
@@ -56,6 +101,13 @@ std::string MovieStore::_srTempPath() const {
 void MovieStore::_srSetupTempDirectory() {
     log::info("_srSetupTempDirectory");
     std::string path = _srTempPath();
+    if (path.empty()) {
+        OptionalError error;
+        homeDirectory(&error);
+        log::console("error: %@", *error);
+        log::error("error creating temp directory");
+        return;
+    }
     struct stat st {};
     if (lstat(path.c_str(), &st) == 0) return;  // anything there counts as existing
     // Linux homes have no "Library": create each missing component, private.
@@ -79,8 +131,13 @@ void MovieStore::_srSetupTempDirectory() {
 }
 
 int64_t MovieStore::_srSizeOfTempDir(OptionalError* error) {
+    const std::string path = _srTempPath();
     struct stat st {};
-    if (stat(_srTempPath().c_str(), &st) != 0) {
+    if (path.empty()) {
+        if (error) homeDirectory(error);
+        return 0;
+    }
+    if (stat(path.c_str(), &st) != 0) {
         if (error) *error = posixError(errno, "stat");
         return 0;
     }
@@ -128,7 +185,8 @@ int64_t MovieStore::_srDeleteFilesOlderThanTimeToLiveInSeconds(double ttl) {
               std::isfinite(ttl) ? static_cast<int32_t>(std::trunc(ttl)) : 0);
     std::string dir = _srTempPath();
     OptionalError listError;
-    auto names = listNames(dir, &listError);
+    auto names = dir.empty() ? std::nullopt : listNames(dir, &listError);
+    if (dir.empty()) homeDirectory(&listError);
     if (!names) {
         reportPurgeError(*listError);
         return 0;
@@ -185,17 +243,22 @@ void MovieStore::_srMoveFileFromURL(const URL& from, const URL& to, Completion c
     });
 }
 
-void MovieStore::_srDeleteFilesWithPrefix(const std::string& prefix) {
+void MovieStore::_srDeleteFilesWithPrefix(const std::string& prefix,
+                                          std::function<void()> completion) {
     std::string dir = _srTempPath();
-    DispatchQueue::global(QueuePriority::Default)->async([dir, prefix] {
-        auto names = listNames(dir, nullptr);
-        if (!names) return;
+    DispatchQueue::global(QueuePriority::Default)->async([dir, prefix, completion] {
+        auto names = dir.empty() ? std::nullopt : listNames(dir, nullptr);
+        if (!names) {
+            if (completion) completion();
+            return;
+        }
         std::string folded = foldCaseAndDiacritics(prefix);
         for (const auto& name : *names) {
             if (foldCaseAndDiacritics(name).compare(0, folded.size(), folded) != 0) continue;
             if (auto err = removeItem(dir + "/" + name))
                 log::error("_svDeleteFilesWithPrefix error: %i", err->code);
         }
+        if (completion) completion();
     });
 }
 
@@ -215,6 +278,7 @@ uint64_t MovieStore::_srDeviceFreeDiskSpace() {
         provider = freeSpace_;
     }
     std::string path = _srTempPath();
+    if (path.empty()) return 0;  // nowhere to record
     if (provider) return provider(path).value_or(0);
     struct statvfs vfs {};
     if (statvfs(path.c_str(), &vfs) != 0) return 0;

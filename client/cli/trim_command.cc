@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <variant>
 
 #include "client/cli_command.h"
 #include "movie/movie_writer.h"
@@ -45,7 +46,14 @@ std::string absolute(const std::string& path) {
     return ec ? path : p.lexically_normal().string();
 }
 
-int runTrim(int argc, char** argv) {
+struct TrimOptions {
+    std::string input, output;  // as given
+    double start = 0, end = 0;  // seconds, as given
+};
+
+// The options, or the exit status when the command ends here (help or a
+// usage error, already reported).
+std::variant<TrimOptions, int> parseArguments(int argc, char** argv) {
     std::optional<std::string> input, output;
     std::optional<double> start, end;
     for (int i = 1; i < argc; ++i) {
@@ -74,15 +82,19 @@ int runTrim(int argc, char** argv) {
     if (!input) return usageError("no INPUT movie given");
     if (!output) return usageError("no OUTPUT given (-o)");
     if (!start || !end) return usageError("both --start and --end are required");
+    return TrimOptions{*input, *output, *start, *end};
+}
 
-    const std::string in = absolute(*input), out = absolute(*output);
+// 0 when INPUT is a file and OUTPUT is not the same file; otherwise reports
+// why and gives the exit status.
+int checkFiles(const TrimOptions& o, const std::string& in, const std::string& out) {
     struct stat st {};
     if (stat(in.c_str(), &st) != 0) {
-        std::fprintf(stderr, "sorvel trim: %s: %s\n", input->c_str(), std::strerror(errno));
+        std::fprintf(stderr, "sorvel trim: %s: %s\n", o.input.c_str(), std::strerror(errno));
         return 1;
     }
     if (!S_ISREG(st.st_mode)) {
-        std::fprintf(stderr, "sorvel trim: %s is not a file\n", input->c_str());
+        std::fprintf(stderr, "sorvel trim: %s is not a file\n", o.input.c_str());
         return 1;
     }
     struct stat ost {};
@@ -91,17 +103,19 @@ int runTrim(int argc, char** argv) {
         std::fprintf(stderr, "sorvel trim: OUTPUT must not be the INPUT movie\n");
         return 1;
     }
+    return 0;
+}
 
-    sv::log::setOutputEnabled(false);
-    sv::log::Capture capture;
-
+// 0 when INPUT is a movie that outlasts the seconds to cut (rounded as the
+// trim rounds them); otherwise reports why and gives the exit status.
+int checkMovieLength(const TrimOptions& o, const std::string& in) {
     auto asset = sv::media::MovieAsset::assetWithURL(sv::URL::fileURLWithPath(in));
     if (!asset->isReadable()) {
-        std::fprintf(stderr, "sorvel trim: %s is not a movie\n", input->c_str());
+        std::fprintf(stderr, "sorvel trim: %s is not a movie\n", o.input.c_str());
         return 1;
     }
     const double duration = asset->duration().seconds();
-    const double s = std::round(*start), e = std::round(*end);
+    const double s = std::round(o.start), e = std::round(o.end);
     if (s + e >= duration) {
         std::fprintf(stderr,
                      "sorvel trim: the movie lasts %.3f s; cutting %.0f s from the start and "
@@ -109,22 +123,49 @@ int runTrim(int argc, char** argv) {
                      duration, s, e);
         return 1;
     }
+    return 0;
+}
 
+// Runs the service's trim and waits for its handler (which always comes):
+// the trimmed movie's URL, or nothing when the export failed.
+std::optional<sv::URL> trimMovie(const TrimOptions& o, const std::string& in,
+                                 const std::string& out) {
     auto writer = sv::SVMovieWriter::initWithWindowSize({0, 0}, out, nullptr);
     sv::Semaphore done;
     std::optional<sv::URL> result;
-    writer->trimMovieWithURL(sv::URL::fileURLWithPath(in), *start, *end,
+    writer->trimMovieWithURL(sv::URL::fileURLWithPath(in), o.start, o.end,
                              sv::URL::fileURLWithPath(out), [&](std::optional<sv::URL> url) {
                                  result = std::move(url);
                                  done.signal();
                              });
     done.wait();
+    return result;
+}
+
+// The exporter's own words for a failed export, from the captured log.
+std::string exportFailureReason(const sv::log::Capture& capture) {
+    std::string reason = "the export failed";
+    for (const auto& line : capture.lines())
+        if (line.level == sv::log::Level::Error && line.text.rfind("MovieExporter: ", 0) == 0)
+            reason = line.text.substr(std::strlen("MovieExporter: "));
+    return reason;
+}
+
+int runTrim(int argc, char** argv) {
+    auto parsed = parseArguments(argc, argv);
+    if (const int* status = std::get_if<int>(&parsed)) return *status;
+    const TrimOptions& o = std::get<TrimOptions>(parsed);
+    const std::string in = absolute(o.input), out = absolute(o.output);
+    if (int status = checkFiles(o, in, out)) return status;
+
+    // The service's log lines are not the tool's output; failures are read
+    // back from them.
+    sv::log::setOutputEnabled(false);
+    sv::log::Capture capture;
+    if (int status = checkMovieLength(o, in)) return status;
+    auto result = trimMovie(o, in, out);
     if (!result) {
-        std::string reason = "the export failed";
-        for (const auto& line : capture.lines())
-            if (line.level == sv::log::Level::Error && line.text.rfind("MovieExporter: ", 0) == 0)
-                reason = line.text.substr(std::strlen("MovieExporter: "));
-        std::fprintf(stderr, "sorvel trim: %s\n", reason.c_str());
+        std::fprintf(stderr, "sorvel trim: %s\n", exportFailureReason(capture).c_str());
         return 1;
     }
     auto trimmed = sv::media::MovieAsset::assetWithURL(*result);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/audio/host_clock.h"
+#include "platform/audio/pulse_handles.h"
 #include "platform/log.h"
 
 namespace sv {
@@ -36,67 +37,48 @@ class PulseConnection {
         pa_threaded_mainloop* m_;
     };
 
+    // A connected context, or null when the server does not answer within
+    // `timeout` or an allocation fails.
     static std::shared_ptr<PulseConnection> open(const std::string& server,
                                                  std::chrono::milliseconds timeout) {
         auto c = std::shared_ptr<PulseConnection>(new PulseConnection);
-        c->mainloop_ = pa_threaded_mainloop_new();
+        c->mainloop_.reset(pa_threaded_mainloop_new());
         if (!c->mainloop_) return nullptr;
-        pa_threaded_mainloop_set_name(c->mainloop_, "sv-pulse");
-        pa_proplist* props = pa_proplist_new();
-        pa_proplist_sets(props, PA_PROP_APPLICATION_NAME, "sorveld");
-        pa_proplist_sets(props, PA_PROP_APPLICATION_ID, "sorveld");
-        c->context_ = pa_context_new_with_proplist(pa_threaded_mainloop_get_api(c->mainloop_),
-                                                   "sorveld", props);
-        pa_proplist_free(props);
+        pa_threaded_mainloop* loop = c->mainloop_.get();
+        pa_threaded_mainloop_set_name(loop, "sv-pulse");
+        pulse::Proplist props(pa_proplist_new());
+        if (!props) return nullptr;
+        pa_proplist_sets(props.get(), PA_PROP_APPLICATION_NAME, "sorveld");
+        pa_proplist_sets(props.get(), PA_PROP_APPLICATION_ID, "sorveld");
+        c->context_.reset(pa_context_new_with_proplist(pa_threaded_mainloop_get_api(loop),
+                                                       "sorveld", props.get()));
         if (!c->context_) return nullptr;
-        pa_context_set_state_callback(c->context_, &PulseConnection::onState, c.get());
-        pa_context_set_subscribe_callback(c->context_, &PulseConnection::onEvent, c.get());
-        if (pa_context_connect(c->context_, server.empty() ? nullptr : server.c_str(),
+        pa_context* ctx = c->context_.get();
+        pa_context_set_state_callback(ctx, &PulseConnection::onState, c.get());
+        pa_context_set_subscribe_callback(ctx, &PulseConnection::onEvent, c.get());
+        if (pa_context_connect(ctx, server.empty() ? nullptr : server.c_str(),
                                PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0)
             return nullptr;
-        if (pa_threaded_mainloop_start(c->mainloop_) < 0) return nullptr;
-        Lock lock(c->mainloop_);
-        bool timedOut = false;
-        pa_time_event* timer = pa_context_rttime_new(
-            c->context_, pa_rtclock_now() + pa_usec_t(timeout.count()) * 1000,
-            [](pa_mainloop_api*, pa_time_event*, const struct timeval*, void* userdata) {
-                auto* self = static_cast<PulseConnection*>(userdata);
-                self->timedOut_ = true;
-                pa_threaded_mainloop_signal(self->mainloop_, 0);
-            },
-            c.get());
-        for (;;) {
-            pa_context_state_t st = pa_context_get_state(c->context_);
-            if (st == PA_CONTEXT_READY) break;
-            if (!PA_CONTEXT_IS_GOOD(st) || c->timedOut_) {
-                timedOut = true;
-                break;
-            }
-            pa_threaded_mainloop_wait(c->mainloop_);
-        }
-        if (timer) pa_threaded_mainloop_get_api(c->mainloop_)->time_free(timer);
-        if (timedOut) return nullptr;
-        pa_operation* op =
-            pa_context_subscribe(c->context_, PA_SUBSCRIPTION_MASK_SINK_INPUT, nullptr, nullptr);
-        if (op) pa_operation_unref(op);
+        if (pa_threaded_mainloop_start(loop) < 0) return nullptr;
+        Lock lock(loop);
+        if (!c->waitUntilReady(timeout)) return nullptr;
+        pulse::Operation(
+            pa_context_subscribe(ctx, PA_SUBSCRIPTION_MASK_SINK_INPUT, nullptr, nullptr));
         return c;
     }
 
+    // The main loop's thread stops before the context and the loop are
+    // released (members, in reverse order of declaration).
     ~PulseConnection() {
         closing_ = true;
-        if (mainloop_) pa_threaded_mainloop_stop(mainloop_);
-        if (context_) {
-            pa_context_disconnect(context_);
-            pa_context_unref(context_);
-        }
-        if (mainloop_) pa_threaded_mainloop_free(mainloop_);
+        if (mainloop_) pa_threaded_mainloop_stop(mainloop_.get());
     }
 
-    pa_threaded_mainloop* mainloop() const { return mainloop_; }
-    pa_context* context() const { return context_; }
+    pa_threaded_mainloop* mainloop() const { return mainloop_.get(); }
+    pa_context* context() const { return context_.get(); }
 
     // With the lock held.
-    bool ready() const { return pa_context_get_state(context_) == PA_CONTEXT_READY; }
+    bool ready() const { return pa_context_get_state(context_.get()) == PA_CONTEXT_READY; }
     uint64_t addSubscriber(SubscriptionHandler h) {
         subscribers_[nextSubscriber_] = std::move(h);
         return nextSubscriber_++;
@@ -106,12 +88,36 @@ class PulseConnection {
   private:
     PulseConnection() = default;
 
+    // With the lock held: waits for the context to become ready, fail, or
+    // for `timeout` to pass.
+    bool waitUntilReady(std::chrono::milliseconds timeout) {
+        pa_threaded_mainloop* loop = mainloop_.get();
+        pulse::TimeEvent timer(
+            pa_context_rttime_new(
+                context_.get(), pa_rtclock_now() + pa_usec_t(timeout.count()) * 1000,
+                [](pa_mainloop_api*, pa_time_event*, const struct timeval*, void* userdata) {
+                    auto* self = static_cast<PulseConnection*>(userdata);
+                    self->timedOut_ = true;
+                    pa_threaded_mainloop_signal(self->mainloop_.get(), 0);
+                },
+                this),
+            pulse::TimeEventDeleter(pa_threaded_mainloop_get_api(loop)));
+        // Without a timer there is no bound on the wait: give up at once.
+        if (!timer) return false;
+        for (;;) {
+            pa_context_state_t st = pa_context_get_state(context_.get());
+            if (st == PA_CONTEXT_READY) return true;
+            if (!PA_CONTEXT_IS_GOOD(st) || timedOut_) return false;
+            pa_threaded_mainloop_wait(loop);
+        }
+    }
+
     static void onState(pa_context* c, void* userdata) {
         auto* self = static_cast<PulseConnection*>(userdata);
         pa_context_state_t st = pa_context_get_state(c);
         if ((st == PA_CONTEXT_FAILED || st == PA_CONTEXT_TERMINATED) && !self->closing_)
             log::error("PulseAudio: connection ended: %@", pa_strerror(pa_context_errno(c)));
-        pa_threaded_mainloop_signal(self->mainloop_, 0);
+        pa_threaded_mainloop_signal(self->mainloop_.get(), 0);
     }
     static void onEvent(pa_context*, pa_subscription_event_type_t t, uint32_t idx, void* userdata) {
         auto* self = static_cast<PulseConnection*>(userdata);
@@ -124,8 +130,9 @@ class PulseConnection {
         }
     }
 
-    pa_threaded_mainloop* mainloop_ = nullptr;
-    pa_context* context_ = nullptr;
+    // Declared before the context: released after it.
+    pulse::ThreadedMainloop mainloop_;
+    pulse::Context context_;
     bool timedOut_ = false;
     bool closing_ = false;
     std::map<uint64_t, SubscriptionHandler> subscribers_;
@@ -173,14 +180,15 @@ class RecordStream {
     // With the lock held. `device`: source name or index, null for the
     // default; `sinkInput`: PA_INVALID_INDEX or the sink input to monitor.
     bool connect(const char* name, const char* device, uint32_t sinkInput, pa_usec_t fragmentUsec) {
-        stream_ = pa_stream_new(conn_->context(), name, &spec_, nullptr);
+        stream_.reset(pa_stream_new(conn_->context(), name, &spec_, nullptr));
         if (!stream_) return false;
-        if (sinkInput != PA_INVALID_INDEX) pa_stream_set_monitor_stream(stream_, sinkInput);
-        pa_stream_set_read_callback(stream_, &RecordStream::onRead, this);
-        pa_stream_set_state_callback(stream_, &RecordStream::onState, this);
+        pa_stream* s = stream_.get();
+        if (sinkInput != PA_INVALID_INDEX && pa_stream_set_monitor_stream(s, sinkInput) < 0)
+            return false;
+        pa_stream_set_read_callback(s, &RecordStream::onRead, this);
+        pa_stream_set_state_callback(s, &RecordStream::onState, this);
         pa_stream_set_overflow_callback(
-            stream_, [](pa_stream*, void* u) { static_cast<RecordStream*>(u)->anchored_ = false; },
-            this);
+            s, [](pa_stream*, void* u) { static_cast<RecordStream*>(u)->anchored_ = false; }, this);
         pa_buffer_attr attr;
         attr.maxlength = uint32_t(-1);
         attr.tlength = attr.prebuf = attr.minreq = uint32_t(-1);
@@ -188,17 +196,17 @@ class RecordStream {
         auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING |
                                        PA_STREAM_AUTO_TIMING_UPDATE |
                                        (sinkInput != PA_INVALID_INDEX ? PA_STREAM_DONT_MOVE : 0));
-        return pa_stream_connect_record(stream_, device, &attr, flags) == 0;
+        return pa_stream_connect_record(s, device, &attr, flags) == 0;
     }
 
-    // With the lock held; no callback runs after it.
+    // With the lock held; no callback runs after it: they are detached
+    // before the owner disconnects the stream.
     ~RecordStream() {
         if (!stream_) return;
-        pa_stream_set_read_callback(stream_, nullptr, nullptr);
-        pa_stream_set_state_callback(stream_, nullptr, nullptr);
-        pa_stream_set_overflow_callback(stream_, nullptr, nullptr);
-        pa_stream_disconnect(stream_);
-        pa_stream_unref(stream_);
+        pa_stream_set_read_callback(stream_.get(), nullptr, nullptr);
+        pa_stream_set_state_callback(stream_.get(), nullptr, nullptr);
+        pa_stream_set_overflow_callback(stream_.get(), nullptr, nullptr);
+        stream_.reset();
     }
 
     bool ended() const { return ended_; }
@@ -290,7 +298,7 @@ class RecordStream {
     Timing timing_;
     DataHandler onData_;
     std::function<void()> onEnded_;
-    pa_stream* stream_ = nullptr;
+    pulse::Stream stream_;
     bool ended_ = false;
     bool anchored_ = false;
     uint64_t anchorTime_ = 0;
@@ -362,19 +370,21 @@ class PulseProcessTap : public AudioSource {
             [this](pa_subscription_event_type_t t, uint32_t idx) { onSinkInputEvent(t, idx); });
         track(pa_context_get_sink_input_info_list(conn_->context(), &PulseProcessTap::onSinkInput,
                                                   this));
-        timer_ = pa_context_rttime_new(conn_->context(), pa_rtclock_now() + kTickUsec,
-                                       &PulseProcessTap::onTick, this);
+        timer_ = pulse::TimeEvent(
+            pa_context_rttime_new(conn_->context(), pa_rtclock_now() + kTickUsec,
+                                  &PulseProcessTap::onTick, this),
+            pulse::TimeEventDeleter(pa_threaded_mainloop_get_api(conn_->mainloop())));
         return timer_ != nullptr;
     }
 
+    // Releases every libpulse object of the tap under the loop's lock, so no
+    // callback runs with a half-destroyed tap.
     ~PulseProcessTap() override {
         PulseConnection::Lock lock(conn_->mainloop());
-        if (timer_) pa_threaded_mainloop_get_api(conn_->mainloop())->time_free(timer_);
+        timer_.reset();
         if (subscriber_) conn_->removeSubscriber(subscriber_);
-        for (pa_operation* op : operations_) {
-            pa_operation_cancel(op);
-            pa_operation_unref(op);
-        }
+        for (auto& op : operations_) pa_operation_cancel(op.get());
+        operations_.clear();
         streams_.clear();
     }
 
@@ -392,13 +402,14 @@ class PulseProcessTap : public AudioSource {
         uint32_t sinkInput;
     };
 
+    // Keeps a running operation until it is done, so that the destructor
+    // can cancel its callback. A null operation (the request could not be
+    // sent) is dropped: the lookup is lost, not the tap.
     void track(pa_operation* op) {
-        std::erase_if(operations_, [](pa_operation* o) {
-            if (pa_operation_get_state(o) == PA_OPERATION_RUNNING) return false;
-            pa_operation_unref(o);
-            return true;
+        std::erase_if(operations_, [](const pulse::Operation& o) {
+            return pa_operation_get_state(o.get()) != PA_OPERATION_RUNNING;
         });
-        if (op) operations_.push_back(op);
+        if (op) operations_.emplace_back(op);
     }
 
     void onSinkInputEvent(pa_subscription_event_type_t t, uint32_t idx) {
@@ -554,9 +565,9 @@ class PulseProcessTap : public AudioSource {
     std::vector<int32_t> ring_;
     std::vector<uint8_t> out_;
     std::map<uint32_t, Tapped> streams_;
-    std::vector<pa_operation*> operations_;
+    std::vector<pulse::Operation> operations_;
     std::vector<std::unique_ptr<SinkLookup>> lookups_;
-    pa_time_event* timer_ = nullptr;
+    pulse::TimeEvent timer_;
     uint64_t subscriber_ = 0;
 };
 

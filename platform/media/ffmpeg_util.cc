@@ -57,30 +57,49 @@ void displayMatrixFor(const AffineTransform& t, int32_t m[9]) {
     m[8] = 1 << 30;
 }
 
-std::optional<std::string> applyMetadata(AVFormatContext* ctx, const MetadataList& items) {
-    std::optional<std::string> encoder;
+InputFormatPtr openInputFormat(const std::string& path, int* error) {
+    AVFormatContext* opened = nullptr;
+    // On failure avformat_open_input frees what it allocated.
+    int r = avformat_open_input(&opened, path.c_str(), nullptr, nullptr);
+    InputFormatPtr ctx(opened);
+    if (r >= 0) r = avformat_find_stream_info(ctx.get(), nullptr);
+    if (r < 0) {
+        if (error) *error = r;
+        return nullptr;
+    }
+    return ctx;
+}
+
+OutputFormatPtr makeMPEG4Output(const std::string& path, int* error) {
+    AVFormatContext* made = nullptr;
+    int r = avformat_alloc_output_context2(&made, nullptr, "mp4", path.c_str());
+    OutputFormatPtr ctx(made);
+    if (r < 0 || !ctx) {
+        if (error) *error = r < 0 ? r : AVERROR(ENOMEM);
+        return nullptr;
+    }
+    return ctx;
+}
+
+int applyMetadata(AVFormatContext* ctx, const MetadataList& items,
+                  std::optional<std::string>* encoder) {
     for (const auto& item : items) {
         if (!item || !item->value || item->value->empty()) continue;
         std::string tag = fileTagForKey(item->key);
-        if (tag == "encoder")
-            encoder = *item->value;
-        else
-            av_dict_set(&ctx->metadata, tag.c_str(), item->value->c_str(), 0);
+        if (tag == "encoder") {
+            if (encoder) *encoder = *item->value;
+        } else if (int r = av_dict_set(&ctx->metadata, tag.c_str(), item->value->c_str(), 0);
+                   r < 0) {
+            return r;
+        }
     }
-    return encoder;
+    return 0;
 }
 
 std::optional<int64_t> toTicks(const MediaTime& t, AVRational tb) {
     if (!t.isValid()) return std::nullopt;
     return av_rescale_rnd(t.value, tb.den, int64_t(t.timescale) * tb.num,
                           AVRounding(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX));
-}
-
-MovieFileWriter::Muxer::~Muxer() {
-    if (ctx) {
-        if (ctx->pb) avio_closep(&ctx->pb);
-        avformat_free_context(ctx);
-    }
 }
 
 void MovieFileWriter::Muxer::failLocked(int code, const std::string& what) {
@@ -98,19 +117,23 @@ bool MovieFileWriter::Muxer::ensureHeaderLocked() {
         return false;
     }
     opened = true;
-    auto encoder = applyMetadata(ctx, metadata);
-    AVDictionary* opts = nullptr;
+    std::optional<std::string> encoder;
+    OptionDictionary opts;
+    r = applyMetadata(ctx.get(), metadata, &encoder);
     // Reverse-DNS keys are only kept in the metadata-keys form of the box.
-    if (!metadata.empty()) av_dict_set(&opts, "movflags", "use_metadata_tags", 0);
-    r = avformat_write_header(ctx, &opts);
-    av_dict_free(&opts);
+    if (r >= 0 && !metadata.empty()) r = opts.set("movflags", "use_metadata_tags");
+    if (r >= 0) r = avformat_write_header(ctx.get(), opts.address());
     if (r < 0) {
         failLocked(r, "writing the movie header");
         return false;
     }
     // The movie box, and with it the metadata, is written when the file is
     // closed, so the encoder name can replace the muxer's own here.
-    if (encoder) av_dict_set(&ctx->metadata, "encoder", encoder->c_str(), 0);
+    if (encoder) r = av_dict_set(&ctx->metadata, "encoder", encoder->c_str(), 0);
+    if (r < 0) {
+        failLocked(r, "writing the movie header");
+        return false;
+    }
     headerWritten = true;
     return true;
 }
@@ -121,7 +144,7 @@ bool MovieFileWriter::Muxer::writePacket(AVPacket* packet, int streamIndex, AVRa
     AVStream* st = ctx->streams[streamIndex];
     av_packet_rescale_ts(packet, tb, st->time_base);
     packet->stream_index = streamIndex;
-    int r = av_interleaved_write_frame(ctx, packet);
+    int r = av_interleaved_write_frame(ctx.get(), packet);
     if (r < 0) {
         failLocked(r, "writing a packet");
         return false;
@@ -148,7 +171,7 @@ void MovieFileWriter::Muxer::finalize() {
     {
         std::lock_guard lock(mu);
         if (status == int(Status::Writing) && ensureHeaderLocked()) {
-            int r = av_write_trailer(ctx);
+            int r = av_write_trailer(ctx.get());
             if (r < 0) failLocked(r, "finishing the movie");
         }
         if (ctx && ctx->pb) {

@@ -1,18 +1,20 @@
-// Internals shared by the writer, its inputs and the exporter: the muxer
-// state behind a MovieFileWriter and small FFmpeg helpers. Not installed.
+// Internals shared by the writer, its inputs and the exporter: owners of
+// FFmpeg handles, the muxer state behind a MovieFileWriter and small FFmpeg
+// helpers. Not installed.
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-
-#include <condition_variable>
-#include <deque>
-#include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
 extern "C" {
@@ -20,6 +22,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/audio_fifo.h>
 #include <libswresample/swresample.h>
+#include <libswscale/swscale.h>
 }
 
 #include "platform/geometry.h"
@@ -31,6 +34,90 @@ extern "C" {
 
 namespace sv::media {
 
+// --- Owners of FFmpeg handles -----------------------------------------------
+// Move-only: each releases its handle with the matching FFmpeg call, so no
+// destructor frees by hand. An empty owner after an allocation means that
+// the allocation failed, and every caller turns that into an error.
+
+struct InputFormatDeleter {
+    void operator()(AVFormatContext* ctx) const { avformat_close_input(&ctx); }
+};
+// An output context also owns the file it opened (ctx->pb) and closes it
+// first; a partial file stays on disk (the caller removes it).
+struct OutputFormatDeleter {
+    void operator()(AVFormatContext* ctx) const {
+        if (ctx->pb) avio_closep(&ctx->pb);
+        avformat_free_context(ctx);
+    }
+};
+struct CodecContextDeleter {
+    void operator()(AVCodecContext* ctx) const { avcodec_free_context(&ctx); }
+};
+struct FrameDeleter {
+    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+};
+struct PacketDeleter {
+    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+struct ResamplerDeleter {
+    void operator()(SwrContext* swr) const { swr_free(&swr); }
+};
+struct ScalerDeleter {
+    void operator()(SwsContext* sws) const { sws_freeContext(sws); }
+};
+struct AudioFifoDeleter {
+    void operator()(AVAudioFifo* fifo) const { av_audio_fifo_free(fifo); }
+};
+
+using InputFormatPtr = std::unique_ptr<AVFormatContext, InputFormatDeleter>;
+using OutputFormatPtr = std::unique_ptr<AVFormatContext, OutputFormatDeleter>;
+using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
+using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
+using PacketPtr = std::unique_ptr<AVPacket, PacketDeleter>;
+using ResamplerPtr = std::unique_ptr<SwrContext, ResamplerDeleter>;
+using ScalerPtr = std::unique_ptr<SwsContext, ScalerDeleter>;
+using AudioFifoPtr = std::unique_ptr<AVAudioFifo, AudioFifoDeleter>;
+
+// A dictionary of options or tags. FFmpeg's calls take the address of the
+// pointer and may replace what it points to (avformat_write_header leaves
+// the options it did not use there), so this is a small class rather than
+// a unique_ptr.
+class OptionDictionary {
+  public:
+    OptionDictionary() = default;
+    ~OptionDictionary() { av_dict_free(&dict_); }
+    OptionDictionary(OptionDictionary&& other) noexcept
+        : dict_(std::exchange(other.dict_, nullptr)) {}
+    OptionDictionary& operator=(OptionDictionary&& other) noexcept {
+        if (this != &other) {
+            av_dict_free(&dict_);
+            dict_ = std::exchange(other.dict_, nullptr);
+        }
+        return *this;
+    }
+    OptionDictionary(const OptionDictionary&) = delete;
+    OptionDictionary& operator=(const OptionDictionary&) = delete;
+
+    // av_dict_set's result: negative when out of memory.
+    int set(const char* key, const char* value) { return av_dict_set(&dict_, key, value, 0); }
+    AVDictionary* get() const { return dict_; }
+    AVDictionary** address() { return &dict_; }
+
+  private:
+    AVDictionary* dict_ = nullptr;
+};
+
+// `path` opened for reading with its stream information read; empty, with
+// the FFmpeg error code in `error`, when that fails.
+InputFormatPtr openInputFormat(const std::string& path, int* error);
+// An MPEG-4 muxer for `path` (the file itself is not opened yet); empty,
+// with the error code in `error`, when that fails.
+OutputFormatPtr makeMPEG4Output(const std::string& path, int* error);
+// Copies of `packet` share its data; empty when out of memory.
+inline PacketPtr clonePacket(const AVPacket* packet) {
+    return PacketPtr(av_packet_clone(packet));
+}
+
 // Routes FFmpeg's error messages to the system log; idempotent.
 void installLogForwarding();
 std::string avErrorString(int code);
@@ -39,10 +126,12 @@ MediaError makeError(int code, const std::string& what);
 // The MP4 display matrix (16.16 fixed point, last column 2.30) of `t`.
 void displayMatrixFor(const AffineTransform& t, int32_t matrix[9]);
 
-// Writes `items` (or already-read tags) into the format context's metadata
-// and returns the value to put under "encoder" once the header is written
-// (the muxer sets its own name there while writing the header).
-std::optional<std::string> applyMetadata(AVFormatContext* ctx, const MetadataList& items);
+// Writes `items` into the format context's metadata and sets `encoder` to
+// the value to put under "encoder" once the header is written (the muxer
+// sets its own name there while writing the header). 0, or a negative
+// FFmpeg error code when out of memory.
+int applyMetadata(AVFormatContext* ctx, const MetadataList& items,
+                  std::optional<std::string>* encoder);
 
 // `t` in ticks of `tb`, rounded to nearest; nullopt when invalid.
 std::optional<int64_t> toTicks(const MediaTime& t, AVRational tb);
@@ -51,7 +140,6 @@ std::optional<int64_t> toTicks(const MediaTime& t, AVRational tb);
 // of its inputs. Every field is guarded by `mu` except `status`.
 struct MovieFileWriter::Muxer {
     explicit Muxer(std::string p) : path(std::move(p)) {}
-    ~Muxer();
 
     // Called by an input's worker: writes one encoded packet (rescaled from
     // `tb`). False when the movie has failed or is closed.
@@ -66,7 +154,7 @@ struct MovieFileWriter::Muxer {
 
     const std::string path;
     mutable std::mutex mu;
-    AVFormatContext* ctx = nullptr;
+    OutputFormatPtr ctx;
     bool headerWritten = false;
     bool opened = false;
     bool finishing = false;
@@ -81,6 +169,8 @@ struct MovieFileWriter::Muxer {
 // One input's encoder, queue and worker thread. The queue and the flags are
 // guarded by `mu`; everything under "worker only" is touched by the worker
 // thread alone once it runs (the encoder is opened before it starts).
+// `room` is signalled whenever the input may have become ready for more
+// media data or can no longer become ready.
 struct MovieWriterInput::Core {
     ~Core();
 
@@ -92,6 +182,9 @@ struct MovieWriterInput::Core {
     // Stops the worker and drops the queue; waits unless called on the worker.
     void stopWorker();
 
+    // With `mu` held: the input takes another sample now.
+    bool readyLocked() const;
+
     void run();
     void process(const SampleBuffer& sample, MovieFileWriter::Muxer& mux);
     void processVideo(const SampleBuffer& sample, MovieFileWriter::Muxer& mux);
@@ -99,7 +192,8 @@ struct MovieWriterInput::Core {
     bool configureResampler(const AudioStreamFormat& format);
     void appendAudio(const uint8_t* const* planes, int count, int64_t position,
                      MovieFileWriter::Muxer& mux);
-    void writeSilence(int64_t count, MovieFileWriter::Muxer& mux);
+    // False when the fifo could not grow (out of memory).
+    bool writeSilence(int64_t count, MovieFileWriter::Muxer& mux);
     void encodeFullFrames(MovieFileWriter::Muxer& mux, bool flushPartial);
     void sendFrame(AVFrame* frame, MovieFileWriter::Muxer& mux);
     void flush(MovieFileWriter::Muxer& mux);
@@ -109,10 +203,11 @@ struct MovieWriterInput::Core {
     Value settings;
     VideoSettings video;
     AudioSettings audio;
-    AVCodecContext* enc = nullptr;
+    CodecContextPtr enc;
 
     mutable std::mutex mu;
     std::condition_variable cv;
+    mutable std::condition_variable room;
     std::deque<std::shared_ptr<SampleBuffer>> queue;
     size_t capacity = 8;
     bool stop = false;
@@ -125,13 +220,13 @@ struct MovieWriterInput::Core {
     std::atomic<uint64_t> dropped{0};
 
     // Worker only.
-    AVFrame* frame = nullptr;
-    AVPacket* packet = nullptr;
+    FramePtr frame;
+    PacketPtr packet;
     int64_t lastVideoPts = INT64_MIN;
     std::vector<uint8_t> scratch;
-    SwrContext* swr = nullptr;
+    ResamplerPtr swr;
     std::optional<AudioStreamFormat> swrFormat;
-    AVAudioFifo* fifo = nullptr;
+    AudioFifoPtr fifo;
     std::vector<uint8_t> swapped;
     std::vector<std::vector<float>> converted;
     bool audioPlaced = false;

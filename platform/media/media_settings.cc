@@ -13,6 +13,9 @@ std::nullopt_t fail(std::string* error, std::string text) {
     return std::nullopt;
 }
 
+// Compression properties named one by one in the log when ignored.
+constexpr size_t kMaxLoggedProperties = 8;
+
 // A whole number in [lo, hi] under `key`, or the default when absent.
 bool readInt(const Value& dict, const char* key, int64_t lo, int64_t hi, int64_t* out,
              std::string* error) {
@@ -53,8 +56,14 @@ std::optional<VideoSettings> parseVideoSettings(const Value& settings, std::stri
     // that cannot be used is logged and the default kept.
     const Value* props = dictAt(settings, kVideoCompressionPropertiesKey);
     if (!props) return s;
-    auto ignore = [](const std::string& key) {
-        log::error("MovieWriterInput: ignoring invalid compression property %@", key);
+    // A peer may send any number of keys: the first few are named in the
+    // log, the rest only counted.
+    size_t logged = 0, unlogged = 0;
+    auto ignore = [&](const std::string& key) {
+        if (logged++ < kMaxLoggedProperties)
+            log::error("MovieWriterInput: ignoring invalid compression property %@", key);
+        else
+            ++unlogged;
     };
     for (auto it = props->begin(); it != props->end(); ++it) {
         const std::string& k = it.key();
@@ -92,10 +101,14 @@ std::optional<VideoSettings> parseVideoSettings(const Value& settings, std::stri
                 s.preset = v.get<std::string>();
             else
                 ignore(k);
-        } else {
+        } else if (logged++ < kMaxLoggedProperties) {
             log::info("MovieWriterInput: ignoring unknown compression property %@", k);
+        } else {
+            ++unlogged;
         }
     }
+    if (unlogged > 0)
+        log::info("MovieWriterInput: ignoring %li more compression properties", long(unlogged));
     return s;
 }
 

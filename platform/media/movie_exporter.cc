@@ -13,17 +13,6 @@
 namespace sv::media {
 namespace {
 
-struct InputContext {
-    AVFormatContext* ctx = nullptr;
-    ~InputContext() { avformat_close_input(&ctx); }
-};
-
-int openInput(const std::string& path, InputContext& in) {
-    int r = avformat_open_input(&in.ctx, path.c_str(), nullptr, nullptr);
-    if (r < 0) return r;
-    return avformat_find_stream_info(in.ctx, nullptr);
-}
-
 // More frames than any H.264 stream reorders.
 constexpr size_t kMaxReorderDepth = 16;
 // Video is copied at a clock of at least this many ticks per second.
@@ -40,19 +29,6 @@ bool isContainerTag(const char* key) {
            !std::strcmp(key, "compatible_brands") || !std::strcmp(key, "encoder");
 }
 
-struct PacketList {
-    std::vector<AVPacket*> packets;
-    ~PacketList() { clear(); }
-    void clear() {
-        for (auto* p : packets) av_packet_free(&p);
-        packets.clear();
-    }
-    void dropFront() {
-        av_packet_free(&packets.front());
-        packets.erase(packets.begin());
-    }
-};
-
 struct TrackCut {
     int out = -1;
     bool audio = false;
@@ -60,10 +36,282 @@ struct TrackCut {
     int64_t end = 0;
     bool started = false;
     bool ended = false;
-    int64_t lastDuration = 0;   // the reader may leave packet durations out
-    int64_t frameDuration = 0;  // one frame at the track's average rate
-    PacketList pending;         // from the last key frame, until the range starts
-    PacketList overhang;        // past the end, until a reordered frame needs them
+    int64_t lastDuration = 0;         // the reader may leave packet durations out
+    int64_t frameDuration = 0;        // one frame at the track's average rate
+    std::vector<PacketPtr> pending;   // from the last key frame, until the range starts
+    std::vector<PacketPtr> overhang;  // past the end, until a reordered frame needs them
+};
+
+// What stopped a copy that did not complete.
+struct CopyFailure {
+    int code = 0;
+    std::string what;
+};
+
+// One export: copies the packets of [start, end) of a movie into a new
+// MPEG-4 file, track by track, without decoding. Runs on one thread and
+// owns every FFmpeg handle of the export; run() takes the steps in order.
+class RangeCopy {
+  public:
+    RangeCopy(std::string input, std::string output, MediaTime start, MediaTime end,
+              const std::atomic<bool>& cancelled)
+        : inputPath_(std::move(input)),
+          outputPath_(std::move(output)),
+          start_(start),
+          end_(end),
+          cancelled_(cancelled) {}
+
+    // Nothing when the copy completed or was cancelled (cancelled() tells);
+    // the partial output is removed in both failed and cancelled cases.
+    std::optional<CopyFailure> run() {
+        if (auto f = openInput()) return f;
+        if (auto f = createOutput()) return f;
+        if (auto f = copyMetadata()) return f;
+        if (auto f = writeHeader()) return f;
+        if (auto f = copyPackets()) {
+            removeOutput();
+            return f;
+        }
+        if (cancelled_) {
+            removeOutput();
+            return std::nullopt;
+        }
+        return finishOutput();
+    }
+
+  private:
+    std::optional<CopyFailure> openInput() {
+        int r = 0;
+        in_ = openInputFormat(inputPath_, &r);
+        if (!in_) return CopyFailure{r, "opening " + inputPath_};
+        return std::nullopt;
+    }
+
+    // The muxer and one output track per audio or video track of the input.
+    std::optional<CopyFailure> createOutput() {
+        int r = 0;
+        out_ = makeMPEG4Output(outputPath_, &r);
+        if (!out_) return CopyFailure{r, "MPEG-4 muxer"};
+        cuts_.resize(in_->nb_streams);
+        int mapped = 0;
+        for (unsigned i = 0; i < in_->nb_streams; ++i) {
+            if (!isCopiedType(in_->streams[i]->codecpar->codec_type)) continue;
+            if (int e = addTrack(i); e < 0) return CopyFailure{e, "adding a track"};
+            ++mapped;
+        }
+        if (mapped == 0) return CopyFailure{AVERROR_INVALIDDATA, "no audio or video track to copy"};
+        return std::nullopt;
+    }
+
+    int addTrack(unsigned index) {
+        AVStream* is = in_->streams[index];
+        AVStream* os = avformat_new_stream(out_.get(), nullptr);
+        if (!os) return AVERROR(ENOMEM);
+        if (int r = avcodec_parameters_copy(os->codecpar, is->codecpar); r < 0) return r;
+        os->codecpar->codec_tag = 0;
+        os->time_base = is->time_base;
+        if (is->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && is->time_base.den > 0 &&
+            is->time_base.den < kFineTimescale)
+            // A finer clock (an exact multiple) leaves room for reference
+            // frames squeezed in just before the range's end.
+            os->time_base.den *= (kFineTimescale + is->time_base.den - 1) / is->time_base.den;
+        os->disposition = is->disposition;
+        if (int r = av_dict_copy(&os->metadata, is->metadata, 0); r < 0) return r;
+        for (int s = 0; s < is->nb_side_data; ++s) {
+            const AVPacketSideData& sd = is->side_data[s];
+            uint8_t* dst = av_stream_new_side_data(os, sd.type, sd.size);
+            if (!dst) return AVERROR(ENOMEM);
+            std::memcpy(dst, sd.data, sd.size);
+        }
+        TrackCut& cut = cuts_[index];
+        cut.out = os->index;
+        cut.audio = is->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
+        cut.start = *toTicks(start_, is->time_base);
+        cut.end = *toTicks(end_, is->time_base);
+        if (is->avg_frame_rate.num > 0 && is->avg_frame_rate.den > 0)
+            cut.frameDuration = av_rescale_q(1, av_inv_q(is->avg_frame_rate), is->time_base);
+        return 0;
+    }
+
+    // The movie's tags, without the container's own; the encoder tag is set
+    // again after the header (the muxer writes its own name there).
+    std::optional<CopyFailure> copyMetadata() {
+        const AVDictionaryEntry* tag = nullptr;
+        while ((tag = av_dict_get(in_->metadata, "", tag, AV_DICT_IGNORE_SUFFIX))) {
+            if (!std::strcmp(tag->key, "encoder")) encoder_ = tag->value;
+            if (isContainerTag(tag->key)) continue;
+            if (int r = av_dict_set(&out_->metadata, tag->key, tag->value, 0); r < 0)
+                return CopyFailure{r, "copying the movie's metadata"};
+            reverseDNS_ = reverseDNS_ || std::strchr(tag->key, '.');
+        }
+        return std::nullopt;
+    }
+
+    std::optional<CopyFailure> writeHeader() {
+        int r = avio_open(&out_->pb, outputPath_.c_str(), AVIO_FLAG_WRITE);
+        if (r < 0) return CopyFailure{r, "opening " + outputPath_};
+        OptionDictionary opts;
+        if (reverseDNS_) r = opts.set("movflags", "use_metadata_tags");
+        if (r >= 0) r = avformat_write_header(out_.get(), opts.address());
+        if (r >= 0 && encoder_) r = av_dict_set(&out_->metadata, "encoder", encoder_->c_str(), 0);
+        if (r < 0) {
+            removeOutput();
+            return CopyFailure{r, "writing the movie header"};
+        }
+        return std::nullopt;
+    }
+
+    // Reads the input to the end of the range (or until cancelled) and
+    // writes what each track keeps.
+    std::optional<CopyFailure> copyPackets() {
+        PacketPtr pkt(av_packet_alloc());
+        if (!pkt) return CopyFailure{AVERROR(ENOMEM), "copying " + inputPath_};
+        int open = 0;
+        for (const auto& cut : cuts_) open += cut.out >= 0;
+        int r = 0;
+        while (open > 0 && !cancelled_) {
+            r = av_read_frame(in_.get(), pkt.get());
+            if (r < 0) break;
+            bool ended = false;
+            r = routePacket(pkt.get(), &ended);
+            av_packet_unref(pkt.get());
+            if (ended) --open;
+            if (r < 0) break;
+        }
+        if (cancelled_ || r >= 0 || r == AVERROR_EOF) {
+            if (!cancelled_ && written_ == 0)
+                return CopyFailure{AVERROR(EINVAL), "the time range holds no media"};
+            return std::nullopt;
+        }
+        return CopyFailure{r, "copying " + inputPath_};
+    }
+
+    // One packet read from the input, by where it lies in its track's range.
+    // Sets `ended` when the track takes no more packets.
+    int routePacket(AVPacket* pkt, bool* ended) {
+        TrackCut& cut = cuts_[pkt->stream_index];
+        const AVRational tb = in_->streams[pkt->stream_index]->time_base;
+        const int64_t pts = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
+        if (pkt->duration > 0)
+            cut.lastDuration = pkt->duration;
+        else
+            pkt->duration = cut.lastDuration;
+        // Without durations the last frame would end where it starts and the
+        // edit list would hide it.
+        if (pkt->duration <= 0) pkt->duration = cut.frameDuration;
+        if (cut.out < 0 || cut.ended || pts == AV_NOPTS_VALUE) return 0;
+        if (!cut.started) return beforeRangeStarted(cut, pkt, tb, pts, ended);
+        if (pts >= cut.end || (!cut.audio && pts + pkt->duration / 2 >= cut.end))
+            return pastRangeEnd(cut, pkt, ended);
+        return insideRange(cut, pkt, tb);
+    }
+
+    // Collects the lead-in from the last key frame; the packet that reaches
+    // the range's start writes it.
+    int beforeRangeStarted(TrackCut& cut, AVPacket* pkt, AVRational tb, int64_t pts, bool* ended) {
+        if (pkt->flags & AV_PKT_FLAG_KEY) {
+            // Video restarts its lead-in at every key frame; audio keeps one
+            // packet before the range as decoder preroll.
+            if (!cut.audio) cut.pending.clear();
+            while (cut.audio && cut.pending.size() > 1) cut.pending.erase(cut.pending.begin());
+        }
+        PacketPtr copy = clonePacket(pkt);
+        if (!copy) return AVERROR(ENOMEM);
+        cut.pending.push_back(std::move(copy));
+        if (pts < cut.start) return 0;
+        cut.started = true;
+        if (pts >= cut.end) {
+            // Shorter than one packet: the lead-in alone.
+            cut.pending.pop_back();
+            cut.ended = true;
+            *ended = true;
+        }
+        int r = 0;
+        for (auto& p : cut.pending)
+            if (r >= 0) r = write(p.get(), cut, tb);
+        cut.pending.clear();
+        return r;
+    }
+
+    // Past the end (a video frame counts only while at least half of it lies
+    // in the range). Reordered frames before the end may still follow in
+    // decode order and need it as a reference: hold it until one does. A
+    // key frame or a long run ends the track.
+    int pastRangeEnd(TrackCut& cut, AVPacket* pkt, bool* ended) {
+        if (cut.audio || (pkt->flags & AV_PKT_FLAG_KEY) ||
+            cut.overhang.size() >= kMaxReorderDepth) {
+            cut.ended = true;
+            cut.overhang.clear();
+            *ended = true;
+            return 0;
+        }
+        PacketPtr copy = clonePacket(pkt);
+        if (!copy) return AVERROR(ENOMEM);
+        cut.overhang.push_back(std::move(copy));
+        return 0;
+    }
+
+    // Held references are decoded but shown for one tick each just before
+    // the end, so the track still ends with the range. Written in decode
+    // order, shown in presentation order.
+    int insideRange(TrackCut& cut, AVPacket* pkt, AVRational tb) {
+        auto& held = cut.overhang;
+        std::vector<int> later(held.size(), 0);
+        for (size_t k = 0; k < held.size(); ++k)
+            for (const auto& other : held) later[k] += other->pts > held[k]->pts;
+        int r = 0;
+        for (size_t k = 0; k < held.size() && r >= 0; ++k)
+            r = write(held[k].get(), cut, tb, later[k] + 1);
+        held.clear();
+        if (r >= 0) r = write(pkt, cut, tb);
+        return r;
+    }
+
+    // `squeeze` > 0 shows the packet for one tick, that many ticks before
+    // the range's end.
+    int write(AVPacket* p, const TrackCut& cut, AVRational tb, int squeeze = 0) {
+        const AVRational otb = out_->streams[cut.out]->time_base;
+        if (p->pts != AV_NOPTS_VALUE) p->pts -= cut.start;
+        if (p->dts != AV_NOPTS_VALUE) p->dts -= cut.start;
+        av_packet_rescale_ts(p, tb, otb);
+        if (squeeze > 0) {
+            p->pts = av_rescale_q(cut.end - cut.start, tb, otb) - squeeze;
+            p->duration = 0;
+        }
+        p->stream_index = cut.out;
+        p->pos = -1;
+        ++written_;
+        return av_interleaved_write_frame(out_.get(), p);
+    }
+
+    std::optional<CopyFailure> finishOutput() {
+        int r = av_write_trailer(out_.get());
+        if (r >= 0) {
+            avio_flush(out_->pb);
+            r = out_->pb->error;
+        }
+        avio_closep(&out_->pb);
+        if (r < 0) {
+            unlink(outputPath_.c_str());
+            return CopyFailure{r, "finishing " + outputPath_};
+        }
+        return std::nullopt;
+    }
+
+    void removeOutput() {
+        avio_closep(&out_->pb);
+        unlink(outputPath_.c_str());
+    }
+
+    const std::string inputPath_, outputPath_;
+    const MediaTime start_, end_;
+    const std::atomic<bool>& cancelled_;
+    InputFormatPtr in_;
+    OutputFormatPtr out_;
+    std::vector<TrackCut> cuts_;
+    std::optional<std::string> encoder_;
+    bool reverseDNS_ = false;
+    int64_t written_ = 0;
 };
 
 }  // namespace
@@ -72,19 +320,19 @@ std::shared_ptr<MovieAsset> MovieAsset::assetWithURL(const URL& url) {
     installLogForwarding();
     auto asset = std::make_shared<MovieAsset>();
     asset->url_ = url;
-    InputContext in;
-    int r = openInput(url.path, in);
-    if (r < 0) {
+    int r = 0;
+    InputFormatPtr in = openInputFormat(url.path, &r);
+    if (!in) {
         asset->error_ = makeError(r, "opening " + url.path);
         return asset;
     }
-    for (unsigned i = 0; i < in.ctx->nb_streams; ++i)
-        if (isCopiedType(in.ctx->streams[i]->codecpar->codec_type)) ++asset->tracks_;
-    if (asset->tracks_ == 0 || in.ctx->duration == AV_NOPTS_VALUE || in.ctx->duration <= 0) {
+    for (unsigned i = 0; i < in->nb_streams; ++i)
+        if (isCopiedType(in->streams[i]->codecpar->codec_type)) ++asset->tracks_;
+    if (asset->tracks_ == 0 || in->duration == AV_NOPTS_VALUE || in->duration <= 0) {
         asset->error_ = MediaError{AVERROR_INVALIDDATA, url.path + " is not a movie"};
         return asset;
     }
-    asset->duration_ = MediaTime::make(in.ctx->duration, AV_TIME_BASE);
+    asset->duration_ = MediaTime::make(in->duration, AV_TIME_BASE);
     return asset;
 }
 
@@ -167,201 +415,10 @@ void MovieExporter::run() {
     if (!start.isValid() || !duration.isValid() || duration.value <= 0)
         return fail(AVERROR(EINVAL), "the time range is empty");
     if (start.value < 0) start = MediaTime::zero();
-    const MediaTime end = add(start, duration);
 
-    InputContext in;
-    int r = openInput(asset_->url().path, in);
-    if (r < 0) return fail(r, "opening " + asset_->url().path);
-
-    AVFormatContext* out = nullptr;
-    r = avformat_alloc_output_context2(&out, nullptr, "mp4", output->path.c_str());
-    if (r < 0 || !out) return fail(r < 0 ? r : AVERROR(ENOMEM), "MPEG-4 muxer");
-    struct OutputGuard {
-        AVFormatContext* ctx;
-        ~OutputGuard() {
-            if (ctx->pb) avio_closep(&ctx->pb);
-            avformat_free_context(ctx);
-        }
-    } guard{out};
-
-    std::vector<TrackCut> cuts(in.ctx->nb_streams);
-    int mapped = 0;
-    for (unsigned i = 0; i < in.ctx->nb_streams; ++i) {
-        AVStream* is = in.ctx->streams[i];
-        if (!isCopiedType(is->codecpar->codec_type)) continue;
-        AVStream* os = avformat_new_stream(out, nullptr);
-        if (!os) return fail(AVERROR(ENOMEM), "adding a track");
-        avcodec_parameters_copy(os->codecpar, is->codecpar);
-        os->codecpar->codec_tag = 0;
-        os->time_base = is->time_base;
-        if (is->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && is->time_base.den > 0 &&
-            is->time_base.den < kFineTimescale)
-            // A finer clock (an exact multiple) leaves room for reference
-            // frames squeezed in just before the range's end.
-            os->time_base.den *= (kFineTimescale + is->time_base.den - 1) / is->time_base.den;
-        os->disposition = is->disposition;
-        av_dict_copy(&os->metadata, is->metadata, 0);
-        for (int s = 0; s < is->nb_side_data; ++s) {
-            const AVPacketSideData& sd = is->side_data[s];
-            if (uint8_t* dst = av_stream_new_side_data(os, sd.type, sd.size))
-                std::memcpy(dst, sd.data, sd.size);
-        }
-        TrackCut& cut = cuts[i];
-        cut.out = os->index;
-        cut.audio = is->codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
-        cut.start = *toTicks(start, is->time_base);
-        cut.end = *toTicks(end, is->time_base);
-        if (is->avg_frame_rate.num > 0 && is->avg_frame_rate.den > 0)
-            cut.frameDuration = av_rescale_q(1, av_inv_q(is->avg_frame_rate), is->time_base);
-        ++mapped;
-    }
-    if (mapped == 0) return fail(AVERROR_INVALIDDATA, "no audio or video track to copy");
-
-    bool reverseDNS = false;
-    std::optional<std::string> encoder;
-    const AVDictionaryEntry* tag = nullptr;
-    while ((tag = av_dict_get(in.ctx->metadata, "", tag, AV_DICT_IGNORE_SUFFIX))) {
-        if (!std::strcmp(tag->key, "encoder")) encoder = tag->value;
-        if (isContainerTag(tag->key)) continue;
-        av_dict_set(&out->metadata, tag->key, tag->value, 0);
-        reverseDNS = reverseDNS || std::strchr(tag->key, '.');
-    }
-
-    r = avio_open(&out->pb, output->path.c_str(), AVIO_FLAG_WRITE);
-    if (r < 0) return fail(r, "opening " + output->path);
-    auto removeOutput = [&] {
-        avio_closep(&out->pb);
-        unlink(output->path.c_str());
-    };
-    AVDictionary* opts = nullptr;
-    if (reverseDNS) av_dict_set(&opts, "movflags", "use_metadata_tags", 0);
-    r = avformat_write_header(out, &opts);
-    av_dict_free(&opts);
-    if (r < 0) {
-        removeOutput();
-        return fail(r, "writing the movie header");
-    }
-    if (encoder) av_dict_set(&out->metadata, "encoder", encoder->c_str(), 0);
-
-    int64_t written = 0;
-    // `squeeze` > 0 shows the packet for one tick, that many ticks before
-    // the range's end.
-    auto write = [&](AVPacket* p, const TrackCut& cut, AVRational tb, int squeeze = 0) {
-        const AVRational otb = out->streams[cut.out]->time_base;
-        if (p->pts != AV_NOPTS_VALUE) p->pts -= cut.start;
-        if (p->dts != AV_NOPTS_VALUE) p->dts -= cut.start;
-        av_packet_rescale_ts(p, tb, otb);
-        if (squeeze > 0) {
-            p->pts = av_rescale_q(cut.end - cut.start, tb, otb) - squeeze;
-            p->duration = 0;
-        }
-        p->stream_index = cut.out;
-        p->pos = -1;
-        ++written;
-        return av_interleaved_write_frame(out, p);
-    };
-
-    AVPacket* pkt = av_packet_alloc();
-    int open = mapped;
-    while (open > 0) {
-        if (cancelled_) break;
-        r = av_read_frame(in.ctx, pkt);
-        if (r == AVERROR_EOF) break;
-        if (r < 0) break;
-        TrackCut& cut = cuts[pkt->stream_index];
-        AVRational tb = in.ctx->streams[pkt->stream_index]->time_base;
-        int64_t pts = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
-        if (pkt->duration > 0)
-            cut.lastDuration = pkt->duration;
-        else
-            pkt->duration = cut.lastDuration;
-        // Without durations the last frame would end where it starts and the
-        // edit list would hide it.
-        if (pkt->duration <= 0) pkt->duration = cut.frameDuration;
-        if (cut.out < 0 || cut.ended || pts == AV_NOPTS_VALUE) {
-            av_packet_unref(pkt);
-            continue;
-        }
-        int wr = 0;
-        if (!cut.started) {
-            if (pkt->flags & AV_PKT_FLAG_KEY) {
-                // Video restarts its lead-in at every key frame; audio keeps
-                // one packet before the range as decoder preroll.
-                if (!cut.audio) cut.pending.clear();
-                while (cut.audio && cut.pending.packets.size() > 1) cut.pending.dropFront();
-            }
-            cut.pending.packets.push_back(av_packet_clone(pkt));
-            av_packet_unref(pkt);
-            if (pts < cut.start) continue;
-            cut.started = true;
-            if (pts >= cut.end) {
-                // Shorter than one packet: the lead-in alone.
-                av_packet_free(&cut.pending.packets.back());
-                cut.pending.packets.pop_back();
-                cut.ended = true;
-                --open;
-            }
-            for (auto*& p : cut.pending.packets)
-                if (wr >= 0) wr = write(p, cut, tb);
-            cut.pending.clear();
-        } else if (pts >= cut.end || (!cut.audio && pts + pkt->duration / 2 >= cut.end)) {
-            // Past the end (a frame counts only while at least half of it
-            // lies in the range). Reordered frames before the end may still
-            // follow in decode order and need it as a reference: hold it
-            // until one does. A key frame or a long run ends the track.
-            if (cut.audio || (pkt->flags & AV_PKT_FLAG_KEY) ||
-                cut.overhang.packets.size() >= kMaxReorderDepth) {
-                cut.ended = true;
-                cut.overhang.clear();
-                --open;
-            } else {
-                cut.overhang.packets.push_back(av_packet_clone(pkt));
-            }
-            av_packet_unref(pkt);
-        } else {
-            // Held references are decoded but shown for one tick each just
-            // before the end, so the track still ends with the range.
-            // Written in decode order, shown in presentation order.
-            auto& held = cut.overhang.packets;
-            std::vector<int> later(held.size(), 0);
-            for (size_t k = 0; k < held.size(); ++k)
-                for (const AVPacket* other : held) later[k] += other->pts > held[k]->pts;
-            for (size_t k = 0; k < held.size() && wr >= 0; ++k)
-                wr = write(held[k], cut, tb, later[k] + 1);
-            cut.overhang.clear();
-            if (wr >= 0) wr = write(pkt, cut, tb);
-            av_packet_unref(pkt);
-        }
-        if (wr < 0) {
-            r = wr;
-            break;
-        }
-    }
-    av_packet_free(&pkt);
-    if (cancelled_) {
-        removeOutput();
-        status_ = int(Status::Cancelled);
-        return;
-    }
-    if (r < 0 && r != AVERROR_EOF) {
-        removeOutput();
-        return fail(r, "copying " + asset_->url().path);
-    }
-    if (written == 0) {
-        removeOutput();
-        return fail(AVERROR(EINVAL), "the time range holds no media");
-    }
-    r = av_write_trailer(out);
-    if (r >= 0) {
-        avio_flush(out->pb);
-        r = out->pb->error;
-    }
-    avio_closep(&out->pb);
-    if (r < 0) {
-        unlink(output->path.c_str());
-        return fail(r, "finishing " + output->path);
-    }
-    status_ = int(Status::Completed);
+    RangeCopy copy(asset_->url().path, output->path, start, add(start, duration), cancelled_);
+    if (auto failure = copy.run()) return fail(failure->code, failure->what);
+    status_ = int(cancelled_ ? Status::Cancelled : Status::Completed);
 }
 
 }  // namespace sv::media

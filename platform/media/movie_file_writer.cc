@@ -34,8 +34,9 @@ std::shared_ptr<MovieFileWriter> MovieFileWriter::create(const URL& url, FileTyp
         return fail(AVERROR(EISDIR), url.path);
 
     auto muxer = std::make_shared<Muxer>(url.path);
-    int r = avformat_alloc_output_context2(&muxer->ctx, nullptr, "mp4", url.path.c_str());
-    if (r < 0 || !muxer->ctx) return fail(r < 0 ? r : AVERROR(ENOMEM), "MPEG-4 muxer");
+    int r = 0;
+    muxer->ctx = makeMPEG4Output(url.path, &r);
+    if (!muxer->ctx) return fail(r, "MPEG-4 muxer");
     return std::shared_ptr<MovieFileWriter>(new MovieFileWriter(url, std::move(muxer)));
 }
 
@@ -78,11 +79,15 @@ void MovieFileWriter::addInput(std::shared_ptr<MovieWriterInput> input) {
         return;
     }
     std::lock_guard lock(muxer_->mu);
-    AVStream* st = avformat_new_stream(muxer_->ctx, nullptr);
-    if (!st) return;
-    avcodec_parameters_from_context(st->codecpar, input->core_->enc);
-    st->time_base = input->core_->enc->time_base;
-    if (input->mediaType() == MediaType::Video) st->avg_frame_rate = input->core_->enc->framerate;
+    const AVCodecContext* enc = input->core_->enc.get();
+    AVStream* st = avformat_new_stream(muxer_->ctx.get(), nullptr);
+    if (!st || avcodec_parameters_from_context(st->codecpar, enc) < 0) {
+        // Out of memory: the writer cannot make a complete movie any more.
+        muxer_->failLocked(AVERROR(ENOMEM), "adding a track");
+        return;
+    }
+    st->time_base = enc->time_base;
+    if (input->mediaType() == MediaType::Video) st->avg_frame_rate = enc->framerate;
     input->core_->attach(muxer_, st->index);
     inputs_.push_back(std::move(input));
 }
@@ -105,7 +110,11 @@ bool MovieFileWriter::startWriting() {
         AVStream* st = muxer_->ctx->streams[input->core_->streamIndex];
         auto* matrix = reinterpret_cast<int32_t*>(
             av_stream_new_side_data(st, AV_PKT_DATA_DISPLAYMATRIX, 9 * sizeof(int32_t)));
-        if (matrix) displayMatrixFor(input->transform(), matrix);
+        if (!matrix) {
+            muxer_->failLocked(AVERROR(ENOMEM), "storing the video transform");
+            return false;
+        }
+        displayMatrixFor(input->transform(), matrix);
     }
     // The file is opened and its header written by the first worker that
     // has a packet, so the caller's thread does no file I/O.

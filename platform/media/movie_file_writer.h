@@ -20,6 +20,7 @@
 // default-priority global dispatch queue.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -80,6 +81,11 @@ class MovieWriterInput {
     // True while the input belongs to a writing file writer that is not
     // finishing and its queue has room.
     bool isReadyForMoreMediaData() const;
+    // For callers that are not real-time sources (tools, tests): blocks until
+    // the input is ready for more media data and returns true, or returns
+    // false once it cannot become ready (not attached to a writing file
+    // writer, finishing, failed, cancelled) or when `timeout` passes.
+    bool waitUntilReadyForMoreMediaData(std::chrono::nanoseconds timeout) const;
     // Queues the sample (a reference, no copy) and returns at once. False,
     // and the sample is not kept, when the input is not ready or the sample
     // is of the other media type.

@@ -24,13 +24,18 @@ constexpr size_t kAudioQueueCapacity = 64;  // ~1.5 s of 1024-frame buffers
 constexpr int64_t kAudioJitterSamples = 1024;
 constexpr int64_t kMaxSilenceSeconds = 600;
 
-AVCodecContext* openVideoEncoder(const VideoSettings& s, MediaError* error) {
+CodecContextPtr openVideoEncoder(const VideoSettings& s, MediaError* error) {
     const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
     if (!codec) {
         if (error) *error = {AVERROR_ENCODER_NOT_FOUND, "libx264 is not available"};
         return nullptr;
     }
-    AVCodecContext* c = avcodec_alloc_context3(codec);
+    CodecContextPtr enc(avcodec_alloc_context3(codec));
+    if (!enc) {
+        if (error) *error = makeError(AVERROR(ENOMEM), "allocating the H.264 encoder");
+        return nullptr;
+    }
+    AVCodecContext* c = enc.get();
     c->width = s.width;
     c->height = s.height;
     c->pix_fmt = AV_PIX_FMT_YUV420P;
@@ -45,24 +50,28 @@ AVCodecContext* openVideoEncoder(const VideoSettings& s, MediaError* error) {
     const char* profile = s.profile == kH264BaselineAutoLevel ? "baseline"
                           : s.profile == kH264HighAutoLevel   ? "high"
                                                               : "main";
-    av_opt_set(c->priv_data, "preset", s.preset.c_str(), 0);
-    av_opt_set(c->priv_data, "profile", profile, 0);
-    int r = avcodec_open2(c, codec, nullptr);
+    int r = av_opt_set(c->priv_data, "preset", s.preset.c_str(), 0);
+    if (r >= 0) r = av_opt_set(c->priv_data, "profile", profile, 0);
+    if (r >= 0) r = avcodec_open2(c, codec, nullptr);
     if (r < 0) {
         if (error) *error = makeError(r, "opening the H.264 encoder");
-        avcodec_free_context(&c);
         return nullptr;
     }
-    return c;
+    return enc;
 }
 
-AVCodecContext* openAudioEncoder(const AudioSettings& s, MediaError* error) {
+CodecContextPtr openAudioEncoder(const AudioSettings& s, MediaError* error) {
     const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
     if (!codec) {
         if (error) *error = {AVERROR_ENCODER_NOT_FOUND, "AAC encoder is not available"};
         return nullptr;
     }
-    AVCodecContext* c = avcodec_alloc_context3(codec);
+    CodecContextPtr enc(avcodec_alloc_context3(codec));
+    if (!enc) {
+        if (error) *error = makeError(AVERROR(ENOMEM), "allocating the AAC encoder");
+        return nullptr;
+    }
+    AVCodecContext* c = enc.get();
     c->sample_fmt = AV_SAMPLE_FMT_FLTP;
     c->sample_rate = s.sampleRate;
     av_channel_layout_default(&c->ch_layout, s.channels);
@@ -73,10 +82,9 @@ AVCodecContext* openAudioEncoder(const AudioSettings& s, MediaError* error) {
     int r = avcodec_open2(c, codec, nullptr);
     if (r < 0) {
         if (error) *error = makeError(r, "opening the AAC encoder");
-        avcodec_free_context(&c);
         return nullptr;
     }
-    return c;
+    return enc;
 }
 
 // The libswresample sample format of a linear PCM description, or NONE.
@@ -149,17 +157,22 @@ std::shared_ptr<MovieWriterInput> MovieWriterInput::createHere(MediaType type,
         core->capacity = kAudioQueueCapacity;
     }
     if (!core->enc) return nullptr;
-    core->packet = av_packet_alloc();
-    core->frame = av_frame_alloc();
+    core->packet.reset(av_packet_alloc());
+    core->frame.reset(av_frame_alloc());
+    if (type == MediaType::Audio)
+        core->fifo.reset(av_audio_fifo_alloc(AV_SAMPLE_FMT_FLTP, core->audio.channels,
+                                             core->enc->frame_size * 4));
+    if (!core->packet || !core->frame || (type == MediaType::Audio && !core->fifo)) {
+        if (error) *error = makeError(AVERROR(ENOMEM), "allocating the encoder's buffers");
+        return nullptr;
+    }
     if (type == MediaType::Video) {
-        core->frame->format = AV_PIX_FMT_YUV420P;
-        core->frame->width = core->enc->width;
-        core->frame->height = core->enc->height;
-        core->frame->color_range = AVCOL_RANGE_MPEG;
-        core->frame->colorspace = AVCOL_SPC_SMPTE170M;
-    } else {
-        core->fifo = av_audio_fifo_alloc(AV_SAMPLE_FMT_FLTP, core->audio.channels,
-                                         core->enc->frame_size * 4);
+        AVFrame* f = core->frame.get();
+        f->format = AV_PIX_FMT_YUV420P;
+        f->width = core->enc->width;
+        f->height = core->enc->height;
+        f->color_range = AVCOL_RANGE_MPEG;
+        f->colorspace = AVCOL_SPC_SMPTE170M;
     }
     core->start(core);
     return std::shared_ptr<MovieWriterInput>(new MovieWriterInput(core));
@@ -210,17 +223,27 @@ AffineTransform MovieWriterInput::transform() const {
 
 bool MovieWriterInput::isReadyForMoreMediaData() const {
     std::lock_guard lock(core_->mu);
-    return core_->muxer && core_->muxer->status == int(MovieFileWriter::Status::Writing) &&
-           !core_->finishRequested && !core_->stop && core_->queue.size() < core_->capacity;
+    return core_->readyLocked();
+}
+
+bool MovieWriterInput::waitUntilReadyForMoreMediaData(std::chrono::nanoseconds timeout) const {
+    std::unique_lock lock(core_->mu);
+    // Ready, or no longer able to become ready: not attached, the writer not
+    // (or no longer) writing, finishing or stopped.
+    auto settled = [&] {
+        return core_->readyLocked() || !core_->muxer ||
+               core_->muxer->status != int(MovieFileWriter::Status::Writing) ||
+               core_->finishRequested || core_->stop;
+    };
+    core_->room.wait_for(lock, timeout, settled);
+    return core_->readyLocked();
 }
 
 bool MovieWriterInput::appendSampleBuffer(std::shared_ptr<SampleBuffer> sample) {
     if (!sample || sample->isVideo() != (core_->type == MediaType::Video)) return false;
     {
         std::lock_guard lock(core_->mu);
-        if (!core_->muxer || core_->muxer->status != int(MovieFileWriter::Status::Writing) ||
-            core_->finishRequested || core_->stop || core_->queue.size() >= core_->capacity)
-            return false;
+        if (!core_->readyLocked()) return false;
         core_->queue.push_back(std::move(sample));
     }
     core_->cv.notify_one();
@@ -238,11 +261,11 @@ uint64_t MovieWriterInput::droppedSampleCount() const {
 
 MovieWriterInput::Core::~Core() {
     if (worker.joinable()) worker.detach();  // only when destroyed on the worker itself
-    avcodec_free_context(&enc);
-    av_frame_free(&frame);
-    av_packet_free(&packet);
-    swr_free(&swr);
-    if (fifo) av_audio_fifo_free(fifo);
+}
+
+bool MovieWriterInput::Core::readyLocked() const {
+    return muxer && muxer->status == int(MovieFileWriter::Status::Writing) && !finishRequested &&
+           !stop && queue.size() < capacity;
 }
 
 void MovieWriterInput::Core::start(std::shared_ptr<Core> self) {
@@ -265,6 +288,7 @@ void MovieWriterInput::Core::requestFinish() {
         finishRequested = true;
     }
     cv.notify_one();
+    room.notify_all();
 }
 
 void MovieWriterInput::Core::stopWorker() {
@@ -274,6 +298,7 @@ void MovieWriterInput::Core::stopWorker() {
         queue.clear();
     }
     cv.notify_one();
+    room.notify_all();
     if (!worker.joinable()) return;
     if (worker.get_id() == std::this_thread::get_id())
         worker.detach();
@@ -303,6 +328,9 @@ void MovieWriterInput::Core::run() {
                 queue.pop_front();
             }
         }
+        // A slot is free, or the writer stopped writing: either way a waiting
+        // caller has its answer.
+        room.notify_all();
         if (!mux) continue;
         if (sample) {
             process(*sample, *mux);
@@ -330,13 +358,13 @@ void MovieWriterInput::Core::processVideo(const SampleBuffer& sample, MovieFileW
     if (!pts || *pts < 0) return drop("video time before the session start or invalid");
     const auto& image = sample.imageBuffer();
     if (!image || image->pixelFormat() != PixelFormat::BGRA) return drop("no BGRA image");
-    if (av_frame_make_writable(frame) < 0 && av_frame_get_buffer(frame, 0) < 0)
+    AVFrame* out = frame.get();
+    if (av_frame_make_writable(out) < 0 && av_frame_get_buffer(out, 0) < 0)
         return drop("out of memory");
     const int w = image->width(), h = image->height();
     if (w == enc->width && h == enc->height) {
-        libyuv::ARGBToI420(image->data(), int(image->bytesPerRow()), frame->data[0],
-                           frame->linesize[0], frame->data[1], frame->linesize[1], frame->data[2],
-                           frame->linesize[2], w, h);
+        libyuv::ARGBToI420(image->data(), int(image->bytesPerRow()), out->data[0], out->linesize[0],
+                           out->data[1], out->linesize[1], out->data[2], out->linesize[2], w, h);
     } else {
         // A window whose size is not the encoded size (odd sizes are rounded
         // up to even): convert at the source size, then scale.
@@ -346,34 +374,32 @@ void MovieWriterInput::Core::processVideo(const SampleBuffer& sample, MovieFileW
         uint8_t* u = y + size_t(w) * h;
         uint8_t* v = u + size_t(cw) * ch;
         libyuv::ARGBToI420(image->data(), int(image->bytesPerRow()), y, w, u, cw, v, cw, w, h);
-        libyuv::I420Scale(y, w, u, cw, v, cw, w, h, frame->data[0], frame->linesize[0],
-                          frame->data[1], frame->linesize[1], frame->data[2], frame->linesize[2],
-                          enc->width, enc->height, libyuv::kFilterBilinear);
+        libyuv::I420Scale(y, w, u, cw, v, cw, w, h, out->data[0], out->linesize[0], out->data[1],
+                          out->linesize[1], out->data[2], out->linesize[2], enc->width, enc->height,
+                          libyuv::kFilterBilinear);
     }
     int64_t t = *pts <= lastVideoPts ? lastVideoPts + 1 : *pts;
     lastVideoPts = t;
-    frame->pts = t;
-    sendFrame(frame, mux);
+    out->pts = t;
+    sendFrame(out, mux);
 }
 
 bool MovieWriterInput::Core::configureResampler(const AudioStreamFormat& format) {
     if (swr && swrFormat && *swrFormat == format) return true;
-    swr_free(&swr);
+    swr.reset();
     swrFormat.reset();
     AVSampleFormat in = sampleFormatOf(format);
     if (in == AV_SAMPLE_FMT_NONE || !(format.sampleRate >= 1000 && format.sampleRate <= 768000))
         return false;
-    AVChannelLayout inLayout{}, outLayout{};
+    AVChannelLayout inLayout{};
     av_channel_layout_default(&inLayout, int(format.channelsPerFrame));
-    av_channel_layout_copy(&outLayout, &enc->ch_layout);
-    int r = swr_alloc_set_opts2(&swr, &outLayout, AV_SAMPLE_FMT_FLTP, enc->sample_rate, &inLayout,
-                                in, int(format.sampleRate), 0, nullptr);
+    SwrContext* made = nullptr;
+    int r = swr_alloc_set_opts2(&made, &enc->ch_layout, AV_SAMPLE_FMT_FLTP, enc->sample_rate,
+                                &inLayout, in, int(format.sampleRate), 0, nullptr);
     av_channel_layout_uninit(&inLayout);
-    av_channel_layout_uninit(&outLayout);
-    if (r < 0 || swr_init(swr) < 0) {
-        swr_free(&swr);
-        return false;
-    }
+    ResamplerPtr resampler(made);
+    if (r < 0 || !resampler || swr_init(resampler.get()) < 0) return false;
+    swr = std::move(resampler);
     swrFormat = format;
     return true;
 }
@@ -400,7 +426,7 @@ void MovieWriterInput::Core::processAudio(const SampleBuffer& sample, MovieFileW
     const uint8_t* in[8] = {};
     for (uint32_t c = 0; c < (planar ? f.channelsPerFrame : 1); ++c) in[c] = data + c * planeBytes;
 
-    const int outMax = swr_get_out_samples(swr, int(frames));
+    const int outMax = swr_get_out_samples(swr.get(), int(frames));
     if (outMax <= 0) return;
     converted.resize(size_t(audio.channels));
     uint8_t* out[8] = {};
@@ -408,14 +434,14 @@ void MovieWriterInput::Core::processAudio(const SampleBuffer& sample, MovieFileW
         converted[c].resize(size_t(outMax));
         out[c] = reinterpret_cast<uint8_t*>(converted[c].data());
     }
-    int got = swr_convert(swr, out, outMax, in, int(frames));
+    int got = swr_convert(swr.get(), out, outMax, in, int(frames));
     if (got <= 0) return;
     // Where this output starts on the track: it ends where the input ends
     // less what the resampler still holds back.
     auto pos = toTicks(subtract(sample.presentationTime(), *start), enc->time_base);
     if (!pos) return drop("invalid audio time");
     const int64_t inputEnd = *pos + int64_t(double(frames) * enc->sample_rate / f.sampleRate + 0.5);
-    const int64_t position = inputEnd - swr_get_delay(swr, enc->sample_rate) - got;
+    const int64_t position = inputEnd - swr_get_delay(swr.get(), enc->sample_rate) - got;
     appendAudio(const_cast<const uint8_t* const*>(out), got, position, mux);
 }
 
@@ -427,7 +453,7 @@ void MovieWriterInput::Core::appendAudio(const uint8_t* const* planes, int count
     if (gap > kMaxSilenceSeconds * enc->sample_rate) {
         log::error("MovieWriterInput: audio jumps %li samples ahead; taken as continuous", gap);
     } else if (gap > tolerance) {
-        writeSilence(gap, mux);
+        if (!writeSilence(gap, mux)) return drop("out of memory");
     } else if (gap < -tolerance) {
         // Overlaps what is already written, or (first run) starts before
         // the session: cut the front.
@@ -437,56 +463,56 @@ void MovieWriterInput::Core::appendAudio(const uint8_t* const* planes, int count
     void* shifted[8] = {};
     for (int c = 0; c < audio.channels; ++c)
         shifted[c] = const_cast<uint8_t*>(planes[c]) + size_t(skip) * sizeof(float);
-    av_audio_fifo_write(fifo, shifted, count - skip);
+    if (av_audio_fifo_write(fifo.get(), shifted, count - skip) < count - skip)
+        return drop("out of memory");
     nextAudioPos += count - skip;
     audioPlaced = true;
     encodeFullFrames(mux, false);
 }
 
-void MovieWriterInput::Core::writeSilence(int64_t count, MovieFileWriter::Muxer& mux) {
+bool MovieWriterInput::Core::writeSilence(int64_t count, MovieFileWriter::Muxer& mux) {
     static const std::vector<float> zeros(4096, 0.0f);
     const void* planes[8];
     for (auto& p : planes) p = zeros.data();
     while (count > 0) {
         int n = int(std::min<int64_t>(count, int64_t(zeros.size())));
-        av_audio_fifo_write(fifo, const_cast<void**>(planes), n);
+        if (av_audio_fifo_write(fifo.get(), const_cast<void**>(planes), n) < n) return false;
         count -= n;
         nextAudioPos += n;
         encodeFullFrames(mux, false);
     }
+    return true;
 }
 
 void MovieWriterInput::Core::encodeFullFrames(MovieFileWriter::Muxer& mux, bool flushPartial) {
     const int frameSize = enc->frame_size;
-    while (av_audio_fifo_size(fifo) >= frameSize ||
-           (flushPartial && av_audio_fifo_size(fifo) > 0)) {
-        int n = std::min(frameSize, av_audio_fifo_size(fifo));
-        AVFrame* f = av_frame_alloc();
+    while (av_audio_fifo_size(fifo.get()) >= frameSize ||
+           (flushPartial && av_audio_fifo_size(fifo.get()) > 0)) {
+        int n = std::min(frameSize, av_audio_fifo_size(fifo.get()));
+        FramePtr f(av_frame_alloc());
+        if (!f) return drop("out of memory");
         f->nb_samples = n;
         f->format = AV_SAMPLE_FMT_FLTP;
         f->sample_rate = enc->sample_rate;
-        av_channel_layout_copy(&f->ch_layout, &enc->ch_layout);
-        if (av_frame_get_buffer(f, 0) < 0) {
-            av_frame_free(&f);
-            return;
-        }
-        av_audio_fifo_read(fifo, reinterpret_cast<void**>(f->data), n);
+        if (av_channel_layout_copy(&f->ch_layout, &enc->ch_layout) < 0 ||
+            av_frame_get_buffer(f.get(), 0) < 0)
+            return drop("out of memory");
+        av_audio_fifo_read(fifo.get(), reinterpret_cast<void**>(f->data), n);
         f->pts = encodedAudioPos;
         encodedAudioPos += n;
-        sendFrame(f, mux);
-        av_frame_free(&f);
+        sendFrame(f.get(), mux);
     }
 }
 
 void MovieWriterInput::Core::sendFrame(AVFrame* f, MovieFileWriter::Muxer& mux) {
-    int r = avcodec_send_frame(enc, f);
+    int r = avcodec_send_frame(enc.get(), f);
     if (r < 0 && r != AVERROR_EOF) {
         log::error("MovieWriterInput: encoder refused a frame: %@", avErrorString(r));
         return;
     }
-    while ((r = avcodec_receive_packet(enc, packet)) >= 0) {
-        mux.writePacket(packet, streamIndex, enc->time_base);
-        av_packet_unref(packet);
+    while ((r = avcodec_receive_packet(enc.get(), packet.get())) >= 0) {
+        mux.writePacket(packet.get(), streamIndex, enc->time_base);
+        av_packet_unref(packet.get());
     }
 }
 

@@ -15,6 +15,10 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::uintmax_t kMaxDictionaryFileBytes = 4 * 1024 * 1024;
+// Deeper values are refused: copying, comparing and printing a value
+// recurse once per level, so a file of nothing but brackets would otherwise
+// exhaust the stack of whoever uses it. As deep as CBOR values may nest.
+constexpr int kMaxDictionaryDepth = 64;
 
 bool isDirectory(const std::string& path) {
     struct stat st {};
@@ -37,8 +41,22 @@ std::optional<Value> readDictionaryFromFile(const std::string& path) {
     if (!in) return std::nullopt;
     std::stringstream text;
     text << in.rdbuf();
-    Value v = Value::parse(text.str(), nullptr, /*allow_exceptions=*/false);
-    if (!v.is_object()) return std::nullopt;
+    return parseDictionary(text.str());
+}
+
+std::optional<Value> parseDictionary(std::string_view text) {
+    bool tooDeep = false;
+    // Returning false for the start of a nested value skips it whole, so
+    // nothing of a too deep value is built before the parse is refused.
+    Value v = Value::parse(
+        text,
+        [&tooDeep](int depth, Value::parse_event_t, Value&) {
+            if (depth <= kMaxDictionaryDepth) return true;
+            tooDeep = true;
+            return false;
+        },
+        /*allow_exceptions=*/false);
+    if (tooDeep || !v.is_object()) return std::nullopt;
     return v;
 }
 

@@ -27,6 +27,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/value.h"
@@ -93,7 +94,10 @@ class Bundle {
 };
 
 // Reads a JSON object from a file (at most 4 MiB); nullopt when the file is
-// missing, too large, malformed or not an object.
+// missing, too large, malformed, nested more than 64 levels deep or not an
+// object.
 std::optional<Value> readDictionaryFromFile(const std::string& path);
+// The same for text already read.
+std::optional<Value> parseDictionary(std::string_view text);
 
 }  // namespace sv

@@ -16,6 +16,7 @@
 #include "platform/audio/host_clock.h"
 #include "platform/audio/synthetic_audio.h"
 #include "tests/audio/audio_analysis.h"
+#include "tests/audio/counting_backend.h"
 
 using namespace std::chrono_literals;
 
@@ -23,10 +24,18 @@ namespace sv {
 namespace {
 
 TEST(HostClock, TicksAreNanosecondsOnTheMonotonicClock) {
-    uint64_t a = HostClock::now();
-    std::this_thread::sleep_for(2ms);
-    uint64_t b = HostClock::now();
-    EXPECT_GE(b - a, 2'000'000u);
+    auto monotonic = [] {
+        timespec ts{};
+        clock_gettime(CLOCK_MONOTONIC, &ts);
+        return uint64_t(ts.tv_sec) * 1'000'000'000u + uint64_t(ts.tv_nsec);
+    };
+    const uint64_t before = monotonic();
+    const uint64_t a = HostClock::now();
+    const uint64_t after = monotonic();
+    EXPECT_LE(before, a);
+    EXPECT_LE(a, after);
+    const uint64_t b = HostClock::now();
+    EXPECT_GE(b, a);
     MediaTime t = HostClock::toMediaTime(b);
     EXPECT_TRUE(t.isValid());
     EXPECT_EQ(t.timescale, 1'000'000'000);
@@ -295,10 +304,16 @@ TEST(AudioTapQueue, FillsBuffersWithTheProcessToneStampedOnTheHostClock) {
         delivered = rec.buffers.size();
         EXPECT_EQ(rec.running, (std::vector<bool>{true, false}));
     }
-    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(backend->openSources(), 0);  // the recording itself is gone
+    // No callback after stop: a restart records from frame 0 again, and its
+    // buffers come after anything the first run could still have delivered.
+    ASSERT_EQ(rec.queue->start(), 0);
+    ASSERT_TRUE(rec.waitFor(delivered + 1));
+    ASSERT_EQ(rec.queue->stop(true), 0);
     {
         std::lock_guard lock(rec.mutex);
-        EXPECT_EQ(rec.buffers.size(), delivered) << "no callback after stop";
+        EXPECT_EQ(rec.buffers[delivered].first.sampleTime, 0.0) << "a callback after stop";
+        EXPECT_EQ(rec.running, (std::vector<bool>{true, false, true, false}));
     }
 
     std::vector<double> all;
@@ -340,7 +355,8 @@ TEST(AudioTapQueue, RejectsBadArgumentsAndDropsAudioWithoutBuffers) {
     EXPECT_EQ(AudioTapQueue::create(nullptr, kTapFormat, rec.callback(), 0, &q), kAudioParamError);
     EXPECT_FALSE(q);
 
-    ASSERT_EQ(AudioTapQueue::create(backend, kTapFormat, rec.callback(), 0, &rec.queue), 0);
+    auto counting = std::make_shared<testing::CountingBackend>(backend);
+    ASSERT_EQ(AudioTapQueue::create(counting, kTapFormat, rec.callback(), 0, &rec.queue), 0);
     EXPECT_EQ(rec.queue->setProcessID(0), kAudioParamError);
     AudioTapQueueBuffer* b = nullptr;
     EXPECT_EQ(rec.queue->allocateBuffer(0, &b), kAudioParamError);
@@ -348,13 +364,19 @@ TEST(AudioTapQueue, RejectsBadArgumentsAndDropsAudioWithoutBuffers) {
     AudioTapQueueBuffer foreign(16, nullptr);
     EXPECT_EQ(rec.queue->enqueueBuffer(&foreign), kAudioInvalidBufferError);
 
-    // Running without any enqueued buffer: nothing arrives, nothing breaks.
+    // Running without any enqueued buffer: the audio is dropped, nothing
+    // arrives, nothing breaks; the first buffer enqueued later starts with
+    // the audio of its time, not with what was dropped.
     ASSERT_EQ(rec.queue->setProcessID(7), 0);
     ASSERT_EQ(rec.queue->start(), 0);
-    std::this_thread::sleep_for(60ms);
+    ASSERT_TRUE(counting->waitForBytes(10 * 882, 5s));
     ASSERT_EQ(rec.queue->allocateBuffer(882, &b), 0);
     ASSERT_EQ(rec.queue->enqueueBuffer(b), 0);
     ASSERT_TRUE(rec.waitFor(2));
+    {
+        std::lock_guard lock(rec.mutex);
+        EXPECT_GE(rec.buffers.front().first.sampleTime, 10.0 * 441);
+    }
     // Dispose first: the callback reads rec.queue until dispose returns.
     EXPECT_EQ(rec.queue->dispose(true), 0);
     rec.queue.reset();
@@ -367,10 +389,18 @@ TEST(AudioTapQueue, DisposeFromItsOwnCallbackIsSafe) {
     std::shared_ptr<AudioTapQueue> queue;
     std::atomic<int> calls{0};
     std::promise<void> done;
+    // Released with the callback, that is once the queue's thread has ended:
+    // an event after any further call the callback could get.
+    struct Released {
+        std::promise<void> promise;
+        ~Released() { promise.set_value(); }
+    };
+    auto released = std::make_shared<Released>();
+    auto callbackReleased = released->promise.get_future();
     ASSERT_EQ(AudioTapQueue::create(
                   backend, kTapFormat,
-                  [&](AudioTapQueueBuffer*, const AudioTimeStamp&, uint32_t,
-                      const AudioStreamPacketDescription*) {
+                  [&, released](AudioTapQueueBuffer*, const AudioTimeStamp&, uint32_t,
+                                const AudioStreamPacketDescription*) {
                       if (calls++ == 0) {
                           EXPECT_EQ(queue->dispose(true), 0);
                           done.set_value();
@@ -378,6 +408,7 @@ TEST(AudioTapQueue, DisposeFromItsOwnCallbackIsSafe) {
                   },
                   0, &queue),
               0);
+    released.reset();
     queue->setProcessID(9);
     AudioTapQueueBuffer* b;
     queue->allocateBuffer(882, &b);
@@ -386,9 +417,10 @@ TEST(AudioTapQueue, DisposeFromItsOwnCallbackIsSafe) {
     queue->enqueueBuffer(b);
     ASSERT_EQ(queue->start(), 0);
     ASSERT_EQ(done.get_future().wait_for(3s), std::future_status::ready);
-    std::this_thread::sleep_for(30ms);
-    EXPECT_EQ(calls.load(), 1);
     queue.reset();
+    ASSERT_EQ(callbackReleased.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(calls.load(), 1);
+    EXPECT_EQ(backend->openSources(), 0);
 }
 
 }  // namespace

@@ -35,6 +35,8 @@ class PulseTest : public ::testing::Test {
         server_ = nullptr;
     }
     void SetUp() override {
+        if (!server_ && testing::PrivatePulseServer::required())
+            FAIL() << "cannot start a private PulseAudio server: " << *whyNot_;
         if (!server_) GTEST_SKIP() << "cannot start a private PulseAudio server: " << *whyNot_;
         backend_ = std::make_shared<PulseAudioBackend>(server_->address());
     }
@@ -107,103 +109,140 @@ TEST_F(PulseTest, MicrophoneRecordsTheDefaultSource) {
     EXPECT_NEAR(testing::zeroCrossingFrequency(all, 44100), kSineSourceHz, 3.0);
 }
 
-// Runs a tap on `pid` for `duration` with 0.1 s buffers.
-struct TapRun {
-    std::vector<std::pair<AudioTimeStamp, std::vector<double>>> buffers;
-    std::vector<uint64_t> arrivals;
+// A tap of one process with four 0.1 s buffers, collecting what it hands
+// over until stopped.
+class TapRun {
+  public:
+    TapRun(const std::shared_ptr<AudioBackend>& backend, pid_t pid) {
+        EXPECT_EQ(AudioTapQueue::create(
+                      backend, kTapFormat,
+                      [this](AudioTapQueueBuffer* b, const AudioTimeStamp& ts, uint32_t n,
+                             const AudioStreamPacketDescription*) {
+                          EXPECT_EQ(n, 4410u);
+                          {
+                              std::lock_guard lock(mutex_);
+                              buffers_.emplace_back(
+                                  ts, testing::pcm16Samples(static_cast<uint8_t*>(b->audioData),
+                                                            b->audioDataByteSize, kTapFormat));
+                              arrivals_.push_back(HostClock::now());
+                          }
+                          cv_.notify_all();
+                          queue_->enqueueBuffer(b);
+                      },
+                      0, &queue_),
+                  0);
+        if (!queue_) return;
+        EXPECT_EQ(queue_->setProcessID(pid), 0);
+        for (int i = 0; i < 4; ++i) {
+            AudioTapQueueBuffer* b = nullptr;
+            EXPECT_EQ(queue_->allocateBuffer(8820, &b), 0);
+            queue_->enqueueBuffer(b);
+        }
+        EXPECT_EQ(queue_->start(), 0);
+    }
+    ~TapRun() { stop(); }
+
+    // Waits until `n` buffers have arrived (0.1 s of audio each; generous
+    // time for a loaded machine).
+    bool waitForBuffers(size_t n) {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, 30s, [&] { return buffers_.size() >= n; });
+    }
+    size_t count() {
+        std::lock_guard lock(mutex_);
+        return buffers_.size();
+    }
+    void stop() {
+        if (queue_) {
+            EXPECT_EQ(queue_->dispose(true), 0);
+        }
+        queue_.reset();
+    }
+
+    // After stop().
+    const std::vector<std::pair<AudioTimeStamp, std::vector<double>>>& buffers() const {
+        return buffers_;
+    }
+    const std::vector<uint64_t>& arrivals() const { return arrivals_; }
+    std::vector<double> concat(size_t from, size_t to) const {
+        std::vector<double> all;
+        for (size_t i = from; i < std::min(to, buffers_.size()); ++i)
+            all.insert(all.end(), buffers_[i].second.begin(), buffers_[i].second.end());
+        return all;
+    }
+
+  private:
+    std::shared_ptr<AudioTapQueue> queue_;
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::vector<std::pair<AudioTimeStamp, std::vector<double>>> buffers_;
+    std::vector<uint64_t> arrivals_;
 };
 
-TapRun tapProcess(const std::shared_ptr<AudioBackend>& backend, pid_t pid,
-                  std::chrono::milliseconds duration) {
-    TapRun run;
-    std::mutex mutex;
-    std::shared_ptr<AudioTapQueue> queue;
-    EXPECT_EQ(AudioTapQueue::create(
-                  backend, kTapFormat,
-                  [&](AudioTapQueueBuffer* b, const AudioTimeStamp& ts, uint32_t n,
-                      const AudioStreamPacketDescription*) {
-                      EXPECT_EQ(n, 4410u);
-                      {
-                          std::lock_guard lock(mutex);
-                          run.buffers.emplace_back(
-                              ts, testing::pcm16Samples(static_cast<uint8_t*>(b->audioData),
-                                                        b->audioDataByteSize, kTapFormat));
-                          run.arrivals.push_back(HostClock::now());
-                      }
-                      queue->enqueueBuffer(b);
-                  },
-                  0, &queue),
-              0);
-    if (!queue) return run;
-    EXPECT_EQ(queue->setProcessID(pid), 0);
-    for (int i = 0; i < 4; ++i) {
-        AudioTapQueueBuffer* b = nullptr;
-        EXPECT_EQ(queue->allocateBuffer(8820, &b), 0);
-        queue->enqueueBuffer(b);
-    }
-    EXPECT_EQ(queue->start(), 0);
-    std::this_thread::sleep_for(duration);
-    EXPECT_EQ(queue->dispose(true), 0);
-    std::lock_guard lock(mutex);
-    return run;
-}
-
-std::vector<double> concat(const TapRun& run, size_t from, size_t to) {
-    std::vector<double> all;
-    for (size_t i = from; i < std::min(to, run.buffers.size()); ++i)
-        all.insert(all.end(), run.buffers[i].second.begin(), run.buffers[i].second.end());
-    return all;
-}
-
 TEST_F(PulseTest, TapRecordsOnlyTheTappedProcess) {
-    pid_t a = server_->playTones({440}, 4.0);
-    pid_t b = server_->playTones({880}, 4.0);
+    pid_t a = server_->playTones({440}, 6.0);
+    pid_t b = server_->playTones({880}, 6.0);
     ASSERT_GT(a, 0);
     ASSERT_GT(b, 0);
-    std::this_thread::sleep_for(300ms);  // both streams exist before the tap starts
-    TapRun run = tapProcess(backend_, a, 1800ms);
+    // Both streams exist before the tap starts.
+    EXPECT_TRUE(server_->waitForPlaybackStreams(a, 1, 10s));
+    EXPECT_TRUE(server_->waitForPlaybackStreams(b, 1, 10s));
+    TapRun run(backend_, a);
+    EXPECT_TRUE(run.waitForBuffers(16));
+    run.stop();
     testing::PrivatePulseServer::reap(a);
     testing::PrivatePulseServer::reap(b);
 
-    ASSERT_GE(run.buffers.size(), 12u);
+    const auto& buffers = run.buffers();
+    ASSERT_GE(buffers.size(), 16u);
     // The first buffers may predate the monitor streams.
-    auto x = concat(run, 4, run.buffers.size());
+    auto x = run.concat(4, buffers.size());
     EXPECT_GT(testing::toneAmplitude(x, 44100, 440), 0.15);
     EXPECT_LT(testing::toneAmplitude(x, 44100, 880), 0.002);
 
-    for (size_t i = 1; i < run.buffers.size(); ++i) {
+    for (size_t i = 1; i < buffers.size(); ++i) {
         // Contiguous: each stamp is the previous plus 0.1 s, within a few ms.
-        double step =
-            double(run.buffers[i].first.hostTime - run.buffers[i - 1].first.hostTime) / 1e9;
+        double step = double(buffers[i].first.hostTime - buffers[i - 1].first.hostTime) / 1e9;
         EXPECT_NEAR(step, 0.1, 0.003) << "buffer " << i;
-        double age = double(run.arrivals[i] - run.buffers[i].first.hostTime) / 1e9;
+        double age = double(run.arrivals()[i] - buffers[i].first.hostTime) / 1e9;
         EXPECT_GT(age, 0.1);  // the whole buffer was recorded before delivery
         EXPECT_LT(age, 1.5);  // generous: loaded CI machines
     }
 }
 
 TEST_F(PulseTest, TapFollowsStreamsOpenedLaterAndMixesThem) {
-    // The process opens its streams (440 Hz and 660 Hz) 0.7 s after the tap
-    // starts; a fresh stream on an idle sink may take up to a second to flow.
-    pid_t p = server_->playTones({440, 660}, 3.0, 700);
+    // The process opens its streams (440 Hz and 660 Hz) only once the tap
+    // has recorded half a second of its silence.
+    pid_t p = server_->playTonesOnSignal({440, 660}, 6.0);
     ASSERT_GT(p, 0);
-    TapRun run = tapProcess(backend_, p, 2800ms);
+    TapRun run(backend_, p);
+    EXPECT_TRUE(run.waitForBuffers(5));
+    testing::PrivatePulseServer::startPlaying(p);
+    EXPECT_TRUE(server_->waitForPlaybackStreams(p, 2, 10s));
+    // A fresh stream on an idle sink may take up to a second to flow: the
+    // last half second of two more seconds holds both tones.
+    EXPECT_TRUE(run.waitForBuffers(run.count() + 20));
+    run.stop();
     testing::PrivatePulseServer::reap(p);
 
-    ASSERT_GE(run.buffers.size(), 24u);
-    auto before = concat(run, 0, 5);
-    EXPECT_LT(testing::rms(before), 0.001) << "silence before the process plays";
-    auto after = concat(run, run.buffers.size() - 5, run.buffers.size());
+    const size_t n = run.buffers().size();
+    ASSERT_GE(n, 25u);
+    EXPECT_LT(testing::rms(run.concat(0, 5)), 0.001) << "silence before the process plays";
+    auto after = run.concat(n - 5, n);
     EXPECT_GT(testing::toneAmplitude(after, 44100, 440), 0.15);
     EXPECT_GT(testing::toneAmplitude(after, 44100, 660), 0.15);
 }
 
 TEST_F(PulseTest, TapOfAProcessThatPlaysNothingIsSilent) {
-    pid_t other = server_->playTones({523}, 2.0);
-    TapRun run = tapProcess(backend_, getpid(), 700ms);
+    pid_t other = server_->playTones({523}, 4.0);
+    ASSERT_GT(other, 0);
+    EXPECT_TRUE(server_->waitForPlaybackStreams(other, 1, 10s));
+    TapRun run(backend_, getpid());
+    EXPECT_TRUE(run.waitForBuffers(6));
+    run.stop();
     testing::PrivatePulseServer::reap(other);
-    ASSERT_GE(run.buffers.size(), 4u);
-    EXPECT_LT(testing::rms(concat(run, 0, run.buffers.size())), 0.0005);
+    ASSERT_GE(run.buffers().size(), 6u);
+    EXPECT_LT(testing::rms(run.concat(0, run.buffers().size())), 0.0005);
 }
 
 TEST(PulseBackend, UnreachableServerFailsWithStatus) {

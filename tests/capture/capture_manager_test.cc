@@ -16,6 +16,7 @@
 #include "platform/audio/synthetic_audio.h"
 #include "platform/log.h"
 #include "tests/audio/audio_analysis.h"
+#include "tests/audio/counting_backend.h"
 
 using namespace std::chrono_literals;
 
@@ -61,6 +62,10 @@ std::shared_ptr<SyntheticAudioBackend> fastBackend() {
     // 20× real time: a 0.65 s tap buffer every 33 ms.
     return std::make_shared<SyntheticAudioBackend>(SyntheticAudioBackend::Options{.speed = 20});
 }
+
+// Bytes of one tap buffer (57344) and its frames.
+constexpr uint64_t kTapBufferBytes = 57344;
+constexpr int64_t kTapBufferFrames = 28672;
 
 // Measured where no whole-second click of the synthetic sources falls.
 double frequencyOf(const std::shared_ptr<SampleBuffer>& s) {
@@ -267,7 +272,8 @@ TEST(CaptureManager, TapBufferSize) {
 
 TEST(CaptureManager, TapWaitsForTheStartTimeThenDelivers) {
     log::Capture logs;
-    auto m = SVCaptureManager::make(fastBackend());
+    auto counting = std::make_shared<testing::CountingBackend>(fastBackend());
+    auto m = SVCaptureManager::make(counting);
     SampleSink sink(SVCaptureManager::audioDispatchQueue());
     std::promise<void> started;
     m->startAppAudioCaptureForProcessID(1234, sink.handler(), [&] { started.set_value(); });
@@ -280,12 +286,22 @@ TEST(CaptureManager, TapWaitsForTheStartTimeThenDelivers) {
         "SVRecordingManager: startAudioCapture: Successfully started Audio Tap Queue Recording"));
     EXPECT_EQ(logs.countContaining("startAudioCapture error"), 0u);
 
-    // Without a start time every buffer is recycled at once (several fill in 200 ms).
-    std::this_thread::sleep_for(200ms);
+    // Without a start time every buffer is recycled at once: eight buffers'
+    // worth of audio passes, and nothing (not even a task still queued)
+    // reaches the handler.
+    ASSERT_TRUE(counting->waitForBytes(8 * kTapBufferBytes, 10s));
+    SVCaptureManager::audioDispatchQueue()->sync([] {});
     EXPECT_EQ(sink.count(), 0u);
     m->setCaptureStartTime(HostClock::toMediaTime(HostClock::now()));
     ASSERT_TRUE(sink.waitFor(4));
     EXPECT_FALSE(sink.wrongQueue());
+    // Recycled, not held back: the first buffer delivered was filled after
+    // several buffers' worth of audio had gone by (not the first three).
+    const int64_t firstFrame =
+        (int64_t(HostClock::fromMediaTime(sink.samples().front()->presentationTime())) -
+         int64_t(*counting->firstHostTime())) *
+        44100 / HostClock::kTicksPerSecond;
+    EXPECT_GE(firstFrame, 3 * kTapBufferFrames);
 
     SVCaptureManager::audioDispatchQueue()->sync([&] {
         auto state = m->audioRecorderQueue();
@@ -368,7 +384,8 @@ TEST(CaptureManager, ResumeFillsTheGapWithSilence) {
 
 TEST(CaptureManager, ResumeWithoutAGapOrAfterStopAllAddsNoSilence) {
     FakeClock clock;
-    auto m = SVCaptureManager::make(fastBackend(), clock.source());
+    auto counting = std::make_shared<testing::CountingBackend>(fastBackend());
+    auto m = SVCaptureManager::make(counting, clock.source());
     log::Capture logs;
     m->setCaptureStartTime(MediaTime::make(1, 1));
     m->setLastAudioDate(clock.now + 1s);  // the first buffer arrives early: gap <= 0
@@ -383,8 +400,10 @@ TEST(CaptureManager, ResumeWithoutAGapOrAfterStopAllAddsNoSilence) {
     // nothing until a new start time.
     m->stopAllCapture();
     SampleSink after;
+    const uint64_t before = counting->bytes();
     m->resumeAppAudioCaptureForProcessID(57, after.handler());
-    std::this_thread::sleep_for(150ms);
+    ASSERT_TRUE(counting->waitForBytes(before + 4 * kTapBufferBytes, 10s));
+    SVCaptureManager::audioDispatchQueue()->sync([] {});
     EXPECT_EQ(after.count(), 0u);
     m->setCaptureStartTime(MediaTime::make(2, 1));
     ASSERT_TRUE(after.waitFor(2));
@@ -399,7 +418,8 @@ TEST(CaptureManager, BuffersOfAStoppedTapNeverReachTheNextTap) {
     for (bool stopFails : {false, true}) {
         SCOPED_TRACE(stopFails ? "stop refused" : "stop succeeded");
         auto backend = fastBackend();
-        auto m = SVCaptureManager::make(backend);
+        auto counting = std::make_shared<testing::CountingBackend>(backend);
+        auto m = SVCaptureManager::make(counting);
         m->setCaptureStartTime(MediaTime::make(1, 1));
         const int32_t pidA = 3001, pidB = 3002;
         SampleSink a, b;
@@ -414,7 +434,8 @@ TEST(CaptureManager, BuffersOfAStoppedTapNeverReachTheNextTap) {
         // them. A's queued buffers then meet a manager whose tap is no longer A.
         size_t aAtStop = 0;
         SVCaptureManager::audioDispatchQueue()->sync([&] {
-            std::this_thread::sleep_for(150ms);
+            // Three buffers' worth of audio fills every buffer A has.
+            EXPECT_TRUE(counting->waitForBytes(counting->bytes() + 3 * kTapBufferBytes, 10s));
             backend->setFailTapStop(stopFails);
             m->stopAppAudioCapture();
             backend->setFailTapStop(false);
@@ -470,9 +491,11 @@ TEST(CaptureManager, TapThatCannotStartLogsAndNeverCallsDidStart) {
               1u);
     EXPECT_TRUE(logs.contains(
         "SVRecordingManager: startAudioCapture: Successfully started Audio Tap Queue Recording"));
-    std::this_thread::sleep_for(100ms);
-    EXPECT_FALSE(started);
+    // Disposing of the queue runs whatever it still had to report, and the
+    // sync after it whatever that posted: the did-start closure came by then
+    // if it ever would.
     m->stopAppAudioCapture();
+    SVCaptureManager::audioDispatchQueue()->sync([] {});
     EXPECT_EQ(logs.count("SVRecordingManager: Audio Tap Queue has been disposed"), 1u);
     EXPECT_FALSE(started);
 }

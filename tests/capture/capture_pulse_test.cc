@@ -3,8 +3,9 @@
 // records the tapped process only, in contiguous 57344-byte buffers.
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <future>
-#include <thread>
+#include <mutex>
 
 #include "capture/capture_manager.h"
 #include "platform/audio/host_clock.h"
@@ -20,15 +21,20 @@ namespace {
 TEST(CaptureManagerPulse, MicrophoneAndTapOfOneProcess) {
     std::string why;
     auto server = testing::PrivatePulseServer::start({.sineFrequency = 700}, &why);
+    if (!server && testing::PrivatePulseServer::required())
+        FAIL() << "cannot start a private PulseAudio server: " << why;
     if (!server) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
     auto m = SVCaptureManager::make(std::make_shared<PulseAudioBackend>(server->address()));
 
-    pid_t tapped = server->playTones({440}, 4.0);
-    pid_t other = server->playTones({880}, 4.0);
+    pid_t tapped = server->playTones({440}, 8.0);
+    pid_t other = server->playTones({880}, 8.0);
     ASSERT_GT(tapped, 0);
     ASSERT_GT(other, 0);
+    EXPECT_TRUE(server->waitForPlaybackStreams(tapped, 1, 10s));
+    EXPECT_TRUE(server->waitForPlaybackStreams(other, 1, 10s));
 
     std::mutex mutex;
+    std::condition_variable arrived;
     std::vector<std::shared_ptr<SampleBuffer>> mic, app;
     std::vector<uint64_t> appArrivals;
     std::promise<void> tapStarted, micStarted;
@@ -38,6 +44,7 @@ TEST(CaptureManagerPulse, MicrophoneAndTapOfOneProcess) {
             std::lock_guard lock(mutex);
             app.push_back(s);
             appArrivals.push_back(HostClock::now());
+            arrived.notify_all();
         },
         [&] { tapStarted.set_value(); });
     ASSERT_EQ(tapStarted.get_future().wait_for(3s), std::future_status::ready);
@@ -50,12 +57,10 @@ TEST(CaptureManagerPulse, MicrophoneAndTapOfOneProcess) {
     ASSERT_EQ(micStarted.get_future().wait_for(3s), std::future_status::ready);
     // As the first video frame would.
     m->setCaptureStartTime(HostClock::toMediaTime(HostClock::now()));
-    for (int i = 0; i < 60; ++i) {
-        {
-            std::lock_guard lock(mutex);
-            if (app.size() >= 4) break;
-        }
-        std::this_thread::sleep_for(50ms);
+    {
+        // Four tap buffers: about 2.6 s of audio.
+        std::unique_lock lock(mutex);
+        EXPECT_TRUE(arrived.wait_for(lock, 30s, [&] { return app.size() >= 4; }));
     }
     m->stopAllCapture();
     testing::PrivatePulseServer::reap(tapped);

@@ -100,14 +100,18 @@ TEST(Timer, OneShotRepeatingAndCancel) {
     EXPECT_TRUE(three.waitFor(5s));
     q->sync([&] { repeating->cancel(); });
     int after = ticks;
-    std::this_thread::sleep_for(30ms);
-    q->sync([] {});
+    // A marker timer on the same queue, due long after the next tick would
+    // have been: a tick after the cancel would have run before it.
+    Semaphore marked;
+    auto marker = Timer::schedule(q, 30ms, 0ms, [&] { marked.signal(); });
+    EXPECT_TRUE(marked.waitFor(5s));
     EXPECT_EQ(ticks, after);  // nothing starts after cancel on the timer's queue
 
     std::atomic<bool> never{false};
     auto cancelled = Timer::schedule(q, 20ms, 0ms, [&] { never = true; });
     cancelled.reset();  // destroying cancels
-    std::this_thread::sleep_for(40ms);
+    auto laterMarker = Timer::schedule(q, 40ms, 0ms, [&] { marked.signal(); });
+    EXPECT_TRUE(marked.waitFor(5s));
     EXPECT_FALSE(never);
 
     Semaphore later;

@@ -20,6 +20,7 @@ extern "C" {
 }
 
 #include "platform/audio_format.h"
+#include "platform/media/ffmpeg_util.h"
 #include "platform/media/media_settings.h"
 #include "platform/media/movie_file_writer.h"
 #include "platform/media_time.h"
@@ -95,7 +96,7 @@ struct VideoWriter {
     }
     // Waits (in the test only) until the input takes more, so nothing is dropped.
     static void append(media::MovieWriterInput& input, std::shared_ptr<SampleBuffer> sample) {
-        for (int i = 0; i < 10000 && !input.isReadyForMoreMediaData(); ++i) usleep(500);
+        ASSERT_TRUE(input.waitUntilReadyForMoreMediaData(std::chrono::seconds(30)));
         ASSERT_TRUE(input.appendSampleBuffer(std::move(sample)));
     }
     void finish() {
@@ -123,28 +124,17 @@ struct MovieInfo {
     std::vector<StreamInfo> streams;
 };
 
-// An opened movie (null `ctx` when unreadable), closed with the object.
-struct Demuxer {
-    explicit Demuxer(const std::string& path) {
-        if (avformat_open_input(&ctx, path.c_str(), nullptr, nullptr) < 0 ||
-            avformat_find_stream_info(ctx, nullptr) < 0)
-            avformat_close_input(&ctx);
-    }
-    ~Demuxer() { avformat_close_input(&ctx); }
-    AVFormatContext* ctx = nullptr;
-};
-
 inline MovieInfo probeMovie(const std::string& path) {
     MovieInfo info;
-    Demuxer in(path);
-    if (!in.ctx) return info;
+    auto in = media::openInputFormat(path, nullptr);
+    if (!in) return info;
     info.ok = true;
-    info.duration = in.ctx->duration / double(AV_TIME_BASE);
+    info.duration = in->duration / double(AV_TIME_BASE);
     const AVDictionaryEntry* t = nullptr;
-    while ((t = av_dict_get(in.ctx->metadata, "", t, AV_DICT_IGNORE_SUFFIX)))
+    while ((t = av_dict_get(in->metadata, "", t, AV_DICT_IGNORE_SUFFIX)))
         info.tags[t->key] = t->value;
-    for (unsigned i = 0; i < in.ctx->nb_streams; ++i) {
-        AVStream* st = in.ctx->streams[i];
+    for (unsigned i = 0; i < in->nb_streams; ++i) {
+        AVStream* st = in->streams[i];
         const AVCodecParameters* p = st->codecpar;
         StreamInfo s{
             p->codec_type,           p->codec_id, p->profile, p->width, p->height, p->sample_rate,
@@ -166,37 +156,35 @@ inline MovieInfo probeMovie(const std::string& path) {
 // seconds (huge when unknown).
 inline double decodeTrack(const std::string& path, int index,
                           const std::function<void(const AVFrame&, double)>& onFrame) {
-    Demuxer in(path);
-    if (!in.ctx) return 0;
-    if (index < 0) index = av_find_best_stream(in.ctx, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    if (index < 0 || index >= int(in.ctx->nb_streams)) return 0;
-    AVStream* st = in.ctx->streams[index];
+    auto in = media::openInputFormat(path, nullptr);
+    if (!in) return 0;
+    if (index < 0) index = av_find_best_stream(in.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (index < 0 || index >= int(in->nb_streams)) return 0;
+    AVStream* st = in->streams[index];
     const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
-    AVCodecContext* dec = avcodec_alloc_context3(codec);
-    avcodec_parameters_to_context(dec, st->codecpar);
+    media::CodecContextPtr dec(avcodec_alloc_context3(codec));
+    media::PacketPtr pkt(av_packet_alloc());
+    media::FramePtr frame(av_frame_alloc());
+    if (!dec || !pkt || !frame || avcodec_parameters_to_context(dec.get(), st->codecpar) < 0)
+        return 0;
     dec->thread_count = 1;
-    avcodec_open2(dec, codec, nullptr);
-    AVPacket* pkt = av_packet_alloc();
-    AVFrame* frame = av_frame_alloc();
+    if (avcodec_open2(dec.get(), codec, nullptr) < 0) return 0;
     auto receive = [&] {
-        while (avcodec_receive_frame(dec, frame) >= 0) {
+        while (avcodec_receive_frame(dec.get(), frame.get()) >= 0) {
             int64_t ts = frame->best_effort_timestamp;
             onFrame(*frame, ts == AV_NOPTS_VALUE ? 0 : ts * av_q2d(st->time_base));
-            av_frame_unref(frame);
+            av_frame_unref(frame.get());
         }
     };
-    while (av_read_frame(in.ctx, pkt) >= 0) {
+    while (av_read_frame(in.get(), pkt.get()) >= 0) {
         if (pkt->stream_index == index) {
-            avcodec_send_packet(dec, pkt);
+            avcodec_send_packet(dec.get(), pkt.get());
             receive();
         }
-        av_packet_unref(pkt);
+        av_packet_unref(pkt.get());
     }
-    avcodec_send_packet(dec, nullptr);
+    avcodec_send_packet(dec.get(), nullptr);
     receive();
-    av_frame_free(&frame);
-    av_packet_free(&pkt);
-    avcodec_free_context(&dec);
     return st->duration > 0 ? st->duration * av_q2d(st->time_base) : 1e18;
 }
 

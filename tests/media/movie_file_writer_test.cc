@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <filesystem>
 
+#include "platform/log.h"
+#include "platform/media/movie_exporter.h"
 #include "tests/audio/audio_analysis.h"
 #include "tests/media/media_test_util.h"
 
@@ -10,6 +13,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace sv::testing;
+using namespace std::chrono_literals;
 using Status = MovieFileWriter::Status;
 
 Value audioSettings() {
@@ -43,6 +47,78 @@ TEST(MovieFileWriter, CreationErrorsCarryACode) {
     ASSERT_TRUE(input);
     EXPECT_EQ(input->width(), 66);
     EXPECT_EQ(input->height(), 34);
+
+    // A flood of properties from a peer costs a bounded number of log lines.
+    Value many = Value::object();
+    for (int i = 0; i < 1000; ++i) many["key" + std::to_string(i)] = i;
+    log::Capture capture;
+    ASSERT_TRUE(MovieWriterInput::create(MediaType::Video, videoSettings(64, 64, many), &error));
+    EXPECT_EQ(capture.countContaining("MovieWriterInput: ignoring"), 9u);
+    EXPECT_TRUE(capture.contains("MovieWriterInput: ignoring 992 more compression properties"));
+}
+
+// Every FFmpeg allocation is checked: with allocations capped at growing
+// sizes, making, writing, finishing and trimming a movie each either works
+// or ends in an error, and never crashes or leaks (the ASan run checks).
+TEST(MovieFileWriter, AllocationFailuresBecomeErrors) {
+    TempDir dir;
+    SurfacePool pool(64, 64);
+    const std::string source = dir / "source.mp4";
+    {
+        VideoWriter w(source);
+        w.start(0);
+        for (int i = 0; i < 30; ++i) w.append(*w.video, makeFrame(pool, i, hostTime(i / 30.0)));
+        w.finish();
+        ASSERT_EQ(w.writer->status(), Status::Completed);
+    }
+    struct RestoreLimit {
+        ~RestoreLimit() { av_max_alloc(INT_MAX); }
+    } restore;
+    int written = 0, refused = 0, exported = 0;
+    for (size_t cap : {size_t(32), size_t(512), size_t(4096), size_t(1) << 15, size_t(1) << 17,
+                       size_t(1) << 19, size_t(1) << 22}) {
+        SCOPED_TRACE(cap);
+        av_max_alloc(cap);
+        const std::string path = dir / ("m" + std::to_string(cap) + ".mp4");
+        MediaError error;
+        auto writer = MovieFileWriter::create(URL::fileURLWithPath(path), FileType::MPEG4, &error);
+        auto video = MovieWriterInput::create(MediaType::Video, videoSettings(64, 64), &error);
+        auto audio = MovieWriterInput::create(MediaType::Audio, audioSettings(), &error);
+        if (!writer || !video || !audio) {
+            EXPECT_LT(error.code, 0);
+            ++refused;
+        } else {
+            writer->addInput(video);
+            writer->addInput(audio);
+            if (writer->startWriting()) {
+                writer->startSessionAtSourceTime(hostTime(0));
+                for (int i = 0; i < 10 && video->waitUntilReadyForMoreMediaData(30s); ++i)
+                    video->appendSampleBuffer(makeFrame(pool, i, hostTime(i / 30.0)));
+                audio->appendSampleBuffer(
+                    makeTone(AudioStreamFormat::pcm16(44100, 1, false), 0, 4096, hostTime(0)));
+                awaitOnce<>([&](std::function<void()> done) { writer->finishWriting(done); });
+            }
+            if (writer->status() == Status::Completed)
+                ++written;
+            else
+                EXPECT_TRUE(writer->error()) << int(writer->status());
+        }
+
+        auto exporter =
+            MovieExporter::create(MovieAsset::assetWithURL(URL::fileURLWithPath(source)),
+                                  MovieExporter::kPresetPassthrough);
+        exporter->setOutputURL(URL::fileURLWithPath(dir / ("t" + std::to_string(cap) + ".mp4")));
+        awaitOnce<>([&](std::function<void()> done) { exporter->exportAsynchronously(done); });
+        if (exporter->status() == MovieExporter::Status::Completed)
+            ++exported;
+        else
+            EXPECT_TRUE(exporter->error());
+    }
+    av_max_alloc(INT_MAX);
+    // The smallest caps refuse, the largest let everything through.
+    EXPECT_GT(refused, 0);
+    EXPECT_GT(written, 0);
+    EXPECT_GT(exported, 0);
 }
 
 TEST(MovieFileWriter, StatusCodesThroughALifetime) {
@@ -61,13 +137,15 @@ TEST(MovieFileWriter, StatusCodesThroughALifetime) {
     EXPECT_EQ(ok.writer->status(), Status::Completed);
     EXPECT_FALSE(ok.writer->error());
     EXPECT_FALSE(ok.video->isReadyForMoreMediaData());
+    EXPECT_FALSE(ok.video->waitUntilReadyForMoreMediaData(30s));
     EXPECT_EQ(decodeVideo(dir / "s.mp4").indices, (std::vector<int>{0, 1, 2, 3, 4}));
     ok.finish();  // not writing: the completion still comes, once
 
     // Cancelled: the partial file goes away.
     VideoWriter cancelled(dir / "c.mp4");
-    EXPECT_FALSE(MovieWriterInput::create(MediaType::Video, videoSettings(64, 64))
-                     ->isReadyForMoreMediaData());  // not attached
+    auto detached = MovieWriterInput::create(MediaType::Video, videoSettings(64, 64));
+    EXPECT_FALSE(detached->isReadyForMoreMediaData());            // not attached
+    EXPECT_FALSE(detached->waitUntilReadyForMoreMediaData(30s));  // and cannot become so
     cancelled.start(0);
     for (int i = 0; i < 30; ++i)
         cancelled.append(*cancelled.video, makeFrame(pool, i, hostTime(i / 30.0)));
@@ -81,11 +159,13 @@ TEST(MovieFileWriter, StatusCodesThroughALifetime) {
     ASSERT_TRUE(failing.writer);
     fs::remove(dir / "gone");
     failing.start(0);
-    for (int i = 0; i < 40 && failing.writer->status() == Status::Writing; ++i) {
-        failing.video->appendSampleBuffer(makeFrame(pool, i, hostTime(i / 30.0)));
-        usleep(5000);
-    }
-    for (int i = 0; i < 1000 && failing.writer->status() == Status::Writing; ++i) usleep(1000);
+    // Frames go in until the first packet fails the writer; from then on the
+    // input cannot become ready again.
+    int frames = 0;
+    for (; frames < 600 && failing.video->waitUntilReadyForMoreMediaData(std::chrono::seconds(30));
+         ++frames)
+        failing.video->appendSampleBuffer(makeFrame(pool, frames, hostTime(frames / 30.0)));
+    EXPECT_LT(frames, 600);
     EXPECT_EQ(failing.writer->status(), Status::Failed);
     ASSERT_TRUE(failing.writer->error());
     EXPECT_EQ(failing.writer->error()->code, AVERROR(ENOENT));

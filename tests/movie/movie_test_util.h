@@ -34,11 +34,10 @@ struct FeedOptions {
 // takes more, so no sample is dropped and the written movie is deterministic.
 inline void feed(const std::shared_ptr<SVMovieWriter>& writer, SurfacePool& pool,
                  const FeedOptions& o) {
+    // Returns at once while the writer is not writing (before the first
+    // video frame starts it), as the writer then drops by its own rules.
     auto waitReady = [&](const std::shared_ptr<media::MovieWriterInput>& input) {
-        for (int i = 0; i < 10000 && input && writer->fileWriterStatus() == 1 &&
-                        !input->isReadyForMoreMediaData();
-             ++i)
-            usleep(500);
+        if (input) input->waitUntilReadyForMoreMediaData(std::chrono::seconds(30));
     };
     const auto tap = AudioStreamFormat::pcm16(44100, 1, true);
     const auto mic = AudioStreamFormat::float32(48000, 2);

@@ -3,11 +3,15 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <string>
@@ -46,24 +50,31 @@ inline pid_t spawnProcess(const std::vector<std::string>& argv,
 }
 
 // Exit status of `pid`, or -1 (after SIGKILL) when it did not end in time;
-// 128 + signal number when a signal ended it.
+// 128 + signal number when a signal ended it. Waits on a pidfd for the exit
+// (a plain blocking wait on kernels without pidfds).
 inline int waitForExit(pid_t pid, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-    auto end = std::chrono::steady_clock::now() + timeout;
-    while (true) {
-        int status = 0;
-        pid_t r = waitpid(pid, &status, WNOHANG);
-        if (r == pid) {
-            if (WIFEXITED(status)) return WEXITSTATUS(status);
-            if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    int status = 0;
+    if (int fd = int(syscall(SYS_pidfd_open, pid, 0)); fd >= 0) {
+        const auto end = std::chrono::steady_clock::now() + timeout;
+        int ready = 0;
+        for (;;) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                end - std::chrono::steady_clock::now());
+            pollfd exited{fd, POLLIN, 0};
+            ready = poll(&exited, 1, int(std::max<int64_t>(left.count(), 0)));
+            if (ready >= 0 || errno != EINTR) break;
         }
-        if (r < 0) return -1;
-        if (std::chrono::steady_clock::now() > end) {
+        close(fd);
+        if (ready <= 0) {
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
             return -1;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return -1;
 }
 
 inline size_t openDescriptorCount() {
@@ -75,7 +86,9 @@ inline size_t openDescriptorCount() {
     return n;
 }
 
-// Polls `pred` until it holds or the timeout passes.
+// Polls `pred` until it holds or the timeout passes: for state that only
+// polling can observe (files, other processes); state of this process is
+// better waited for on a condition.
 template <typename P>
 bool eventually(P pred, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
     auto end = std::chrono::steady_clock::now() + timeout;

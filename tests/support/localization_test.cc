@@ -151,6 +151,24 @@ TEST_F(AppNames, LocalizedDisplayNameWinsThenDisplayNameThenName) {
     }
 }
 
+TEST(Dictionaries, NestingIsBoundedSoThatNoUseExhaustsTheStack) {
+    auto nested = [](size_t levels) {
+        return R"({"displayName": "x", "a": )" + std::string(levels, '[') +
+               std::string(levels, ']') + "}";
+    };
+    EXPECT_TRUE(parseDictionary(nested(64)));
+    EXPECT_FALSE(parseDictionary(nested(65)));
+    // Copying this (as the localized entries are) used to overflow the stack.
+    test::TempDir dir;
+    writeFile(dir / "deep/bundle.json",
+              R"({"identifier": "com.example.deep", "localized": {"en": )" + nested(200000) + "}}");
+    auto bundle = Bundle::bundleWithPath(dir / "deep");
+    ASSERT_TRUE(bundle);
+    EXPECT_TRUE(bundle->infoDictionary().empty());
+    auto lang = languageEnv("en");
+    EXPECT_EQ(_svLocalizedAppName(*bundle), "");
+}
+
 TEST_F(AppNames, SearchPathAndEnclosingBundle) {
     auto path = Bundle::searchPath();
     ASSERT_GE(path.size(), 4u);

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "platform/log.h"
 #include "support/movie_store.h"
 #include "tests/support/test_util.h"
@@ -72,14 +70,15 @@ TEST_F(MovieStoreAsyncTest, DeleteByPrefixIgnoresCaseAndDiacritics) {
                                    kept = {"a_SVMovie.mp4", "SVMov.mp4"};
     for (const auto& name : removed) test::writeFile(entry(name), "x");
     for (const auto& name : kept) test::writeFile(entry(name), "x");
-    store._srDeleteFilesWithPrefix("SVMovie");
-    auto anyLeft = [&] {
-        return std::any_of(removed.begin(), removed.end(),
-                           [&](const auto& name) { return fs::exists(entry(name)); });
-    };
-    for (int i = 0; i < 2000 && anyLeft(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_FALSE(anyLeft());
+    const DispatchQueue* queue = nullptr;
+    test::awaitOnce<>([&](std::function<void()> done) {
+        store._srDeleteFilesWithPrefix("SVMovie", [&queue, done] {
+            queue = DispatchQueue::current();
+            done();
+        });
+    });
+    EXPECT_EQ(queue, DispatchQueue::global(QueuePriority::Default).get());
+    for (const auto& name : removed) EXPECT_FALSE(fs::exists(entry(name))) << name;
     for (const auto& name : kept) EXPECT_TRUE(fs::exists(entry(name))) << name;
 }
 

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,7 +21,10 @@ class MovieStoreTest : public ::testing::Test {
         store.setHomeDirectory(home.path());
         store.setFreeSpaceProvider(nullptr);
     }
-    void TearDown() override { store.setFreeSpaceProvider(nullptr); }
+    void TearDown() override {
+        store.setFreeSpaceProvider(nullptr);
+        store.setPasswordLookup(nullptr);
+    }
 
     std::string entry(const std::string& name) { return store._srTempPath() + name; }
     // A file of `size` bytes whose modification time is `age` seconds ago.
@@ -64,6 +68,75 @@ TEST_F(MovieStoreTest, SetupCreatesPrivateParentsAndKeepsWhatExists) {
     store._srSetupTempDirectory();
     EXPECT_TRUE(capture.contains("error creating temp directory", log::Level::Error));
     EXPECT_EQ(capture.countContaining("error: "), 1u);
+}
+
+TEST_F(MovieStoreTest, HomeIsTheSettingThenHOMEThenThePasswordDatabase) {
+    store.setHomeDirectory("");
+    {
+        test::ScopedEnv env{{"HOME", home / "from-env"}};
+        EXPECT_EQ(store.homeDirectory(), home / "from-env");
+    }
+    test::ScopedEnv noHome{{"HOME", std::nullopt}};
+    const passwd* entry = getpwuid(geteuid());  // the test's user always has one
+    ASSERT_TRUE(entry && entry->pw_dir);
+    EXPECT_EQ(store.homeDirectory(), std::string(entry->pw_dir));
+    {
+        // Not a home directory: an empty or relative HOME is passed over.
+        test::ScopedEnv relative{{"HOME", "relative/home"}};
+        EXPECT_EQ(store.homeDirectory(), std::string(entry->pw_dir));
+    }
+
+    std::vector<uid_t> asked;
+    store.setPasswordLookup([&](uid_t uid) -> std::optional<std::string> {
+        asked.push_back(uid);
+        return home / "from-passwd";
+    });
+    EXPECT_EQ(store.homeDirectory(), home / "from-passwd");
+    EXPECT_EQ(store._srTempPath(), home / "from-passwd/Library/Sorvel/");
+    EXPECT_EQ(asked, std::vector<uid_t>(2, geteuid()));
+    store.setHomeDirectory(home / "set");
+    EXPECT_EQ(store.homeDirectory(), home / "set");
+    EXPECT_EQ(asked.size(), 2u);  // the setting wins without a lookup
+}
+
+TEST_F(MovieStoreTest, WithoutAHomeTheStoreRefusesRatherThanUseASharedDirectory) {
+    store.setHomeDirectory("");
+    test::ScopedEnv noHome{{"HOME", std::nullopt}};
+    // Relative paths from the database count as none, like a missing entry.
+    for (std::optional<std::string> found :
+         {std::optional<std::string>(), std::optional<std::string>(""),
+          std::optional<std::string>("home/user")}) {
+        store.setPasswordLookup([found](uid_t) { return found; });
+        OptionalError error;
+        EXPECT_FALSE(store.homeDirectory(&error));
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->code, ENOENT);
+        EXPECT_EQ(error->localizedDescription(),
+                  "cannot find a home directory for uid " + std::to_string(geteuid()));
+    }
+    EXPECT_EQ(store._srTempPath(), "");
+
+    // Every operation fails as for a missing store, and nothing is created,
+    // neither in the working directory nor anywhere shared.
+    const auto cwd = fs::current_path();
+    fs::create_directory(home / "cwd");
+    fs::current_path(home / "cwd");
+    store.setFreeSpaceProvider([](const std::string&) { return uint64_t(1) << 40; });
+    store._srSetupTempDirectory();
+    EXPECT_TRUE(capture.contains("error creating temp directory", log::Level::Error));
+    EXPECT_EQ(capture.countContaining("cannot find a home directory for uid"), 1u);
+    OptionalError error;
+    EXPECT_EQ(store._srSizeOfTempDir(&error), 0);
+    EXPECT_TRUE(error);
+    EXPECT_EQ(store._srDeleteAllTempFiles(), 0);
+    EXPECT_EQ(store._srDeviceFreeDiskSpace(), 0u);
+    EXPECT_FALSE(store._srDeviceHasSufficientFreeSpaceForRecording());
+    test::awaitOnce<>(
+        [&](std::function<void()> done) { store._srDeleteFilesWithPrefix("", done); });
+    EXPECT_TRUE(fs::is_empty(home / "cwd"));
+    fs::current_path(cwd);
+    EXPECT_FALSE(fs::exists("/Library/Sorvel"));
+    EXPECT_FALSE(fs::exists(fs::temp_directory_path() / "Library/Sorvel"));
 }
 
 TEST_F(MovieStoreTest, PurgeByModificationAge) {

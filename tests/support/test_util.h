@@ -1,5 +1,6 @@
 // Helpers shared by the support, media and movie tests: scratch directories,
-// scoped environment, and waiting for a completion handler.
+// scoped environment, and waiting for a completion handler that must come
+// exactly once.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,7 +11,9 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <source_location>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -43,25 +46,70 @@ inline void writeFile(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary) << text;
 }
 
+// Handlers that awaitOnce has seen called, checked again when the test that
+// awaited them ends: a handler must be called exactly once, and a second call
+// may come after awaitOnce returned. Installed as a test event listener on
+// first use; the records are shared with the handlers, so a late call
+// touches nothing freed.
+class HandlerCallAudit : public ::testing::EmptyTestEventListener {
+  public:
+    struct Record {
+        std::atomic<int> calls{0};
+        std::string where;
+    };
+
+    static HandlerCallAudit& instance() {
+        static HandlerCallAudit* audit = [] {
+            auto* a = new HandlerCallAudit;  // owned by gtest's listener list
+            ::testing::UnitTest::GetInstance()->listeners().Append(a);
+            return a;
+        }();
+        return *audit;
+    }
+
+    void add(std::shared_ptr<const Record> record) {
+        std::lock_guard lock(mutex_);
+        records_.push_back(std::move(record));
+    }
+
+    // Runs before the test's result is printed, while failures still count
+    // for it.
+    void OnTestEnd(const ::testing::TestInfo&) override {
+        std::vector<std::shared_ptr<const Record>> records;
+        {
+            std::lock_guard lock(mutex_);
+            records.swap(records_);
+        }
+        for (const auto& r : records)
+            EXPECT_EQ(r->calls.load(), 1) << "handler awaited at " << r->where;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::vector<std::shared_ptr<const Record>> records_;
+};
+
 // Starts an operation with `start(handler)`, waits for the handler and checks
-// that it comes exactly once (a second call would follow within a few ms).
-// The state is shared with the handler, so a late call touches nothing freed.
-// Returns the handler's argument (or nothing for a handler without one).
+// that it comes exactly once: a second call before the wait ends fails here,
+// one after it fails the test when it ends (HandlerCallAudit). Returns the
+// handler's argument (or nothing for a handler without one).
 template <typename... Args, typename Start>
-auto awaitOnce(Start&& start) {
+auto awaitOnce(Start&& start, std::source_location at = std::source_location::current()) {
     struct State {
         Semaphore done;
-        std::atomic<int> calls{0};
+        std::shared_ptr<HandlerCallAudit::Record> record =
+            std::make_shared<HandlerCallAudit::Record>();
         std::tuple<std::decay_t<Args>...> result;
     };
     auto s = std::make_shared<State>();
+    s->record->where = std::string(at.file_name()) + ":" + std::to_string(at.line());
+    HandlerCallAudit::instance().add(s->record);
     start(std::function<void(Args...)>([s](Args... args) {
-        if (s->calls++ == 0) s->result = {std::move(args)...};
+        if (s->record->calls++ == 0) s->result = {std::move(args)...};
         s->done.signal();
     }));
-    EXPECT_TRUE(s->done.waitFor(std::chrono::seconds(60)));
-    usleep(10000);
-    EXPECT_EQ(s->calls.load(), 1);
+    EXPECT_TRUE(s->done.waitFor(std::chrono::seconds(60))) << "at " << s->record->where;
+    EXPECT_EQ(s->record->calls.load(), 1) << "at " << s->record->where;
     if constexpr (sizeof...(Args) == 1) return std::get<0>(s->result);
 }
 

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +22,9 @@ class PrivatePulseServer {
     // Null, with the reason in `whyNot`, when no server could be started
     // (pulseaudio missing or refusing to run).
     static std::unique_ptr<PrivatePulseServer> start(const Options& options, std::string* whyNot);
+    // True under CI (CI=true), whose install step provides pulseaudio: a
+    // test that cannot start a server then fails instead of skipping.
+    static bool required();
     ~PrivatePulseServer();
 
     // The address to give PulseAudioBackend and libpulse clients.
@@ -29,6 +33,14 @@ class PrivatePulseServer {
     // Starts the tone player: plays each frequency on its own playback stream
     // (16-bit, 44100 Hz, mono) for `seconds`, after `delayMs`. Returns its pid.
     pid_t playTones(const std::vector<double>& frequencies, double seconds, int delayMs = 0) const;
+    // The same, but the player opens its streams only when startPlaying()
+    // tells it to: a process whose audio appears at a moment the test picks.
+    pid_t playTonesOnSignal(const std::vector<double>& frequencies, double seconds) const;
+    static void startPlaying(pid_t player);
+    // Waits until the server has at least `count` playback streams of
+    // process `pid` (as a tap would find them); false when `timeout` passes
+    // first or the server cannot be asked.
+    bool waitForPlaybackStreams(pid_t pid, size_t count, std::chrono::milliseconds timeout) const;
     // Waits for a child started by playTones; kills it first when `kill`.
     static void reap(pid_t pid, bool kill = true);
 

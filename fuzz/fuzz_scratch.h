@@ -1,0 +1,51 @@
+// A private scratch directory for fuzz targets whose decoders read files:
+// under /dev/shm when it is writable (no disk I/O per input), else under
+// $TMPDIR or /tmp. Created on first use, removed when the process exits.
+#pragma once
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+namespace sv::fuzz {
+
+inline const std::string& scratchDirectory() {
+    // Never destroyed: the exit handler below still needs it.
+    static const std::string* dir = [] {
+        std::string base = access("/dev/shm", W_OK) == 0 ? "/dev/shm"
+                           : std::getenv("TMPDIR")       ? std::getenv("TMPDIR")
+                                                         : "/tmp";
+        std::string tmpl = base + "/sv-fuzz-XXXXXX";
+        if (!mkdtemp(tmpl.data())) std::abort();
+        std::atexit([] {
+            std::error_code ec;
+            std::filesystem::remove_all(scratchDirectory(), ec);
+        });
+        return new std::string(tmpl);
+    }();
+    return *dir;
+}
+
+// Replaces the file at `path` (creating its directory) with `size` bytes.
+inline void writeFile(const std::string& path, const uint8_t* data, size_t size) {
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) std::abort();
+    for (size_t done = 0; done < size;) {
+        ssize_t n = write(fd, data + done, size - done);
+        if (n <= 0) std::abort();
+        done += size_t(n);
+    }
+    close(fd);
+}
+
+inline void writeFile(const std::string& path, const std::string& text) {
+    writeFile(path, reinterpret_cast<const uint8_t*>(text.data()), text.size());
+}
+
+}  // namespace sv::fuzz
