@@ -30,26 +30,9 @@ extern "C" {
 namespace sv::media {
 namespace {
 
-// Owners of the FFmpeg handles of one read.
-struct FormatCloser {
-    void operator()(AVFormatContext* c) const { avformat_close_input(&c); }
-};
-struct CodecCloser {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct FrameFreer {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-struct PacketFreer {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct DictFreer {
-    void operator()(AVDictionary* d) const { av_dict_free(&d); }
-};
-using FormatPtr = std::unique_ptr<AVFormatContext, FormatCloser>;
-using CodecPtr = std::unique_ptr<AVCodecContext, CodecCloser>;
-using FramePtr = std::unique_ptr<AVFrame, FrameFreer>;
-using PacketPtr = std::unique_ptr<AVPacket, PacketFreer>;
+// The FFmpeg handles of one read are owned by the shared move-only types.
+using FormatPtr = InputFormatPtr;
+using CodecPtr = CodecContextPtr;
 
 // Undecodable packets in a row after which a track counts as broken.
 constexpr int kMaxConsecutiveErrors = 64;

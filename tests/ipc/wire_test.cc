@@ -121,7 +121,10 @@ TEST(WireTest, IntegerKindsHoldOnlyTheirRange) {
               "int32:uint32:int64:: argument 2 is not a int64");
     EXPECT_FALSE(decodeArgs(0.5, 0, 0).message);
 
-    // Outgoing integers keep their width: the sender refuses what does not fit.
+    // Outgoing values keep their type and width (a bool once went out as 1).
+    EXPECT_TRUE(Arguments().add(true).values()[0].is_boolean());
+    EXPECT_EQ(Arguments().add(uint64_t(UINT64_MAX)).values()[0], Value(UINT64_MAX));
+    // The sender refuses what does not fit.
     std::string error;
     auto wide =
         encodeCall(widths.methods()[0],
