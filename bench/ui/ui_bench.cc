@@ -92,19 +92,19 @@ void x11Latency(const std::string& display, int background, bool bare, const cha
     auto client = testing::X11TestClient::connect(display);
     auto system = X11WindowSystem::connect(display);
     if (!client || !system) return;
-    testing::TestWindowSpec spec;
-    spec.width = spec.height = 100;
+    testing::TestWindowOptions options;
+    options.width = options.height = 100;
     for (int i = 0; i < background; ++i) {
-        if (!bare) spec.pid = uint32_t(10000 + i);  // one element each
-        client->createWindow(spec);
+        if (!bare) options.pid = uint32_t(10000 + i);  // one element each
+        client->createWindow(options);
     }
     system->synchronize();
     auto monitor = system->makeMainDisplayLayoutMonitor();
     auto observer = std::make_shared<CountingObserver>();
     monitor->addObserver(observer);
     size_t base = monitor->currentLayout().elementCount();
-    spec.pid = 99999;
-    uint32_t w = client->createWindow(spec, false);
+    options.pid = 99999;
+    uint32_t w = client->createWindow(options, false);
     std::vector<double> ms;
     for (int i = 0; i < 100; ++i) {
         auto start = std::chrono::steady_clock::now();
@@ -127,11 +127,11 @@ void x11Flood(const std::string& display) {
     auto client = testing::X11TestClient::connect(display);
     auto system = X11WindowSystem::connect(display);
     if (!client || !system) return;
-    testing::TestWindowSpec spec;
+    testing::TestWindowOptions options;
     std::vector<uint32_t> windows;
     for (int i = 0; i < 20; ++i) {
-        spec.pid = uint32_t(20000 + i);
-        windows.push_back(client->createWindow(spec));
+        options.pid = uint32_t(20000 + i);
+        windows.push_back(client->createWindow(options));
     }
     system->synchronize();
     uint64_t scans = system->scanCount();

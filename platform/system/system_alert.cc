@@ -242,12 +242,21 @@ struct SystemAlert::State {
     std::optional<AlertResponse> response;
     std::vector<std::function<void(AlertResponse)>> responseHandlers;
 
-    // True when this call gave the answer.
-    bool finish(AlertResponse r) {
+    bool finishing = false;  // an answer is claimed, not yet delivered
+
+    // True when this call gave the answer. `beforeDelivery` runs once the
+    // answer is claimed and before anyone sees it, so that a caller told
+    // Cancelled can rely on the alert being off the screen already.
+    bool finish(AlertResponse r, const std::function<void()>& beforeDelivery = {}) {
+        {
+            std::lock_guard lock(mutex);
+            if (response || finishing) return false;
+            finishing = true;
+        }
+        if (beforeDelivery) beforeDelivery();
         std::vector<std::function<void(AlertResponse)>> handlers;
         {
             std::lock_guard lock(mutex);
-            if (response) return false;
             response = r;
             handlers.swap(responseHandlers);
         }
@@ -260,8 +269,9 @@ struct SystemAlert::State {
     // Takes an unanswered alert down: it answers Cancelled and its presenter
     // is told to withdraw it.
     void withdraw() {
-        if (!finish(AlertResponse::Cancelled)) return;
-        if (auto p = presenter.lock()) p->withdrawAlert(id);
+        finish(AlertResponse::Cancelled, [this] {
+            if (auto p = presenter.lock()) p->withdrawAlert(id);
+        });
     }
 };
 

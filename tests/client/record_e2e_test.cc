@@ -49,9 +49,8 @@ class RecordEndToEndTest : public ::testing::Test {
 
     void startDaemon() {
         daemon_ = sv::test::spawnWithInput(
-            {SORVELD, "--runtime-dir", dir_ + "/run", "--home", dir_ + "/home",
-             "--screen-backend", "synthetic", "--audio-backend", "synthetic", "--log-level",
-             "default"},
+            {SORVELD, "--runtime-dir", dir_ + "/run", "--home", dir_ + "/home", "--screen-backend",
+             "synthetic", "--audio-backend", "synthetic", "--log-level", "default"},
             env_, "", dir_ + "/sorveld.log");
         ASSERT_TRUE(sv::test::eventually(
             [&] { return std::filesystem::exists(ipc::servicePath(kShellServiceName)); }, 30s));
@@ -59,11 +58,10 @@ class RecordEndToEndTest : public ::testing::Test {
     // A consent agent that answers every question with `answer`.
     void startAgent(const std::string& answer) {
         std::string log = dir_ + "/agent-" + answer + ".log";
-        agent_ = sv::test::spawnWithInput({SORVEL, "consent-agent", "--answer", answer}, env_, "",
-                                          log);
+        agent_ =
+            sv::test::spawnWithInput({SORVEL, "consent-agent", "--answer", answer}, env_, "", log);
         ASSERT_TRUE(sv::test::eventually(
-            [&] { return contains(sv::test::readFile(log), "registered with the service"); },
-            30s));
+            [&] { return contains(sv::test::readFile(log), "registered with the service"); }, 30s));
     }
     std::string output() const { return dir_ + "/recording.mp4"; }
     pid_t record(std::vector<std::string> args) {
@@ -102,8 +100,7 @@ TEST_F(RecordEndToEndTest, RecordsAMovieWithBothAudioTracks) {
     EXPECT_EQ(movie->stamps->dropped, 0);
     EXPECT_TRUE(contains(recordLog(), output() + ": "));  // the inspection follows
     // The service's copy went to FILE: the store keeps nothing of it.
-    for (const auto& e :
-         std::filesystem::directory_iterator(dir_ + "/home/Library/Sorvel"))
+    for (const auto& e : std::filesystem::directory_iterator(dir_ + "/home/Library/Sorvel"))
         ADD_FAILURE() << "left in the store: " << e.path();
 }
 
@@ -130,8 +127,9 @@ TEST_F(RecordEndToEndTest, DecliningOrNoAgentFailsWithTheUsersAnswer) {
     startAgent("decline");
     p = record({"--duration", "1"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 1);
-    EXPECT_TRUE(contains(recordLog(), "The user declined application recording "
-                                      "(org.sorvel.SVRecordingErrorDomain -5801)"))
+    EXPECT_TRUE(contains(recordLog(),
+                         "The user declined application recording "
+                         "(org.sorvel.SVRecordingErrorDomain -5801)"))
         << recordLog();
     EXPECT_FALSE(std::filesystem::exists(output()));
 }
@@ -146,8 +144,7 @@ TEST_F(RecordEndToEndTest, ADaemonRestartEndsTheRecordingAndTheAgentComesBack) {
     sv::test::waitForExit(daemon_);
     daemon_ = -1;
     EXPECT_EQ(sv::test::waitForExit(p, 60s), 1);
-    EXPECT_TRUE(contains(recordLog(), "(org.sorvel.SVRecorderClientErrorDomain 2)"))
-        << recordLog();
+    EXPECT_TRUE(contains(recordLog(), "(org.sorvel.SVRecorderClientErrorDomain 2)")) << recordLog();
     std::filesystem::remove(ipc::servicePath(kDaemonServiceName));
     std::filesystem::remove(ipc::servicePath(kShellServiceName));
     startDaemon();

@@ -1,5 +1,6 @@
 // The modal system alert through the presenter seam: answers, creation
 // failures, presenters that go away, withdrawal, safe texts and the wire form.
+#include <algorithm>
 #include <future>
 #include <map>
 #include <thread>
@@ -159,10 +160,12 @@ TEST(SystemAlertTest, TheFirstAnswerFromAnyThreadCountsAndUnwantedAlertsAreWithd
     released.reset();
     EXPECT_EQ(timed->waitForResponseFor(kGenerous), AlertResponse::Cancelled);
     auto withdrawn = presenter->withdrawnAlerts();
+    // The timer may fire first on a loaded machine; the other two go in order.
     ASSERT_EQ(withdrawn.size(), 3u);
-    EXPECT_EQ(withdrawn[0], cancelled->identifier());
-    EXPECT_EQ(withdrawn[1], releasedID);
-    EXPECT_EQ(withdrawn[2], timed->identifier());
+    auto at = [&](uint64_t id) { return std::find(withdrawn.begin(), withdrawn.end(), id); };
+    EXPECT_NE(at(timed->identifier()), withdrawn.end());
+    EXPECT_LT(at(cancelled->identifier()), at(releasedID));
+    EXPECT_NE(at(releasedID), withdrawn.end());
     EXPECT_EQ(presenter->pendingCount(), 0u);
 }
 

@@ -135,11 +135,11 @@ class X11WindowSystemTest : public ::testing::Test {
 
     uint32_t window(std::optional<pid_t> pid, std::vector<std::string> types = {},
                     std::vector<std::string> states = {}) {
-        TestWindowSpec spec;
-        if (pid) spec.pid = uint32_t(*pid);
-        spec.types = std::move(types);
-        spec.states = std::move(states);
-        return client_->createWindow(spec);
+        TestWindowOptions options;
+        if (pid) options.pid = uint32_t(*pid);
+        options.types = std::move(types);
+        options.states = std::move(states);
+        return client_->createWindow(options);
     }
     DisplayLayout layoutNow() {
         EXPECT_TRUE(system_->synchronize());
@@ -264,7 +264,7 @@ TEST_F(X11WindowSystemTest, LayoutHasOneElementPerOwnerWithLevelsFromTypeAndStat
     window(getpid(), {"_NET_WM_WINDOW_TYPE_DOCK"});
     window(getpid(), {"_NET_WM_WINDOW_TYPE_DESKTOP"});
     window(beta_->pid(), {}, {"_NET_WM_STATE_HIDDEN"});
-    TestWindowSpec offscreen;
+    TestWindowOptions offscreen;
     offscreen.x = -5000;
     offscreen.pid = uint32_t(beta_->pid());
     client_->createWindow(offscreen);
@@ -286,7 +286,7 @@ TEST_F(X11WindowSystemTest, LayoutHasOneElementPerOwnerWithLevelsFromTypeAndStat
     // Windows of other owners that share the screen, one element each.
     window(std::nullopt, {}, {"_NET_WM_STATE_ABOVE"});
     window(getpid(), {"_NET_WM_WINDOW_TYPE_NOTIFICATION"});
-    TestWindowSpec popup;
+    TestWindowOptions popup;
     popup.overrideRedirect = true;
     popup.width = popup.height = 50;
     uint32_t popupWindow = client_->createWindow(popup);
@@ -295,7 +295,7 @@ TEST_F(X11WindowSystemTest, LayoutHasOneElementPerOwnerWithLevelsFromTypeAndStat
 
     // A screen locker (override-redirect over the whole screen) and a
     // fullscreen window take the screen.
-    TestWindowSpec locker;
+    TestWindowOptions locker;
     locker.overrideRedirect = true;
     locker.width = 1280;
     locker.height = 800;
@@ -338,9 +338,9 @@ TEST_F(X11WindowSystemTest, LayoutHasOneElementPerOwnerWithLevelsFromTypeAndStat
 TEST_F(X11WindowSystemTest, ClientsInsideWindowManagerFramesAndUntrustedOwners) {
     // A reparenting window manager: a frame without properties holding the
     // client, which carries WM_STATE and the owner.
-    TestWindowSpec frameSpec;
+    TestWindowOptions frameSpec;
     uint32_t frame = client_->createWindow(frameSpec, false);
-    TestWindowSpec clientSpec;
+    TestWindowOptions clientSpec;
     clientSpec.parent = frame;
     clientSpec.pid = uint32_t(alpha_->pid());
     uint32_t inner = client_->createWindow(clientSpec);
@@ -362,7 +362,7 @@ TEST_F(X11WindowSystemTest, ClientsInsideWindowManagerFramesAndUntrustedOwners) 
     EXPECT_EQ(layoutNow().elementCount(), 1u);
 
     // An owner claimed by a client of another machine is no local process.
-    TestWindowSpec remote;
+    TestWindowOptions remote;
     remote.pid = uint32_t(beta_->pid());
     remote.clientMachine = "elsewhere.example.org";
     client_->createWindow(remote);
@@ -392,7 +392,7 @@ TEST_F(X11WindowSystemTest, FloodsAndCrowdsCostBoundedWork) {
     EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.alpha");
 
     // More top-levels than one scan reads: the topmost ones are seen.
-    TestWindowSpec tiny;
+    TestWindowOptions tiny;
     tiny.width = tiny.height = 1;
     client_->createUnmappedWindows(tiny, int(kX11MaxScannedWindows) + 10);
     uint32_t top = window(beta_->pid());
@@ -410,9 +410,9 @@ TEST_F(X11WindowSystemTest, ALostServerEmptiesTheLayoutAndForegroundState) {
     ASSERT_TRUE(client);
     auto system = X11WindowSystem::connect(server->displayName());
     ASSERT_TRUE(system);
-    TestWindowSpec spec;
-    spec.pid = uint32_t(alpha_->pid());
-    uint32_t w = client->createWindow(spec);
+    TestWindowOptions options;
+    options.pid = uint32_t(alpha_->pid());
+    uint32_t w = client->createWindow(options);
     client->setActiveWindow(w);
     ASSERT_TRUE(system->synchronize());
     auto monitor = system->makeMainDisplayLayoutMonitor();

@@ -84,23 +84,23 @@ void X11TestClient::setAtoms(uint32_t window, const std::string& property,
                         uint32_t(atoms.size()), atoms.data());
 }
 
-uint32_t X11TestClient::createWindow(const TestWindowSpec& spec, bool mapIt) {
+uint32_t X11TestClient::createWindow(const TestWindowOptions& options, bool mapIt) {
     uint32_t w = xcb_generate_id(c_);
-    uint32_t values[] = {spec.overrideRedirect ? 1u : 0u};
-    xcb_create_window(c_, XCB_COPY_FROM_PARENT, w, spec.parent ? spec.parent : root_,
-                      int16_t(spec.x), int16_t(spec.y), uint16_t(spec.width), uint16_t(spec.height),
-                      0, XCB_WINDOW_CLASS_INPUT_OUTPUT, XCB_COPY_FROM_PARENT,
-                      XCB_CW_OVERRIDE_REDIRECT, values);
-    if (spec.pid) setPid(w, *spec.pid);
-    if (!spec.types.empty()) setAtoms(w, "_NET_WM_WINDOW_TYPE", spec.types);
-    if (!spec.states.empty()) setAtoms(w, "_NET_WM_STATE", spec.states);
-    if (spec.clientMachine)
+    uint32_t values[] = {options.overrideRedirect ? 1u : 0u};
+    xcb_create_window(c_, XCB_COPY_FROM_PARENT, w, options.parent ? options.parent : root_,
+                      int16_t(options.x), int16_t(options.y), uint16_t(options.width),
+                      uint16_t(options.height), 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
+                      XCB_COPY_FROM_PARENT, XCB_CW_OVERRIDE_REDIRECT, values);
+    if (options.pid) setPid(w, *options.pid);
+    if (!options.types.empty()) setAtoms(w, "_NET_WM_WINDOW_TYPE", options.types);
+    if (!options.states.empty()) setAtoms(w, "_NET_WM_STATE", options.states);
+    if (options.clientMachine)
         xcb_change_property(c_, XCB_PROP_MODE_REPLACE, w, XCB_ATOM_WM_CLIENT_MACHINE,
-                            XCB_ATOM_STRING, 8, uint32_t(spec.clientMachine->size()),
-                            spec.clientMachine->data());
-    if (spec.transientFor)
+                            XCB_ATOM_STRING, 8, uint32_t(options.clientMachine->size()),
+                            options.clientMachine->data());
+    if (options.transientFor)
         xcb_change_property(c_, XCB_PROP_MODE_REPLACE, w, XCB_ATOM_WM_TRANSIENT_FOR,
-                            XCB_ATOM_WINDOW, 32, 1, &spec.transientFor);
+                            XCB_ATOM_WINDOW, 32, 1, &options.transientFor);
     if (mapIt) xcb_map_window(c_, w);
     sync();
     return w;
@@ -173,12 +173,12 @@ void X11TestClient::cycleActiveWindow(const std::vector<uint32_t>& windows, int 
     sync();
 }
 
-void X11TestClient::createUnmappedWindows(const TestWindowSpec& spec, int count) {
+void X11TestClient::createUnmappedWindows(const TestWindowOptions& options, int count) {
     for (int i = 0; i < count; ++i) {
         uint32_t w = xcb_generate_id(c_);
-        xcb_create_window(c_, XCB_COPY_FROM_PARENT, w, spec.parent ? spec.parent : root_,
-                          int16_t(spec.x), int16_t(spec.y), uint16_t(spec.width),
-                          uint16_t(spec.height), 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
+        xcb_create_window(c_, XCB_COPY_FROM_PARENT, w, options.parent ? options.parent : root_,
+                          int16_t(options.x), int16_t(options.y), uint16_t(options.width),
+                          uint16_t(options.height), 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
                           XCB_COPY_FROM_PARENT, 0, nullptr);
     }
     sync();

@@ -18,7 +18,7 @@ struct xcb_connection_t;
 namespace sv::testing {
 
 // A window as the test client describes it.
-struct TestWindowSpec {
+struct TestWindowOptions {
     int x = 0, y = 0, width = 400, height = 300;
     std::optional<uint32_t> pid;  // _NET_WM_PID
     // _NET_WM_WINDOW_TYPE atoms by name, e.g. "_NET_WM_WINDOW_TYPE_DIALOG".
@@ -40,7 +40,7 @@ class X11TestClient {
 
     uint32_t root() const { return root_; }
     // Creates the window with its properties; mapped when `map`.
-    uint32_t createWindow(const TestWindowSpec& spec, bool map = true);
+    uint32_t createWindow(const TestWindowOptions& options, bool map = true);
     void map(uint32_t window);
     void unmap(uint32_t window);
     void destroy(uint32_t window);
@@ -56,7 +56,7 @@ class X11TestClient {
     // Floods: `count` changes of the active window (cycling through
     // `windows`) / `count` unmapped windows, sent without waiting in between.
     void cycleActiveWindow(const std::vector<uint32_t>& windows, int count);
-    void createUnmappedWindows(const TestWindowSpec& spec, int count);
+    void createUnmappedWindows(const TestWindowOptions& options, int count);
     void sync();
 
   private:
