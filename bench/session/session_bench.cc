@@ -221,7 +221,8 @@ Ffmpeg encodeWithFfmpeg(const SyntheticDisplay& display, int64_t frames, const s
                   "ffmpeg -v error -y -f rawvideo -pix_fmt bgra -s %dx%d -r 60 -i - "
                   "-f lavfi -i sine=f=620:r=44100:d=%.3f -f lavfi -i sine=f=440:r=44100:d=%.3f "
                   "-map 0:v -map 1:a -map 2:a -c:v libx264 -preset %s -profile:v main "
-                  "-pix_fmt yuv420p -b:v 5000000 -g 120 -c:a aac -b:a 128000 -ac 2 -ar 44100 %s",
+                  "-pix_fmt yuv420p -b:v 5000000 -g 120 -thread_type slice -c:a aac -b:a 128000 "
+                  "-ac 2 -ar 44100 %s",
                   kWidth, kHeight, seconds, seconds, media::kDefaultX264Preset, out.c_str());
     int fds[2];
     if (pipe(fds) != 0) return {};
