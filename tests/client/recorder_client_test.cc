@@ -365,6 +365,8 @@ TEST_F(RecorderClientTest, ReconnectingRepeatsTheLastActivityReport) {
         startDaemon(answerDiscard);
         EXPECT_FALSE(discard());
         EXPECT_FALSE(discard());
+        // The script answers before the call is recorded.
+        ASSERT_TRUE(daemon_->waitForCall(kDiscard, 1));
         EXPECT_EQ(daemon_->methods(), (std::vector<std::string>{report, kDiscard, kDiscard}));
         EXPECT_EQ(daemon_->calls()[0].args[0], "com.example.app");
         daemon_->die();

@@ -214,15 +214,17 @@ TEST_F(DaemonTest, PurgeAndLockButtonDuringARecording) {
     EXPECT_TRUE(capture.contains("SVRecordingManager: stopRecordingWithHandler:"));
     EXPECT_TRUE(capture.contains("SVRecordingManager:recordingSessionStoppedWithError:movieURL:"));
 
-    // A new recording, and the device is locked.
-    session->setRecording(true);
-    manager->setCurrentRecordingSession(session);
+    // A new recording (a session of its own: the stopped one is still being
+    // finished), and the device is locked.
+    auto next = SVRecordingSession::initWithBundleID("org.sorvel.tests.other");
+    next->setRecording(true);
+    manager->setCurrentRecordingSession(next);
     capture.clear();
     NotificationCenter::defaultCenter().post(kLockButtonPressedNotification);
     EXPECT_TRUE(capture.contains("SVRecordingManager: _handleLockButtonWasPressedNotification"));
     EXPECT_TRUE(capture.contains("SVRecordingManager: stopRecordingWithHandler:"));
 
-    session->setRecording(false);
+    next->setRecording(false);
     capture.clear();
     NotificationCenter::defaultCenter().post(kLockButtonPressedNotification);
     EXPECT_FALSE(capture.contains("SVRecordingManager: stopRecordingWithHandler:"));
