@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include <spdlog/async.h>
@@ -25,6 +27,12 @@ struct State {
     std::string identifier = "sorveld";
     std::atomic<bool> debug{false};
     std::atomic<bool> output{true};
+    // The writer thread of the async logger. Held here rather than in
+    // spdlog's registry: the registry is a static that exit() destroys while
+    // other threads (capture, IPC) may still be logging, and a logger whose
+    // pool is gone throws from every call. This one lives as long as the
+    // process; drainAtExit() writes out what is still queued.
+    std::shared_ptr<spdlog::details::thread_pool> pool;
 
     State() {
         const char* lvl = std::getenv("SORVEL_LOG_LEVEL");
@@ -40,6 +48,22 @@ State& state() {
     return *s;
 }
 
+// Runs at exit on the exiting thread: wait (bounded) for the writer thread
+// to empty its queue, so that the last lines before exit are not lost.
+void drainAtExit() {
+    std::shared_ptr<spdlog::details::thread_pool> pool;
+    {
+        std::lock_guard lock(state().mutex);
+        pool = state().pool;
+    }
+    if (!pool) return;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    while (pool->queue_size() > 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::fflush(stderr);
+}
+
+// Called with the state's mutex held.
 std::shared_ptr<spdlog::logger> makeLogger(const std::string& identifier) {
     spdlog::sink_ptr sink;
 #ifdef SV_HAVE_SYSTEMD
@@ -47,9 +71,13 @@ std::shared_ptr<spdlog::logger> makeLogger(const std::string& identifier) {
         sink = std::make_shared<spdlog::sinks::systemd_sink_mt>(identifier);
 #endif
     if (!sink) sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
-    if (!spdlog::thread_pool()) spdlog::init_thread_pool(8192, 1);
+    State& s = state();
+    if (!s.pool) {
+        s.pool = std::make_shared<spdlog::details::thread_pool>(8192, 1);
+        std::atexit(drainAtExit);
+    }
     auto logger = std::make_shared<spdlog::async_logger>(
-        identifier, sink, spdlog::thread_pool(), spdlog::async_overflow_policy::overrun_oldest);
+        identifier, sink, s.pool, spdlog::async_overflow_policy::overrun_oldest);
     logger->set_level(spdlog::level::trace);
     logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %n[%t] <%l> %v");
     return logger;

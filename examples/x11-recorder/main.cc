@@ -118,6 +118,7 @@ class App : public sv::SVRecorderClientDelegate {
     uint16_t width_ = 640, height_ = 360;
     int x_ = 20, y_ = 20, dx_ = 5, dy_ = 3;
     enum class State { Waiting, Starting, Recording, Stopping, Done } state_ = State::Waiting;
+    bool stopWhenStarted_ = false;
     Clock::time_point stopAt_;
     std::optional<int> status_;
 };
@@ -185,12 +186,22 @@ void App::startRecording() {
             std::printf("x11-recorder: recording%s\n", microphone ? " with the microphone" : "");
             std::fflush(stdout);
             state_ = State::Recording;
+            if (stopWhenStarted_) {
+                stopRecording();
+                return;
+            }
             stopAt_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                          std::chrono::duration<double>(seconds_));
         });
 }
 
 void App::stopRecording() {
+    // Closed while the service (or the user) is still deciding: stop as soon
+    // as the answer comes, and keep whatever was recorded by then.
+    if (state_ == State::Starting) {
+        stopWhenStarted_ = true;
+        return;
+    }
     if (state_ != State::Recording) {
         if (state_ != State::Stopping) finish(std::nullopt, state_ == State::Waiting ? 0 : 1);
         return;

@@ -15,7 +15,7 @@
 //   stopped CODE PATH            PATH "-" for none
 //   discarded CODE
 //   callback CODE PATH           stopRecordingWithError:movieURL:
-//   layers ID...                 layers CODE (on an error)
+//   layers ID...                 (none listed within 20 s: "layers")
 //   status JSON
 #include <unistd.h>
 
@@ -149,15 +149,12 @@ int main() {
             in >> other;
             client.clientDidBecomeActiveWithBundleID(other);
         } else if (command == "layers") {
-            sv::Semaphore done;
-            shell.layerContextIDsForCaller([&](std::vector<uint32_t> layers, sv::OptionalError e) {
-                std::string text = "layers";
-                if (e) text += " error " + std::to_string(e->code);
-                for (uint32_t id : layers) text += " " + std::to_string(id);
-                emit(text);
-                done.signal();
-            });
-            done.wait();
+            // The service lists this process's layers once it has accepted
+            // the recorder connection, which may be a moment after this line.
+            auto layers = ownLayers(shell);
+            std::string text = "layers";
+            for (uint32_t id : layers) text += " " + std::to_string(id);
+            emit(text);
         } else if (command == "status") {
             sv::Semaphore done;
             shell.call("recordingStatusForCallerWithHandler:", {},
