@@ -80,6 +80,8 @@ class TimedDelegate : public ScreenCaptureControllerDelegate {
     void screenCaptureControllerDidReceiveSampleBuffer(ScreenCaptureController& controller,
                                                        const std::shared_ptr<SampleBuffer>& sample,
                                                        uint32_t flags) override {
+        rusage u0{}, u1{};
+        getrusage(RUSAGE_THREAD, &u0);
         const double cpu0 = threadCpuSeconds();
         const auto t0 = std::chrono::steady_clock::now();
         session_->screenCaptureControllerDidReceiveSampleBuffer(controller, sample, flags);
@@ -87,9 +89,14 @@ class TimedDelegate : public ScreenCaptureControllerDelegate {
             std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0)
                 .count();
         const double cpuMs = (threadCpuSeconds() - cpu0) * 1e3;
+        getrusage(RUSAGE_THREAD, &u1);
         std::lock_guard lock(mutex_);
         ms_.push_back(ms);
         cpuMs_.push_back(cpuMs);
+        // Why a slow frame was slow: it blocked (a lock, a full queue) or
+        // it was preempted by another thread of the machine.
+        if (u1.ru_nvcsw > u0.ru_nvcsw) ++blocked_;
+        if (u1.ru_nivcsw > u0.ru_nivcsw) ++preempted_;
     }
     void screenCaptureControllerDidFailWithStatus(ScreenCaptureController& c,
                                                   int32_t status) override {
@@ -102,6 +109,11 @@ class TimedDelegate : public ScreenCaptureControllerDelegate {
     void screenCaptureControllerMediaServicesWereReset(ScreenCaptureController& c) override {
         session_->screenCaptureControllerMediaServicesWereReset(c);
     }
+    // Frames during whose handling the thread blocked, or was preempted.
+    std::pair<size_t, size_t> switches() {
+        std::lock_guard lock(mutex_);
+        return {blocked_, preempted_};
+    }
     // Wall-clock and thread-CPU milliseconds of each frame's handling.
     std::pair<std::vector<double>, std::vector<double>> times() {
         std::lock_guard lock(mutex_);
@@ -112,6 +124,7 @@ class TimedDelegate : public ScreenCaptureControllerDelegate {
     std::shared_ptr<SVRecordingSession> session_;
     std::mutex mutex_;
     std::vector<double> ms_, cpuMs_;
+    size_t blocked_ = 0, preempted_ = 0;
 };
 
 // Resident memory of this process by kind (MiB), from /proc/self/status:
@@ -144,6 +157,7 @@ struct Recording {
     Resident largest;  // the largest resident set seen while recording
     size_t framesCaptured = 0;
     std::vector<double> deliveryMs, deliveryCpuMs;
+    size_t framesBlocked = 0, framesPreempted = 0;
 };
 
 Recording record(double seconds) {
@@ -200,6 +214,7 @@ Recording record(double seconds) {
     r.peakRssMiB = double(after.ru_maxrss) / 1024.0;
     r.largest = largest;
     std::tie(r.deliveryMs, r.deliveryCpuMs) = timed->times();
+    std::tie(r.framesBlocked, r.framesPreempted) = timed->switches();
     r.framesCaptured = r.deliveryMs.size() + 1;  // and the first, before the timing began
     return r;
 }
@@ -324,6 +339,9 @@ int run(double seconds, const std::optional<std::string>& keep) {
     std::vector<double> deliveryCpu = rec.deliveryCpuMs;
     report("session_delivery_thread_cpu_p50", percentile(deliveryCpu, 50), "ms");
     report("session_delivery_thread_cpu_p99", percentile(deliveryCpu, 99), "ms");
+
+    report("session_delivery_frames_blocked", double(rec.framesBlocked), "frames");
+    report("session_delivery_frames_preempted", double(rec.framesPreempted), "frames");
 
     const double cpuPerSecond = rec.cpu / rec.seconds;
     report("session_cpu_per_recorded_second", cpuPerSecond, "s/s");
