@@ -37,7 +37,8 @@ class Server : public ListenerDelegate, public std::enable_shared_from_this<Serv
     std::vector<int64_t> hellos, counts;
     std::vector<pid_t> pingPids;
     std::vector<std::shared_ptr<Connection>> connections;
-    std::atomic<int> invalidations{0}, interruptions{0};
+    std::atomic<int> invalidations{0}, interruptions{0}, echoes{0};
+    std::atomic<bool> blocked{false};
     Semaphore release;
     std::shared_ptr<Listener> anonymous;
     std::function<void(const std::shared_ptr<Connection>&)> configure;
@@ -80,11 +81,17 @@ class Server : public ListenerDelegate, public std::enable_shared_from_this<Serv
                     if (auto s = w.lock()) s->record(s->pingPids, pid);
                 })
             .on("echo:withReply:",
-                [](Invocation& inv) { inv.handler()(Arguments().add(inv.at(0))); })
+                [w](Invocation& inv) {
+                    if (auto s = w.lock()) s->echoes++;
+                    inv.handler()(Arguments().add(inv.at(0)));
+                })
             .on("dropReply:withReply:", [](Invocation&) {})
             .on("block:",
                 [w](Invocation&) {
-                    if (auto s = w.lock()) s->release.waitFor(10s);
+                    if (auto s = w.lock()) {
+                        s->blocked = true;
+                        s->release.waitFor(10s);
+                    }
                 })
             .on("readFile:withReply:",
                 [](Invocation& inv) {
@@ -180,7 +187,10 @@ TEST_F(IpcTest, NoConnectionBeforeResume) {
 
 TEST_F(IpcTest, MessagesArriveInOrderAndDroppedRepliesNeverArrive) {
     listen();
-    std::this_thread::sleep_for(50ms);  // the I/O thread (epoll, eventfd, timerfd) is up
+    // A first peer comes and goes, so that whatever the IPC layer opens once
+    // (its I/O thread's descriptors) is open before the count.
+    EXPECT_EQ(waitForExit(peer({"client", service_, "hello"})), 0);
+    ASSERT_TRUE(eventually([&] { return server_->invalidations == 1; }));
     size_t descriptors = sv::test::openDescriptorCount();
     pid_t counter = peer({"client", service_, "count", "500"});
     pid_t dropper = peer({"client", service_, "dropped"});
@@ -190,7 +200,7 @@ TEST_F(IpcTest, MessagesArriveInOrderAndDroppedRepliesNeverArrive) {
     ASSERT_EQ(counts.size(), 500u);
     for (int64_t i = 0; i < 500; ++i) ASSERT_EQ(counts[i], i);
     // Both peers are gone: their connections ended and closed their sockets.
-    EXPECT_TRUE(eventually([&] { return server_->invalidations == 2; }));
+    EXPECT_TRUE(eventually([&] { return server_->invalidations == 3; }));
     server_->connections.clear();
     EXPECT_TRUE(eventually([&] { return sv::test::openDescriptorCount() <= descriptors; }));
 }
@@ -200,8 +210,7 @@ TEST_F(IpcTest, BlockedHandlerHoldsUpOnlyItsOwnConnection) {
     log::setDebugEnabled(true);
     listen();
     pid_t blocked = peer({"client", service_, "block"});
-    ASSERT_TRUE(eventually([&] { return server_->snapshot(server_->connectionPids).size() == 1; }));
-    std::this_thread::sleep_for(50ms);
+    ASSERT_TRUE(eventually([&] { return server_->blocked.load(); }));
     pid_t other = peer({"client", service_, "hello"});
     EXPECT_EQ(waitForExit(other), 0);
     EXPECT_TRUE(server_->snapshot(server_->counts).empty());
@@ -220,7 +229,7 @@ TEST_F(IpcTest, AcceptedConnectionIsInvalidatedWhenThePeerDiesMidCall) {
     pid_t child = peer({"client", service_, "exportdie"});
     ASSERT_TRUE(eventually([&] { return server_->snapshot(server_->connections).size() == 1; }));
     auto c = server_->snapshot(server_->connections)[0];
-    std::this_thread::sleep_for(100ms);  // the child's "ready" echo went through
+    ASSERT_TRUE(eventually([&] { return server_->echoes == 1; }));  // the child's "ready"
     std::atomic<int64_t> code{0};
     std::atomic<bool> replied{false};
     c->remoteObjectProxyWithErrorHandler([&](const Error& e) {

@@ -145,10 +145,8 @@ inline std::optional<URL> writeStampedMovie(const std::string& path,
         o.window.value_or(WindowSize{float(o.width), float(o.height)}), path, nullptr);
     startWriter(writer);
     auto waitReady = [&](const std::shared_ptr<media::MovieWriterInput>& input) {
-        for (int i = 0; i < 20000 && input && writer->fileWriterStatus() == 1 &&
-                        !input->isReadyForMoreMediaData();
-             ++i)
-            usleep(500);
+        if (input && writer->fileWriterStatus() == 1)
+            input->waitUntilReadyForMoreMediaData(std::chrono::seconds(10));
     };
     // Host time of presentation time t: from the last frame at or before t
     // (scripts are in time order, as the writer only takes later frames).
