@@ -27,6 +27,9 @@ esac
 
 export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/sorvel-ccache}"
 export CCACHE_BASEDIR="$PWD"
+# Debug builds would hash the checkout's directory: a fresh clone (as CI
+# makes) would then miss every object another checkout compiled.
+export CCACHE_NOHASHDIR=true
 export CCACHE_MAXSIZE="${CCACHE_MAXSIZE:-5G}"
 
 if [ ! -f "$builddir/build.ninja" ]; then
