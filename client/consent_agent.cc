@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "client/shell_channel.h"
-#include "daemon/protocol/recording_protocol.h"
 #include "platform/log.h"
+#include "protocol/recording_protocol.h"
 
 namespace sv {
 

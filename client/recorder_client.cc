@@ -16,14 +16,14 @@
 #include <utility>
 
 #include "client/recorder_internal.h"
-#include "daemon/protocol/recording_protocol.h"
-#include "daemon/protocol/service_names.h"
 #include "platform/dispatch.h"
 #include "platform/ipc/ipc.h"
 #include "platform/log.h"
 #include "platform/process/process_info.h"
 #include "platform/system/bundle.h"
 #include "platform/url.h"
+#include "protocol/recording_protocol.h"
+#include "protocol/service_names.h"
 #include "sorvel/recorder_client.h"
 
 namespace sv {

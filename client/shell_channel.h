@@ -7,9 +7,9 @@
 #include <memory>
 #include <vector>
 
-#include "daemon/protocol/recording_protocol.h"
-#include "daemon/protocol/service_names.h"
-#include "daemon/protocol/shell_protocol.h"
+#include "protocol/recording_protocol.h"
+#include "protocol/service_names.h"
+#include "protocol/shell_protocol.h"
 
 namespace sv {
 

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include "daemon/protocol/recording_protocol.h"
 #include "platform/log.h"
 #include "platform/screen/synthetic_screen.h"
 #include "platform/ui/synthetic_window_system.h"
+#include "protocol/recording_protocol.h"
 
 namespace sv {
 

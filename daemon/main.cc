@@ -10,7 +10,6 @@
 
 #include "daemon/consent_agent.h"
 #include "daemon/daemon_platform.h"
-#include "daemon/protocol/service_names.h"
 #include "daemon/recording_manager.h"
 #include "daemon/shell_service.h"
 #include "platform/audio/audio_backend.h"
@@ -24,6 +23,7 @@
 #include "platform/screen/synthetic_screen.h"
 #include "platform/system/system_alert.h"
 #include "platform/ui/ui_backend.h"
+#include "protocol/service_names.h"
 #include "support/movie_store.h"
 
 namespace {

@@ -8,10 +8,10 @@
 #include <cmath>
 #include <limits>
 
-#include "daemon/protocol/recording_protocol.h"
 #include "daemon/recording_manager.h"
 #include "platform/log.h"
 #include "platform/process/process_info.h"
+#include "protocol/recording_protocol.h"
 
 namespace sv {
 namespace {

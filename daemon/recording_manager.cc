@@ -12,11 +12,11 @@
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 
-#include "daemon/protocol/recording_protocol.h"
-#include "daemon/protocol/service_names.h"
 #include "platform/log.h"
 #include "platform/process/keep_alive.h"
 #include "platform/process/purgeable_space.h"
+#include "protocol/recording_protocol.h"
+#include "protocol/service_names.h"
 #include "support/movie_store.h"
 
 namespace sv {

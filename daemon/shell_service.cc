@@ -2,11 +2,11 @@
 
 #include <optional>
 
-#include "daemon/protocol/recording_protocol.h"
-#include "daemon/protocol/shell_protocol.h"
 #include "platform/log.h"
 #include "platform/process/notification_center.h"
 #include "platform/process/purgeable_space.h"
+#include "protocol/recording_protocol.h"
+#include "protocol/shell_protocol.h"
 
 namespace sv {
 namespace {

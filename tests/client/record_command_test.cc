@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 
 #include "client/shell_channel.h"
-#include "daemon/protocol/recording_protocol.h"
 #include "platform/url.h"
+#include "protocol/recording_protocol.h"
 #include "tests/client/cli_helpers.h"
 #include "tests/client/fake_service.h"
 #include "tests/process/process_helpers.h"

@@ -8,9 +8,9 @@
 
 #include <gtest/gtest.h>
 
-#include "daemon/protocol/service_names.h"
 #include "movie/movie_inspector.h"
 #include "platform/ipc/ipc.h"
+#include "protocol/service_names.h"
 #include "tests/client/cli_helpers.h"
 #include "tests/process/process_helpers.h"
 #include "tests/support/test_util.h"

@@ -7,9 +7,9 @@
 
 #include <gtest/gtest.h>
 
-#include "daemon/protocol/recording_protocol.h"
-#include "daemon/protocol/service_names.h"
 #include "platform/dispatch.h"
+#include "protocol/recording_protocol.h"
+#include "protocol/service_names.h"
 #include "sorvel/recorder_client.h"
 #include "tests/client/fake_service.h"
 #include "tests/process/process_helpers.h"

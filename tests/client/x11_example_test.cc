@@ -8,10 +8,10 @@
 
 #include <gtest/gtest.h>
 
-#include "daemon/protocol/recording_protocol.h"
-#include "daemon/protocol/service_names.h"
 #include "platform/screen/testing/xvfb_server.h"
 #include "platform/url.h"
+#include "protocol/recording_protocol.h"
+#include "protocol/service_names.h"
 #include "tests/client/cli_helpers.h"
 #include "tests/client/fake_service.h"
 #include "tests/process/process_helpers.h"

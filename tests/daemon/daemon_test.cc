@@ -13,10 +13,10 @@
 #include <gtest/gtest.h>
 
 #include "client/shell_client.h"
-#include "daemon/protocol/service_names.h"
 #include "daemon/recording_manager.h"
 #include "platform/log.h"
 #include "platform/process/purgeable_space.h"
+#include "protocol/service_names.h"
 #include "support/movie_store.h"
 #include "tests/process/process_helpers.h"
 

@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "daemon/protocol/service_names.h"
 #include "platform/ipc/ipc.h"
+#include "protocol/service_names.h"
 #include "tests/daemon/hostile_peer.h"
 #include "tests/process/process_helpers.h"
 

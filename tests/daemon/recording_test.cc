@@ -26,13 +26,13 @@
 
 #include "client/consent_agent.h"
 #include "client/shell_client.h"
-#include "daemon/protocol/recording_protocol.h"
-#include "daemon/protocol/service_names.h"
 #include "movie/movie_inspector.h"
 #include "platform/dispatch.h"
 #include "platform/ipc/ipc.h"
 #include "platform/log.h"
 #include "platform/url.h"
+#include "protocol/recording_protocol.h"
+#include "protocol/service_names.h"
 #include "tests/process/process_helpers.h"
 
 extern char** environ;

@@ -11,8 +11,8 @@
 #include <memory>
 #include <vector>
 
-#include "daemon/protocol/service_names.h"
 #include "platform/ipc/wire.h"
+#include "protocol/service_names.h"
 
 namespace sv {
 
