@@ -76,6 +76,7 @@ std::optional<ShellRecordingStatus> ShellRecordingStatus::fromValue(const Value&
     s.systemRecording = boolAt(v, "systemRecording").value_or(false);
     s.elapsed = numberAt(v, "elapsed").value_or(0);
     s.framesWritten = intAt(v, "framesWritten").value_or(0);
+    s.framesDropped = intAt(v, "framesDropped").value_or(0);
     s.movieBytes = intAt(v, "movieBytes").value_or(0);
     return s;
 }

@@ -34,6 +34,7 @@ struct ShellRecordingStatus {
     bool systemRecording = false;
     double elapsed = 0;  // seconds recorded, pauses left out
     int64_t framesWritten = 0;
+    int64_t framesDropped = 0;  // the encoder fell behind
     int64_t movieBytes = 0;
     // nullopt for a value that is not such a record.
     static std::optional<ShellRecordingStatus> fromValue(const Value& v);

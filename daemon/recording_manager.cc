@@ -403,6 +403,7 @@ Value SVRecordingManager::recordingStatusForProcess(pid_t pid) {
     status["systemRecording"] = session->isSystemRecording();
     status["elapsed"] = progress.recordedSeconds;
     status["framesWritten"] = progress.framesWritten;
+    status["framesDropped"] = progress.framesDropped;
     status["movieBytes"] = movieBytes;
     return status;
 }

@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "broadcast/broadcast_configuration.h"
 #include "platform/log.h"
 #include "platform/media/media_settings.h"
+#include "protocol/broadcast_configuration.h"
 
 namespace {
 

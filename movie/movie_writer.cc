@@ -107,34 +107,32 @@ void SVMovieWriter::setupFileWriter() {
     audioInput2_ = makeInput(media::MediaType::Audio, audio);
 }
 
-void SVMovieWriter::appendVideoSampleBuffer(const std::shared_ptr<SampleBuffer>& sample,
+bool SVMovieWriter::appendVideoSampleBuffer(const std::shared_ptr<SampleBuffer>& sample,
                                             const AffineTransform& windowTransform) {
-    if (!sample) return;
+    if (!sample) return false;
     const MediaTime t = sample->presentationTime();
     if (lastVideoPresentationTime_.isValid() && lastVideoPresentationTime_.value >= t.value) {
         log::info("discarding video sample buffer due to timestamp earlier than previous");
-        return;
+        return false;
     }
     lastVideoPresentationTime_ = t;
 
     switch (Status(fileWriterStatus())) {
         case Status::Writing:
-            if (videoInput_ && videoInput_->isReadyForMoreMediaData())
-                videoInput_->appendSampleBuffer(sample);
-            return;
+            return videoInput_ && videoInput_->isReadyForMoreMediaData() &&
+                   videoInput_->appendSampleBuffer(sample);
         case Status::Unknown:
             log::info(
                 "SVMovieWriter: status is unknown, setup the writer with source time and "
                 "transform");
             if (videoInput_) videoInput_->setTransform(windowTransform);
             if (fileWriter_) fileWriter_->startWriting();
-            if (fileWriterStatus() == int(Status::Unknown)) return;
+            if (fileWriterStatus() == int(Status::Unknown)) return false;
             if (t.isValid()) fileWriter_->startSessionAtSourceTime(t);
-            if (videoInput_ && videoInput_->isReadyForMoreMediaData())
-                videoInput_->appendSampleBuffer(sample);
-            return;
+            return videoInput_ && videoInput_->isReadyForMoreMediaData() &&
+                   videoInput_->appendSampleBuffer(sample);
         default:
-            return;
+            return false;
     }
 }
 

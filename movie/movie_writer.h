@@ -23,13 +23,13 @@
 #include <optional>
 #include <string>
 
-#include "broadcast/broadcast_configuration.h"
 #include "platform/geometry.h"
 #include "platform/media/metadata_item.h"
 #include "platform/media/movie_file_writer.h"
 #include "platform/media_time.h"
 #include "platform/sample_buffer.h"
 #include "platform/url.h"
+#include "protocol/broadcast_configuration.h"
 #include "support/store_info.h"
 
 namespace sv {
@@ -91,8 +91,10 @@ class SVMovieWriter : public std::enable_shared_from_this<SVMovieWriter> {
     // Drop samples that are not strictly later (by value) than the stream's
     // last one; otherwise hand them to the platform writer. The first video
     // sample starts writing and fixes the movie's transform. The sample is
-    // referenced, never copied.
-    void appendVideoSampleBuffer(const std::shared_ptr<SampleBuffer>& sample,
+    // referenced, never copied. True when the video input took the frame;
+    // false when it was dropped (not later than the last one, the writer not
+    // writing, or its queue full because the encoder is behind).
+    bool appendVideoSampleBuffer(const std::shared_ptr<SampleBuffer>& sample,
                                  const AffineTransform& windowTransform);
     void appendAudio1SampleBuffer(const std::shared_ptr<SampleBuffer>& sample);
     void appendAudio2SampleBuffer(const std::shared_ptr<SampleBuffer>& sample);

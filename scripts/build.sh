@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Usage: scripts/build.sh [debug|release|asan|tsan] [cmake --build args...]
+# Usage: scripts/build.sh [debug|release|asan|tsan|coverage|fuzz] [cmake --build args...]
 # Configures build/<config> once and builds it. CI=true turns on -Werror.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -16,6 +16,12 @@ case "$config" in
   release) args=(-DCMAKE_BUILD_TYPE=Release) ;;
   asan)    args=(-DCMAKE_BUILD_TYPE=Debug "-DSV_SANITIZE=address;undefined" -DSV_BUILD_BENCH=OFF) ;;
   tsan)    args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DSV_SANITIZE=thread -DSV_BUILD_BENCH=OFF) ;;
+  # Source-based coverage with clang (scripts/coverage.sh reads it).
+  coverage) covflags="-fprofile-instr-generate -fcoverage-mapping"
+           args=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+                 "-DCMAKE_C_FLAGS=$covflags" "-DCMAKE_CXX_FLAGS=$covflags"
+                 "-DCMAKE_EXE_LINKER_FLAGS=-fprofile-instr-generate"
+                 "-DCMAKE_SHARED_LINKER_FLAGS=-fprofile-instr-generate" -DSV_BUILD_BENCH=OFF) ;;
   # libFuzzer: every library is instrumented for coverage and checked with
   # ASan and UBSan, not only the fuzz entry points.
   fuzz)    fuzzflags="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer"

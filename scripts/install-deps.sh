@@ -6,7 +6,7 @@ set -euo pipefail
 
 PACKAGES=(
   build-essential cmake ninja-build pkg-config ccache clang clang-format
-  libclang-rt-14-dev
+  libclang-rt-14-dev llvm
   nlohmann-json3-dev libspdlog-dev libfmt-dev libasio-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev

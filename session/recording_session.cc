@@ -138,6 +138,7 @@ void SVRecordingSession::startSessionWithHandler(StartHandler handler) {
     log::info("SVRecordingSession: startSession");
     paused_.store(false);
     framesWritten_.store(0);
+    framesDropped_.store(0);
     sessionHandler_.store(handler ? std::make_shared<StartHandler>(std::move(handler)) : nullptr);
     const uint64_t generation = ++captureGeneration_;
     // The last recording's writer is of no use any more. One that was never
@@ -506,7 +507,10 @@ void SVRecordingSession::_handOverSampleBuffer(const std::shared_ptr<SampleBuffe
     }
     auto writer = movieWriter_.load();
     if (!writer) return;
-    writer->appendVideoSampleBuffer(sample, transform);
+    if (!writer->appendVideoSampleBuffer(sample, transform)) {
+        framesDropped_.fetch_add(1);
+        return;
+    }
     const double seconds = sample->presentationTime().seconds();
     if (framesWritten_.fetch_add(1) == 0) firstWrittenSeconds_.store(seconds);
     lastWrittenSeconds_.store(seconds);
@@ -515,6 +519,7 @@ void SVRecordingSession::_handOverSampleBuffer(const std::shared_ptr<SampleBuffe
 SVRecordingSession::Progress SVRecordingSession::progress() const {
     Progress p;
     p.framesWritten = framesWritten_.load();
+    p.framesDropped = framesDropped_.load();
     if (p.framesWritten > 0)
         p.recordedSeconds = std::max(0.0, lastWrittenSeconds_.load() - firstWrittenSeconds_.load());
     return p;

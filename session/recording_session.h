@@ -55,7 +55,6 @@
 #include <string>
 #include <vector>
 
-#include "broadcast/broadcast_configuration.h"
 #include "capture/capture_manager.h"
 #include "movie/movie_writer.h"
 #include "platform/dispatch.h"
@@ -67,6 +66,7 @@
 #include "platform/screen/screen_capture.h"
 #include "platform/url.h"
 #include "platform/value.h"
+#include "protocol/broadcast_configuration.h"
 #include "session/recording_session_delegate.h"
 #include "session/sample_timing.h"
 #include "session/shared_slot.h"
@@ -286,6 +286,9 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // seconds, the paused gaps cut out. Reset by each start. Any thread.
     struct Progress {
         int64_t framesWritten = 0;
+        // Frames that reached the writer but were not taken: the encoder
+        // fell behind (its queue was full) or the writer had stopped.
+        int64_t framesDropped = 0;
         double recordedSeconds = 0;
     };
     Progress progress() const;
@@ -339,6 +342,7 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     std::atomic<int64_t> audioTimeOffset_{0};
     // Progress of the recording (the frame path writes, anyone reads).
     std::atomic<int64_t> framesWritten_{0};
+    std::atomic<int64_t> framesDropped_{0};
     std::atomic<double> firstWrittenSeconds_{0};
     std::atomic<double> lastWrittenSeconds_{0};
 

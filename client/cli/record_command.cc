@@ -265,6 +265,8 @@ void Recorder::render() {
     if (status_) {
         line += "  " + formatBytes(status_->movieBytes) + "  " +
                 std::to_string(status_->framesWritten) + " frames";
+        if (status_->framesDropped > 0)
+            line += " (" + std::to_string(status_->framesDropped) + " dropped)";
     }
     line += microphoneOn_ ? "  mic on" : "  mic off";
     std::fprintf(stderr, "\r\033[2K%s", line.c_str());

@@ -325,13 +325,30 @@ int bindServiceSocket(const std::string& serviceName, const std::string& path, s
         }
         ::unlink(path.c_str());
     }
-    UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    // The socket is made under a temporary name in the same directory and
+    // renamed into place once it listens: a client that sees the service's
+    // path can connect at once (between bind and listen it would be refused).
     // Created private: fchmod does not apply to a socket's path, so the mode
     // is set right after bind; peer credentials are checked on every accept
     // as well, which closes the window in between.
-    if (!fd.valid() || ::bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        ::chmod(path.c_str(), 0600) != 0 || ::listen(fd.get(), 128) != 0) {
+    const std::string dir = path.substr(0, path.rfind('/') + 1);
+    const std::string temporary = dir + ".sv-" + std::to_string(getpid()) + "-" + serviceName;
+    sockaddr_un tmpAddr;
+    if (!fillAddress(temporary, tmpAddr)) {
+        why = "socket path too long: " + temporary;
+        return -1;
+    }
+    ::unlink(temporary.c_str());
+    UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd.valid() ||
+        ::bind(fd.get(), reinterpret_cast<sockaddr*>(&tmpAddr), sizeof tmpAddr) != 0) {
         why = std::strerror(errno);
+        return -1;
+    }
+    if (::chmod(temporary.c_str(), 0600) != 0 || ::listen(fd.get(), 128) != 0 ||
+        ::rename(temporary.c_str(), path.c_str()) != 0) {
+        why = std::strerror(errno);
+        ::unlink(temporary.c_str());
         return -1;
     }
     return fd.release();

@@ -67,7 +67,10 @@ class DaemonTest : public ::testing::Test {
             kill(daemon_, SIGKILL);
             waitForExit(daemon_);
         }
-        std::filesystem::remove_all(root_);
+        if (HasFailure())
+            std::fprintf(stderr, "kept %s (the daemon's log is sorveld.log)\n", root_.c_str());
+        else
+            std::filesystem::remove_all(root_);
     }
 
     pid_t startDaemon() {
@@ -178,7 +181,10 @@ TEST_F(DaemonTest, SocketActivatedDaemonEndsWhenIdle) {
          std::string("--fdname=") + kDaemonServiceName + ":" + kShellServiceName, SORVELD,
          "--runtime-dir", run_, "--home", home_, "--log-level", "default", "--idle-exit", "1"},
         {}, log_);
-    ASSERT_TRUE(eventually([&] { return exists(shellPath) && exists(daemonPath); }));
+    // The activator makes each socket (bind, then listen) and says so; only
+    // then does a connection wake the daemon.
+    ASSERT_TRUE(eventually(
+        [&] { return readAll(log_).find("Listening on " + shellPath) != std::string::npos; }));
     {
         ShellClient shell;
         auto r = shell.purgeAndWait(0, 3);

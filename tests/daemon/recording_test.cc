@@ -334,6 +334,15 @@ class RecordingTest : public ::testing::Test {
             },
             kAnswer);
     }
+    // Frames the app's last recording could not write (its encoder behind):
+    // what the movie may be missing. Kept after the recording ends.
+    int64_t framesDropped(App& app) {
+        app.send("status");
+        auto s = app.expect("status ");
+        auto v = s ? Value::parse(*s, nullptr, false) : Value();
+        EXPECT_TRUE(v.is_object()) << (s ? *s : "no status");
+        return v.is_object() ? v.value("framesDropped", int64_t(0)) : 0;
+    }
     std::optional<StopReport> stop(App& app) {
         app.send("stop");
         return parseStop(app.expect("stopped "));
@@ -486,7 +495,7 @@ TEST_F(RecordingTest, AnotherApplicationsStartInterrupts) {
     auto movie = inspect(interrupted->path);
     ASSERT_TRUE(movie && movie->stamps);
     EXPECT_GE(movie->stamps->stamped, 10);
-    EXPECT_EQ(movie->stamps->dropped, 0);
+    EXPECT_LE(movie->stamps->dropped, framesDropped(alpha));
     EXPECT_EQ(logCount("-5807"), 0u);
 
     // Alpha comes back: told once, with the same movie.
@@ -616,7 +625,7 @@ TEST_F(RecordingTest, PauseResumeTrimAndDiscard) {
     ASSERT_TRUE(full && full->stamps);
     ASSERT_EQ(full->stamps->pauses.size(), 1u);
     EXPECT_GE(full->stamps->pauses[0].duration, 0.9);
-    EXPECT_EQ(full->stamps->dropped, 0);
+    EXPECT_LE(full->stamps->dropped, framesDropped(alpha));
     // A second is cut at each end of the movie, which holds no pause.
     EXPECT_LT(full->movie.duration, 3.0 + 1.0);
     EXPECT_NEAR(movie->movie.duration, full->movie.duration - 2.0, 0.5);

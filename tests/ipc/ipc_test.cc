@@ -24,6 +24,7 @@ using namespace sv::ipc;
 using namespace std::chrono_literals;
 using sv::test::eventually;
 using sv::test::spawnProcess;
+using sv::test::stays;
 using sv::test::waitForExit;
 
 namespace {
@@ -178,8 +179,7 @@ TEST_F(IpcTest, NoConnectionBeforeResume) {
     ASSERT_TRUE(listener_);
     listener_->setDelegate(server_);
     pid_t child = peer({"client", service_, "hello"});
-    std::this_thread::sleep_for(200ms);
-    EXPECT_TRUE(server_->snapshot(server_->connectionPids).empty());
+    EXPECT_TRUE(stays([&] { return !server_->snapshot(server_->connectionPids).empty(); }, 200ms));
     listener_->resume();
     EXPECT_EQ(waitForExit(child), 0);
     EXPECT_EQ(server_->snapshot(server_->hellos), std::vector<int64_t>{child});
@@ -299,7 +299,7 @@ TEST_F(IpcTest, ServiceConnectionIsInterruptedAndUsedAgain) {
     EXPECT_EQ(echo("three"), kErrorConnectionInvalid);
     kill(second, SIGTERM);
     waitForExit(second);
-    std::this_thread::sleep_for(50ms);
+    EXPECT_TRUE(stays([&] { return interrupted != 1 || invalidated != 1; }, 50ms));
     EXPECT_EQ(interrupted, 1);
     EXPECT_EQ(invalidated, 1);
 }

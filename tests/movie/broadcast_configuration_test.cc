@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "broadcast/broadcast_configuration.h"
+#include "protocol/broadcast_configuration.h"
 
 namespace sv {
 namespace {

@@ -99,6 +99,14 @@ bool eventually(P pred, std::chrono::milliseconds timeout = std::chrono::seconds
     return true;
 }
 
+// Watches `pred` for the whole `window` and returns false as soon as it holds:
+// how a test shows that something does not happen (an event that comes late
+// within the window is still caught, unlike a look after a sleep).
+template <typename P>
+bool stays(P pred, std::chrono::milliseconds window) {
+    return !eventually(pred, window);
+}
+
 inline std::string makeTempDir(const char* prefix) {
     std::string t = std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/" +
                     prefix + "XXXXXX";

@@ -14,6 +14,7 @@
 #include "support/movie_store.h"
 #include "support/store_manager.h"
 #include "tests/media/media_test_util.h"
+#include "tests/process/process_helpers.h"
 #include "tests/session/fake_screen.h"
 
 namespace sv {
@@ -40,12 +41,6 @@ struct Finished {
     OptionalError error;
 };
 
-bool waitUntil(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + 30s;
-    while (!condition() && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(1ms);
-    return condition();
-}
-
 std::shared_ptr<SyntheticAudioBackend> gAudio = std::make_shared<SyntheticAudioBackend>();
 
 class RecordingSessionTest : public ::testing::Test {
@@ -68,7 +63,7 @@ class RecordingSessionTest : public ::testing::Test {
     std::shared_ptr<testing::FakeController> start(std::function<void()> handler = {}) {
         s->setRecording(true);
         s->startSessionWithHandler(std::move(handler));
-        EXPECT_TRUE(waitUntil([&] { return screen->controller() != nullptr; }));
+        EXPECT_TRUE(test::eventually([&] { return screen->controller() != nullptr; }, 30s));
         EXPECT_TRUE(screen->controller()->waitCapturing());
         return screen->controller();
     }
@@ -80,10 +75,12 @@ class RecordingSessionTest : public ::testing::Test {
         auto c = start();
         auto w = s->movieWriter();
         for (int i = 0; i < seconds * 30; ++i) {
-            waitUntil([&] {
-                return w->fileWriterStatus() != 1 || !w->videoInput() ||
-                       w->videoInput()->isReadyForMoreMediaData();
-            });
+            test::eventually(
+                [&] {
+                    return w->fileWriterStatus() != 1 || !w->videoInput() ||
+                           w->videoInput()->isReadyForMoreMediaData();
+                },
+                30s);
             c->deliver(frame(100 + i / 30.0));
         }
     }
@@ -230,7 +227,7 @@ TEST_F(RecordingSessionTest, StartChainTapThenMicrophoneThenScreen) {
         }
         EXPECT_EQ(SVCaptureManager::sharedManager()->isRecordingMicrophone(), variant == 0);
         EXPECT_EQ(finish().error->code, -5803);  // no frame was written
-        EXPECT_TRUE(waitUntil([] { return gAudio->openSources() == 0; }));
+        EXPECT_TRUE(test::eventually([] { return gAudio->openSources() == 0; }, 30s));
     }
 }
 
@@ -321,9 +318,10 @@ TEST_F(RecordingSessionTest, StopDuringTheStartChainNeverLeavesCaptureRunning) {
         if (auto c = screen->controller()) c->startsAreLate = false;
         s->setRecording(true);
         s->startSessionWithHandler({});
-        if (i % 3 == 1) waitUntil([&] { return s->movieWriter() != nullptr; });
+        if (i % 3 == 1) test::eventually([&] { return s->movieWriter() != nullptr; }, 30s);
         if (i % 3 == 2)
-            waitUntil([] { return SVCaptureManager::sharedManager()->isRecordingMicrophone(); });
+            test::eventually(
+                [] { return SVCaptureManager::sharedManager()->isRecordingMicrophone(); }, 30s);
         finish();
         if (auto c = screen->controller()) c->startsAreLate = true;
     }
@@ -346,7 +344,7 @@ TEST_F(RecordingSessionTest, RetargetingAudioOnlyInRecordingSystemRecordings) {
     EXPECT_FALSE(log.contains("stopping audio capture"));
     s->setSystemRecording(true);
     s->updateAudioCaptureToProcessWithPID(77);
-    EXPECT_TRUE(waitUntil([] { return gAudio->openSources() == 1; }));
+    EXPECT_TRUE(test::eventually([] { return gAudio->openSources() == 1; }, 30s));
     s->updateAudioCaptureToProcessWithPID(-1);
     EXPECT_EQ(s->frontmostPIDForAudioTap(), -1);
     EXPECT_TRUE(log.contains("invalid pid stopping audio capture"));

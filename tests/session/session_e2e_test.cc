@@ -51,11 +51,15 @@ std::pair<double, double> stampSpan(const std::string& path) {
     return span;
 }
 
-// Every frame the screen delivered, once, in order, readable.
-void expectEveryFrameOnce(const FrameStampReport& stamps) {
+// Every frame the writer took is in the movie once, in order, readable; a
+// frame the screen delivered is missing only when the session counted it as
+// dropped (the encoder fell behind, as a debug build under load may).
+void expectEveryFrameOnce(const FrameStampReport& stamps,
+                          const SVRecordingSession::Progress& progress) {
     EXPECT_GT(stamps.frames, 5);
+    EXPECT_EQ(stamps.frames, progress.framesWritten);
     EXPECT_EQ(stamps.unreadable, 0);
-    EXPECT_EQ(stamps.dropped, 0);
+    EXPECT_LE(stamps.dropped, progress.framesDropped);
     EXPECT_EQ(stamps.duplicates, 0);
     EXPECT_EQ(stamps.outOfOrder, 0);
 }
@@ -130,7 +134,7 @@ TEST_F(SessionEndToEndTest, PauseAndResumeMakeOneContinuousMovie) {
     MovieInspection movie = inspect(path);
     ASSERT_TRUE(movie.stamps);
     const FrameStampReport& stamps = *movie.stamps;
-    expectEveryFrameOnce(stamps);
+    expectEveryFrameOnce(stamps, session->progress());
     ASSERT_EQ(stamps.pauses.size(), 1u);
     const double paused = stamps.pauses[0].duration;  // until capture ran again
     EXPECT_GT(paused, 0.75);
@@ -174,7 +178,7 @@ TEST_F(SessionEndToEndTest, RotatedSystemRecordingCarriesItsDisplayMatrix) {
     EXPECT_EQ(video.rotation, -90);  // a quarter turn clockwise
     EXPECT_FALSE(video.mirrored);
     ASSERT_TRUE(movie.stamps);
-    expectEveryFrameOnce(*movie.stamps);
+    expectEveryFrameOnce(*movie.stamps, session->progress());
     EXPECT_TRUE(movie.stamps->pauses.empty());
 }
 

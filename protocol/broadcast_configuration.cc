@@ -1,4 +1,4 @@
-#include "broadcast/broadcast_configuration.h"
+#include "protocol/broadcast_configuration.h"
 
 #include "platform/log.h"
 
