@@ -116,12 +116,15 @@ std::shared_ptr<ipc::ExportedObject> ConsentAgent::makeExportedObject() {
         self->options_.presenter(*alert, [w, reply, once](ConsentResponse response) {
             if (once->exchange(true)) return;
             const char* name = consentResponseName(response);
-            reply(ipc::Arguments().add(Value(name)));
-            if (auto agent = w.lock()) {
+            // Counted before the reply leaves: whoever got the answer finds
+            // it counted.
+            auto agent = w.lock();
+            if (agent) {
                 agent->unanswered_--;
                 agent->answered_++;
-                agent->emit(Event::Answered, name);
             }
+            reply(ipc::Arguments().add(Value(name)));
+            if (agent) agent->emit(Event::Answered, name);
         });
     });
     return table;

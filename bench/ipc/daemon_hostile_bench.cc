@@ -25,6 +25,7 @@
 
 #include "bench/bench_util.h"
 #include "tests/daemon/hostile_peer.h"
+#include "tests/process/private_daemon.h"
 #include "tests/process/process_helpers.h"
 
 using namespace sv;
@@ -45,32 +46,15 @@ std::string gDaemon = SORVELD_PATH;
 // A private daemon in a temporary home and runtime directory.
 class Daemon {
   public:
-    Daemon() {
-        root_ = makeTempDir("sv-hostile-bench-");
-        home_ = root_ + "/home";
-        run_ = root_ + "/run";
-        mkdir(home_.c_str(), 0700);
-        mkdir(run_.c_str(), 0700);
-        log_ = root_ + "/sorveld.log";
-        pid_ = spawnProcess(
-            {gDaemon, "--runtime-dir", run_, "--home", home_, "--log-level", "default"}, {}, log_);
-        ready_ = eventually(
-            [&] {
-                RawPeer p = RawPeer::connect(shellPath());
-                return p.valid() && roundTrip(p, 1, 500ms);
-            },
-            10s);
-    }
+    Daemon() { ready_ = daemon_.start(gDaemon, {.answerTimeout = 10s}); }
     ~Daemon() {
-        kill(pid_, SIGTERM);
-        if (waitForExit(pid_, 5s) < 0) std::fprintf(stderr, "sorveld did not end on SIGTERM\n");
-        std::filesystem::remove_all(root_);
+        if (daemon_.stop(SIGTERM, 5s) < 0) std::fprintf(stderr, "sorveld did not end on SIGTERM\n");
     }
     bool ready() const { return ready_; }
-    pid_t pid() const { return pid_; }
-    std::string shellPath() const { return run_ + "/" + kShellService; }
-    std::string store() const { return home_ + "/Library/Sorvel/"; }
-    LogFile log() const { return LogFile(log_, SIZE_MAX); }
+    pid_t pid() const { return daemon_.pid(); }
+    std::string shellPath() const { return daemon_.run + "/" + kShellService; }
+    std::string store() const { return daemon_.store; }
+    LogFile log() const { return LogFile(daemon_.logPath, SIZE_MAX); }
 
     // One purgeable-space call answered within `timeout`.
     static bool roundTrip(RawPeer& p, uint64_t id, std::chrono::milliseconds timeout = 2s) {
@@ -78,8 +62,7 @@ class Daemon {
     }
 
   private:
-    std::string root_, home_, run_, log_;
-    pid_t pid_ = -1;
+    PrivateDaemon daemon_{"sv-hostile-bench-"};
     bool ready_ = false;
 };
 

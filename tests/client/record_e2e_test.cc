@@ -12,6 +12,7 @@
 #include "platform/ipc/ipc.h"
 #include "protocol/service_names.h"
 #include "tests/client/cli_helpers.h"
+#include "tests/process/private_daemon.h"
 #include "tests/process/process_helpers.h"
 #include "tests/support/test_util.h"
 
@@ -27,33 +28,25 @@ bool contains(const std::string& text, const std::string& part) {
 class RecordEndToEndTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        dir_ = sv::test::makeTempDir("sv-e2e-");
         ASSERT_FALSE(dir_.empty());
-        std::filesystem::create_directories(dir_ + "/run");
-        std::filesystem::create_directories(dir_ + "/home");
-        ipc::setRuntimeDirectory(dir_ + "/run");
-        env_ = {"SORVEL_RUNTIME_DIR=" + dir_ + "/run", "SORVEL_BUNDLE_PATH=" BUNDLES_DIR,
-                "LANGUAGE=en"};
+        env_ = daemon_.clientEnvironment();
+        env_.insert(env_.end(), {"SORVEL_BUNDLE_PATH=" BUNDLES_DIR, "LANGUAGE=en"});
         startDaemon();
     }
     void TearDown() override {
-        for (pid_t* p : {&agent_, &daemon_}) {
-            if (*p > 0) {
-                kill(*p, SIGTERM);
-                sv::test::waitForExit(*p, 20s);
-                *p = -1;
-            }
+        if (agent_ > 0) {
+            kill(agent_, SIGTERM);
+            sv::test::waitForExit(agent_, 20s);
         }
-        if (!HasFailure()) std::filesystem::remove_all(dir_);
+        if (daemon_.running()) daemon_.stop(SIGTERM);
+        if (HasFailure()) daemon_.keep();
     }
 
     void startDaemon() {
-        daemon_ = sv::test::spawnWithInput(
-            {SORVELD, "--runtime-dir", dir_ + "/run", "--home", dir_ + "/home", "--screen-backend",
-             "synthetic", "--audio-backend", "synthetic", "--log-level", "default"},
-            env_, "", dir_ + "/sorveld.log");
-        ASSERT_TRUE(sv::test::eventually(
-            [&] { return std::filesystem::exists(ipc::servicePath(kShellServiceName)); }, 30s));
+        ASSERT_TRUE(daemon_.start(
+            SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend", "synthetic"},
+                      .env = env_}))
+            << daemon_.log();
     }
     // A consent agent that answers every question with `answer`.
     void startAgent(const std::string& answer) {
@@ -81,9 +74,10 @@ class RecordEndToEndTest : public ::testing::Test {
         return sv::test::waitForExit(p, 30s);
     }
 
-    std::string dir_;
+    sv::test::PrivateDaemon daemon_{"sv-e2e-"};
+    const std::string& dir_ = daemon_.root;
     std::vector<std::string> env_;
-    pid_t daemon_ = -1, agent_ = -1;
+    pid_t agent_ = -1;
 };
 
 TEST_F(RecordEndToEndTest, RecordsAMovieWithBothAudioTracks) {
@@ -143,9 +137,7 @@ TEST_F(RecordEndToEndTest, ADaemonRestartEndsTheRecordingAndTheAgentComesBack) {
     startAgent("accept");
     pid_t p = record({});
     waitForRecording();
-    kill(daemon_, SIGKILL);
-    sv::test::waitForExit(daemon_);
-    daemon_ = -1;
+    daemon_.stop(SIGKILL);
     EXPECT_EQ(sv::test::waitForExit(p, 60s), 1);
     EXPECT_TRUE(contains(recordLog(), "(org.sorvel.SVRecorderClientErrorDomain 2)")) << recordLog();
     std::filesystem::remove(ipc::servicePath(kDaemonServiceName));

@@ -18,11 +18,13 @@
 #include "platform/process/purgeable_space.h"
 #include "protocol/service_names.h"
 #include "support/movie_store.h"
+#include "tests/process/private_daemon.h"
 #include "tests/process/process_helpers.h"
 
 using namespace sv;
 using namespace std::chrono_literals;
 using sv::test::eventually;
+using sv::test::PrivateDaemon;
 using sv::test::spawnProcess;
 using sv::test::waitForExit;
 
@@ -52,41 +54,21 @@ std::string readAll(const std::string& path) {
 class DaemonTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        root_ = sv::test::makeTempDir("sv-daemon-");
-        ASSERT_FALSE(root_.empty());
-        home_ = root_ + "/home";
-        run_ = root_ + "/run";
-        mkdir(home_.c_str(), 0700);
-        mkdir(run_.c_str(), 0700);
-        store_ = home_ + "/Library/Sorvel/";
-        log_ = root_ + "/sorveld.log";
+        ASSERT_FALSE(daemon.root.empty());
         ipc::setRuntimeDirectory(run_);
     }
     void TearDown() override {
-        if (daemon_ > 0) {
-            kill(daemon_, SIGKILL);
-            waitForExit(daemon_);
-        }
-        if (HasFailure())
-            std::fprintf(stderr, "kept %s (the daemon's log is sorveld.log)\n", root_.c_str());
-        else
-            std::filesystem::remove_all(root_);
+        if (HasFailure()) daemon.keep();
     }
+    void startDaemon() { ASSERT_TRUE(daemon.start(SORVELD)) << daemon.log(); }
 
-    pid_t startDaemon() {
-        pid_t pid = spawnProcess(
-            {SORVELD, "--runtime-dir", run_, "--home", home_, "--log-level", "default"}, {}, log_);
-        EXPECT_GT(pid, 0);
-        EXPECT_TRUE(eventually([&] { return exists(ipc::servicePath(kShellServiceName)); }));
-        return pid;
-    }
-
-    std::string root_, home_, run_, store_, log_;
-    pid_t daemon_ = -1;
+    PrivateDaemon daemon;
+    const std::string &home_ = daemon.home, &run_ = daemon.run, &store_ = daemon.store,
+                      &log_ = daemon.logPath;
 };
 
 TEST_F(DaemonTest, StartsWithItsStoreAndEndsOnSigterm) {
-    daemon_ = startDaemon();
+    startDaemon();
     struct stat st {};
     ASSERT_EQ(stat(store_.c_str(), &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
@@ -98,15 +80,13 @@ TEST_F(DaemonTest, StartsWithItsStoreAndEndsOnSigterm) {
         spawnProcess({SORVELD, "--runtime-dir", run_, "--home", home_, "--log-level", "quiet"});
     EXPECT_EQ(waitForExit(second), 1);
 
-    kill(daemon_, SIGTERM);
-    EXPECT_EQ(waitForExit(daemon_), 255);  // the entry point returns -1 when its run loop ends
-    daemon_ = -1;
+    EXPECT_EQ(daemon.stop(SIGTERM), 255);  // the entry point returns -1 when its run loop ends
     EXPECT_NE(readAll(log_).find("sorveld Starting!"), std::string::npos);
     EXPECT_FALSE(exists(ipc::servicePath(kShellServiceName)));
 }
 
 TEST_F(DaemonTest, AnswersPurgeCallsByUrgencyWhileIdle) {
-    daemon_ = startDaemon();
+    startDaemon();
     makeFile(store_ + "old1.mp4", 1000, 2 * 86400s);
     makeFile(store_ + "old2.mp4", 2000, 86400s + 60s);
     makeFile(store_ + "new.mp4", 500, 3600s);
@@ -147,7 +127,7 @@ TEST_F(DaemonTest, AnswersPurgeCallsByUrgencyWhileIdle) {
 }
 
 TEST_F(DaemonTest, LockButtonWhileIdleChangesNothing) {
-    daemon_ = startDaemon();
+    startDaemon();
     makeFile(store_ + "keep.mp4", 100, 60s);
     ShellClient shell;
     EXPECT_FALSE(shell.lockButtonPressedAndWait().error);
@@ -162,9 +142,7 @@ TEST_F(DaemonTest, LockButtonWhileIdleChangesNothing) {
     // The command-line tool speaks for the shell as well.
     pid_t cli = spawnProcess({SORVEL, "shell", "--runtime-dir", run_, "lock"});
     EXPECT_EQ(waitForExit(cli), 0);
-    kill(daemon_, SIGTERM);
-    waitForExit(daemon_);
-    daemon_ = -1;
+    daemon.stop(SIGTERM);
     cli = spawnProcess({SORVEL, "shell", "--runtime-dir", run_, "purge", "--urgency", "3"});
     EXPECT_EQ(waitForExit(cli), 1);  // nobody answers
 }
@@ -176,7 +154,7 @@ TEST_F(DaemonTest, SocketActivatedDaemonEndsWhenIdle) {
         GTEST_SKIP() << "no systemd-socket-activate";
     std::string daemonPath = ipc::servicePath(kDaemonServiceName);
     std::string shellPath = ipc::servicePath(kShellServiceName);
-    daemon_ = spawnProcess(
+    pid_t activator = spawnProcess(
         {"/usr/bin/systemd-socket-activate", "--seqpacket", "-l", daemonPath, "-l", shellPath,
          std::string("--fdname=") + kDaemonServiceName + ":" + kShellServiceName, SORVELD,
          "--runtime-dir", run_, "--home", home_, "--log-level", "default", "--idle-exit", "1"},
@@ -191,8 +169,7 @@ TEST_F(DaemonTest, SocketActivatedDaemonEndsWhenIdle) {
         EXPECT_FALSE(r.error);
         EXPECT_EQ(r.bytes, 0);
     }
-    EXPECT_EQ(waitForExit(daemon_, 15s), 255);
-    daemon_ = -1;
+    EXPECT_EQ(waitForExit(activator, 15s), 255);
     EXPECT_NE(readAll(log_).find("idle with no open transaction; ending"), std::string::npos);
 }
 

@@ -15,6 +15,7 @@
 #include "platform/ipc/ipc.h"
 #include "protocol/service_names.h"
 #include "tests/daemon/hostile_peer.h"
+#include "tests/process/private_daemon.h"
 #include "tests/process/process_helpers.h"
 
 using namespace sv;
@@ -45,34 +46,14 @@ class HostilePeerTest : public ::testing::Test {
   protected:
     void SetUp() override {
         signal(SIGPIPE, SIG_IGN);
-        root_ = makeTempDir("sv-hostile-");
-        ASSERT_FALSE(root_.empty());
-        home_ = root_ + "/home";
-        run_ = root_ + "/run";
-        mkdir(home_.c_str(), 0700);
-        mkdir(run_.c_str(), 0700);
-        shell_ = run_ + "/" + kShellServiceName;
-        daemon_ = spawnProcess(
-            {SORVELD, "--runtime-dir", run_, "--home", home_, "--log-level", "default"}, {},
-            root_ + "/sorveld.log");
-        ASSERT_GT(daemon_, 0);
-        // Serving: a connection gets its answer.
-        ASSERT_TRUE(eventually(
-            [&] {
-                RawPeer p = RawPeer::connect(shell_);
-                return p.valid() && callAndWait(p, purgeableCall(1), 1, 1s);
-            },
-            20s));
+        ASSERT_TRUE(daemon.start(SORVELD)) << daemon.log();
+        daemon_ = daemon.pid();
     }
     void TearDown() override {
-        if (daemon_ > 0) {
-            kill(daemon_, SIGKILL);
-            waitForExit(daemon_);
-        }
-        std::filesystem::remove_all(root_);
+        if (HasFailure()) daemon.keep();
     }
 
-    LogFile log() const { return LogFile(root_ + "/sorveld.log"); }
+    LogFile log() const { return LogFile(daemon.logPath); }
 
     // CPU the daemon spends over `window` (a measurement, not a wait for
     // something to happen).
@@ -82,7 +63,9 @@ class HostilePeerTest : public ::testing::Test {
         return cpuSeconds(daemon_) - before;
     }
 
-    std::string root_, home_, run_, shell_;
+    PrivateDaemon daemon{"sv-hostile-"};
+    const std::string& home_ = daemon.home;
+    const std::string shell_ = daemon.run + "/" + kShellServiceName;
     pid_t daemon_ = -1;
 };
 

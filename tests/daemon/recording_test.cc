@@ -33,6 +33,7 @@
 #include "platform/url.h"
 #include "protocol/recording_protocol.h"
 #include "protocol/service_names.h"
+#include "tests/process/private_daemon.h"
 #include "tests/process/process_helpers.h"
 
 extern char** environ;
@@ -40,6 +41,7 @@ extern char** environ;
 using namespace sv;
 using namespace std::chrono_literals;
 using sv::test::eventually;
+using sv::test::PrivateDaemon;
 using sv::test::waitForExit;
 
 namespace {
@@ -47,21 +49,6 @@ namespace {
 constexpr auto kAnswer = 30s;  // generous: sanitizer builds on a busy machine
 const std::string kAlpha = "org.sorvel.tests.alpha";
 const std::string kBeta = "org.sorvel.tests.beta";
-
-std::string readAll(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-size_t countOf(const std::string& text, const std::string& fragment) {
-    size_t n = 0;
-    for (size_t at = text.find(fragment); at != std::string::npos;
-         at = text.find(fragment, at + fragment.size()))
-        ++n;
-    return n;
-}
 
 bool exists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
@@ -245,35 +232,22 @@ class RecordingTest : public ::testing::Test {
   protected:
     void SetUp() override {
         log::setOutputEnabled(false);
-        root_ = sv::test::makeTempDir("sv-recording-");
-        ASSERT_FALSE(root_.empty());
-        home_ = root_ + "/home";
-        run_ = root_ + "/run";
-        mkdir(home_.c_str(), 0700);
-        mkdir(run_.c_str(), 0700);
-        store_ = home_ + "/Library/Sorvel/";
-        log_ = root_ + "/sorveld.log";
-        ipc::setRuntimeDirectory(run_);
-        daemon_ = sv::test::spawnProcess(
-            {SORVELD, "--runtime-dir", run_, "--home", home_, "--log-level", "default",
-             "--screen-backend", "synthetic", "--audio-backend", "synthetic", "--test-clock"},
-            {"SORVEL_SCREEN_BACKEND=synthetic", "SORVEL_AUDIO_BACKEND=synthetic",
-             std::string("SORVEL_BUNDLE_PATH=") + TEST_BUNDLES_DIR},
-            log_);
-        ASSERT_GT(daemon_, 0);
         ASSERT_TRUE(
-            eventually([&] { return exists(ipc::servicePath(kShellServiceName)); }, kAnswer));
+            daemon.start(SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend",
+                                            "synthetic", "--test-clock"},
+                                   .env = {std::string("SORVEL_BUNDLE_PATH=") + TEST_BUNDLES_DIR}}))
+            << daemon.log();
     }
     void TearDown() override {
         apps_.clear();
         agent_.reset();
         shell_.reset();
-        if (daemon_ > 0) {
-            kill(daemon_, SIGTERM);
-            if (waitForExit(daemon_, 20s) < 0) ADD_FAILURE() << "sorveld did not end on SIGTERM";
+        if (daemon.running() && daemon.stop(SIGTERM) < 0)
+            ADD_FAILURE() << "sorveld did not end on SIGTERM";
+        if (HasFailure()) {
+            std::fprintf(stderr, "--- sorveld log\n%s\n", daemon.log().c_str());
+            daemon.keep();
         }
-        if (HasFailure()) std::fprintf(stderr, "--- sorveld log\n%s\n", readAll(log_).c_str());
-        std::filesystem::remove_all(root_);
     }
 
     App& launch(const std::string& bundle) {
@@ -309,11 +283,10 @@ class RecordingTest : public ::testing::Test {
         return shell().waitFor(
             [&](ShellClient::Completion c) { shell().setDisplayLayoutLevels(levels, c); });
     }
-    // Waits until the daemon's log holds `line` at least `count` times.
     bool logged(const std::string& line, size_t count = 1) {
-        return eventually([&] { return countOf(readAll(log_), line) >= count; }, kAnswer);
+        return daemon.logged(line, count, kAnswer);
     }
-    size_t logCount(const std::string& line) { return countOf(readAll(log_), line); }
+    size_t logCount(const std::string& line) { return daemon.logCount(line); }
 
     // Starts a recording of the app's own layers and waits for its answer.
     int64_t start(App& app, bool mic = false, const std::string& extra = "0 0 0") {
@@ -355,8 +328,8 @@ class RecordingTest : public ::testing::Test {
         return movie;
     }
 
-    std::string root_, home_, run_, store_, log_;
-    pid_t daemon_ = -1;
+    PrivateDaemon daemon{"sv-recording-"};
+    const std::string &root_ = daemon.root, &run_ = daemon.run, &store_ = daemon.store;
     std::vector<std::unique_ptr<App>> apps_;
     std::unique_ptr<Agent> agent_;
     std::unique_ptr<ShellClient> shell_;

@@ -46,6 +46,24 @@ inline void writeFile(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary) << text;
 }
 
+// Where a test awaits: std::source_location, or the compiler builtins it is
+// made of where the standard library's needs a newer compiler (clang 14 with
+// libstdc++ 12, the coverage build).
+#if defined(__cpp_lib_source_location)
+using SourceLocation = std::source_location;
+#else
+struct SourceLocation {
+    static SourceLocation current(const char* file = __builtin_FILE(),
+                                  unsigned line = __builtin_LINE()) {
+        return SourceLocation{file, line};
+    }
+    const char* file_name() const { return file_; }
+    unsigned line() const { return line_; }
+    const char* file_;
+    unsigned line_;
+};
+#endif
+
 // Handlers that awaitOnce has seen called, checked again when the test that
 // awaited them ends: a handler must be called exactly once, and a second call
 // may come after awaitOnce returned. Installed as a test event listener on
@@ -94,7 +112,7 @@ class HandlerCallAudit : public ::testing::EmptyTestEventListener {
 // one after it fails the test when it ends (HandlerCallAudit). Returns the
 // handler's argument (or nothing for a handler without one).
 template <typename... Args, typename Start>
-auto awaitOnce(Start&& start, std::source_location at = std::source_location::current()) {
+auto awaitOnce(Start&& start, SourceLocation at = SourceLocation::current()) {
     struct State {
         Semaphore done;
         std::shared_ptr<HandlerCallAudit::Record> record =
