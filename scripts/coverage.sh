@@ -31,7 +31,7 @@ args=()
 for o in "${objects[@]}"; do
   if [ ${#args[@]} -eq 0 ]; then args+=("$o"); else args+=(-object "$o"); fi
 done
-ignore='(^|/)(tests|bench|fuzz|examples|build)/|/usr/'
+ignore='(^|/)(tests|bench|fuzz|examples)/|^/usr/'
 llvm-cov report -instr-profile="$dir/all.profdata" -ignore-filename-regex="$ignore" \
   "${args[@]}" > "$dir/report.txt" 2>/dev/null
 # One row per top-level directory, then the total.

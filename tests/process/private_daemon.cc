@@ -46,8 +46,8 @@ PrivateDaemon::~PrivateDaemon() {
 bool PrivateDaemon::start(const std::string& executable, Options options) {
     if (root.empty()) return false;
     ipc::setRuntimeDirectory(run);
-    std::vector<std::string> argv{executable, "--runtime-dir", run, "--home", home, "--log-level",
-                                  "default"};
+    std::vector<std::string> argv{executable, "--runtime-dir", run,      "--home",
+                                  home,       "--log-level",   "default"};
     argv.insert(argv.end(), options.args.begin(), options.args.end());
     pid_ = spawnProcess(argv, options.env, logPath);
     return pid_ > 0 && answers(options.answerTimeout);
@@ -97,7 +97,8 @@ int PrivateDaemon::stop(int signal, std::chrono::milliseconds timeout) {
 }
 
 void PrivateDaemon::keep() {
-    if (!keep_) std::fprintf(stderr, "kept %s (the daemon's log: %s)\n", root.c_str(), logPath.c_str());
+    if (!keep_)
+        std::fprintf(stderr, "kept %s (the daemon's log: %s)\n", root.c_str(), logPath.c_str());
     keep_ = true;
 }
 
@@ -111,7 +112,8 @@ std::string PrivateDaemon::log() const {
 size_t PrivateDaemon::logCount(const std::string& line) const {
     const std::string text = log();
     size_t n = 0;
-    for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + line.size()))
+    for (size_t at = text.find(line); at != std::string::npos;
+         at = text.find(line, at + line.size()))
         ++n;
     return n;
 }

@@ -154,7 +154,8 @@ TEST_F(MovieStoreTest, PurgeByModificationAge) {
     // Everything (future-dated too) with a zero time to live; a subdirectory
     // goes with its contents, only its own size counts.
     test::writeFile(entry("dir/inner.bin"), std::string(5000, 'x'));
-    EXPECT_EQ(store._srDeleteAllTempFiles(), 320 + sizeOf(entry("dir")));
+    const off_t dirSize = sizeOf(entry("dir"));
+    EXPECT_EQ(store._srDeleteAllTempFiles(), 320 + dirSize);
     EXPECT_TRUE(fs::is_empty(store._srTempPath()));
     EXPECT_TRUE(capture.contains("_srDeleteFilesOlderThanTimeToLiveInSeconds: 0"));
 
