@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 if [ "${1:-}" = "--check" ]; then
-  unformatted=$(git ls-files '*.cc' '*.h' | xargs -r clang-format --dry-run -Werror 2>&1 |
+  unformatted=$(git ls-files -co --exclude-standard '*.cc' '*.h' | xargs -r clang-format --dry-run -Werror 2>&1 |
                   grep -oE '^[^: ]+:[0-9]+:[0-9]+: (error|warning)' | cut -d: -f1 | sort -u || true)
   if [ -n "$unformatted" ]; then
     echo "format: these files are not formatted (run scripts/format.sh):" >&2
@@ -14,4 +14,4 @@ if [ "${1:-}" = "--check" ]; then
   fi
   exit 0
 fi
-git ls-files '*.cc' '*.h' | xargs -r clang-format -i
+git ls-files -co --exclude-standard '*.cc' '*.h' | xargs -r clang-format -i
