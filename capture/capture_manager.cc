@@ -1,6 +1,6 @@
 #include "capture/capture_manager.h"
 
-#include "platform/audio/host_clock.h"
+#include "platform/host_clock.h"
 #include "platform/log.h"
 
 namespace sv {
@@ -81,11 +81,8 @@ void SVCaptureManager::setCaptureSession(std::shared_ptr<CaptureSession> session
 }
 
 void SVCaptureManager::_stopObservingRunning(Observable& session) {
-    try {
-        session.removeObserver(this, CaptureSession::kRunningKey);
-    } catch (const ObservationError&) {
-        // Not observed (any more): nothing to undo.
-    }
+    // Not observed (any more) is fine: nothing to undo.
+    (void)session.removeObserver(this, CaptureSession::kRunningKey);
 }
 
 // Creation

@@ -36,10 +36,10 @@
 #include "platform/audio/audio_backend.h"
 #include "platform/audio/audio_tap_queue.h"
 #include "platform/audio/capture_session.h"
-#include "platform/audio/observation.h"
 #include "platform/audio_format.h"
 #include "platform/dispatch.h"
 #include "platform/media_time.h"
+#include "platform/observation.h"
 #include "platform/sample_buffer.h"
 
 namespace sv {

@@ -24,4 +24,10 @@ std::optional<Error> Error::fromValue(const Value& v) {
     return Error{*domain, *code, info ? *info : Value::object()};
 }
 
+Error Error::make(std::string domain, int64_t code, const std::string& message) {
+    Value info = Value::object();
+    info[kLocalizedDescriptionKey] = message;
+    return Error{std::move(domain), code, std::move(info)};
+}
+
 }  // namespace sv

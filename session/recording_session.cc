@@ -10,7 +10,7 @@
 #include <set>
 #include <utility>
 
-#include "platform/audio/host_clock.h"
+#include "platform/host_clock.h"
 #include "platform/log.h"
 #include "support/localization.h"
 #include "support/movie_store.h"

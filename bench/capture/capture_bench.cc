@@ -15,10 +15,10 @@
 #include <vector>
 
 #include "capture/capture_manager.h"
-#include "platform/audio/host_clock.h"
 #include "platform/audio/pulse_audio.h"
 #include "platform/audio/synthetic_audio.h"
 #include "platform/audio/testing/private_pulse_server.h"
+#include "platform/host_clock.h"
 #include "platform/log.h"
 
 using namespace std::chrono_literals;

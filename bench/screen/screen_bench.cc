@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "bench/bench_util.h"
-#include "platform/audio/host_clock.h"
+#include "platform/host_clock.h"
 #include "platform/screen/synthetic_screen.h"
 #if SV_HAVE_XCB
 #include "platform/screen/testing/xvfb_server.h"

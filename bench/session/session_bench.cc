@@ -30,9 +30,9 @@
 
 #include "bench/bench_util.h"
 #include "movie/movie_inspector.h"
-#include "platform/audio/host_clock.h"
 #include "platform/audio/synthetic_audio.h"
 #include "platform/dispatch.h"
+#include "platform/host_clock.h"
 #include "platform/log.h"
 #include "platform/media/media_settings.h"
 #include "platform/screen/display_mirroring.h"

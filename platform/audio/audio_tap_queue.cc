@@ -11,7 +11,7 @@
 
 #include <pthread.h>
 
-#include "platform/audio/host_clock.h"
+#include "platform/host_clock.h"
 #include "platform/log.h"
 
 namespace sv {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "platform/audio/host_clock.h"
+#include "platform/host_clock.h"
 #include "platform/log.h"
 
 namespace sv {

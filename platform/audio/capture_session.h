@@ -18,8 +18,8 @@
 #include <vector>
 
 #include "platform/audio/audio_backend.h"
-#include "platform/audio/observation.h"
 #include "platform/dispatch.h"
+#include "platform/observation.h"
 #include "platform/sample_buffer.h"
 
 namespace sv {

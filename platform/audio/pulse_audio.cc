@@ -8,8 +8,8 @@
 #include <map>
 #include <vector>
 
-#include "platform/audio/host_clock.h"
 #include "platform/audio/pulse_handles.h"
+#include "platform/host_clock.h"
 #include "platform/log.h"
 
 namespace sv {

@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/audio/host_clock.h"
-#include "platform/screen/frame_stamp.h"
+#include "platform/host_clock.h"
+#include "platform/synthetic_click.h"
 
 namespace sv {
 

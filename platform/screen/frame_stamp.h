@@ -15,9 +15,10 @@
 // a CRC-32 of them. White is full white, black full black; a reader
 // thresholds halfway between the levels it measures on the sync cells.
 //
-// Also the audio counterpart: the synthetic microphone and application audio
-// carry a short click at every whole second of the host clock, which the
-// movie inspector matches against the frame stamped with the same second.
+// The audio counterpart is in platform/synthetic_click.h: the synthetic
+// microphone and application audio carry a short click at every whole second
+// of the host clock, which the movie inspector matches against the frame
+// stamped with the same second.
 //
 // Pure functions, callable from any thread.
 #pragma once
@@ -28,6 +29,7 @@
 #include <optional>
 
 #include "platform/shared_surface.h"
+#include "platform/synthetic_click.h"
 
 namespace sv {
 
@@ -58,22 +60,5 @@ bool drawFrameStamp(SharedSurface& surface, const FrameStamp& stamp);
 // contrast, a broken sync pattern or a checksum mismatch.
 std::optional<FrameStamp> readFrameStamp(const uint8_t* luma, int32_t width, int32_t height,
                                          int32_t bytesPerRow);
-
-// Whole-second clicks of the synthetic audio sources.
-// Length of a click (ms), its peak as a fraction of full scale and the
-// frequency of the burst it is made of (well above the sources' tones).
-inline constexpr double kSyntheticClickMilliseconds = 5.0;
-inline constexpr double kSyntheticClickAmplitude = 0.9;
-inline constexpr double kSyntheticClickFrequency = 2000.0;
-// The click's sample value (-1..1) at host time `hostTime` (ns): non-zero
-// only in [k s, k s + click length) for whole seconds k. Defined here so
-// that audio sources use it without linking the screen library.
-inline double syntheticClickValue(uint64_t hostTime) {
-    constexpr uint64_t kLength = uint64_t(kSyntheticClickMilliseconds * 1e6);
-    const uint64_t intoSecond = hostTime % 1'000'000'000u;
-    if (intoSecond >= kLength) return 0.0;
-    return kSyntheticClickAmplitude *
-           std::sin(2.0 * std::numbers::pi * kSyntheticClickFrequency * double(intoSecond) * 1e-9);
-}
 
 }  // namespace sv

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <system_error>
 
-#include "platform/audio/host_clock.h"
+#include "platform/host_clock.h"
 #include "platform/log.h"
 #include "platform/sample_buffer.h"
 

@@ -23,7 +23,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/audio/host_clock.h"
+#include "platform/host_clock.h"
 #include "platform/log.h"
 #include "platform/screen/paced_capture.h"
 

@@ -10,9 +10,9 @@
 
 #include "platform/audio/audio_tap_queue.h"
 #include "platform/audio/capture_session.h"
-#include "platform/audio/host_clock.h"
 #include "platform/audio/pulse_audio.h"
 #include "platform/audio/testing/private_pulse_server.h"
+#include "platform/host_clock.h"
 #include "tests/audio/audio_analysis.h"
 
 using namespace std::chrono_literals;

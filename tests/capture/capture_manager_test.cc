@@ -12,8 +12,8 @@
 #include <thread>
 
 #include "capture/capture_manager.h"
-#include "platform/audio/host_clock.h"
 #include "platform/audio/synthetic_audio.h"
+#include "platform/host_clock.h"
 #include "platform/log.h"
 #include "tests/audio/audio_analysis.h"
 #include "tests/audio/counting_backend.h"

@@ -8,9 +8,9 @@
 #include <mutex>
 
 #include "capture/capture_manager.h"
-#include "platform/audio/host_clock.h"
 #include "platform/audio/pulse_audio.h"
 #include "platform/audio/testing/private_pulse_server.h"
+#include "platform/host_clock.h"
 #include "tests/audio/audio_analysis.h"
 
 using namespace std::chrono_literals;

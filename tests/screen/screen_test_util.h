@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/audio/host_clock.h"
+#include "platform/host_clock.h"
 #include "platform/screen/frame_stamp.h"
 #include "platform/screen/screen_capture.h"
 #include "platform/screen/synthetic_screen.h"

@@ -9,6 +9,7 @@
 
 #include "platform/screen/synthetic_screen.h"
 #include "platform/ui/synthetic_window_system.h"
+#include "tests/process/process_helpers.h"
 #include "tests/support/test_util.h"
 
 using namespace sv;
@@ -274,8 +275,10 @@ TEST_F(SyntheticWindowSystemTest, ConcurrentDriversLeaveAConsistentStateAndLastL
     auto recorder = std::make_shared<LayoutRecorder>();
     monitor->addObserver(recorder);
     auto states = system_->makeApplicationStateMonitor();
-    std::atomic<int> handled{0};
-    states->setChangeHandler([&](const Value&) { ++handled; });
+    // Changes are handled on the monitor's queue, possibly after the test
+    // body: the count outlives it.
+    auto handled = std::make_shared<std::atomic<int>>(0);
+    states->setChangeHandler([handled](const Value&) { ++*handled; });
 
     constexpr int kThreads = 6, kRounds = 200;
     std::vector<std::thread> threads;
@@ -316,7 +319,7 @@ TEST_F(SyntheticWindowSystemTest, ConcurrentDriversLeaveAConsistentStateAndLastL
     }
     EXPECT_EQ(frontmost, 1u);
     EXPECT_EQ(system_->applications().size(), size_t(kThreads / 2));
-    EXPECT_GT(handled.load(), 0);
+    EXPECT_TRUE(test::eventually([&] { return handled->load() > 0; }, std::chrono::seconds(30)));
 }
 
 TEST_F(SyntheticWindowSystemTest, BoundedAgainstAShellThatRegistersEndlessApplications) {

@@ -10,11 +10,11 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/error.h"
 #include "platform/value.h"
 
 namespace sv {
@@ -40,11 +40,9 @@ class KeyValueObserver {
                                         const KeyValueChange& change, void* context) = 0;
 };
 
-// Raised by removeObserver for an observation that is not registered.
-class ObservationError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
+// Errors of removeObserver.
+inline constexpr const char* kObservationErrorDomain = "org.sorvel.ObservationErrorDomain";
+inline constexpr int64_t kObservationErrorNotRegistered = 1;
 
 class Observable {
   public:
@@ -54,9 +52,9 @@ class Observable {
     // two registrations (and two callbacks per change).
     void addObserver(const std::shared_ptr<KeyValueObserver>& observer, std::string keyPath,
                      uint32_t options, void* context);
-    // Removes the latest registration of `observer` for `keyPath`; throws
-    // ObservationError when there is none.
-    void removeObserver(const KeyValueObserver* observer, std::string_view keyPath);
+    // Removes the latest registration of `observer` for `keyPath`; an error
+    // (kObservationErrorNotRegistered) when there is none.
+    Result<void> removeObserver(const KeyValueObserver* observer, std::string_view keyPath);
     size_t observationCount(std::string_view keyPath) const;
 
   protected:

@@ -1,4 +1,4 @@
-#include "platform/audio/host_clock.h"
+#include "platform/host_clock.h"
 
 #include <time.h>
 

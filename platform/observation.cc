@@ -1,4 +1,4 @@
-#include "platform/audio/observation.h"
+#include "platform/observation.h"
 
 #include <algorithm>
 
@@ -11,15 +11,17 @@ void Observable::addObserver(const std::shared_ptr<KeyValueObserver>& observer, 
     observers_.push_back({observer, observer.get(), std::move(keyPath), options, context});
 }
 
-void Observable::removeObserver(const KeyValueObserver* observer, std::string_view keyPath) {
+Result<void> Observable::removeObserver(const KeyValueObserver* observer,
+                                        std::string_view keyPath) {
     std::lock_guard lock(observersMutex_);
     for (auto it = observers_.rbegin(); it != observers_.rend(); ++it) {
         if (it->identity == observer && it->keyPath == keyPath) {
             observers_.erase(std::next(it).base());
-            return;
+            return {};
         }
     }
-    throw ObservationError("Cannot remove an observer for the key path \"" + std::string(keyPath) +
+    return Error::make(kObservationErrorDomain, kObservationErrorNotRegistered,
+                       "Cannot remove an observer for the key path \"" + std::string(keyPath) +
                            "\" because it is not registered as an observer.");
 }
 
