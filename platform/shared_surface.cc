@@ -29,9 +29,9 @@ bool computeLayout(int32_t width, int32_t height, uint32_t bytesPerRow, size_t* 
 
 }  // namespace
 
-SharedSurface::SharedSurface(int fd, uint8_t* base, size_t size, SurfaceDescriptor desc,
+SharedSurface::SharedSurface(UniqueFd fd, uint8_t* base, size_t size, SurfaceDescriptor desc,
                              bool readOnly)
-    : fd_(fd),
+    : fd_(std::move(fd)),
       base_(base),
       size_(size),
       desc_(desc),
@@ -40,7 +40,6 @@ SharedSurface::SharedSurface(int fd, uint8_t* base, size_t size, SurfaceDescript
 
 SharedSurface::~SharedSurface() {
     if (base_) munmap(base_, size_);
-    if (fd_ >= 0) close(fd_);
 }
 
 std::unique_ptr<SharedSurface> SharedSurface::allocate(int32_t width, int32_t height,
@@ -55,25 +54,23 @@ std::unique_ptr<SharedSurface> SharedSurface::allocate(int32_t width, int32_t he
         setError(error, "surface size out of range");
         return nullptr;
     }
-    int fd = memfd_create("sv-surface", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-    if (fd < 0) {
+    UniqueFd fd(memfd_create("sv-surface", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    if (!fd.valid()) {
         setError(error, std::string("memfd_create: ") + std::strerror(errno));
         return nullptr;
     }
-    if (ftruncate(fd, static_cast<off_t>(size)) != 0 ||
-        fcntl(fd, F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL) != 0) {
+    if (ftruncate(fd.get(), static_cast<off_t>(size)) != 0 ||
+        fcntl(fd.get(), F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL) != 0) {
         setError(error, std::string("sealing surface: ") + std::strerror(errno));
-        close(fd);
         return nullptr;
     }
-    void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
     if (base == MAP_FAILED) {
         setError(error, std::string("mmap: ") + std::strerror(errno));
-        close(fd);
         return nullptr;
     }
-    return std::unique_ptr<SharedSurface>(new SharedSurface(fd, static_cast<uint8_t*>(base), size,
-                                                            {width, height, bpr, format}, false));
+    return std::unique_ptr<SharedSurface>(new SharedSurface(
+        std::move(fd), static_cast<uint8_t*>(base), size, {width, height, bpr, format}, false));
 }
 
 std::shared_ptr<SharedSurface> SharedSurface::create(int32_t width, int32_t height,
@@ -81,32 +78,32 @@ std::shared_ptr<SharedSurface> SharedSurface::create(int32_t width, int32_t heig
     return allocate(width, height, format, error);
 }
 
-std::shared_ptr<SharedSurface> SharedSurface::importDescriptor(int fd,
+std::shared_ptr<SharedSurface> SharedSurface::importDescriptor(int descriptor,
                                                                const SurfaceDescriptor& desc,
                                                                std::string* error) {
+    UniqueFd fd(descriptor);  // owned from here on, whatever happens
     auto fail = [&](const char* why) -> std::shared_ptr<SharedSurface> {
-        if (fd >= 0) close(fd);
         setError(error, why);
         return nullptr;
     };
-    if (fd < 0) return fail("no descriptor");
+    if (!fd.valid()) return fail("no descriptor");
     if (desc.pixelFormat != PixelFormat::BGRA) return fail("unsupported pixel format");
     size_t size = 0;
     if (!computeLayout(desc.width, desc.height, desc.bytesPerRow, &size))
         return fail("surface size out of range");
-    int seals = fcntl(fd, F_GET_SEALS);
+    int seals = fcntl(fd.get(), F_GET_SEALS);
     if (seals < 0 || !(seals & F_SEAL_SHRINK)) return fail("surface is not a sealed memfd");
     struct stat st {};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || uint64_t(st.st_size) < size)
+    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || uint64_t(st.st_size) < size)
         return fail("surface descriptor smaller than its image");
-    void* base = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+    void* base = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd.get(), 0);
     if (base == MAP_FAILED) return fail("mmap of received surface failed");
     return std::shared_ptr<SharedSurface>(
-        new SharedSurface(fd, static_cast<uint8_t*>(base), size, desc, true));
+        new SharedSurface(std::move(fd), static_cast<uint8_t*>(base), size, desc, true));
 }
 
 int SharedSurface::duplicateFd() const {
-    return fcntl(fd_, F_DUPFD_CLOEXEC, 0);
+    return fcntl(fd_.get(), F_DUPFD_CLOEXEC, 0);
 }
 
 std::string SharedSurface::description() const {

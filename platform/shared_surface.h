@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/audio_format.h"
+#include "platform/unique_fd.h"
 
 namespace sv {
 
@@ -70,7 +71,7 @@ class SharedSurface {
     const uint8_t* row(int32_t y) const { return base_ + size_t(y) * desc_.bytesPerRow; }
 
     // The memfd, still owned by the surface; dup() it to hand it on.
-    int fd() const { return fd_; }
+    int fd() const { return fd_.get(); }
     // A new descriptor for sending; the caller owns it. -1 on failure.
     int duplicateFd() const;
 
@@ -81,9 +82,9 @@ class SharedSurface {
                                                    PixelFormat format, std::string* error);
 
   private:
-    SharedSurface(int fd, uint8_t* base, size_t size, SurfaceDescriptor desc, bool readOnly);
+    SharedSurface(UniqueFd fd, uint8_t* base, size_t size, SurfaceDescriptor desc, bool readOnly);
 
-    int fd_;
+    UniqueFd fd_;
     uint8_t* base_;
     size_t size_;
     SurfaceDescriptor desc_;

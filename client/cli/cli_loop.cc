@@ -12,7 +12,8 @@
 namespace sv::cli {
 namespace {
 
-// Written by the signal handler, read by the loop that asked for signals.
+// Written by the signal handler, read by the loop that asked for signals;
+// lives as long as the process (never closed).
 int gSignalPipe[2] = {-1, -1};
 
 void onTerminationSignal(int signal) {
@@ -29,7 +30,10 @@ bool makePipe(int fds[2]) {
 }  // namespace
 
 MainLoop::MainLoop() {
-    if (!makePipe(wake_)) std::abort();
+    int fds[2];
+    if (!makePipe(fds)) std::abort();
+    wake_[0].reset(fds[0]);
+    wake_[1].reset(fds[1]);
 }
 
 MainLoop::~MainLoop() {
@@ -38,15 +42,13 @@ MainLoop::~MainLoop() {
         finished_ = true;
         tasks_.clear();
     }
-    close(wake_[0]);
-    close(wake_[1]);
 }
 
 void MainLoop::post(std::function<void()> task) {
     std::lock_guard lock(mutex_);
     if (finished_) return;
     tasks_.push_back(std::move(task));
-    (void)!write(wake_[1], "x", 1);
+    (void)!write(wake_[1].get(), "x", 1);
 }
 
 uint64_t MainLoop::after(Clock::duration delay, std::function<void()> task) {
@@ -113,13 +115,13 @@ int MainLoop::runUntilQuit() {
             auto ms = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now()).count();
             timeout = int(std::clamp<long long>(ms, 0, 60000));
         }
-        std::vector<pollfd> fds{{wake_[0], POLLIN, 0}};
+        std::vector<pollfd> fds{{wake_[0].get(), POLLIN, 0}};
         for (const auto& w : watches_) fds.push_back({w.fd, POLLIN, 0});
         int n = poll(fds.data(), fds.size(), timeout);
         if (n < 0 && errno != EINTR) break;
 
         char buf[64];
-        while (read(wake_[0], buf, sizeof buf) > 0) {
+        while (read(wake_[0].get(), buf, sizeof buf) > 0) {
         }
         std::deque<std::function<void()>> tasks;
         {

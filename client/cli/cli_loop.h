@@ -14,6 +14,8 @@
 
 #include <termios.h>
 
+#include "platform/unique_fd.h"
+
 namespace sv::cli {
 
 class MainLoop {
@@ -55,7 +57,7 @@ class MainLoop {
         std::function<void()> onReadable;
     };
 
-    int wake_[2] = {-1, -1};
+    UniqueFd wake_[2];  // the self-pipe that wakes run(): read end, write end
     std::mutex mutex_;
     std::deque<std::function<void()>> tasks_;
     bool finished_ = false;

@@ -20,6 +20,7 @@
 #include "platform/ipc/ipc.h"
 #include "platform/log.h"
 #include "platform/system/languages.h"
+#include "platform/unique_fd.h"
 #include "support/localization.h"
 
 extern char** environ;
@@ -128,27 +129,28 @@ ConsentResponse askZenity(const std::string& zenity, const ConsentAlert& alert) 
     args.push_back("--cancel-label=" + alert.defaultButton);
     if (!extra.empty()) args.push_back("--extra-button=" + extra);
 
-    int out[2];
-    if (pipe2(out, O_CLOEXEC) != 0) return ConsentResponse::Cancel;
+    int pipeFds[2];
+    if (pipe2(pipeFds, O_CLOEXEC) != 0) return ConsentResponse::Cancel;
+    sv::UniqueFd readEnd(pipeFds[0]), writeEnd(pipeFds[1]);
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_adddup2(&fa, out[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&fa, writeEnd.get(), STDOUT_FILENO);
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
     pid_t pid = -1;
     int rc = posix_spawn(&pid, zenity.c_str(), &fa, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&fa);
-    close(out[1]);
+    writeEnd.reset();  // the child's copy is the only writer left
     std::string printed;
     char buf[256];
     ssize_t n;
-    while (rc == 0 && (n = read(out[0], buf, sizeof buf)) != 0) {
+    while (rc == 0 && (n = read(readEnd.get(), buf, sizeof buf)) != 0) {
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 || printed.size() > 4096) break;
         printed.append(buf, size_t(n));
     }
-    close(out[0]);
+    readEnd.reset();
     int status = 0;
     if (rc != 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
         std::fprintf(stderr, "sorvel consent-agent: zenity failed; the question is declined\n");

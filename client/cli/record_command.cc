@@ -22,6 +22,8 @@
 
 #ifdef SV_CLI_HAVE_XCB
 #include <xcb/xcb.h>
+
+#include "platform/xcb_handles.h"
 #endif
 
 #include "client/cli/cli_loop.h"
@@ -108,8 +110,7 @@ sv::SVWindowSize defaultSize(bool system, const std::vector<uint32_t>& layers) {
 #ifdef SV_CLI_HAVE_XCB
     if (std::getenv("DISPLAY") && (system || !layers.empty())) {
         int screenNumber = 0;
-        std::unique_ptr<xcb_connection_t, void (*)(xcb_connection_t*)> c(
-            xcb_connect(nullptr, &screenNumber), xcb_disconnect);
+        sv::XcbConnection c(xcb_connect(nullptr, &screenNumber));
         std::optional<sv::SVWindowSize> size;
         if (c && !xcb_connection_has_error(c.get())) {
             auto it = xcb_setup_roots_iterator(xcb_get_setup(c.get()));
@@ -118,10 +119,8 @@ sv::SVWindowSize defaultSize(bool system, const std::vector<uint32_t>& layers) {
                 size = sv::SVWindowSize{float(it.data->width_in_pixels),
                                         float(it.data->height_in_pixels)};
             } else if (!system) {
-                std::unique_ptr<xcb_get_geometry_reply_t, void (*)(void*)> g(
-                    xcb_get_geometry_reply(c.get(), xcb_get_geometry(c.get(), layers.front()),
-                                           nullptr),
-                    std::free);
+                sv::XcbReply<xcb_get_geometry_reply_t> g(xcb_get_geometry_reply(
+                    c.get(), xcb_get_geometry(c.get(), layers.front()), nullptr));
                 if (g && g->width > 0 && g->height > 0)
                     size = sv::SVWindowSize{float(g->width), float(g->height)};
             }

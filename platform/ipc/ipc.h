@@ -289,6 +289,10 @@ class Listener : public std::enable_shared_from_this<Listener> {
     // does not apply (the endpoint is the capability), the other options do.
     static std::shared_ptr<Listener> anonymous(std::string* error = nullptr, Options options = {});
     ~Listener();
+    // The listener owns its socket's path (its destructor unlinks it): one
+    // owner, never copied.
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
 
     // Held weakly; a listener without a live delegate refuses connections.
     void setDelegate(std::weak_ptr<ListenerDelegate> delegate);

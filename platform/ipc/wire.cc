@@ -201,11 +201,6 @@ std::optional<EncodedMessage> encodeEnvelope(Value envelope, const Arguments& ar
 
 }  // namespace
 
-void UniqueFd::reset(int fd) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = fd;
-}
-
 Endpoint Endpoint::adopt(int fd) {
     Endpoint e;
     e.fd_ = std::make_shared<UniqueFd>(fd);

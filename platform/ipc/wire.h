@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "platform/shared_surface.h"
+#include "platform/unique_fd.h"
 #include "platform/value.h"
 
 namespace sv::ipc {
@@ -33,33 +34,6 @@ inline constexpr size_t kMaxObjectsPerMessage = 16;
 inline constexpr size_t kMaxArguments = 32;
 // Key that marks a map inside the arguments as a reference to an object.
 inline constexpr const char* kObjectKey = "$object";
-
-// An owned file descriptor, closed on destruction.
-class UniqueFd {
-  public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    ~UniqueFd() { reset(); }
-    UniqueFd(UniqueFd&& o) noexcept : fd_(o.release()) {}
-    UniqueFd& operator=(UniqueFd&& o) noexcept {
-        if (this != &o) reset(o.release());
-        return *this;
-    }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void reset(int fd = -1);
-
-  private:
-    int fd_ = -1;
-};
 
 // The capability to connect to an unnamed listener (Listener::anonymous).
 // Whoever holds one, in any process, may connect; it cannot be forged from

@@ -26,6 +26,8 @@
 #include "platform/host_clock.h"
 #include "platform/log.h"
 #include "platform/screen/paced_capture.h"
+#include "platform/unique_fd.h"
+#include "platform/xcb_handles.h"
 
 namespace sv {
 
@@ -50,17 +52,9 @@ xcb_connection_t* connectToXServer(const char* displayName, int* screenNumber) {
 
 namespace {
 
-struct ConnectionDeleter {
-    void operator()(xcb_connection_t* c) const { xcb_disconnect(c); }
-};
-using Connection = std::unique_ptr<xcb_connection_t, ConnectionDeleter>;
-
-// Replies and errors are malloc'ed by xcb.
-struct FreeDeleter {
-    void operator()(void* p) const { std::free(p); }
-};
+using Connection = XcbConnection;
 template <typename T>
-using Reply = std::unique_ptr<T, FreeDeleter>;
+using Reply = XcbReply<T>;
 
 // One mapping of a memfd the server also maps (MIT-SHM 1.2).
 struct SharedSegment {
@@ -456,24 +450,22 @@ class X11FrameSource final : public FrameSource {
         xcb_connection_t* c = conn_.get();
         if (segment_.id) xcb_shm_detach(c, segment_.id);
         segment_.unmap();
-        int fd = memfd_create("sv-x11-capture", MFD_CLOEXEC);
-        if (fd < 0 || ftruncate(fd, off_t(bytes)) != 0) {
-            if (fd >= 0) close(fd);
+        UniqueFd fd(memfd_create("sv-x11-capture", MFD_CLOEXEC));
+        if (!fd.valid() || ftruncate(fd.get(), off_t(bytes)) != 0) {
             log::error("Screen capture: no shared memory (%@), reading pixels through the socket",
                        std::strerror(errno));
             useShm_ = false;
             return false;
         }
-        void* data = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        void* data = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
         if (data == MAP_FAILED) {
-            close(fd);
             useShm_ = false;
             return false;
         }
         xcb_shm_seg_t id = xcb_generate_id(c);
         // xcb closes the descriptor once it has been sent.
         Reply<xcb_generic_error_t> err(
-            xcb_request_check(c, xcb_shm_attach_fd_checked(c, id, fd, 0)));
+            xcb_request_check(c, xcb_shm_attach_fd_checked(c, id, fd.release(), 0)));
         if (err) {
             munmap(data, bytes);
             log::error("Screen capture: the X server refused shared memory (error %i)",

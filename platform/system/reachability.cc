@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "platform/unique_fd.h"
+
 namespace sv {
 namespace {
 
@@ -61,13 +63,11 @@ void resolve(const std::string& host, const std::shared_ptr<Resolution>& state) 
 }
 
 bool routeExists(const ResolvedAddress& a) {
-    int fd = socket(a.family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return false;
+    UniqueFd fd(socket(a.family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid()) return false;
     // connect() on a datagram socket only selects a route and a source
     // address; it fails with ENETUNREACH when the routing table has none.
-    bool ok = connect(fd, reinterpret_cast<const sockaddr*>(&a.addr), a.len) == 0;
-    close(fd);
-    return ok;
+    return connect(fd.get(), reinterpret_cast<const sockaddr*>(&a.addr), a.len) == 0;
 }
 
 }  // namespace

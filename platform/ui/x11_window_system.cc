@@ -20,32 +20,22 @@
 #include "platform/log.h"
 #include "platform/process/process_info.h"
 #include "platform/system/bundle.h"
+#include "platform/unique_fd.h"
+#include "platform/xcb_handles.h"
 
 namespace sv {
 namespace {
 
 // ---- RAII owners of xcb objects
 
-struct FreeDeleter {
-    void operator()(void* p) const { std::free(p); }
-};
 template <typename T>
-using Reply = std::unique_ptr<T, FreeDeleter>;
-
-struct ConnectionDeleter {
-    void operator()(xcb_connection_t* c) const { xcb_disconnect(c); }
-};
-using Connection = std::unique_ptr<xcb_connection_t, ConnectionDeleter>;
+using Reply = XcbReply<T>;
+using Connection = XcbConnection;
 
 // The file descriptor that wakes the event thread.
 struct EventFd {
-    int fd = -1;
-    EventFd() : fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-    ~EventFd() {
-        if (fd >= 0) close(fd);
-    }
-    EventFd(const EventFd&) = delete;
-    EventFd& operator=(const EventFd&) = delete;
+    UniqueFd owned{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    const int fd = owned.get();
     void signal() const {
         uint64_t one = 1;
         if (fd >= 0) (void)!write(fd, &one, sizeof one);

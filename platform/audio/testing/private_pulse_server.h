@@ -26,6 +26,9 @@ class PrivatePulseServer {
     // test that cannot start a server then fails instead of skipping.
     static bool required();
     ~PrivatePulseServer();
+    // Owns the server process and its directory: never copied.
+    PrivatePulseServer(const PrivatePulseServer&) = delete;
+    PrivatePulseServer& operator=(const PrivatePulseServer&) = delete;
 
     // The address to give PulseAudioBackend and libpulse clients.
     const std::string& address() const { return address_; }

@@ -15,6 +15,8 @@
 
 #include <xcb/xcb.h>
 
+#include "platform/xcb_handles.h"
+
 extern char** environ;
 
 namespace sv::testing {
@@ -48,15 +50,14 @@ void endProcess(pid_t pid) {
 std::unique_ptr<X11TestClient> X11TestClient::connect(const std::string& displayName,
                                                       std::string* whyNot) {
     int screenNumber = 0;
-    xcb_connection_t* c = xcb_connect(displayName.c_str(), &screenNumber);
-    if (!c || xcb_connection_has_error(c)) {
-        if (c) xcb_disconnect(c);
+    XcbConnection c(xcb_connect(displayName.c_str(), &screenNumber));
+    if (!c || xcb_connection_has_error(c.get())) {
         if (whyNot) *whyNot = "cannot connect to " + displayName;
         return nullptr;
     }
     std::unique_ptr<X11TestClient> client(new X11TestClient);
-    client->c_ = c;
-    client->root_ = xcb_setup_roots_iterator(xcb_get_setup(c)).data->root;
+    client->root_ = xcb_setup_roots_iterator(xcb_get_setup(c.get())).data->root;
+    client->c_ = c.release();
     return client;
 }
 
@@ -66,14 +67,13 @@ X11TestClient::~X11TestClient() {
 
 uint32_t X11TestClient::atom(const std::string& name) {
     auto cookie = xcb_intern_atom(c_, 0, uint16_t(name.size()), name.c_str());
-    xcb_intern_atom_reply_t* r = xcb_intern_atom_reply(c_, cookie, nullptr);
-    uint32_t a = r ? r->atom : 0;
-    std::free(r);
-    return a;
+    XcbReply<xcb_intern_atom_reply_t> r(xcb_intern_atom_reply(c_, cookie, nullptr));
+    return r ? r->atom : 0;
 }
 
 void X11TestClient::sync() {
-    std::free(xcb_get_input_focus_reply(c_, xcb_get_input_focus(c_), nullptr));
+    XcbReply<xcb_get_input_focus_reply_t>(
+        xcb_get_input_focus_reply(c_, xcb_get_input_focus(c_), nullptr));
 }
 
 void X11TestClient::setAtoms(uint32_t window, const std::string& property,

@@ -37,6 +37,8 @@ class X11TestClient {
     static std::unique_ptr<X11TestClient> connect(const std::string& displayName,
                                                   std::string* whyNot = nullptr);
     ~X11TestClient();
+    X11TestClient(const X11TestClient&) = delete;
+    X11TestClient& operator=(const X11TestClient&) = delete;
 
     uint32_t root() const { return root_; }
     // Creates the window with its properties; mapped when `map`.
