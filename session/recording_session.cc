@@ -159,8 +159,10 @@ void SVRecordingSession::_startWithStoreInfo(std::shared_ptr<SVStoreInfo> info,
         log::info("SVRecordingSession: start abandoned, the recording ended before it began");
         return;
     }
+    auto backend = _screenBackend();
     const WindowSize size =
-        _movieSizeForWindowSize(windowSize(), originalWindowSize(), isSystemRecording());
+        _movieSizeForWindowSize(windowSize(), originalWindowSize(), isSystemRecording(),
+                                !backend || backend->followsPanelOrientation());
     std::weak_ptr<SVRecordingSession> weak = weak_from_this();
 
     if (broadcastProcessMode() != kBroadcastProcessModeUpload) {

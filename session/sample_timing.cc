@@ -131,8 +131,8 @@ WindowSize _maximumSizeWithSize(WindowSize size) {
 }
 
 WindowSize _movieSizeForWindowSize(WindowSize windowSize, WindowSize originalWindowSize,
-                                   bool systemRecording) {
-    if (!systemRecording) return windowSize;
+                                   bool systemRecording, bool panelOrientation) {
+    if (!systemRecording || !panelOrientation) return windowSize;
     const bool large = originalWindowSize.width >= kLargeDisplayDimension ||
                        originalWindowSize.height >= kLargeDisplayDimension;
     WindowSize s = windowSize;

@@ -75,11 +75,13 @@ AffineTransform _affineTransformFromTransformFlags(uint32_t transformFlags);
 // height limited first, the aspect ratio kept up to float rounding.
 WindowSize _maximumSizeWithSize(WindowSize size);
 
-// The size of the movie: `windowSize` for an application recording; for a
-// whole-display recording, `windowSize` turned portrait on a small display
-// and landscape on a large one (a side of `originalWindowSize` at least
-// kLargeDisplayDimension), a square staying as it is.
+// The size of the movie: `windowSize` for an application recording and for
+// a whole-display recording of a desktop display (`panelOrientation` false:
+// recorded the way it is shown); for a whole-display recording of a panel,
+// `windowSize` turned portrait on a small display and landscape on a large
+// one (a side of `originalWindowSize` at least kLargeDisplayDimension), a
+// square staying as it is.
 WindowSize _movieSizeForWindowSize(WindowSize windowSize, WindowSize originalWindowSize,
-                                   bool systemRecording);
+                                   bool systemRecording, bool panelOrientation = true);
 
 }  // namespace sv

@@ -28,6 +28,12 @@ class ScreenBackend {
     virtual std::shared_ptr<DisplayMirroringService> mirroringService() = 0;
     // The display's size in pixels in its current orientation.
     virtual WindowSize displaySize() const = 0;
+    // True for a panel with a native orientation of its own (a phone's: small
+    // panels portrait, large ones landscape), which a whole-display recording
+    // keeps however the device is held; its frames carry the turn as
+    // transform flags. False for a desktop display, recorded the way it is
+    // shown: the movie has the display's own size and needs no turn.
+    virtual bool followsPanelOrientation() const { return true; }
 };
 
 enum class ScreenBackendKind { Automatic, X11, Synthetic };

@@ -31,19 +31,6 @@
 
 namespace sv {
 
-uint32_t transformFlagsForRandRRotation(uint16_t rotation) {
-    uint32_t flags = 0;
-    if (rotation & XCB_RANDR_ROTATION_ROTATE_90)
-        flags = kScreenTransformRotate;
-    else if (rotation & XCB_RANDR_ROTATION_ROTATE_180)
-        flags = kScreenTransformFlipX | kScreenTransformFlipY;
-    else if (rotation & XCB_RANDR_ROTATION_ROTATE_270)
-        flags = kScreenTransformRotate | kScreenTransformFlipX | kScreenTransformFlipY;
-    if (rotation & XCB_RANDR_ROTATION_REFLECT_X) flags ^= kScreenTransformFlipX;
-    if (rotation & XCB_RANDR_ROTATION_REFLECT_Y) flags ^= kScreenTransformFlipY;
-    return flags;
-}
-
 xcb_connection_t* connectToXServer(const char* displayName, int* screenNumber) {
     static std::mutex* connecting = new std::mutex;  // never destroyed: used by detached threads
     std::lock_guard lock(*connecting);
@@ -246,44 +233,6 @@ constexpr std::chrono::milliseconds kConnectTimeout{2000};
 // than costing a round trip per identifier each frame.
 constexpr size_t kMaxClonedWindows = 256;
 
-// The primary output's rotation (or the first active CRTC's, or the screen's
-// for servers before RandR 1.3) as transform flags.
-uint32_t readTransformFlags(xcb_connection_t* c, const ScreenInfo& info) {
-    if (!info.randrAny) return 0;
-    if (info.randr) {
-        auto primaryCookie = xcb_randr_get_output_primary(c, info.root);
-        auto resourcesCookie = xcb_randr_get_screen_resources_current(c, info.root);
-        Reply<xcb_randr_get_output_primary_reply_t> primary(
-            xcb_randr_get_output_primary_reply(c, primaryCookie, nullptr));
-        Reply<xcb_randr_get_screen_resources_current_reply_t> resources(
-            xcb_randr_get_screen_resources_current_reply(c, resourcesCookie, nullptr));
-        if (resources) {
-            const xcb_timestamp_t ts = resources->config_timestamp;
-            xcb_randr_crtc_t crtc = 0;
-            if (primary && primary->output) {
-                Reply<xcb_randr_get_output_info_reply_t> output(xcb_randr_get_output_info_reply(
-                    c, xcb_randr_get_output_info(c, primary->output, ts), nullptr));
-                if (output) crtc = output->crtc;
-            }
-            const xcb_randr_crtc_t* crtcs =
-                xcb_randr_get_screen_resources_current_crtcs(resources.get());
-            const int count = xcb_randr_get_screen_resources_current_crtcs_length(resources.get());
-            for (int i = 0; i < count + 1; ++i) {
-                // The primary's CRTC first, then the first one showing a mode.
-                xcb_randr_crtc_t candidate = i == 0 ? crtc : crtcs[i - 1];
-                if (!candidate) continue;
-                Reply<xcb_randr_get_crtc_info_reply_t> info2(xcb_randr_get_crtc_info_reply(
-                    c, xcb_randr_get_crtc_info(c, candidate, ts), nullptr));
-                if (info2 && (info2->mode || i == 0))
-                    return transformFlagsForRandRRotation(info2->rotation);
-            }
-        }
-    }
-    Reply<xcb_randr_get_screen_info_reply_t> screen(
-        xcb_randr_get_screen_info_reply(c, xcb_randr_get_screen_info(c, info.root), nullptr));
-    return screen ? transformFlagsForRandRRotation(screen->rotation) : 0;
-}
-
 // Blends a premultiplied ARGB image (the cursor) onto a BGRX buffer.
 void blendCursor(uint8_t* buffer, int32_t stride, int32_t width, int32_t height,
                  const uint32_t* image, int32_t x0, int32_t y0, int32_t w, int32_t h) {
@@ -373,7 +322,9 @@ class X11FrameSource final : public FrameSource {
                               libyuv::kFilterBilinear);
         setOpaque(*surface);
         result.surface = std::move(surface);
-        result.transformFlags = transformFlags_;
+        // The root window is laid out the way the user sees it (RandR turns
+        // the scan-out of a rotated output, not the root): no turn to apply.
+        result.transformFlags = 0;
         return result;
     }
 
@@ -411,7 +362,6 @@ class X11FrameSource final : public FrameSource {
             xcb_randr_select_input(
                 conn_.get(), info_.root,
                 XCB_RANDR_NOTIFY_MASK_SCREEN_CHANGE | XCB_RANDR_NOTIFY_MASK_CRTC_CHANGE);
-        transformFlags_ = readTransformFlags(conn_.get(), info_);
         return true;
     }
 
@@ -439,7 +389,6 @@ class X11FrameSource final : public FrameSource {
             info_.width = g->width;
             info_.height = g->height;
         }
-        transformFlags_ = readTransformFlags(conn_.get(), info_);
     }
 
     // A shared segment of at least `bytes`; false when the server will not
@@ -718,7 +667,6 @@ class X11FrameSource final : public FrameSource {
     std::mutex connMutex_;  // guards conn_ against interrupt(); used on the delivery thread
     Connection conn_;
     ScreenInfo info_;
-    uint32_t transformFlags_ = 0;
     bool useShm_ = false;
     SharedSegment segment_;
     Reply<xcb_get_image_reply_t> rootReply_;
@@ -824,12 +772,6 @@ const std::string& X11ScreenBackend::displayName() const {
 bool X11ScreenBackend::usesSharedMemory() const {
     std::lock_guard lock(impl_->mutex);
     return impl_->info.shm && impl_->options.sharedMemory;
-}
-
-uint32_t X11ScreenBackend::transformFlags() const {
-    std::lock_guard lock(impl_->mutex);
-    xcb_connection_t* c = impl_->connectionLocked();
-    return c ? readTransformFlags(c, impl_->info) : 0;
 }
 
 }  // namespace sv

@@ -36,15 +36,6 @@ struct xcb_connection_t;
 
 namespace sv {
 
-// The transform flags for a RandR rotation word (XCB_RANDR_ROTATION_* bits):
-//   rotate 0   -> 0
-//   rotate 90  -> kScreenTransformRotate                                   (4)
-//   rotate 180 -> kScreenTransformFlipX | kScreenTransformFlipY            (3)
-//   rotate 270 -> kScreenTransformRotate | FlipX | FlipY                   (7)
-// then reflect X toggles kScreenTransformFlipX (2) and reflect Y toggles
-// kScreenTransformFlipY (1). A word without a rotation bit counts as rotate 0.
-uint32_t transformFlagsForRandRRotation(uint16_t rotation);
-
 // xcb_connect for everyone in the process: it reads the X authority file
 // through libXau, whose file name lookup is not thread-safe, so connections
 // are opened one at a time. Same arguments and result as xcb_connect.
@@ -67,6 +58,7 @@ class X11ScreenBackend final : public ScreenBackend {
     ~X11ScreenBackend() override;
 
     std::string name() const override { return "x11"; }
+    bool followsPanelOrientation() const override { return false; }
     std::shared_ptr<ScreenCaptureController> makeCaptureController(
         WindowSize frameSize, MediaTime minimumFrameInterval) override;
     std::shared_ptr<DisplayMirroringService> mirroringService() override;
@@ -77,8 +69,6 @@ class X11ScreenBackend final : public ScreenBackend {
     // Whether pixels come through shared memory (MIT-SHM 1.2 on a server of
     // this machine) rather than through the socket.
     bool usesSharedMemory() const;
-    // The primary output's rotation as transform flags, read now.
-    uint32_t transformFlags() const;
 
     struct Impl;
     explicit X11ScreenBackend(std::unique_ptr<Impl> impl);

@@ -10,11 +10,16 @@
 
 #include "movie/movie_inspector.h"
 #include "platform/ipc/ipc.h"
+#include "platform/media/movie_reader.h"
 #include "protocol/service_names.h"
 #include "tests/client/cli_helpers.h"
 #include "tests/process/private_daemon.h"
 #include "tests/process/process_helpers.h"
 #include "tests/support/test_util.h"
+
+#ifdef SV_TEST_HAVE_XVFB
+#include "platform/screen/testing/xvfb_server.h"
+#endif
 
 using namespace sv;
 using namespace std::chrono_literals;
@@ -156,5 +161,48 @@ TEST_F(RecordEndToEndTest, ADaemonRestartEndsTheRecordingAndTheAgentComesBack) {
     p = record({"--duration", "1"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
 }
+
+#ifdef SV_TEST_HAVE_XVFB
+// A desktop user records their X11 screen: the movie has the screen's own
+// size and needs no turn to play upright, and a window of a known colour
+// shows where it is on the screen.
+TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
+    if (!sv::testing::XvfbServer::available()) GTEST_SKIP() << "no Xvfb";
+    std::string error;
+    auto x = sv::testing::XvfbServer::start(640, 360, &error);
+    ASSERT_TRUE(x) << error;
+    auto window =
+        sv::testing::XTestWindow::create(x->displayName(), 400, 40, 160, 160, 0xFFFFFF, &error);
+    ASSERT_TRUE(window) << error;
+    daemon_.stop(SIGTERM);
+    env_.push_back("DISPLAY=" + x->displayName());
+    ASSERT_TRUE(daemon_.start(
+        SORVELD,
+        {.args = {"--screen-backend", "x11", "--audio-backend", "synthetic"}, .env = env_}))
+        << daemon_.log();
+
+    pid_t p = record({"--system", "--duration", "1"});
+    EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
+    auto reader = media::MovieReader::open(output());
+    ASSERT_TRUE(reader);
+    ASSERT_FALSE(reader->info().tracks.empty());
+    const media::TrackInfo& video = reader->info().tracks[0];
+    EXPECT_EQ(video.width, 640);
+    EXPECT_EQ(video.height, 360);
+    EXPECT_EQ(video.rotation, 0);
+    EXPECT_FALSE(video.mirrored);
+    int bright = -1, dark = -1;
+    reader->decode(
+        [&](const media::LumaFrame& f) {
+            if (f.width != 640 || f.height != 360) return false;
+            bright = f.data[120 * f.bytesPerRow + 480];  // inside the white window
+            dark = f.data[300 * f.bytesPerRow + 100];    // the black root beside it
+            return false;
+        },
+        nullptr);
+    EXPECT_GT(bright, 200);
+    EXPECT_LT(dark, 60);
+}
+#endif
 
 }  // namespace

@@ -91,27 +91,6 @@ int otherPixels(const SharedSurface& s, int32_t x, int32_t y, int32_t radius, ui
     return n;
 }
 
-TEST(X11Screen, RandRRotationAsTransformFlags) {
-    struct {
-        uint16_t rotation;
-        uint32_t flags;
-    } cases[] = {
-        {XCB_RANDR_ROTATION_ROTATE_0, 0},
-        {XCB_RANDR_ROTATION_ROTATE_90, kScreenTransformRotate},
-        {XCB_RANDR_ROTATION_ROTATE_180, kScreenTransformFlipX | kScreenTransformFlipY},
-        {XCB_RANDR_ROTATION_ROTATE_270,
-         kScreenTransformRotate | kScreenTransformFlipX | kScreenTransformFlipY},
-        {XCB_RANDR_ROTATION_ROTATE_0 | XCB_RANDR_ROTATION_REFLECT_X, kScreenTransformFlipX},
-        {XCB_RANDR_ROTATION_ROTATE_0 | XCB_RANDR_ROTATION_REFLECT_Y, kScreenTransformFlipY},
-        {XCB_RANDR_ROTATION_ROTATE_90 | XCB_RANDR_ROTATION_REFLECT_X,
-         kScreenTransformRotate | kScreenTransformFlipX},
-        {XCB_RANDR_ROTATION_ROTATE_180 | XCB_RANDR_ROTATION_REFLECT_Y, kScreenTransformFlipX},
-        {0, 0},
-    };
-    for (auto c : cases)
-        EXPECT_EQ(transformFlagsForRandRRotation(c.rotation), c.flags) << c.rotation;
-}
-
 TEST_F(X11ScreenTest, MirrorShowsOverlappingWindowsAndThePointerCloneOnlyTheClonedWindow) {
     ASSERT_NO_FATAL_FAILURE(makeWindows());
     // Pixels through shared memory, and through the socket as from a
