@@ -160,9 +160,8 @@ void SVRecordingSession::_startWithStoreInfo(std::shared_ptr<SVStoreInfo> info,
         return;
     }
     auto backend = _screenBackend();
-    const WindowSize size =
-        _movieSizeForWindowSize(windowSize(), originalWindowSize(), isSystemRecording(),
-                                !backend || backend->followsPanelOrientation());
+    const WindowSize size = _movieSizeForWindowSize(
+        windowSize(), originalWindowSize(), isSystemRecording(), !backend || !backend->isDesktop());
     std::weak_ptr<SVRecordingSession> weak = weak_from_this();
 
     if (broadcastProcessMode() != kBroadcastProcessModeUpload) {
@@ -245,6 +244,15 @@ void SVRecordingSession::_resumeOrStartSession(uint64_t generation) {
     controller->setDelegate(std::weak_ptr<ScreenCaptureControllerDelegate>(shared_from_this()));
 
     const int32_t pid = frontmostPIDForAudioTap();
+    if (pid <= 0 && backend && backend->isDesktop() && isMicrophoneEnabled()) {
+        // A desktop may have no application in front: no process to tap, but
+        // the user asked for the microphone, so it is recorded all the same.
+        std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+        DispatchQueue::global()->async([weak, generation] {
+            if (auto self = weak.lock()) self->_appAudioDidStart(generation);
+        });
+        return;
+    }
     if (pid <= 0) {
         // No process to tap: neither application audio nor the microphone.
         log::info("starting screen capture");

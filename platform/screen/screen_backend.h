@@ -28,12 +28,14 @@ class ScreenBackend {
     virtual std::shared_ptr<DisplayMirroringService> mirroringService() = 0;
     // The display's size in pixels in its current orientation.
     virtual WindowSize displaySize() const = 0;
-    // True for a panel with a native orientation of its own (a phone's: small
-    // panels portrait, large ones landscape), which a whole-display recording
-    // keeps however the device is held; its frames carry the turn as
-    // transform flags. False for a desktop display, recorded the way it is
-    // shown: the movie has the display's own size and needs no turn.
-    virtual bool followsPanelOrientation() const { return true; }
+    // False for a phone's panel: it has a native orientation of its own
+    // (small panels portrait, large ones landscape) that a whole-display
+    // recording keeps however the device is held, its frames carrying the
+    // turn as transform flags; and some application is always in front of
+    // it. True for a desktop display: recorded the way it is shown (the movie
+    // has the display's own size and needs no turn), possibly with no
+    // application in front (a bare desktop, a terminal of no bundle).
+    virtual bool isDesktop() const { return false; }
 };
 
 enum class ScreenBackendKind { Automatic, X11, Synthetic };

@@ -58,7 +58,7 @@ class X11ScreenBackend final : public ScreenBackend {
     ~X11ScreenBackend() override;
 
     std::string name() const override { return "x11"; }
-    bool followsPanelOrientation() const override { return false; }
+    bool isDesktop() const override { return true; }
     std::shared_ptr<ScreenCaptureController> makeCaptureController(
         WindowSize frameSize, MediaTime minimumFrameInterval) override;
     std::shared_ptr<DisplayMirroringService> mirroringService() override;

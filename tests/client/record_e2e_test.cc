@@ -163,9 +163,10 @@ TEST_F(RecordEndToEndTest, ADaemonRestartEndsTheRecordingAndTheAgentComesBack) {
 }
 
 #ifdef SV_TEST_HAVE_XVFB
-// A desktop user records their X11 screen: the movie has the screen's own
-// size and needs no turn to play upright, and a window of a known colour
-// shows where it is on the screen.
+// A desktop user records their X11 screen with the microphone, no
+// application in front: the movie has the screen's own size and needs no
+// turn to play upright, a window of a known colour shows where it is on the
+// screen, and the microphone track runs the length of the video.
 TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
     if (!sv::testing::XvfbServer::available()) GTEST_SKIP() << "no Xvfb";
     std::string error;
@@ -181,7 +182,7 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
         {.args = {"--screen-backend", "x11", "--audio-backend", "synthetic"}, .env = env_}))
         << daemon_.log();
 
-    pid_t p = record({"--system", "--duration", "1"});
+    pid_t p = record({"--system", "--mic", "--duration", "2"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
     auto reader = media::MovieReader::open(output());
     ASSERT_TRUE(reader);
@@ -191,6 +192,8 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
     EXPECT_EQ(video.height, 360);
     EXPECT_EQ(video.rotation, 0);
     EXPECT_FALSE(video.mirrored);
+    ASSERT_EQ(reader->info().tracks.size(), 3u);
+    EXPECT_GT(reader->info().tracks[2].duration, video.duration - 0.5);
     int bright = -1, dark = -1;
     reader->decode(
         [&](const media::LumaFrame& f) {
