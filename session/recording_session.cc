@@ -141,6 +141,7 @@ void SVRecordingSession::startSessionWithHandler(StartHandler handler) {
     framesDropped_.store(0);
     sessionHandler_.store(handler ? std::make_shared<StartHandler>(std::move(handler)) : nullptr);
     const uint64_t generation = ++captureGeneration_;
+    const uint64_t recordingGeneration = ++recordingGeneration_;
     // The last recording's writer is of no use any more. One that was never
     // finished (stopped with an error) is cancelled now: left to its
     // destructor it would remove its partial file, which has this
@@ -148,14 +149,16 @@ void SVRecordingSession::startSessionWithHandler(StartHandler handler) {
     if (auto previous = movieWriter_.exchange(nullptr); previous && previous->fileWriter())
         previous->fileWriter()->cancelWriting();
     std::weak_ptr<SVRecordingSession> weak = weak_from_this();
-    getStoreInfoWithHandler([weak, generation](std::shared_ptr<SVStoreInfo> info) {
-        if (auto self = weak.lock()) self->_startWithStoreInfo(std::move(info), generation);
-    });
+    getStoreInfoWithHandler(
+        [weak, generation, recordingGeneration](std::shared_ptr<SVStoreInfo> info) {
+            if (auto self = weak.lock())
+                self->_startWithStoreInfo(std::move(info), generation, recordingGeneration);
+        });
 }
 
-void SVRecordingSession::_startWithStoreInfo(std::shared_ptr<SVStoreInfo> info,
-                                             uint64_t generation) {
-    if (captureGeneration_.load() != generation) {
+void SVRecordingSession::_startWithStoreInfo(std::shared_ptr<SVStoreInfo> info, uint64_t generation,
+                                             uint64_t recordingGeneration) {
+    if (recordingGeneration_.load() != recordingGeneration) {
         log::info("SVRecordingSession: start abandoned, the recording ended before it began");
         return;
     }
@@ -176,16 +179,22 @@ void SVRecordingSession::_startWithStoreInfo(std::shared_ptr<SVStoreInfo> info,
     // The writer becomes the session's once its file writer is set up (on
     // the store's queue), so nothing on another thread sees it half made; a
     // stop in the meantime finds no writer and abandons this one.
-    writer->startWritingHandler([weak, writer, generation] {
+    writer->startWritingHandler([weak, writer, generation, recordingGeneration] {
         auto self = weak.lock();
         if (!self) return;
         {
             std::lock_guard control(self->controlMutex_);
-            if (self->captureGeneration_.load() != generation) {
+            if (self->recordingGeneration_.load() != recordingGeneration) {
                 log::info("SVRecordingSession: start abandoned, capture was stopped meanwhile");
                 return;
             }
             self->movieWriter_.store(writer);
+            if (self->captureGeneration_.load() != generation) {
+                // Paused while the writer was being set up: it is kept, and
+                // the resume starts capture.
+                log::info("SVRecordingSession: writer ready while paused");
+                return;
+            }
         }
         self->_resumeOrStartSession(generation);
     });
@@ -311,7 +320,7 @@ void SVRecordingSession::resumeSessionWithContextID(uint32_t contextID) {
 void SVRecordingSession::pauseSession() {
     if (paused_.exchange(true)) return;
     log::info("SVRecordingSession: pauseSession");
-    stopAllCapture();
+    _stopAllCapture(true);
     if (broadcastExtension_.load()) _notifyExtensionOfAction(kBroadcastActionPause, [] {});
 }
 
@@ -335,11 +344,16 @@ void SVRecordingSession::updateAudioCaptureToProcessWithPID(int32_t pid) {
 // --- Stop -----------------------------------------------------------------------------
 
 void SVRecordingSession::stopAllCapture() {
+    _stopAllCapture(false);
+}
+
+void SVRecordingSession::_stopAllCapture(bool pausing) {
     log::info("SVRecordingSession: stopAllCapture");
     {
         // From here on no step of a start chain in flight starts anything.
         std::lock_guard control(controlMutex_);
         ++captureGeneration_;
+        if (!pausing) ++recordingGeneration_;
     }
     // Without controlMutex_: the stop waits for a frame or failure callback
     // in progress, and a failure callback stops capture itself.

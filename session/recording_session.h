@@ -301,7 +301,8 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // The start chain. `generation` is the value of captureGeneration_ that
     // the chain was started under; any stop moves it on, and a step of an
     // older chain then does nothing.
-    void _startWithStoreInfo(std::shared_ptr<SVStoreInfo> info, uint64_t generation);
+    void _startWithStoreInfo(std::shared_ptr<SVStoreInfo> info, uint64_t generation,
+                             uint64_t recordingGeneration);
     void _resumeOrStartSession(uint64_t generation);
     void _appAudioDidStart(uint64_t generation);
     void _startScreenCapture(uint64_t generation);
@@ -353,6 +354,12 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // stopped, and never taken on the capture manager's queues.
     std::mutex controlMutex_;
     std::atomic<uint64_t> captureGeneration_{0};
+    // Moved on by each start and each stop, not by a pause: a movie writer
+    // set up for a start still belongs to the recording when a pause came
+    // meanwhile (the resume starts capture), not when it was stopped.
+    std::atomic<uint64_t> recordingGeneration_{0};
+    // stopAllCapture(), for a pause (`pausing`) or a stop.
+    void _stopAllCapture(bool pausing);
 
     mutable std::mutex propertiesMutex_;
     std::shared_ptr<SVClientProxy> clientProxy_;

@@ -201,6 +201,24 @@ TEST_F(RecordingSessionTest, PausesAreCutOutOfTheMovie) {
     }
 }
 
+// A pause while the start chain still sets up the movie writer keeps the
+// writer: the resume records into it and the stop hands over the movie.
+TEST_F(RecordingSessionTest, APauseBeforeTheWriterIsReadyKeepsTheRecording) {
+    s->setRecording(true);
+    s->startSessionWithHandler({});
+    s->pauseSession();  // the writer is set up on the store's queue meanwhile
+    ASSERT_TRUE(test::eventually([&] { return s->movieWriter() != nullptr; }, 30s));
+    s->resumeSessionWithContextID(7);
+    ASSERT_TRUE(test::eventually([&] { return screen->controller() != nullptr; }, 30s));
+    auto c = screen->controller();
+    ASSERT_TRUE(c->waitCapturing());
+    for (int i = 0; i < 4; ++i) c->deliver(frame(20 + i / 30.0));
+    Finished f = finish();
+    EXPECT_FALSE(f.error);
+    ASSERT_TRUE(f.url);
+    EXPECT_GE(testing::decodeVideo(f.url->path).indices.size(), 2u);
+}
+
 TEST_F(RecordingSessionTest, StartChainTapThenMicrophoneThenScreen) {
     const std::string tap =
         "SVRecordingManager: startAudioCapture: Successfully started Audio Tap Queue Recording";
