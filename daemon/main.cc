@@ -2,11 +2,14 @@
 // the daemon's service and the shell channel, and runs the main run loop
 // until SIGTERM or SIGINT (or, when socket-activated, until it has been idle
 // for a while).
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "daemon/consent_agent.h"
 #include "daemon/daemon_platform.h"
@@ -162,7 +165,21 @@ int main(int argc, char** argv) {
     }
 
     sv::log::info("sorveld Starting!");
-    sv::stopMainRunLoopOnTerminationSignals();
+    // A recording in progress is finished before the service ends, and the
+    // message that tells its client leaves before the process does.
+    sv::stopMainRunLoopOnTerminationSignalsAfter(
+        [](int, std::function<void()> done) {
+            auto manager = sv::sharedRecordingManager();
+            if (!manager) return done();
+            manager->finishRecordingsForTermination([done] {
+                const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+                while (sv::ipc::outgoingMessageCount() > 0 &&
+                       std::chrono::steady_clock::now() < until)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                done();
+            });
+        },
+        std::chrono::seconds(15));
 
     // Consent alerts go to the consent agent that registers on the shell
     // channel.

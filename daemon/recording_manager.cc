@@ -184,6 +184,24 @@ void SVRecordingManager::_handleLockButtonWasPressedNotification(const Notificat
     });
 }
 
+void SVRecordingManager::finishRecordingsForTermination(std::function<void()> done) {
+    auto self = shared_from_this();
+    queue_->async([self, done = std::move(done)] {
+        auto session = self->recordingSession();
+        if (!session) {
+            done();
+            return;
+        }
+        log::info("SVRecordingManager: finishing the recording before the service ends");
+        self->stopRecordingWithHandler(
+            session, [self, session, done](std::optional<URL> movieURL, OptionalError) {
+                self->recordingSessionStoppedWithError(_svUserErrorForCode(kSVRecordingErrorLocked),
+                                                       movieURL, session);
+                done();
+            });
+    });
+}
+
 // ---- Keep-alive
 
 void SVRecordingManager::beginTransaction() {

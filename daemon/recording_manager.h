@@ -155,6 +155,11 @@ class SVRecordingManager : public ipc::ListenerDelegate,
     // The lock-button observer (notification ignored); any thread, returns
     // once the manager has acted.
     void _handleLockButtonWasPressedNotification(const Notification& notification);
+    // The user's session is ending (SIGTERM at logout, or the service being
+    // stopped): a recording in progress is finished as the lock button
+    // finishes it, its client told with the movie. `done` is called once,
+    // when that has happened (at once when nothing records), on the queue.
+    void finishRecordingsForTermination(std::function<void()> done);
 
     // Keep-alive: one transaction per recording that got past its checks.
     // On the queue.

@@ -453,6 +453,7 @@ void Connection::Impl::flush(const std::shared_ptr<Connection>& c) {
             s.out.pop_front();
             s.queuedBytes -= done.message.bytes.size();
             s.queuedMessages--;
+            --outgoingMessageCounter();
             s.messagesSent++;
             if (err != 0) failed.emplace_back(std::move(done), err);
         }
@@ -528,6 +529,7 @@ std::deque<Outgoing> Connection::Impl::takeOutgoing(Impl& s) {
     for (auto& o : taken) {
         s.queuedBytes -= o.message.bytes.size();
         s.queuedMessages--;
+        --outgoingMessageCounter();
     }
     return taken;
 }
@@ -552,6 +554,7 @@ void Connection::Impl::enqueue(const std::shared_ptr<Connection>& c, EncodedMess
         }
         s.queuedBytes += bytes;
         s.queuedMessages++;
+        ++outgoingMessageCounter();
         if (s.sendFd >= 0 && s.postsInFlight == 0) {
             // Connected: queue behind the others; the I/O thread sends
             // (and reports a broken peer).
@@ -586,6 +589,7 @@ void Connection::Impl::sendWhenConnected(const std::shared_ptr<Connection>& c, E
         }
         s.queuedBytes -= m.bytes.size();
         s.queuedMessages--;
+        --outgoingMessageCounter();
         dropPending(s, replyId);
         fire(c, error, code);
     };

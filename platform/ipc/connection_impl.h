@@ -78,6 +78,9 @@ class UserConnectionCounts : public std::enable_shared_from_this<UserConnectionC
 
 // Connections of this process whose socket is open.
 std::atomic<size_t>& openConnectionCounter();
+// Messages of this process queued for sending and not yet handed to the
+// kernel (sent, or dropped with their connection).
+std::atomic<size_t>& outgoingMessageCounter();
 
 // A connection's socket closed: listeners that ran out of descriptors try
 // accepting again. I/O thread.

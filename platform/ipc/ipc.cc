@@ -21,6 +21,11 @@ std::atomic<size_t>& openConnectionCounter() {
     return count;
 }
 
+std::atomic<size_t>& outgoingMessageCounter() {
+    static std::atomic<size_t> count{0};
+    return count;
+}
+
 }  // namespace detail
 
 Error makeError(int64_t code) {
@@ -72,6 +77,10 @@ std::string servicePath(const std::string& serviceName) {
 
 size_t openConnectionCount() {
     return detail::openConnectionCounter().load();
+}
+
+size_t outgoingMessageCount() {
+    return detail::outgoingMessageCounter().load();
 }
 
 }  // namespace sv::ipc

@@ -92,6 +92,9 @@ std::string servicePath(const std::string& serviceName);
 
 // Connections of this process whose socket is open (keep-alive decisions).
 size_t openConnectionCount();
+// Messages of this process still queued for sending (a process about to exit
+// waits for them to reach the kernel). Any thread.
+size_t outgoingMessageCount();
 
 class Connection;
 class Listener;

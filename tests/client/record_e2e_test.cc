@@ -106,9 +106,10 @@ TEST_F(RecordEndToEndTest, RecordsAMovieWithBothAudioTracks) {
         ADD_FAILURE() << "left in the store: " << e.path();
 }
 
-// The service ends the recording: the message with its code, exit 1, and
-// the movie recorded so far in FILE.
-TEST_F(RecordEndToEndTest, ALayoutChangeInterruptsAndKeepsTheMovie) {
+// The service ends the recording, for a layout change or because the service
+// itself ends (SIGTERM at logout): the message with its code, exit 1, and the
+// movie recorded so far in FILE.
+TEST_F(RecordEndToEndTest, AnInterruptionKeepsTheMovie) {
     startAgent("accept");
     pid_t p = record({});
     waitForRecording();
@@ -119,6 +120,14 @@ TEST_F(RecordEndToEndTest, ALayoutChangeInterruptsAndKeepsTheMovie) {
                          "(org.sorvel.SVRecordingErrorDomain -5807)"))
         << recordLog();
     std::string error;
+    EXPECT_TRUE(inspectMovie(output(), &error)) << error;
+
+    std::filesystem::remove(output());
+    p = record({});
+    waitForRecording();
+    EXPECT_EQ(daemon_.stop(SIGTERM, 60s), 255);
+    EXPECT_EQ(sv::test::waitForExit(p, 120s), 1) << recordLog();
+    EXPECT_TRUE(contains(recordLog(), "(org.sorvel.SVRecordingErrorDomain -5809)")) << recordLog();
     EXPECT_TRUE(inspectMovie(output(), &error)) << error;
 }
 
