@@ -142,6 +142,13 @@ void SVRecordingSession::startSessionWithHandler(StartHandler handler) {
     sessionHandler_.store(handler ? std::make_shared<StartHandler>(std::move(handler)) : nullptr);
     const uint64_t generation = ++captureGeneration_;
     const uint64_t recordingGeneration = ++recordingGeneration_;
+    if (auto backend = _screenBackend(); backend && backend->isDesktop()) {
+        // A desktop's display server can go away and come back (a reset of
+        // its media services): the next recording starts afresh. A phone's
+        // session stays stopped for good.
+        std::lock_guard lock(_shouldStopLock);
+        _shouldStop = false;
+    }
     // The last recording's writer is of no use any more. One that was never
     // finished (stopped with an error) is cancelled now: left to its
     // destructor it would remove its partial file, which has this

@@ -114,6 +114,8 @@ class FakeScreenBackend : public ScreenBackend {
     }
     std::shared_ptr<DisplayMirroringService> mirroringService() override { return mirroring; }
     WindowSize displaySize() const override { return {1334, 750}; }
+    bool isDesktop() const override { return desktop; }
+    std::atomic<bool> desktop{false};
     // The controller made last.
     std::shared_ptr<FakeController> controller() const {
         std::lock_guard lock(mutex_);

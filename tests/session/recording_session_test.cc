@@ -295,7 +295,7 @@ TEST_F(RecordingSessionTest, ScreenFailuresStopTheSessionAndTellTheDelegate) {
     EXPECT_EQ(errors->list(), (std::vector<int64_t>{-5804, -5800}));
 }
 
-TEST_F(RecordingSessionTest, MediaServicesResetDropsEveryLaterFrameAlsoAfterARestart) {
+TEST_F(RecordingSessionTest, MediaServicesResetStopsAPhoneSessionForGoodNotADesktopOne) {
     auto c = start();
     c->deliver(frame(1.0));
     c->fail(SyntheticScreenFailure::MediaServicesReset);
@@ -309,6 +309,13 @@ TEST_F(RecordingSessionTest, MediaServicesResetDropsEveryLaterFrameAlsoAfterARes
     EXPECT_EQ(started, 1);  // the start completes, but no frame is written
     EXPECT_FALSE(lastWritten().isValid());
     EXPECT_EQ(finish().error->code, -5803);
+
+    // On a desktop the display server came back: the next recording writes.
+    screen->desktop = true;
+    c = start();
+    c->deliver(frame(3.0));
+    EXPECT_EQ(lastWritten(), hostTime(3.0));
+    EXPECT_FALSE(finish().error);
 }
 
 // The reset arrives while a frame is being delivered on another thread, and
