@@ -13,7 +13,7 @@ target_include_directories(sv_asio SYSTEM INTERFACE ${ASIO_INCLUDE_DIR})
 target_compile_definitions(sv_asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
 target_link_libraries(sv_asio INTERFACE Threads::Threads)
 
-pkg_check_modules(SYSTEMD IMPORTED_TARGET libsystemd)
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 pkg_check_modules(FFMPEG IMPORTED_TARGET libavformat libavcodec libavutil libswscale libswresample)
 pkg_check_modules(LIBYUV IMPORTED_TARGET libyuv)
 pkg_check_modules(PULSE IMPORTED_TARGET libpulse)

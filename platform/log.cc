@@ -12,10 +12,8 @@
 
 #include <spdlog/async.h>
 #include <spdlog/sinks/stdout_sinks.h>
-#include <spdlog/spdlog.h>
-#ifdef SV_HAVE_SYSTEMD
 #include <spdlog/sinks/systemd_sink.h>
-#endif
+#include <spdlog/spdlog.h>
 
 namespace sv::log {
 namespace {
@@ -66,10 +64,8 @@ void drainAtExit() {
 // Called with the state's mutex held.
 std::shared_ptr<spdlog::logger> makeLogger(const std::string& identifier) {
     spdlog::sink_ptr sink;
-#ifdef SV_HAVE_SYSTEMD
     if (std::getenv("JOURNAL_STREAM"))
         sink = std::make_shared<spdlog::sinks::systemd_sink_mt>(identifier);
-#endif
     if (!sink) sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
     State& s = state();
     if (!s.pool) {

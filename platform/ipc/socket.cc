@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -134,20 +135,20 @@ int takeActivatedSocket(const std::string& name) {
     std::lock_guard lock(m);
     if (!fds) {
         fds = new std::vector<std::pair<std::string, int>>;
-        const char* pid = std::getenv("LISTEN_PID");
-        const char* count = std::getenv("LISTEN_FDS");
-        if (pid && count && std::atol(pid) == getpid()) {
-            std::string names = std::getenv("LISTEN_FDNAMES") ? std::getenv("LISTEN_FDNAMES") : "";
-            long n = std::atol(count);
-            size_t pos = 0;
-            for (long i = 0; i < n && i < 64; ++i) {
-                size_t end = names.find(':', pos);
-                std::string fdName = names.empty() ? "" : names.substr(pos, end - pos);
-                pos = end == std::string::npos ? names.size() : end + 1;
-                int fd = 3 + int(i);
-                fcntl(fd, F_SETFD, FD_CLOEXEC);
-                fds->emplace_back(fdName, fd);
-            }
+        // The environment stays: the keep-alive reads it too. Names that
+        // systemd sets to "unknown" (no FileDescriptorName=) match any name.
+        char** names = nullptr;
+        const int n = sd_listen_fds_with_names(0, &names);
+        for (int i = 0; i < n; ++i) {
+            const int fd = SD_LISTEN_FDS_START + i;
+            fcntl(fd, F_SETFD, FD_CLOEXEC);
+            std::string fdName = names && names[i] ? names[i] : "";
+            if (fdName == "unknown") fdName.clear();
+            fds->emplace_back(std::move(fdName), fd);
+        }
+        if (names) {
+            for (int i = 0; i < n; ++i) std::free(names[i]);
+            std::free(names);
         }
     }
     for (auto it = fds->begin(); it != fds->end(); ++it) {

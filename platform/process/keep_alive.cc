@@ -1,5 +1,7 @@
 #include "platform/process/keep_alive.h"
 
+#include <systemd/sd-daemon.h>
+
 #include <unistd.h>
 
 #include <cstdlib>
@@ -36,9 +38,7 @@ long KeepAlive::openTransactionCount() const {
 }
 
 bool KeepAlive::startedBySocketActivation() {
-    const char* pid = std::getenv("LISTEN_PID");
-    const char* fds = std::getenv("LISTEN_FDS");
-    return pid && fds && std::atol(pid) == getpid() && std::atol(fds) > 0;
+    return sd_listen_fds(0) > 0;
 }
 
 bool KeepAlive::armIdleExit(std::chrono::milliseconds quiet, std::function<bool()> busy,
