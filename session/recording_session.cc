@@ -425,6 +425,9 @@ void SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
                                       trimmedURL, broadcasting,
                                       wroteFrames](std::optional<URL> movieURL) {
         log::info("SVRecordingSession: finishWritingWithHandler");
+        // The finished writer's encoders and buffers are of no use any more:
+        // released with this closure rather than held until the next start.
+        if (auto self = weak.lock()) self->movieWriter_.clearIf(writer);
         if (broadcasting) {
             if (auto self = weak.lock())
                 self->_notifyBroadcastExtensionOfCompletedMovieWithURL(movieURL, true);

@@ -30,6 +30,14 @@ class SharedSlot {
         std::swap(value, value_);
         return value;
     }
+    // Empties the slot when it still holds `expected`; true when it did.
+    bool clearIf(const std::shared_ptr<T>& expected) {
+        std::shared_ptr<T> released;  // dies outside the lock
+        std::lock_guard lock(mutex_);
+        if (value_ != expected) return false;
+        released.swap(value_);
+        return true;
+    }
     explicit operator bool() const { return load() != nullptr; }
 
   private:
