@@ -95,7 +95,7 @@ void ConsentAgent::emit(Event event, const std::string& detail) {
 std::shared_ptr<ipc::ExportedObject> ConsentAgent::makeExportedObject() {
     auto table = std::make_shared<ipc::MethodTable>();
     std::weak_ptr<ConsentAgent> w = weak_from_this();
-    table->on("presentAlert:handler:", [w](ipc::Invocation& inv) {
+    table->on(method::kPresentAlert, [w](ipc::Invocation& inv) {
         auto self = w.lock();
         ipc::ReplyHandler reply = inv.handler();
         auto alert = ConsentAlert::fromValue(inv.at(0));
@@ -204,8 +204,8 @@ void ConsentAgent::registerNow() {
          self->emit(Event::WaitingForService, e.description());
          self->scheduleRegistration();
      })
-        .call("registerConsentAgentWithPreferredLanguages:handler:",
-              ipc::Arguments().add(std::move(languages)), [w](const ipc::Received& reply) {
+        .call(method::kRegisterConsentAgent, ipc::Arguments().add(std::move(languages)),
+              [w](const ipc::Received& reply) {
                   auto self = w.lock();
                   if (!self) return;
                   const Value& answer = reply.at(0);
@@ -242,9 +242,7 @@ void ConsentAgent::flush(std::function<void()> done) {
     };
     c->remoteObjectProxyWithErrorHandler([finish](const Error&) {
          finish();
-     }).call("layerContextIDsForCallerWithHandler:", {}, [finish](const ipc::Received&) {
-        finish();
-    });
+     }).call(method::kLayerContextIDsForCaller, {}, [finish](const ipc::Received&) { finish(); });
 }
 
 }  // namespace sv

@@ -85,9 +85,6 @@ bool isUsableSize(float v) {
     return v >= 0 && v <= 1e9f;  // false for NaN as well
 }
 
-constexpr const char* kBecomeActive = "clientDidBecomeActiveWithBundleID:";
-constexpr const char* kResignActive = "clientDidResignActiveWithBundleID:";
-
 }  // namespace
 
 namespace client {
@@ -377,7 +374,7 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
     std::shared_ptr<ipc::ExportedObject> makeCallbackObject() {
         auto table = std::make_shared<ipc::MethodTable>();
         std::weak_ptr<ClientCore> w = weak_from_this();
-        table->on("stopRecordingWithError:movieURL:", [w](ipc::Invocation& inv) {
+        table->on(method::kStopRecordingWithError, [w](ipc::Invocation& inv) {
             auto self = w.lock();
             if (!self) return;
             self->proveLink();
@@ -397,7 +394,7 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
                 d.stopRecordingWithError(e, m);
             });
         });
-        table->on("updateBroadcastServiceInfo:", [w](ipc::Invocation& inv) {
+        table->on(method::kUpdateBroadcastServiceInfo, [w](ipc::Invocation& inv) {
             auto self = w.lock();
             if (!self) return;
             self->proveLink();
@@ -480,9 +477,7 @@ void SVRecorderClient::startRecordingWindowLayerContextIDs(
         .add(Value(systemRecording));
     std::weak_ptr<ClientCore> w = impl_;
     impl_->request(
-        "startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:"
-        "broadcast:systemRecording:withHandler:",
-        std::move(args),
+        method::kStartRecording, std::move(args),
         [w, handler](const ipc::Received& r) -> std::function<void()> {
             auto error = optionalError(r.at(0));
             const Value &mic = r.at(1), &camera = r.at(2);
@@ -521,9 +516,7 @@ void SVRecorderClient::setupBroadcastWithHostBundleID(
         .add(configurationData ? bytesValue(std::move(*configurationData)) : Value(nullptr))
         .add(std::move(userInfo));
     impl_->request(
-        "setupBroadcastWithHostBundleID:broadcastExtensionBundleID:broadcastConfigurationData:"
-        "userInfo:handler:",
-        std::move(args),
+        method::kSetupBroadcast, std::move(args),
         [handler](const ipc::Received& r) -> std::function<void()> {
             auto error = optionalError(r.at(0));
             if (r.size() != 1 || !error) {
@@ -558,7 +551,7 @@ ClientCore::Decode decodeStop(std::weak_ptr<ClientCore> w, SVRecorderClient::Sto
 
 void SVRecorderClient::stopRecordingWithHandler(StopHandler handler) {
     if (!handler) handler = [](std::optional<std::string>, std::optional<SVRecorderError>) {};
-    impl_->request("stopRecordingWithHandler:", {}, decodeStop(impl_, handler),
+    impl_->request(method::kStopRecording, {}, decodeStop(impl_, handler),
                    [handler](const SVRecorderError& e) { handler(std::nullopt, e); });
 }
 
@@ -572,29 +565,28 @@ void SVRecorderClient::stopRecordingWithStartClipDuration(double startClipDurati
         });
         return;
     }
-    impl_->request("stopRecordingWithStartClipDuration:endClipDuration:handler:",
+    impl_->request(method::kStopRecordingWithClip,
                    ipc::Arguments().add(Value(startClipDuration)).add(Value(endClipDuration)),
                    decodeStop(impl_, handler),
                    [handler](const SVRecorderError& e) { handler(std::nullopt, e); });
 }
 
 void SVRecorderClient::pauseRecording() {
-    impl_->send("pauseRecording", {});
+    impl_->send(method::kPauseRecording, {});
 }
 
 void SVRecorderClient::resumeRecordingWithWindowLayerContextID(uint32_t contextID) {
-    impl_->send("resumeRecordingWithWindowLayerContextID:",
-                ipc::Arguments().add(Value(uint64_t(contextID))));
+    impl_->send(method::kResumeRecording, ipc::Arguments().add(Value(uint64_t(contextID))));
 }
 
 void SVRecorderClient::setMicrophoneEnabled(bool enabled) {
-    impl_->send("setMicrophoneEnabled:", ipc::Arguments().add(Value(enabled)));
+    impl_->send(method::kSetMicrophoneEnabled, ipc::Arguments().add(Value(enabled)));
 }
 
 void SVRecorderClient::discardRecordingWithHandler(CompletionHandler handler) {
     if (!handler) handler = [](std::optional<SVRecorderError>) {};
     impl_->request(
-        "discardRecordingWithHandler:", {},
+        method::kDiscardRecording, {},
         [handler](const ipc::Received& r) -> std::function<void()> {
             if (r.size() != 0) {
                 log::error("recorder client: unexpected answer to the discard request: %@",
@@ -607,11 +599,11 @@ void SVRecorderClient::discardRecordingWithHandler(CompletionHandler handler) {
 }
 
 void SVRecorderClient::clientDidBecomeActiveWithBundleID(std::string bundleID) {
-    impl_->report(kBecomeActive, std::move(bundleID));
+    impl_->report(method::kClientDidBecomeActive, std::move(bundleID));
 }
 
 void SVRecorderClient::clientDidResignActiveWithBundleID(std::string bundleID) {
-    impl_->report(kResignActive, std::move(bundleID));
+    impl_->report(method::kClientDidResignActive, std::move(bundleID));
 }
 
 void SVRecorderClient::clientDidBecomeActive() {

@@ -1,12 +1,13 @@
 #include "daemon/client_proxy.h"
 
 #include "platform/log.h"
+#include "protocol/recording_protocol.h"
 
 namespace sv {
 namespace {
 
-constexpr const char* kStopRecordingWithError = "stopRecordingWithError:movieURL:";
-constexpr const char* kUpdateBroadcastServiceInfo = "updateBroadcastServiceInfo:";
+using method::kStopRecordingWithError;
+using method::kUpdateBroadcastServiceInfo;
 
 }  // namespace
 

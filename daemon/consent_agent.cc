@@ -3,11 +3,12 @@
 #include <algorithm>
 
 #include "platform/log.h"
+#include "protocol/recording_protocol.h"
 
 namespace sv {
 namespace {
 
-constexpr const char* kPresentAlert = "presentAlert:handler:";
+using method::kPresentAlert;
 
 bool validLanguage(const std::string& l) {
     if (l.empty() || l.size() > kMaxLanguageIdentifierBytes) return false;

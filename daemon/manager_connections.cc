@@ -201,98 +201,90 @@ std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
         });
     };
     auto table = std::make_shared<ipc::MethodTable>();
-    table->on(
-        "startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:"
-        "broadcast:systemRecording:withHandler:",
-        [run, client](ipc::Invocation& inv) {
-            ipc::ReplyHandler reply = inv.handler();
-            std::string why;
-            auto ids = contextIDsOf(inv.at(0), &why);
-            auto size = ids ? windowSizeOf(inv.at(1), &why) : std::nullopt;
-            if (!ids || !size) {
-                logMalformed(inv, why);
-                reply(ipc::Arguments()
-                          .add(malformedRequestError(why).toValue())
-                          .add(Value(false))
-                          .add(Value(false)));
-                return;
-            }
-            const bool mic = inv.at(2).get<bool>(), camera = inv.at(3).get<bool>(),
-                       broadcast = inv.at(4).get<bool>(), system = inv.at(5).get<bool>();
-            StartHandler handler = [reply](OptionalError error, bool m, bool c) {
-                reply(ipc::Arguments().add(errorValue(error)).add(Value(m)).add(Value(c)));
-            };
-            run([=, ids = std::move(*ids)](SVRecordingManager& m) {
-                m.startRecordingWindowLayerContextIDs(client, ids, *size, mic, camera, broadcast,
-                                                      system, handler);
-            });
+    table->on(method::kStartRecording, [run, client](ipc::Invocation& inv) {
+        ipc::ReplyHandler reply = inv.handler();
+        std::string why;
+        auto ids = contextIDsOf(inv.at(0), &why);
+        auto size = ids ? windowSizeOf(inv.at(1), &why) : std::nullopt;
+        if (!ids || !size) {
+            logMalformed(inv, why);
+            reply(ipc::Arguments()
+                      .add(malformedRequestError(why).toValue())
+                      .add(Value(false))
+                      .add(Value(false)));
+            return;
+        }
+        const bool mic = inv.at(2).get<bool>(), camera = inv.at(3).get<bool>(),
+                   broadcast = inv.at(4).get<bool>(), system = inv.at(5).get<bool>();
+        StartHandler handler = [reply](OptionalError error, bool m, bool c) {
+            reply(ipc::Arguments().add(errorValue(error)).add(Value(m)).add(Value(c)));
+        };
+        run([=, ids = std::move(*ids)](SVRecordingManager& m) {
+            m.startRecordingWindowLayerContextIDs(client, ids, *size, mic, camera, broadcast,
+                                                  system, handler);
         });
-    table->on(
-        "setupBroadcastWithHostBundleID:broadcastExtensionBundleID:broadcastConfigurationData:"
-        "userInfo:handler:",
-        [run, client](ipc::Invocation& inv) {
-            ipc::ReplyHandler reply = inv.handler();
-            auto host = bundleIDOf(inv.at(0));
-            auto extension = bundleIDOf(inv.at(1));
-            if (!host || !extension) {
-                logMalformed(inv, "bundle identifiers of at most 255 bytes");
-                reply(ipc::Arguments().add(
-                    malformedRequestError("bundle identifiers have at most 255 bytes").toValue()));
-                return;
-            }
-            SetupHandler handler = [reply](OptionalError error) {
-                reply(ipc::Arguments().add(errorValue(error)));
-            };
-            run([=](SVRecordingManager& m) {
-                m.setupBroadcastWithHostBundleID(client, *host, *extension, handler);
-            });
+    });
+    table->on(method::kSetupBroadcast, [run, client](ipc::Invocation& inv) {
+        ipc::ReplyHandler reply = inv.handler();
+        auto host = bundleIDOf(inv.at(0));
+        auto extension = bundleIDOf(inv.at(1));
+        if (!host || !extension) {
+            logMalformed(inv, "bundle identifiers of at most 255 bytes");
+            reply(ipc::Arguments().add(
+                malformedRequestError("bundle identifiers have at most 255 bytes").toValue()));
+            return;
+        }
+        SetupHandler handler = [reply](OptionalError error) {
+            reply(ipc::Arguments().add(errorValue(error)));
+        };
+        run([=](SVRecordingManager& m) {
+            m.setupBroadcastWithHostBundleID(client, *host, *extension, handler);
         });
+    });
     auto stopHandler = [](ipc::ReplyHandler reply) -> StopHandler {
         if (!reply) return nullptr;
         return [reply](std::optional<URL> movie, OptionalError error) {
             reply(ipc::Arguments().add(urlValue(movie)).add(errorValue(error)));
         };
     };
-    table->on("stopRecordingWithHandler:", [run, client, stopHandler](ipc::Invocation& inv) {
+    table->on(method::kStopRecording, [run, client, stopHandler](ipc::Invocation& inv) {
         StopHandler handler = stopHandler(inv.handler());
         run([=](SVRecordingManager& m) { m.stopRecordingWithHandler(client, handler); });
     });
-    table->on("stopRecordingWithStartClipDuration:endClipDuration:handler:",
-              [run, client, stopHandler](ipc::Invocation& inv) {
-                  auto start = inv.at(0).get<double>(), end = inv.at(1).get<double>();
-                  if (!std::isfinite(start) || !std::isfinite(end)) {
-                      logMalformed(inv, "clip durations are finite numbers");
-                      if (auto h = stopHandler(inv.handler()))
-                          h(std::nullopt,
-                            malformedRequestError("clip durations are finite numbers of seconds"));
-                      return;
-                  }
-                  StopHandler handler = stopHandler(inv.handler());
-                  run([=](SVRecordingManager& m) {
-                      m.stopRecordingWithStartClipDuration(client, start, end, handler);
-                  });
-              });
-    table->on("pauseRecording", [run, client](ipc::Invocation&) {
+    table->on(method::kStopRecordingWithClip, [run, client, stopHandler](ipc::Invocation& inv) {
+        auto start = inv.at(0).get<double>(), end = inv.at(1).get<double>();
+        if (!std::isfinite(start) || !std::isfinite(end)) {
+            logMalformed(inv, "clip durations are finite numbers");
+            if (auto h = stopHandler(inv.handler()))
+                h(std::nullopt,
+                  malformedRequestError("clip durations are finite numbers of seconds"));
+            return;
+        }
+        StopHandler handler = stopHandler(inv.handler());
+        run([=](SVRecordingManager& m) {
+            m.stopRecordingWithStartClipDuration(client, start, end, handler);
+        });
+    });
+    table->on(method::kPauseRecording, [run, client](ipc::Invocation&) {
         run([=](SVRecordingManager& m) { m.pauseRecording(client); });
     });
-    table->on("resumeRecordingWithWindowLayerContextID:", [run, client](ipc::Invocation& inv) {
+    table->on(method::kResumeRecording, [run, client](ipc::Invocation& inv) {
         auto id = inv.integerAt<uint32_t>(0);
         if (!id) return logMalformed(inv, "a layer context identifier is an unsigned integer");
         run([=](SVRecordingManager& m) { m.resumeRecordingWithWindowLayerContextID(client, *id); });
     });
-    table->on("setMicrophoneEnabled:", [run, client](ipc::Invocation& inv) {
+    table->on(method::kSetMicrophoneEnabled, [run, client](ipc::Invocation& inv) {
         const bool enabled = inv.at(0).get<bool>();
         run([=](SVRecordingManager& m) { m.setMicrophoneEnabled(client, enabled); });
     });
-    table->on("discardRecordingWithHandler:", [run, client](ipc::Invocation& inv) {
+    table->on(method::kDiscardRecording, [run, client](ipc::Invocation& inv) {
         ipc::ReplyHandler reply = inv.handler();
         DiscardHandler handler;
         if (reply) handler = [reply] { reply(); };
         run([=](SVRecordingManager& m) { m.discardRecordingWithHandler(client, handler); });
     });
-    for (const char* name :
-         {"clientDidBecomeActiveWithBundleID:", "clientDidResignActiveWithBundleID:"}) {
-        const bool active = std::string(name) == "clientDidBecomeActiveWithBundleID:";
+    for (const char* name : {method::kClientDidBecomeActive, method::kClientDidResignActive}) {
+        const bool active = name == method::kClientDidBecomeActive;
         table->on(name, [run, client, active](ipc::Invocation& inv) {
             auto bundleID = bundleIDOf(inv.at(0));
             if (!bundleID) return logMalformed(inv, "a bundle identifier of at most 255 bytes");

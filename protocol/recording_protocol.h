@@ -21,6 +21,34 @@
 
 namespace sv {
 
+// Wire names of the methods below, one constant each for both sides.
+namespace method {
+inline constexpr const char* kStartRecording =
+    "startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:"
+    "broadcast:systemRecording:withHandler:";
+inline constexpr const char* kSetupBroadcast =
+    "setupBroadcastWithHostBundleID:broadcastExtensionBundleID:broadcastConfigurationData:"
+    "userInfo:handler:";
+inline constexpr const char* kStopRecording = "stopRecordingWithHandler:";
+inline constexpr const char* kStopRecordingWithClip =
+    "stopRecordingWithStartClipDuration:endClipDuration:handler:";
+inline constexpr const char* kPauseRecording = "pauseRecording";
+inline constexpr const char* kResumeRecording = "resumeRecordingWithWindowLayerContextID:";
+inline constexpr const char* kSetMicrophoneEnabled = "setMicrophoneEnabled:";
+inline constexpr const char* kDiscardRecording = "discardRecordingWithHandler:";
+inline constexpr const char* kClientDidBecomeActive = "clientDidBecomeActiveWithBundleID:";
+inline constexpr const char* kClientDidResignActive = "clientDidResignActiveWithBundleID:";
+// SVClientProtocol
+inline constexpr const char* kStopRecordingWithError = "stopRecordingWithError:movieURL:";
+inline constexpr const char* kUpdateBroadcastServiceInfo = "updateBroadcastServiceInfo:";
+// SVConsentAgentProtocol
+inline constexpr const char* kPresentAlert = "presentAlert:handler:";
+// The shell channel's recording methods
+inline constexpr const char* kRegisterConsentAgent =
+    "registerConsentAgentWithPreferredLanguages:handler:";
+inline constexpr const char* kLayerContextIDsForCaller = "layerContextIDsForCallerWithHandler:";
+}  // namespace method
+
 // Exported by the daemon on its application service (application to daemon).
 //   startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:
 //       broadcast:systemRecording:withHandler:
@@ -42,8 +70,7 @@ inline std::shared_ptr<const ipc::Interface> daemonProtocolInterface() {
     static auto i = std::make_shared<const ipc::Interface>(
         "SVDaemonProtocol",
         std::vector<ipc::MethodSpec>{
-            {"startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:"
-             "broadcast:systemRecording:withHandler:",
+            {method::kStartRecording,
              {{K::Array},
               {K::Dictionary},
               {K::Bool},
@@ -52,22 +79,19 @@ inline std::shared_ptr<const ipc::Interface> daemonProtocolInterface() {
               {K::Bool},
               {K::Handler}},
              {orNull(K::Dictionary), {K::Bool}, {K::Bool}}},
-            {"setupBroadcastWithHostBundleID:broadcastExtensionBundleID:"
-             "broadcastConfigurationData:userInfo:handler:",
+            {method::kSetupBroadcast,
              {{K::String}, {K::String}, orNull(K::Bytes), orNull(K::Dictionary), {K::Handler}},
              {orNull(K::Dictionary)}},
-            {"stopRecordingWithHandler:",
-             {{K::Handler}},
-             {orNull(K::String), orNull(K::Dictionary)}},
-            {"stopRecordingWithStartClipDuration:endClipDuration:handler:",
+            {method::kStopRecording, {{K::Handler}}, {orNull(K::String), orNull(K::Dictionary)}},
+            {method::kStopRecordingWithClip,
              {{K::Number}, {K::Number}, {K::Handler}},
              {orNull(K::String), orNull(K::Dictionary)}},
-            {"pauseRecording", {}, {}},
-            {"resumeRecordingWithWindowLayerContextID:", {{K::UInt32}}, {}},
-            {"setMicrophoneEnabled:", {{K::Bool}}, {}},
-            {"discardRecordingWithHandler:", {{K::Handler}}, {}},
-            {"clientDidBecomeActiveWithBundleID:", {{K::String}}, {}},
-            {"clientDidResignActiveWithBundleID:", {{K::String}}, {}},
+            {method::kPauseRecording, {}, {}},
+            {method::kResumeRecording, {{K::UInt32}}, {}},
+            {method::kSetMicrophoneEnabled, {{K::Bool}}, {}},
+            {method::kDiscardRecording, {{K::Handler}}, {}},
+            {method::kClientDidBecomeActive, {{K::String}}, {}},
+            {method::kClientDidResignActive, {{K::String}}, {}},
         });
     return i;
 }
@@ -81,8 +105,8 @@ inline std::shared_ptr<const ipc::Interface> clientProtocolInterface() {
     static auto i = std::make_shared<const ipc::Interface>(
         "SVClientProtocol",
         std::vector<ipc::MethodSpec>{
-            {"stopRecordingWithError:movieURL:", {orNull(K::Dictionary), orNull(K::String)}, {}},
-            {"updateBroadcastServiceInfo:", {{K::Dictionary}}, {}},
+            {method::kStopRecordingWithError, {orNull(K::Dictionary), orNull(K::String)}, {}},
+            {method::kUpdateBroadcastServiceInfo, {{K::Dictionary}}, {}},
         });
     return i;
 }
@@ -98,7 +122,7 @@ inline std::shared_ptr<const ipc::Interface> consentAgentProtocolInterface() {
     static auto i = std::make_shared<const ipc::Interface>(
         "SVConsentAgentProtocol",
         std::vector<ipc::MethodSpec>{
-            {"presentAlert:handler:", {{K::Dictionary}, {K::Handler}}, {{K::String}}},
+            {method::kPresentAlert, {{K::Dictionary}, {K::Handler}}, {{K::String}}},
         });
     return i;
 }
@@ -138,10 +162,8 @@ inline std::vector<ipc::MethodSpec> recordingShellMethods() {
     using K = ipc::ArgKind;
     using ipc::orNull;
     return {
-        {"registerConsentAgentWithPreferredLanguages:handler:",
-         {{K::Array}, {K::Handler}},
-         {orNull(K::Dictionary)}},
-        {"layerContextIDsForCallerWithHandler:",
+        {method::kRegisterConsentAgent, {{K::Array}, {K::Handler}}, {orNull(K::Dictionary)}},
+        {method::kLayerContextIDsForCaller,
          {{K::Handler}},
          {orNull(K::Array), orNull(K::Dictionary)}},
         {"setApplicationState:foreground:processIdentifier:handler:",

@@ -21,17 +21,13 @@ using sv::test::FakeService;
 
 namespace {
 
-constexpr const char* kStart =
-    "startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:"
-    "broadcast:systemRecording:withHandler:";
-constexpr const char* kStop = "stopRecordingWithHandler:";
-constexpr const char* kStopClip = "stopRecordingWithStartClipDuration:endClipDuration:handler:";
-constexpr const char* kSetup =
-    "setupBroadcastWithHostBundleID:broadcastExtensionBundleID:broadcastConfigurationData:"
-    "userInfo:handler:";
-constexpr const char* kDiscard = "discardRecordingWithHandler:";
-constexpr const char* kBecomeActive = "clientDidBecomeActiveWithBundleID:";
-constexpr const char* kResignActive = "clientDidResignActiveWithBundleID:";
+constexpr const char* kStart = method::kStartRecording;
+constexpr const char* kStop = method::kStopRecording;
+constexpr const char* kStopClip = method::kStopRecordingWithClip;
+constexpr const char* kSetup = method::kSetupBroadcast;
+constexpr const char* kDiscard = method::kDiscardRecording;
+constexpr const char* kBecomeActive = method::kClientDidBecomeActive;
+constexpr const char* kResignActive = method::kClientDidResignActive;
 
 Value recordingError(int64_t code, std::optional<std::string> message) {
     Value info = Value::object();

@@ -23,8 +23,8 @@ using sv::test::FakeService;
 
 namespace {
 
-constexpr const char* kBecomeActive = "clientDidBecomeActiveWithBundleID:";
-constexpr const char* kResignActive = "clientDidResignActiveWithBundleID:";
+constexpr const char* kBecomeActive = method::kClientDidBecomeActive;
+constexpr const char* kResignActive = method::kClientDidResignActive;
 
 struct XcbDisconnect {
     void operator()(xcb_connection_t* c) const { xcb_disconnect(c); }
@@ -54,9 +54,7 @@ TEST(X11ExampleTest, RecordsItsWindowAndFollowsTheFocus) {
     pid_t child = sv::test::spawnWithInput(
         {std::string(X11_RECORDER), "--seconds", "600", "-o", output},
         {"DISPLAY=" + x->displayName(), "SORVEL_RUNTIME_DIR=" + dir}, "", log);
-    auto start = daemon->waitForCall(
-        "startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:"
-        "broadcast:systemRecording:withHandler:");
+    auto start = daemon->waitForCall(method::kStartRecording);
     ASSERT_TRUE(start) << sv::test::readFile(log);
     ASSERT_EQ(start->args[0].size(), 1u);
     auto window = start->args[0][0].get<uint32_t>();
