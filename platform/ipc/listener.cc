@@ -127,10 +127,15 @@ struct Listener::Impl : std::enable_shared_from_this<Listener::Impl> {
                 if (err != EAGAIN && err != EWOULDBLOCK) {
                     static log::RateLimit limit;
                     log::error(limit, "ipc: accept on %@ failed: %@", l->name_, std::strerror(err));
+                } else {
+                    // The backlog is empty: an episode of starvation is over.
+                    // (One accepted connection is not enough: a descriptor
+                    // that frees for a moment would end it, and the next
+                    // failure would start and log another.)
+                    fed();
                 }
                 break;
             }
-            fed();
             Credentials cr = peerCredentials(fd);
             if (std::find(allowedUsers.begin(), allowedUsers.end(), cr.uid) == allowedUsers.end()) {
                 static log::RateLimit limit;
@@ -230,7 +235,7 @@ struct Listener::Impl : std::enable_shared_from_this<Listener::Impl> {
         return false;
     }
 
-    // A connection was taken: an episode of starvation is over.
+    // The backlog was taken: an episode of starvation is over.
     void fed() {
         if (!starved) return;
         starved = false;
