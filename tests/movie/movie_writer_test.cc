@@ -7,6 +7,7 @@
 #include "platform/log.h"
 #include "support/movie_store.h"
 #include "tests/movie/movie_test_util.h"
+#include "tests/process/process_helpers.h"
 
 namespace sv {
 namespace {
@@ -243,15 +244,20 @@ TEST_F(MovieWriterTest, StartWritingRemovesTheOldFile) {
         return field;
     };
     const std::string own = niceOf("/proc/self/stat");
-    int encoders = 0;
-    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
-        std::string name;
-        std::getline(std::ifstream(task.path() / "comm"), name);
-        if (name != "sv-mw-video") continue;
-        EXPECT_EQ(niceOf(task.path() / "stat"), own);
-        ++encoders;
-    }
-    EXPECT_GT(encoders, 0);
+    // The worker names itself once it runs: wait for it.
+    std::vector<fs::path> encoders;
+    EXPECT_TRUE(test::eventually(
+        [&] {
+            encoders.clear();
+            for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+                std::string name;
+                std::getline(std::ifstream(task.path() / "comm"), name);
+                if (name == "sv-mw-video") encoders.push_back(task.path());
+            }
+            return !encoders.empty();
+        },
+        std::chrono::seconds(30)));
+    for (const auto& task : encoders) EXPECT_EQ(niceOf(task / "stat"), own);
 }
 
 }  // namespace
