@@ -5,6 +5,7 @@
 // synthetic display (platform/ui/synthetic_window_system.h).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -33,6 +34,15 @@ class UiBackend {
     // no owner. What the recording service checks before it records a
     // layer for an application. Synchronous, any thread.
     virtual std::optional<int32_t> processOwningLayerContext(uint32_t contextID) const = 0;
+    // Returns once what the window system reports reflects every change the
+    // display had made when it was called (a window an application has just
+    // mapped), or after `timeout`; false then. Blocks the caller: a round
+    // trip to the display server. The synthetic window system is always
+    // current.
+    virtual bool synchronize(std::chrono::milliseconds timeout) {
+        (void)timeout;
+        return true;
+    }
 };
 
 enum class UiBackendKind { Automatic, X11, Synthetic };

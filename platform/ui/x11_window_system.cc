@@ -15,6 +15,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include <xcb/res.h>
 #include <xcb/xcb.h>
 
 #include "platform/log.h"
@@ -237,12 +238,44 @@ std::string localHostName() {
 class X11StateMonitor;
 class X11LayoutMonitor;
 
+// The local process that created each of `windows`, as the X server knows
+// it from the client's socket (X-Resource's QueryClientIds): 0 where the
+// server cannot say (a remote client, a window gone). One round trip.
+std::vector<uint32_t> serverPidsOf(xcb_connection_t* c, uint32_t resourceIdMask,
+                                   const std::vector<xcb_window_t>& windows) {
+    std::vector<uint32_t> pids(windows.size(), 0);
+    if (windows.empty()) return pids;
+    std::vector<xcb_res_client_id_spec_t> specs;
+    specs.reserve(windows.size());
+    for (xcb_window_t w : windows) specs.push_back({w, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID});
+    Reply<xcb_res_query_client_ids_reply_t> reply(xcb_res_query_client_ids_reply(
+        c, xcb_res_query_client_ids(c, uint32_t(specs.size()), specs.data()), nullptr));
+    if (!reply) return pids;
+    // Answers name the client by its resource base, not by the window.
+    std::unordered_map<uint32_t, uint32_t> pidByClient;
+    for (auto it = xcb_res_query_client_ids_ids_iterator(reply.get()); it.rem;
+         xcb_res_client_id_value_next(&it)) {
+        if (!(it.data->spec.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID) ||
+            xcb_res_client_id_value_value_length(it.data) < 1)
+            continue;
+        pidByClient[it.data->spec.client & ~resourceIdMask] =
+            *xcb_res_client_id_value_value(it.data);
+    }
+    for (size_t i = 0; i < windows.size(); ++i)
+        if (auto found = pidByClient.find(windows[i] & ~resourceIdMask); found != pidByClient.end())
+            pids[i] = found->second;
+    return pids;
+}
+
 struct X11WindowSystem::Core {
     Connection connection;
     xcb_window_t root = XCB_NONE;
     int32_t screenWidth = 0, screenHeight = 0;
     xcb_atom_t atoms[kAtomCount] = {};
     std::string hostName = localHostName();
+    // X-Resource 1.2: the server names the local process behind a window.
+    bool serverKnowsPids = false;
+    uint32_t resourceIdMask = 0;
     EventFd wake;
     std::atomic<bool> stopping{false};
 
@@ -523,6 +556,7 @@ void X11WindowSystem::Core::scan() {
 
     // Owners: the window's own _NET_WM_PID, else its client leader's.
     std::vector<ScannedWindow> windows;
+    std::vector<bool> remote;  // per window: WM_CLIENT_MACHINE names another host
     std::vector<std::pair<size_t, xcb_get_property_cookie_t>> leaderCookies;
     for (size_t i = 0; i < candidates.size(); ++i) {
         const auto& p = props[i];
@@ -535,6 +569,7 @@ void X11WindowSystem::Core::scan() {
         sw.level = levelOf(p, candidates[i].overrideRedirect, candidates[i].coversScreen, atoms);
         sw.leader = p.clientLeader;
         bool local = isLocalMachine(p.clientMachine, hostName);
+        remote.push_back(!local);
         if (p.hasPid && local)
             sw.pid = int32_t(p.pid);
         else if (local && p.clientLeader != XCB_NONE && p.clientLeader != sw.client)
@@ -546,6 +581,21 @@ void X11WindowSystem::Core::scan() {
     for (const auto& [w, cookie] : leaderCookies) {
         auto leaderPid = values32<uint32_t>(c, cookie, nullptr);
         if (!leaderPid.empty() && leaderPid[0] > 0) windows[w].pid = int32_t(leaderPid[0]);
+    }
+    if (serverKnowsPids) {
+        // Clients that set no _NET_WM_PID (plain xcb or Xlib programs): the
+        // server knows which local process made the window.
+        std::vector<size_t> unowned;
+        std::vector<xcb_window_t> clientWindows;
+        for (size_t i = 0; i < windows.size(); ++i)
+            if (windows[i].pid <= 0 && !remote[i]) {
+                unowned.push_back(i);
+                clientWindows.push_back(windows[i].client);
+            }
+        auto pids = serverPidsOf(c, resourceIdMask, clientWindows);
+        for (size_t k = 0; k < unowned.size(); ++k)
+            if (pids[k] > 0 && pids[k] <= uint32_t(INT32_MAX))
+                windows[unowned[k]].pid = int32_t(pids[k]);
     }
     for (auto& sw : windows)
         if (sw.pid > 0) sw.bundleID = bundleOfProcess(uint32_t(sw.pid));
@@ -566,9 +616,13 @@ void X11WindowSystem::Core::scan() {
             activeBundle = it->bundleID;
         } else {
             WindowProperties p = readProperties(c, requestProperties(c, activeWindow, atoms));
-            if (p.hasPid && isLocalMachine(p.clientMachine, hostName)) {
-                activePid = int32_t(p.pid);
-                activeBundle = bundleOfProcess(p.pid);
+            const bool local = isLocalMachine(p.clientMachine, hostName);
+            uint32_t pid = p.hasPid && local ? p.pid : 0;
+            if (!pid && local && serverKnowsPids)
+                pid = serverPidsOf(c, resourceIdMask, {activeWindow})[0];
+            if (pid > 0 && pid <= uint32_t(INT32_MAX)) {
+                activePid = int32_t(pid);
+                activeBundle = bundleOfProcess(pid);
             }
         }
     }
@@ -811,6 +865,14 @@ std::shared_ptr<X11WindowSystem> X11WindowSystem::connect(const std::string& dis
         return nullptr;
     }
     core->root = it.data->root;
+    core->resourceIdMask = xcb_get_setup(c)->resource_id_mask;
+    if (const auto* ext = xcb_get_extension_data(c, &xcb_res_id); ext && ext->present) {
+        Reply<xcb_res_query_version_reply_t> version(
+            xcb_res_query_version_reply(c, xcb_res_query_version(c, 1, 2), nullptr));
+        core->serverKnowsPids =
+            version && (version->server_major > 1 ||
+                        (version->server_major == 1 && version->server_minor >= 2));
+    }
     core->screenWidth = it.data->width_in_pixels;
     core->screenHeight = it.data->height_in_pixels;
     if (core->wake.fd < 0 || !internAtoms(c, core->atoms)) {

@@ -13,11 +13,11 @@
 //
 // Owner: the process in the client window's _NET_WM_PID (or in that of its
 // WM_CLIENT_LEADER), trusted only when WM_CLIENT_MACHINE is absent or names
-// this host; the application is the bundle enclosing that process's
-// executable (platform/process/process_info.h). Windows of processes outside
-// bundles have no application but still share the screen. _NET_WM_PID is
-// the client's own claim: any X client can set it, as any X client can read
-// the whole screen.
+// this host; for a client that sets neither (plain xcb or Xlib programs), the
+// local process that the X server knows made the window (X-Resource 1.2); the application is the
+// bundle enclosing that process's executable (platform/process/process_info.h). Windows of
+// processes outside bundles have no application but still share the screen. _NET_WM_PID is the
+// client's own claim: any X client can set it, as any X client can read the whole screen.
 //
 // Applications: foreground (kApplicationStateForeground) while they own a
 // counted window; frontmost while they own the window in the root's
@@ -107,7 +107,7 @@ class X11WindowSystem : public UiBackend, public std::enable_shared_from_this<X1
     // Returns once every event the server had sent when it was called has
     // been handled (one round trip); false after `timeout` or when the
     // connection is lost.
-    bool synchronize(std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    bool synchronize(std::chrono::milliseconds timeout = std::chrono::seconds(5)) override;
     bool isConnected() const;
     // Completed scans of the screen (for benchmarks).
     uint64_t scanCount() const;

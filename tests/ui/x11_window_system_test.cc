@@ -283,9 +283,14 @@ TEST_F(X11WindowSystemTest, LayoutHasOneElementPerOwnerWithLevelsFromTypeAndStat
     client_->setTypes(b, {"_NET_WM_WINDOW_TYPE_DIALOG"});
     ASSERT_TRUE(recorder->waitForLevels({2, 1}));
 
-    // Windows of other owners that share the screen, one element each.
-    window(std::nullopt, {}, {"_NET_WM_STATE_ABOVE"});
-    window(getpid(), {"_NET_WM_WINDOW_TYPE_NOTIFICATION"});
+    // Windows of other owners that share the screen, one element each (the
+    // override-redirect popup sets no _NET_WM_PID: the X server names this
+    // process as its owner).
+    auto gamma = BundledProcess::start(dir_.path(), "Gamma", "org.example.gamma");
+    auto delta = BundledProcess::start(dir_.path(), "Delta", "org.example.delta");
+    ASSERT_TRUE(gamma && delta);
+    window(gamma->pid(), {}, {"_NET_WM_STATE_ABOVE"});
+    window(delta->pid(), {"_NET_WM_WINDOW_TYPE_NOTIFICATION"});
     TestWindowOptions popup;
     popup.overrideRedirect = true;
     popup.width = popup.height = 50;
