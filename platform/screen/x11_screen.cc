@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -79,6 +80,7 @@ struct ScreenInfo {
     bool xfixes = false;     // cursor images
     bool randr = false;      // 1.3 or later: primary output, current resources
     bool randrAny = false;   // any version: screen info rotation
+    bool monitors = false;   // 1.5 or later: monitors
     uint8_t randrFirstEvent = 0;
     bool shm = false;  // 1.2 or later, on a local socket
 };
@@ -166,6 +168,7 @@ Connection openConnection(const std::string& displayName, ScreenInfo& info, std:
             xcb_randr_query_version_reply(conn, randrCookie, nullptr));
         info.randrAny = bool(r);
         info.randr = r && (r->major_version > 1 || r->minor_version >= 3);
+        info.monitors = r && (r->major_version > 1 || r->minor_version >= 5);
         info.randrFirstEvent = randrExt->first_event;
     }
     if (shmExt) {
@@ -236,6 +239,10 @@ constexpr size_t kMaxClonedWindows = 256;
 // of one 8192x8192 picture is 256 MiB; an application's own windows rarely
 // span more than two large monitors).
 constexpr int32_t kMaxComposedSide = 8192;
+
+struct Rect {
+    int32_t x = 0, y = 0, w = 0, h = 0;
+};
 
 // Blends a premultiplied ARGB image (the cursor) onto a BGRX buffer.
 void blendCursor(uint8_t* buffer, int32_t stride, int32_t width, int32_t height,
@@ -327,7 +334,7 @@ class X11FrameSource final : public FrameSource {
 
         GrabResult result;
         if (mirroring.mode == kCloneMirroringModeMirror)
-            result = grabRoot();
+            result = grabRoot(mirroring);
         else
             result = grabCloned(mirroring);
         if (xcb_connection_has_error(c)) {
@@ -385,6 +392,7 @@ class X11FrameSource final : public FrameSource {
         cloned_.clear();
         cloneVersion_ = ~uint64_t(0);
         haveClonedPicture_ = false;
+        monitorVersion_ = ~uint64_t(0);
         if (info_.randrAny)
             xcb_randr_select_input(
                 conn_.get(), info_.root,
@@ -410,6 +418,7 @@ class X11FrameSource final : public FrameSource {
                 screenChanged = true;
         }
         if (!screenChanged) return;
+        monitorsChanged_ = true;
         Reply<xcb_get_geometry_reply_t> g(xcb_get_geometry_reply(
             conn_.get(), xcb_get_geometry(conn_.get(), info_.root), nullptr));
         if (g) {
@@ -480,17 +489,65 @@ class X11FrameSource final : public FrameSource {
         return true;
     }
 
-    GrabResult grabRoot() {
+    // The part of the root window that mirror mode shows: the one RandR
+    // monitor whose name atom is among the clone set's identifiers, else
+    // the whole screen (a system recording sends no identifiers, or an
+    // application's own layers, which name no monitor). Nothing once the
+    // monitor chosen is not there any more.
+    std::optional<Rect> mirroredArea(const BasicDisplayMirroringService::Snapshot& mirroring) {
+        const Rect screen{0, 0, info_.width, info_.height};
+        if (mirroring.contextIDs.empty() || !info_.monitors) return screen;
+        // Monitors declared or removed (xrandr --setmonitor) send no event
+        // of their own: the list is read again every second too.
+        const auto now = std::chrono::steady_clock::now();
+        const bool newSet = monitorVersion_ != mirroring.version;
+        if (!newSet && !monitorsChanged_ && now - monitorsRead_ < std::chrono::seconds(1))
+            return monitorName_ ? monitorArea_ : screen;
+        monitorVersion_ = mirroring.version;
+        monitorsChanged_ = false;
+        monitorsRead_ = now;
+        if (newSet) monitorName_.reset();
+        monitorArea_.reset();
+        xcb_connection_t* c = conn_.get();
+        Reply<xcb_randr_get_monitors_reply_t> r(
+            xcb_randr_get_monitors_reply(c, xcb_randr_get_monitors(c, info_.root, 1), nullptr));
+        if (!r) return monitorName_ ? std::nullopt : std::optional<Rect>(screen);
+        for (auto it = xcb_randr_get_monitors_monitors_iterator(r.get()); it.rem;
+             xcb_randr_monitor_info_next(&it)) {
+            const uint32_t name = it.data->name;
+            if (monitorName_ ? name != *monitorName_ : !mirroring.contextIDs.contains(name))
+                continue;
+            // Clipped to the screen: a monitor may be declared beyond it.
+            const int32_t x0 = std::clamp<int32_t>(it.data->x, 0, info_.width);
+            const int32_t y0 = std::clamp<int32_t>(it.data->y, 0, info_.height);
+            const int32_t x1 = std::clamp<int32_t>(it.data->x + it.data->width, 0, info_.width);
+            const int32_t y1 = std::clamp<int32_t>(it.data->y + it.data->height, 0, info_.height);
+            if (x1 <= x0 || y1 <= y0) continue;
+            monitorName_ = name;
+            monitorArea_ = Rect{x0, y0, x1 - x0, y1 - y0};
+            break;
+        }
+        if (!monitorName_) return screen;
+        if (!monitorArea_)
+            log::error("Screen capture: the monitor recorded (name atom %li) is gone",
+                       int64_t(*monitorName_));
+        return monitorArea_;
+    }
+
+    GrabResult grabRoot(const BasicDisplayMirroringService::Snapshot& mirroring) {
         xcb_connection_t* c = conn_.get();
         composedValid_ = false;
-        const int32_t w = info_.width, h = info_.height;
+        auto area = mirroredArea(mirroring);
+        if (!area) return failed(CaptureFailure::Kind::Failed, kScreenCaptureSourceGone);
+        const int32_t w = area->w, h = area->h;
         if (w <= 0 || h <= 0) return {};
         xcb_xfixes_get_cursor_image_cookie_t cursorCookie{};
         GrabResult result;
         result.presentationTime = HostClock::now();
         if (info_.xfixes) cursorCookie = xcb_xfixes_get_cursor_image(c);
         uint8_t* pixels = nullptr;
-        bool ok = readImage(info_.root, 0, 0, uint16_t(w), uint16_t(h), &pixels, rootReply_);
+        bool ok = readImage(info_.root, int16_t(area->x), int16_t(area->y), uint16_t(w),
+                            uint16_t(h), &pixels, rootReply_);
         Reply<xcb_xfixes_get_cursor_image_reply_t> cursor;
         if (info_.xfixes) cursor.reset(xcb_xfixes_get_cursor_image_reply(c, cursorCookie, nullptr));
         if (!ok) return {};
@@ -499,8 +556,8 @@ class X11FrameSource final : public FrameSource {
             if (len >= int(cursor->width) * int(cursor->height))
                 blendCursor(pixels, w * 4, w, h,
                             xcb_xfixes_get_cursor_image_cursor_image(cursor.get()),
-                            cursor->x - cursor->xhot, cursor->y - cursor->yhot, cursor->width,
-                            cursor->height);
+                            cursor->x - cursor->xhot - area->x, cursor->y - cursor->yhot - area->y,
+                            cursor->width, cursor->height);
         }
         composed_ = pixels;
         composedStride_ = w * 4;
@@ -730,6 +787,13 @@ class X11FrameSource final : public FrameSource {
     // composeBuffer_ holds the last picture of the clone set (repeated
     // while none of its windows is on screen).
     bool haveClonedPicture_ = false;
+    // The monitor that mirror mode shows, found again when the clone set or
+    // the screen's layout changes.
+    uint64_t monitorVersion_ = ~uint64_t(0);
+    bool monitorsChanged_ = false;
+    std::chrono::steady_clock::time_point monitorsRead_;
+    std::optional<uint32_t> monitorName_;  // the monitor recorded, once found
+    std::optional<Rect> monitorArea_;
     // The display-sized image of the current frame.
     const uint8_t* composed_ = nullptr;
     int32_t composedStride_ = 0, composedWidth_ = 0, composedHeight_ = 0;

@@ -216,6 +216,34 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
         nullptr);
     EXPECT_GT(bright, 200);
     EXPECT_LT(dark, 60);
+
+    // One monitor of the display (the right half), named as `sorvel
+    // monitors` lists it: the movie is that monitor at its own size.
+    ASSERT_EQ(std::system(("DISPLAY=" + x->displayName() +
+                           " xrandr --setmonitor SV-RIGHT 320/85x360/95+320+0 none")
+                              .c_str()),
+              0)
+        << "xrandr (scripts/install-deps.sh installs it)";
+    pid_t list = sv::test::spawnWithInput({SORVEL, "monitors"}, env_, "", dir_ + "/monitors.log");
+    EXPECT_EQ(sv::test::waitForExit(list, 30s), 0);
+    EXPECT_TRUE(contains(sv::test::readFile(dir_ + "/monitors.log"), " SV-RIGHT 320x360+320+0"))
+        << sv::test::readFile(dir_ + "/monitors.log");
+    p = record({"--system", "--monitor", "SV-RIGHT", "--duration", "1"});
+    EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
+    reader = media::MovieReader::open(output());
+    ASSERT_TRUE(reader);
+    EXPECT_EQ(reader->info().tracks.at(0).width, 320);
+    EXPECT_EQ(reader->info().tracks.at(0).height, 360);
+    bright = dark = -1;
+    reader->decode(
+        [&](const media::LumaFrame& f) {
+            bright = f.data[120 * f.bytesPerRow + 160];  // the white window, moved left
+            dark = f.data[300 * f.bytesPerRow + 20];
+            return false;
+        },
+        nullptr);
+    EXPECT_GT(bright, 200);
+    EXPECT_LT(dark, 60);
 }
 
 #ifdef X11_RECORDER

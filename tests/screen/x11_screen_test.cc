@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <xcb/randr.h>
 
+#include <cstring>
+
 #include <signal.h>
 
 #include <cstdlib>
@@ -13,6 +15,7 @@
 
 #include "platform/screen/testing/xvfb_server.h"
 #include "platform/screen/x11_screen.h"
+#include "platform/xcb_handles.h"
 #include "tests/screen/screen_test_util.h"
 #include "tests/support/test_util.h"
 
@@ -233,6 +236,55 @@ TEST_F(X11ScreenTest, HiddenClonedWindowPausesItsPictureOnlyADestroyedOneFails) 
         EXPECT_EQ(recorder->failedStatuses(), std::vector<int32_t>{c.status});
         EXPECT_EQ(recorder->frameCount(), 0u);
     }
+}
+
+// A system recording of one RandR monitor: the monitor's name atom as the
+// only identifier shows that part of the screen alone; identifiers that name
+// no monitor show the whole screen; a monitor that goes away ends it.
+TEST_F(X11ScreenTest, MirrorOfOneMonitor) {
+    ASSERT_NO_FATAL_FAILURE(makeWindows());
+    xcb_connection_t* c = a->connection();
+    const char* name = "SV-RIGHT";
+    XcbReply<xcb_intern_atom_reply_t> atom(xcb_intern_atom_reply(
+        c, xcb_intern_atom(c, 0, uint16_t(std::strlen(name)), name), nullptr));
+    ASSERT_TRUE(atom);
+    // Declared as a user would (libxcb's SetMonitor request is malformed
+    // for a monitor without outputs).
+    auto xrandr = [&](const std::string& args) {
+        return std::system(("DISPLAY=" + server->displayName() + " xrandr " + args).c_str());
+    };
+    if (xrandr("--version >/dev/null 2>&1") != 0) {
+        if (const char* ci = std::getenv("CI"); ci && std::string(ci) == "true")
+            FAIL() << "xrandr is missing; scripts/install-deps.sh installs it";
+        GTEST_SKIP() << "xrandr is not installed";
+    }
+    ASSERT_EQ(xrandr("--setmonitor SV-RIGHT 800/211x900/238+800+0 none"), 0);
+    auto mirroring = backend->mirroringService();
+    mirroring->setLayerContextsToClone({atom->atom});
+    mirroring->setCloneMirroringMode(kCloneMirroringModeMirror);
+    auto controller = make({800, 900});
+    controller->startCapture();
+    // B's right part at the monitor's left, the root beyond it, none of A.
+    auto frame =
+        recorder->waitForFrame(all({shows(100, 400, opaque(kBlue)), shows(500, 100, 0xFF000000)}));
+    ASSERT_TRUE(frame) << "the monitor alone was not shown";
+    const SharedSurface& s = *frame->imageBuffer();
+    EXPECT_EQ(s.width(), 800);
+    for (int32_t y = 0; y < s.height(); y += 4)
+        for (int32_t x = 0; x < s.width(); x += 4)
+            ASSERT_FALSE(near(pixelAt(s, x, y), opaque(kRed)))
+                << "a pixel of A at " << x << "," << y;
+
+    ASSERT_EQ(xrandr("--delmonitor SV-RIGHT"), 0);
+    ASSERT_TRUE(recorder->waitForFailures(1));
+    EXPECT_EQ(recorder->failedStatuses(), std::vector<int32_t>{kScreenCaptureSourceGone});
+
+    // Identifiers that name no monitor: the whole screen.
+    mirroring->setLayerContextsToClone({a->id()});
+    controller = make({1600, 900});
+    controller->startCapture();
+    EXPECT_TRUE(recorder->waitForFrame(shows(200, 200, opaque(kRed))));
+    controller->stopCapture();
 }
 
 TEST_F(X11ScreenTest, LostServerIsMediaServicesResetOnce) {
