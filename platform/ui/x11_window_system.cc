@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
@@ -97,6 +98,9 @@ enum AtomIndex {
     kStateBelow,
     kStateModal,
     kStateFullscreen,
+    kGtkApplicationId,
+    kKdeDesktopFile,
+    kUtf8String,
     kAtomCount
 };
 
@@ -129,6 +133,9 @@ constexpr const char* kAtomNames[kAtomCount] = {
     "_NET_WM_STATE_BELOW",
     "_NET_WM_STATE_MODAL",
     "_NET_WM_STATE_FULLSCREEN",
+    "_GTK_APPLICATION_ID",
+    "_KDE_NET_WM_DESKTOP_FILE",
+    "UTF8_STRING",
 };
 
 bool internAtoms(xcb_connection_t* c, xcb_atom_t (&atoms)[kAtomCount]) {
@@ -154,11 +161,15 @@ struct WindowProperties {
     xcb_window_t transientFor = XCB_NONE;
     xcb_window_t clientLeader = XCB_NONE;
     std::optional<std::string> clientMachine;
+    // What the window says its application is, for owners outside bundles:
+    // a desktop application identifier (GTK, KDE), else WM_CLASS's class.
+    std::optional<std::string> desktopID;
 };
 
 // Property requests of one window, sent together and read together.
 struct PropertyCookies {
     xcb_get_property_cookie_t pid, type, state, wmState, transient, leader, machine;
+    xcb_get_property_cookie_t gtkAppID, kdeDesktopFile, wmClass;
 };
 
 constexpr uint32_t kMaxPropertyWords = 64;
@@ -175,6 +186,11 @@ PropertyCookies requestProperties(xcb_connection_t* c, xcb_window_t w,
     k.leader = xcb_get_property(c, 0, w, atoms[kWmClientLeader], XCB_ATOM_WINDOW, 0, 1);
     k.machine = xcb_get_property(c, 0, w, XCB_ATOM_WM_CLIENT_MACHINE, XCB_GET_PROPERTY_TYPE_ANY, 0,
                                  kMaxPropertyWords);
+    k.gtkAppID = xcb_get_property(c, 0, w, atoms[kGtkApplicationId], atoms[kUtf8String], 0,
+                                  kMaxPropertyWords);
+    k.kdeDesktopFile =
+        xcb_get_property(c, 0, w, atoms[kKdeDesktopFile], atoms[kUtf8String], 0, kMaxPropertyWords);
+    k.wmClass = xcb_get_property(c, 0, w, XCB_ATOM_WM_CLASS, XCB_ATOM_STRING, 0, kMaxPropertyWords);
     return k;
 }
 
@@ -191,6 +207,31 @@ std::vector<T> values32(xcb_connection_t* c, xcb_get_property_cookie_t cookie, b
     return out;
 }
 
+// The part of an 8-bit text before its first NUL.
+std::string text8Part(std::string s) {
+    if (auto nul = s.find('\0'); nul != std::string::npos) s.resize(nul);
+    return s;
+}
+
+// An 8-bit text property (cut at its first NUL unless `whole`); nothing when
+// absent or of another format.
+std::optional<std::string> text8(xcb_connection_t* c, xcb_get_property_cookie_t cookie,
+                                 bool cut = true) {
+    Reply<xcb_get_property_reply_t> r(xcb_get_property_reply(c, cookie, nullptr));
+    if (!r || r->type == XCB_ATOM_NONE || r->format != 8) return std::nullopt;
+    std::string s(static_cast<const char*>(xcb_get_property_value(r.get())),
+                  size_t(xcb_get_property_value_length(r.get())));
+    return cut ? text8Part(std::move(s)) : s;
+}
+
+// Identifiers a window may give for its application: 1 to 200 letters,
+// digits, '.', '-' and '_' (a desktop file's name, a class name).
+bool isDesktopID(const std::string& id) {
+    return !id.empty() && id.size() <= 200 && std::all_of(id.begin(), id.end(), [](char ch) {
+        return std::isalnum(static_cast<unsigned char>(ch)) || ch == '.' || ch == '-' || ch == '_';
+    });
+}
+
 WindowProperties readProperties(xcb_connection_t* c, const PropertyCookies& k) {
     WindowProperties p;
     auto pid = values32<uint32_t>(c, k.pid, &p.hasPid);
@@ -204,13 +245,20 @@ WindowProperties readProperties(xcb_connection_t* c, const PropertyCookies& k) {
     if (!transient.empty()) p.transientFor = transient[0];
     auto leader = values32<xcb_window_t>(c, k.leader, nullptr);
     if (!leader.empty()) p.clientLeader = leader[0];
-    Reply<xcb_get_property_reply_t> m(xcb_get_property_reply(c, k.machine, nullptr));
-    if (m && m->type != XCB_ATOM_NONE && m->format == 8) {
-        auto* text = static_cast<const char*>(xcb_get_property_value(m.get()));
-        std::string s(text, size_t(xcb_get_property_value_length(m.get())));
-        if (auto nul = s.find('\0'); nul != std::string::npos) s.resize(nul);
-        p.clientMachine = s;
+    p.clientMachine = text8(c, k.machine);
+    auto gtk = text8(c, k.gtkAppID);
+    auto kde = text8(c, k.kdeDesktopFile);
+    // WM_CLASS is "instance\0class\0": the class names the application.
+    std::optional<std::string> wmClass;
+    if (auto both = text8(c, k.wmClass, false)) {
+        auto nul = both->find('\0');
+        if (nul != std::string::npos) wmClass = text8Part(both->substr(nul + 1));
     }
+    for (const auto& id : {gtk, kde, wmClass})
+        if (id && isDesktopID(*id)) {
+            p.desktopID = "x11:" + *id;
+            break;
+        }
     return p;
 }
 
@@ -408,7 +456,10 @@ struct ScannedWindow {
     int32_t level = kDisplayLayoutLevelNormal;
     int32_t pid = -1;  // trusted owner process, or -1
     xcb_window_t leader = XCB_NONE;
+    // The owner's bundle, or for a process outside bundles the identifier
+    // its window gives ("x11:" + desktop application id or WM_CLASS class).
     std::optional<std::string> bundleID;
+    std::optional<std::string> desktopID;
 };
 
 int32_t levelOf(const WindowProperties& p, bool overrideRedirect, bool coversScreen,
@@ -568,6 +619,7 @@ void X11WindowSystem::Core::scan() {
         sw.client = clients[i];
         sw.level = levelOf(p, candidates[i].overrideRedirect, candidates[i].coversScreen, atoms);
         sw.leader = p.clientLeader;
+        sw.desktopID = p.desktopID;
         bool local = isLocalMachine(p.clientMachine, hostName);
         remote.push_back(!local);
         if (p.hasPid && local)
@@ -597,8 +649,12 @@ void X11WindowSystem::Core::scan() {
             if (pids[k] > 0 && pids[k] <= uint32_t(INT32_MAX))
                 windows[unowned[k]].pid = int32_t(pids[k]);
     }
-    for (auto& sw : windows)
-        if (sw.pid > 0) sw.bundleID = bundleOfProcess(uint32_t(sw.pid));
+    for (auto& sw : windows) {
+        if (sw.pid <= 0) continue;
+        sw.bundleID = bundleOfProcess(uint32_t(sw.pid));
+        // A local process outside bundles: the application its window names.
+        if (!sw.bundleID) sw.bundleID = sw.desktopID;
+    }
     topLevels = std::move(newTopLevels);
     selected = std::move(newSelected);
     xcb_flush(c);
@@ -623,6 +679,7 @@ void X11WindowSystem::Core::scan() {
             if (pid > 0 && pid <= uint32_t(INT32_MAX)) {
                 activePid = int32_t(pid);
                 activeBundle = bundleOfProcess(pid);
+                if (!activeBundle) activeBundle = p.desktopID;
             }
         }
     }

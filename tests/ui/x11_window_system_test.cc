@@ -189,10 +189,24 @@ TEST_F(X11WindowSystemTest, FrontmostAndForegroundFollowTheActiveWindowAndMapped
     EXPECT_TRUE(monitor->applicationStateForApplication("org.example.beta") &
                 kApplicationStateFrontmost);
 
-    // A frontmost window of a process outside any bundle is no application.
+    // A frontmost window of a process outside any bundle is no application,
+    // unless it names its application (WM_CLASS, a desktop application id):
+    // then it is that application, with the process the X server names.
     client_->setActiveWindow(stranger);
     ASSERT_TRUE(system_->synchronize());
     EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
+    TestWindowOptions terminal;
+    terminal.wmClass = "Sv-Term";
+    uint32_t term = client_->createWindow(terminal);
+    client_->setActiveWindow(term);
+    ASSERT_TRUE(system_->synchronize());
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "x11:Sv-Term");
+    EXPECT_EQ(intAt(requestInfo(*monitor, "x11:Sv-Term"), kApplicationInfoPIDKey), getpid());
+    terminal.wmClass = "bad/class";
+    client_->setActiveWindow(client_->createWindow(terminal));
+    ASSERT_TRUE(system_->synchronize());
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
+    client_->destroy(term);
     client_->setActiveWindow(0);
     ASSERT_TRUE(system_->synchronize());
     EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
