@@ -852,8 +852,19 @@ std::shared_ptr<X11ScreenBackend> X11ScreenBackend::connect(const std::string& d
         if (error) *error = "no X display named (DISPLAY is not set)";
         return nullptr;
     }
-    impl->connection = openConnectionWithin(impl->displayName, impl->info, error, kConnectTimeout);
-    if (!impl->connection) return nullptr;
+    std::string why;
+    impl->connection = openConnectionWithin(impl->displayName, impl->info, &why, kConnectTimeout);
+    if (!impl->connection) {
+        if (!options.waitForServer) {
+            if (error) *error = why;
+            return nullptr;
+        }
+        log::info(
+            "Screen: X server \"%@\" not reachable yet (%@); recording from it once it answers",
+            impl->displayName, why);
+        impl->lastAttempt = std::chrono::steady_clock::now();
+        return std::make_shared<X11ScreenBackend>(std::move(impl));
+    }
     if (!impl->info.composite)
         log::error("Screen: X server \"%@\" has no Composite 0.2; clone mode will fail",
                    impl->displayName);

@@ -53,6 +53,11 @@ class X11ScreenBackend final : public ScreenBackend {
         // Off: pixels always come through the socket, as with a remote
         // server (for tests and measurements).
         bool sharedMemory = true;
+        // A server that cannot be reached yet (not started, a new login)
+        // still makes a backend: its controllers connect when they start
+        // and report a media-services reset while it is away, and
+        // displaySize() is 0x0 until it has answered once.
+        bool waitForServer = false;
     };
     // Connects to `displayName` (empty: $DISPLAY) and checks that the root
     // window's pixels are 32-bit BGRX, the only layout captured. Null with

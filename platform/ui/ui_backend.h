@@ -52,12 +52,12 @@ std::optional<UiBackendKind> parseUiBackendKind(std::string_view text);
 
 // Automatic: SORVEL_SCREEN_BACKEND (x11|synthetic) when set, so that the
 // window system always matches the screen that is recorded; otherwise X11
-// when $DISPLAY names a server that accepts a connection, otherwise
-// synthetic. X11: the server named by $DISPLAY; null (with `error`) when it
-// cannot be reached. Synthetic: a window system on `display`; when null, on
-// the display of the process's screen backend if that is synthetic (so that
-// the recorded screen and the window system show the same layers), else on a
-// new display. Logs the choice.
+// when $DISPLAY names a display, otherwise synthetic. X11: the server named
+// by $DISPLAY, tracked once it answers (X11WindowSystem::connect with
+// waitForServer); null (with `error`) when no display is named. Synthetic: a window system on
+// `display`; when null, on the display of the process's screen backend if that is synthetic (so
+// that the recorded screen and the window system show the same layers), else on a new display. Logs
+// the choice.
 std::shared_ptr<UiBackend> makeUiBackend(UiBackendKind kind = UiBackendKind::Automatic,
                                          std::shared_ptr<SyntheticDisplay> display = nullptr,
                                          std::string* error = nullptr);

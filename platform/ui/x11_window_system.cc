@@ -316,6 +316,9 @@ std::vector<uint32_t> serverPidsOf(xcb_connection_t* c, uint32_t resourceIdMask,
 }
 
 struct X11WindowSystem::Core {
+    std::string displayName;  // empty: $DISPLAY
+    // Replaced on the event thread only (attach); null while the server is
+    // away.
     Connection connection;
     xcb_window_t root = XCB_NONE;
     int32_t screenWidth = 0, screenHeight = 0;
@@ -367,6 +370,17 @@ struct X11WindowSystem::Core {
     void publish(DisplayLayout newLayout, std::map<std::string, ApplicationState> newApps,
                  std::optional<std::string> newFrontmost);
     void connectionLost();
+    // (Re)connects, learns the screen, selects its events and scans it.
+    // Event thread (or before it starts). False, with the reason, when the
+    // server cannot be reached.
+    bool attach(std::string* error);
+    size_t currentElementCount() const;
+    // Handles events until the connection breaks or stopping is set.
+    void track();
+    // Waits until the next attempt to reach the server is due, answering
+    // synchronize() meanwhile (false: nothing to catch up with).
+    void waitForServer();
+    void releaseSyncWaiters();
     void run();
 };
 
@@ -837,6 +851,50 @@ class ScanBudget {
 
 void X11WindowSystem::Core::run() {
     pthread_setname_np(pthread_self(), "sv-x11-windows");
+    while (!stopping.load()) {
+        if (connection && !xcb_connection_has_error(connection.get())) {
+            track();
+            continue;
+        }
+        waitForServer();
+        if (stopping.load()) break;
+        std::string why;
+        if (!attach(&why)) continue;
+        // Waiters that asked before the server came back see it now.
+        releaseSyncWaiters();
+    }
+    // Waiters of synchronize() are released whatever happened.
+    {
+        std::lock_guard lock(syncMutex);
+        syncCompleted = UINT64_MAX;
+    }
+    syncDone.notify_all();
+}
+
+void X11WindowSystem::Core::releaseSyncWaiters() {
+    {
+        std::lock_guard lock(syncMutex);
+        syncCompleted = syncRequested;
+    }
+    syncDone.notify_all();
+}
+
+void X11WindowSystem::Core::waitForServer() {
+    // A server that went away (restarted, a new login) or is not up yet is
+    // tried again every two seconds; nothing is known meanwhile, so
+    // synchronize() returns at once.
+    const auto due = std::chrono::steady_clock::now() + kX11ReconnectInterval;
+    while (!stopping.load()) {
+        releaseSyncWaiters();
+        const auto left = due - std::chrono::steady_clock::now();
+        if (left <= std::chrono::steady_clock::duration::zero()) return;
+        pollfd fd{wake.fd, POLLIN, 0};
+        if (poll(&fd, 1, int(std::chrono::ceil<std::chrono::milliseconds>(left).count())) > 0)
+            wake.drain();
+    }
+}
+
+void X11WindowSystem::Core::track() {
     xcb_connection_t* c = connection.get();
     ScanBudget budget;
     bool dirty = false;
@@ -848,7 +906,7 @@ void X11WindowSystem::Core::run() {
         }
         if (xcb_connection_has_error(c)) {
             connectionLost();
-            break;
+            return;
         }
         uint64_t syncTarget;
         {
@@ -893,12 +951,6 @@ void X11WindowSystem::Core::run() {
             if (auto* e = xcb_poll_for_event(c)) std::free(e);
         }
     }
-    // Waiters of synchronize() are released whatever happened.
-    {
-        std::lock_guard lock(syncMutex);
-        syncCompleted = UINT64_MAX;
-    }
-    syncDone.notify_all();
 }
 
 // ---- the window system
@@ -908,42 +960,76 @@ bool X11WindowSystem::serverAnswers(const std::string& displayName) {
     return openConnection(displayName, &screen, nullptr) != nullptr;
 }
 
-std::shared_ptr<X11WindowSystem> X11WindowSystem::connect(const std::string& displayName,
-                                                          std::string* error) {
+bool X11WindowSystem::Core::attach(std::string* error) {
     int screenNumber = 0;
-    auto core = std::make_shared<Core>();
-    core->connection = openConnection(displayName, &screenNumber, error);
-    if (!core->connection) return nullptr;
-    xcb_connection_t* c = core->connection.get();
+    Connection fresh = openConnection(displayName, &screenNumber, error);
+    if (!fresh) return false;
+    xcb_connection_t* c = fresh.get();
     auto it = xcb_setup_roots_iterator(xcb_get_setup(c));
     for (int i = 0; i < screenNumber && it.rem; ++i) xcb_screen_next(&it);
     if (!it.rem || !it.data) {
         if (error) *error = "the X server has no such screen";
-        return nullptr;
+        return false;
     }
-    core->root = it.data->root;
-    core->resourceIdMask = xcb_get_setup(c)->resource_id_mask;
+    if (!internAtoms(c, atoms)) {
+        if (error) *error = "cannot set up the X11 window system";
+        return false;
+    }
+    root = it.data->root;
+    resourceIdMask = xcb_get_setup(c)->resource_id_mask;
+    serverKnowsPids = false;
     if (const auto* ext = xcb_get_extension_data(c, &xcb_res_id); ext && ext->present) {
         Reply<xcb_res_query_version_reply_t> version(
             xcb_res_query_version_reply(c, xcb_res_query_version(c, 1, 2), nullptr));
-        core->serverKnowsPids =
-            version && (version->server_major > 1 ||
-                        (version->server_major == 1 && version->server_minor >= 2));
+        serverKnowsPids = version && (version->server_major > 1 ||
+                                      (version->server_major == 1 && version->server_minor >= 2));
     }
-    core->screenWidth = it.data->width_in_pixels;
-    core->screenHeight = it.data->height_in_pixels;
-    if (core->wake.fd < 0 || !internAtoms(c, core->atoms)) {
+    screenWidth = it.data->width_in_pixels;
+    screenHeight = it.data->height_in_pixels;
+    const uint32_t rootMask[] = {XCB_EVENT_MASK_PROPERTY_CHANGE | XCB_EVENT_MASK_STRUCTURE_NOTIFY |
+                                 XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY};
+    xcb_change_window_attributes(c, root, XCB_CW_EVENT_MASK, rootMask);
+    // What was learnt on an earlier connection means nothing on this one.
+    topLevels.clear();
+    selected.clear();
+    bundles.clear();
+    connection = std::move(fresh);
+    {
+        std::lock_guard lock(mutex);
+        connected = true;
+    }
+    scan();
+    log::info("X11WindowSystem: tracking screen %i (%ix%i), %lu layout elements", screenNumber,
+              screenWidth, screenHeight, currentElementCount());
+    return true;
+}
+
+size_t X11WindowSystem::Core::currentElementCount() const {
+    std::lock_guard lock(mutex);
+    return layout.elements.size();
+}
+
+std::shared_ptr<X11WindowSystem> X11WindowSystem::connect(const std::string& displayName,
+                                                          std::string* error, bool waitForServer) {
+    auto core = std::make_shared<Core>();
+    core->displayName = displayName;
+    if (core->wake.fd < 0) {
         if (error) *error = "cannot set up the X11 window system";
         return nullptr;
     }
-    const uint32_t rootMask[] = {XCB_EVENT_MASK_PROPERTY_CHANGE | XCB_EVENT_MASK_STRUCTURE_NOTIFY |
-                                 XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY};
-    xcb_change_window_attributes(c, core->root, XCB_CW_EVENT_MASK, rootMask);
-    core->scan();
+    std::string why;
+    if (!core->attach(&why)) {
+        const char* d = std::getenv("DISPLAY");
+        if (!waitForServer || (displayName.empty() && (!d || !*d))) {
+            if (error) *error = why;
+            return nullptr;
+        }
+        log::info("X11WindowSystem: %@; tracking starts once the X server answers", why);
+        std::lock_guard lock(core->mutex);
+        core->connected = false;
+    }
     auto system = std::shared_ptr<X11WindowSystem>(new X11WindowSystem(core));
     system->thread_ = std::thread([core] { core->run(); });
-    log::info("X11WindowSystem: tracking screen %i (%ix%i), %lu layout elements", screenNumber,
-              core->screenWidth, core->screenHeight, core->layout.elements.size());
     return system;
 }
 

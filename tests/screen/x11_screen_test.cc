@@ -304,6 +304,22 @@ TEST_F(X11ScreenTest, LostServerIsMediaServicesResetOnce) {
     ASSERT_TRUE(recorder->waitForFailures(2));
     EXPECT_EQ(recorder->resets(), 2);
     EXPECT_EQ(backend->displaySize(), (WindowSize{1600, 900}));  // the last size known
+
+    // A backend made while the server is away (a service started before the
+    // session's X server) records once the server is there.
+    const std::string display = server->displayName();
+    EXPECT_FALSE(X11ScreenBackend::connect(display, {}, nullptr));
+    backend = X11ScreenBackend::connect(display, {.waitForServer = true}, nullptr);
+    ASSERT_TRUE(backend);
+    backend->mirroringService()->setCloneMirroringMode(kCloneMirroringModeMirror);
+    std::string error;
+    server = XvfbServer::start(1600, 900, &error, std::chrono::seconds(30), display);
+    ASSERT_TRUE(server) << error;
+    auto late = make({800, 450});
+    late->startCapture();
+    ASSERT_TRUE(recorder->waitForFrames(2));
+    EXPECT_EQ(recorder->failureCount(), 0u);
+    late->stopCapture();
 }
 
 // Runs `fn` on a thread of its own; false when it has not returned in time.
@@ -331,13 +347,14 @@ TEST_F(X11ScreenTest, ServerThatStopsAnsweringHangsNobody) {
 
     EXPECT_TRUE(returnsInTime([&] { controller->stopCapture(); }));
     EXPECT_TRUE(returnsInTime([&] { controller.reset(); }));
-    // Choosing a backend gives up on the server and takes the synthetic one.
+    // Choosing a backend gives up waiting for the server in time and keeps
+    // it as the display to record once it answers.
     test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", std::nullopt},
                         {"DISPLAY", server->displayName()}};
     std::shared_ptr<ScreenBackend> chosen;
     EXPECT_TRUE(returnsInTime([&] { chosen = makeScreenBackend(); }));
     ASSERT_TRUE(chosen);
-    EXPECT_EQ(chosen->name(), "synthetic");
+    EXPECT_EQ(chosen->name(), "x11");
     // A new controller cannot reach it: reported as lost, once.
     auto fresh = make({800, 450});
     fresh->startCapture();

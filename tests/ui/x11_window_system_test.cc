@@ -16,6 +16,7 @@
 #include "platform/ui/testing/x11_testing.h"
 #include "platform/ui/ui_backend.h"
 #include "platform/ui/x11_window_system.h"
+#include "tests/process/process_helpers.h"
 #include "tests/support/test_util.h"
 
 using namespace sv;
@@ -439,12 +440,24 @@ TEST_F(X11WindowSystemTest, ALostServerEmptiesTheLayoutAndForegroundState) {
     monitor->addObserver(recorder);
     EXPECT_EQ(monitor->currentLayout().elementCount(), 1u);
 
+    const std::string display = server->displayName();
     server->stop();
     ASSERT_TRUE(recorder->waitForLevels({}));
     EXPECT_FALSE(system->synchronize(1s));
     EXPECT_FALSE(system->isConnected());
     EXPECT_EQ(system->frontmostApplicationBundleIdentifier(), std::nullopt);
     EXPECT_FALSE(system->applicationState("org.example.alpha").isForeground());
+
+    // The server comes back (a restarted session): tracking resumes.
+    std::string why;
+    server = XvfbServer::start(1280, 800, &why, 30s, display);
+    ASSERT_TRUE(server) << why;
+    client = X11TestClient::connect(display);
+    ASSERT_TRUE(client);
+    client->setActiveWindow(client->createWindow(options));
+    ASSERT_TRUE(sv::test::eventually([&] { return system->synchronize(1s); }, 20s));
+    ASSERT_TRUE(recorder->waitForLevels({1}));
+    EXPECT_EQ(system->frontmostApplicationBundleIdentifier(), "org.example.alpha");
 }
 
 TEST_F(X11WindowSystemTest, AutomaticChoiceTakesAReachableServerUnlessTheScreenSaysOtherwise) {
@@ -461,8 +474,18 @@ TEST_F(X11WindowSystemTest, AutomaticChoiceTakesAReachableServerUnlessTheScreenS
         EXPECT_EQ(makeUiBackend()->name(), "synthetic");
     }
     {
+        // A named display whose server is not up yet is still the desktop:
+        // tracked once it answers, never replaced by a synthetic display.
         sv::test::ScopedEnv env{{"DISPLAY", ":9999"}, {"SORVEL_SCREEN_BACKEND", std::nullopt}};
         EXPECT_FALSE(X11WindowSystem::serverAnswers());
+        auto waiting = makeUiBackend();
+        ASSERT_TRUE(waiting);
+        EXPECT_EQ(waiting->name(), "x11");
+        EXPECT_FALSE(waiting->synchronize(1s));
+        EXPECT_EQ(waiting->frontmostApplicationBundleIdentifier(), std::nullopt);
+    }
+    {
+        sv::test::ScopedEnv env{{"DISPLAY", std::nullopt}, {"SORVEL_SCREEN_BACKEND", std::nullopt}};
         EXPECT_EQ(makeUiBackend()->name(), "synthetic");
         std::string error;
         EXPECT_FALSE(makeUiBackend(UiBackendKind::X11, nullptr, &error));
