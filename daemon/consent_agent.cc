@@ -1,6 +1,7 @@
 #include "daemon/consent_agent.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "platform/log.h"
 #include "protocol/recording_protocol.h"
@@ -20,8 +21,9 @@ bool validLanguage(const std::string& l) {
 
 }  // namespace
 
-std::shared_ptr<SVConsentAgentRegistry> SVConsentAgentRegistry::create() {
-    return std::shared_ptr<SVConsentAgentRegistry>(new SVConsentAgentRegistry);
+std::shared_ptr<SVConsentAgentRegistry> SVConsentAgentRegistry::create(
+    std::chrono::milliseconds agentWait) {
+    return std::shared_ptr<SVConsentAgentRegistry>(new SVConsentAgentRegistry(agentWait));
 }
 
 void SVConsentAgentRegistry::registerAgent(const std::shared_ptr<ipc::Connection>& connection,
@@ -33,9 +35,17 @@ void SVConsentAgentRegistry::registerAgent(const std::shared_ptr<ipc::Connection
     }
     log::info("SVConsentAgentRegistry: consent agent registered (pid %i, languages %@)",
               int32_t(connection->processIdentifier()), Value(languages));
-    std::lock_guard lock(mutex_);
-    agent_ = connection;
-    languages_ = std::move(languages);
+    std::vector<Waiting> waiting;
+    {
+        std::lock_guard lock(mutex_);
+        agent_ = connection;
+        languages_ = std::move(languages);
+        waiting.swap(waiting_);
+    }
+    for (auto& w : waiting) {
+        w.timer->cancel();
+        send(connection, w.alertID, w.request, w.reply);
+    }
 }
 
 void SVConsentAgentRegistry::connectionEnded(const ipc::Connection* connection) {
@@ -68,18 +78,51 @@ bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& 
     std::shared_ptr<ipc::Connection> agent;
     {
         std::lock_guard lock(mutex_);
-        agent = agent_.lock();
-        if (!agent || agent->isInvalidated()) {
-            log::error("SVConsentAgentRegistry: no consent agent is registered");
-            return false;
-        }
         if (pending_.size() >= kMaxAlertsAtAgent) {
             log::error("SVConsentAgentRegistry: %lu alerts already wait for the consent agent",
                        pending_.size());
             return false;
         }
+        agent = agent_.lock();
+        if (!agent || agent->isInvalidated()) {
+            if (agentWait_.count() <= 0) {
+                log::error("SVConsentAgentRegistry: no consent agent is registered");
+                return false;
+            }
+            log::info("SVConsentAgentRegistry: alert %lu waits for a consent agent", alertID);
+            pending_.emplace(alertID, reply);
+            std::weak_ptr<SVConsentAgentRegistry> weak = weak_from_this();
+            auto timer = Timer::schedule(
+                DispatchQueue::global(), agentWait_, std::chrono::nanoseconds(0), [weak, alertID] {
+                    auto self = weak.lock();
+                    if (!self) return;
+                    std::optional<AlertReply> expired;
+                    {
+                        std::lock_guard lock(self->mutex_);
+                        auto& w = self->waiting_;
+                        auto it = std::find_if(w.begin(), w.end(), [&](const Waiting& x) {
+                            return x.alertID == alertID;
+                        });
+                        if (it == w.end()) return;
+                        expired = it->reply;
+                        w.erase(it);
+                        self->pending_.erase(alertID);
+                    }
+                    log::error("SVConsentAgentRegistry: no consent agent registered for alert %lu",
+                               alertID);
+                    (*expired)(AlertResponse::Cancelled);
+                });
+            waiting_.push_back({alertID, request, std::move(reply), std::move(timer)});
+            return true;
+        }
         pending_.emplace(alertID, reply);
     }
+    send(agent, alertID, request, reply);
+    return true;
+}
+
+void SVConsentAgentRegistry::send(const std::shared_ptr<ipc::Connection>& agent, uint64_t alertID,
+                                  const AlertRequest& request, const AlertReply& reply) {
     // The registry is held weakly: an alert outliving it is answered by its
     // reply's own end (Cancelled).
     std::weak_ptr<SVConsentAgentRegistry> weak = weak_from_this();
@@ -102,13 +145,23 @@ bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& 
             reply(response.value_or(AlertResponse::Cancelled));
             if (auto self = weak.lock()) self->alertDone(alertID);
         });
-    return true;
 }
 
 void SVConsentAgentRegistry::withdrawAlert(uint64_t alertID) {
     // The alert answered Cancelled already; the agent's late answer only
-    // frees the slot.
+    // frees the slot. One still waiting for an agent is dropped.
     log::debug("SVConsentAgentRegistry: alert %lu withdrawn", alertID);
+    std::shared_ptr<Timer> timer;
+    {
+        std::lock_guard lock(mutex_);
+        auto it = std::find_if(waiting_.begin(), waiting_.end(),
+                               [&](const Waiting& x) { return x.alertID == alertID; });
+        if (it == waiting_.end()) return;
+        timer = std::move(it->timer);
+        waiting_.erase(it);
+        pending_.erase(alertID);
+    }
+    timer->cancel();
 }
 
 void SVConsentAgentRegistry::alertDone(uint64_t alertID) {

@@ -15,6 +15,7 @@ PACKAGES=(
   libx11-dev libxext-dev libxfixes-dev libxrandr-dev
   libxcb1-dev libxcb-shm0-dev libxcb-composite0-dev libxcb-randr0-dev libxcb-xfixes0-dev libxcb-res0-dev xvfb openbox x11-xserver-utils
   python3 python3-cbor2
+  man-db groff-base bsdextrautils bash-completion dpkg-dev file
 )
 
 missing=()
