@@ -4,7 +4,8 @@
 // tracks, while a window covering most of the screen changes every frame
 // (drawn by this program run as an animator in a child process, so its CPU
 // is not counted as ours); then `ffmpeg -f x11grab` with the movie writer's
-// encoder settings records the same screen, animator running, for as long.
+// encoder settings (and its size: the frame size limit scales the screen
+// down) records the same screen, animator running, for as long.
 // The X server's CPU is measured during each recording: grabbing costs it
 // work that the recorder's own figure does not show.
 //
@@ -137,6 +138,7 @@ pid_t spawn(const std::vector<std::string>& args, int out = -1) {
 struct Movie {
     int64_t frames = 0;
     double seconds = 0;
+    int width = 0, height = 0;
 };
 Movie videoOf(const std::string& path) {
     std::string error;
@@ -145,7 +147,8 @@ Movie videoOf(const std::string& path) {
         std::fprintf(stderr, "x11_record_bench: %s: %s\n", path.c_str(), error.c_str());
     if (inspection)
         for (const auto& t : inspection->movie.tracks)
-            if (t.kind == media::TrackKind::Video) return {t.frameCount, t.duration};
+            if (t.kind == media::TrackKind::Video)
+                return {t.frameCount, t.duration, t.width, t.height};
     return {};
 }
 
@@ -217,22 +220,27 @@ struct Ffmpeg {
 };
 
 // The same screen through x11grab (pointer drawn, shared memory, as ours),
-// encoded with the movie writer's settings for a movie of this size, with
-// two AAC tracks from generated tones; every grabbed frame is written.
-Ffmpeg recordWithFfmpeg(const std::string& display, double seconds, const std::string& out,
-                        pid_t server) {
+// scaled (bilinear, as ours) to the size of our movie, which the frame size
+// limit may make smaller than the screen, and encoded with the movie
+// writer's settings for that size, with two AAC tracks from generated
+// tones; every grabbed frame is written.
+Ffmpeg recordWithFfmpeg(const std::string& display, double seconds, const Movie& movie,
+                        const std::string& out, pid_t server) {
+    const int w = movie.width > 0 ? movie.width : kWidth;
+    const int h = movie.height > 0 ? movie.height : kHeight;
     char command[1024];
     std::snprintf(command, sizeof command,
                   "ffmpeg -nostdin -v error -y -f x11grab -framerate 60 -video_size %dx%d -i %s "
                   "-f lavfi -i sine=f=620:r=44100:d=%.3f -f lavfi -i sine=f=440:r=44100:d=%.3f "
-                  "-map 0:v -map 1:a -map 2:a -t %.3f -fps_mode passthrough -c:v libx264 "
-                  "-preset %s -profile:v main -pix_fmt yuv420p -b:v 5000000 -g 120 "
+                  "-map 0:v -map 1:a -map 2:a -t %.3f -fps_mode passthrough "
+                  "-vf scale=%d:%d:flags=bilinear -c:v libx264 "
+                  "-preset %s -profile:v main -pix_fmt yuv420p -b:v %d -g 120 "
                   "-thread_type slice -c:a aac -b:a 128000 -ac 2 -ar 44100",
-                  kWidth, kHeight, display.c_str(), seconds, seconds, seconds,
-                  media::kDefaultX264Preset);
+                  kWidth, kHeight, display.c_str(), seconds, seconds, seconds, w, h,
+                  media::kDefaultX264Preset, w >= 1600 || h >= 1600 ? 5'000'000 : 3'000'000);
     std::vector<std::string> args;
     std::istringstream words(command);
-    for (std::string w; words >> w;) args.push_back(w);
+    for (std::string word; words >> word;) args.push_back(word);
     args.push_back(out);
     Ffmpeg result;
     const double server0 = processCpuSeconds(server);
@@ -299,6 +307,8 @@ int run(double seconds, const std::optional<std::string>& keep) {
     const double recorded = rec.movie.seconds > 0 ? rec.movie.seconds : seconds;
     const double expected = seconds * 60;
     report("x11_record_seconds", recorded, "s");
+    report("x11_record_movie_width", rec.movie.width, "px");
+    report("x11_record_movie_height", rec.movie.height, "px");
     report("x11_record_frames_expected", expected, "frames");
     report("x11_record_frames_captured", double(rec.framesCaptured), "frames");
     report("x11_record_frames_written", double(rec.movie.frames), "frames");
@@ -318,8 +328,8 @@ int run(double seconds, const std::optional<std::string>& keep) {
     report("x11_record_server_cpu_per_recorded_second", rec.serverCpu / recorded, "s/s");
     report("x11_record_peak_rss", rec.peakRssMiB, "MiB");
 
-    const Ffmpeg ff =
-        recordWithFfmpeg(server->displayName(), seconds, home + "/ffmpeg.mp4", server->pid());
+    const Ffmpeg ff = recordWithFfmpeg(server->displayName(), seconds, rec.movie,
+                                       home + "/ffmpeg.mp4", server->pid());
     kill(animator, SIGTERM);
     waitpid(animator, nullptr, 0);
     double ratio = 0, ratioWithServer = 0;
