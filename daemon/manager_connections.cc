@@ -94,6 +94,24 @@ std::shared_ptr<Bundle> SVRecordingManager::bundleWithPID(pid_t pid) {
     return Bundle::bundleWithPath(bundleURL->path);
 }
 
+std::pair<std::string, bool> SVRecordingManager::identityOfProcess(pid_t pid, int pidfd) const {
+    const auto& trust = options_.trust;
+    if (!trust) {
+        auto bundle = bundleWithPID(pid);
+        return {bundle ? bundle->bundleIdentifier().value_or("") : "", false};
+    }
+    auto identity = SVProcessIdentity::ofProcess(pid, pidfd);
+    if (!identity) {
+        static log::RateLimit limit;
+        log::error(limit,
+                   "SVRecordingManager: the executable of pid %i cannot be read; taken as no "
+                   "application",
+                   int32_t(pid));
+        return {"", false};
+    }
+    return {trust->bundleIdentityForExecutable(identity->executable), trust->isTrusted(*identity)};
+}
+
 bool SVRecordingManager::listenerShouldAcceptNewConnection(
     ipc::Listener&, const std::shared_ptr<ipc::Connection>& connection) {
     log::info("SVRecordingManager: shouldAcceptNewConnection:");
@@ -102,23 +120,10 @@ bool SVRecordingManager::listenerShouldAcceptNewConnection(
     // The file system is read here, on the listener's queue, not on the
     // manager's. The identity is the process that connected, read through
     // its process descriptor, never a later holder of its number.
-    std::string bundleID;
-    bool trusted = false;
-    if (const auto& trust = options_.trust) {
-        UniqueFd pidfd = connection->peerProcessDescriptor();
-        auto identity = SVProcessIdentity::ofProcess(pid, pidfd.get());
-        if (identity) {
-            bundleID = trust->bundleIdentityForExecutable(identity->executable);
-            trusted = trust->isTrusted(*identity);
-        } else {
-            log::error(
-                "SVRecordingManager: the executable of pid %i cannot be read; taken as "
-                "no application",
-                int32_t(pid));
-        }
-    } else if (auto bundle = bundleWithPID(pid)) {
-        bundleID = bundle->bundleIdentifier().value_or("");
-    }
+    UniqueFd pidfd = connection->peerProcessDescriptor();
+    auto identity = identityOfProcess(pid, pidfd.get());
+    std::string bundleID = std::move(identity.first);
+    const bool trusted = identity.second;
     if (bundleID.size() > kMaxBundleIDBytes) {
         log::error("SVRecordingManager: pid %i has a bundle identifier of %lu bytes; taken as none",
                    int32_t(pid), bundleID.size());

@@ -53,6 +53,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "daemon/client_proxy.h"
@@ -186,6 +187,10 @@ class SVRecordingManager : public ipc::ListenerDelegate,
         ipc::Listener& listener, const std::shared_ptr<ipc::Connection>& connection) override;
     // The bundle enclosing the executable of `pid`, or null. Any thread.
     static std::shared_ptr<Bundle> bundleWithPID(pid_t pid);
+    // The application identity of the process `pidfd` describes (number
+    // `pid`): its trusted bundle's identifier, "" for none; with it, whether
+    // its executable is a trusted one. Reads the file system; any thread.
+    std::pair<std::string, bool> identityOfProcess(pid_t pid, int pidfd) const;
     // On the queue: the application of `client` went away.
     void applicationDisconnectedWithBundleID(const std::shared_ptr<SVClientConnection>& client);
 

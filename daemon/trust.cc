@@ -139,7 +139,12 @@ std::shared_ptr<const SVTrustedExecutables> SVTrustedExecutables::create(Options
 bool SVTrustedExecutables::isTrusted(const SVProcessIdentity& identity) const {
     if (isInterpreter(identity.executable)) return false;
     return std::any_of(entries_.begin(), entries_.end(), [&](const Entry& e) {
-        return e.device == identity.device && e.inode == identity.inode;
+        if (e.device == identity.device && e.inode == identity.inode) return true;
+        // The file at a trusted path now (an agent rebuilt or upgraded since
+        // the daemon started); whoever may replace it there is trusted anyway.
+        struct stat st {};
+        return stat(e.path.c_str(), &st) == 0 && st.st_dev == identity.device &&
+               st.st_ino == identity.inode;
     });
 }
 

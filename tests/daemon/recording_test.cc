@@ -238,7 +238,11 @@ class RecordingTest : public ::testing::Test {
         ASSERT_GT(n, 0);
         ASSERT_TRUE(daemon.start(
             SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend", "synthetic",
-                               "--test-clock", "--trusted-agent", std::string(self, size_t(n))},
+                               "--test-clock", "--trusted-agent", std::string(self, size_t(n)),
+                               // an interpreter, which is never trusted
+                               "--trusted-agent", "/bin/sh",
+                               // whatever the umask made of the build tree
+                               "--trusted-bundle-dir", TEST_BUNDLES_DIR},
                       .env = {std::string("SORVEL_BUNDLE_PATH=") + TEST_BUNDLES_DIR}}))
             << daemon.log();
     }
@@ -589,9 +593,12 @@ TEST_F(RecordingTest, LayoutChangesInterruptApplicationRecordings) {
 
     // A system recording stays through an empty layout and two windows.
     ASSERT_FALSE(setLayout(std::nullopt));
-    a.script({ConsentResponse::Other});  // asked every time: it is no trusted executable
+    a.script({ConsentResponse::Other});
     alpha.send("start 0 0 0 1");
     EXPECT_EQ(alpha.expect("started "), "0 0 0");
+    // Asked although alpha is exempt for its own windows: it is no trusted
+    // executable.
+    EXPECT_EQ(a.alerts().size(), 2u);
     ASSERT_FALSE(setLayout(std::vector<int64_t>{}));
     ASSERT_FALSE(setLayout(std::vector<int64_t>{1, 1}));
     ASSERT_TRUE(recorded(alpha, 10));
@@ -787,6 +794,13 @@ TEST_F(RecordingTest, IdentityAndAgentsMustBeTrusted) {
     auto bundleCopy = [&](const std::string& dir, const std::string& manifest) {
         fs::create_directories(dir);
         std::ofstream(dir + "/bundle.json") << manifest;
+        // Closed to others whatever the umask: only the directory a case
+        // opens on purpose is open.
+        using P = fs::perms;
+        fs::permissions(
+            dir, P::owner_all | P::group_read | P::group_exec | P::others_read | P::others_exec);
+        fs::permissions(dir + "/bundle.json",
+                        P::owner_read | P::owner_write | P::group_read | P::others_read);
         fs::copy_file(TEST_APP, dir + "/sorvel_test_app");
         return dir + "/sorvel_test_app";
     };
@@ -819,6 +833,7 @@ TEST_F(RecordingTest, IdentityAndAgentsMustBeTrusted) {
     output << std::ifstream(root_ + "/copy.log").rdbuf();
     EXPECT_NE(output.str().find("refused"), std::string::npos) << output.str();
     EXPECT_TRUE(logged("is no trusted consent agent; registration refused"));
+    EXPECT_TRUE(logged("/bin/sh (--trusted-agent) is an interpreter or a script"));
     a.script({ConsentResponse::Other});
     auto& alpha = launch("alpha");
     EXPECT_EQ(start(alpha), 0);
