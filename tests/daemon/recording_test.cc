@@ -232,19 +232,24 @@ class RecordingTest : public ::testing::Test {
   protected:
     void SetUp() override {
         log::setOutputEnabled(false);
-        // The consent agent is this test's own process: trusted as such.
+        ASSERT_TRUE(startDaemon({"--test-clock"})) << daemon.log();
+    }
+    // The synthetic platform, the test bundles, and this test's own process
+    // (the consent agent) trusted as such.
+    bool startDaemon(std::vector<std::string> extra) {
         char self[4096];
         const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-        ASSERT_GT(n, 0);
-        ASSERT_TRUE(daemon.start(
-            SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend", "synthetic",
-                               "--test-clock", "--trusted-agent", std::string(self, size_t(n)),
-                               // an interpreter, which is never trusted
-                               "--trusted-agent", "/bin/sh",
-                               // whatever the umask made of the build tree
-                               "--trusted-bundle-dir", TEST_BUNDLES_DIR},
-                      .env = {std::string("SORVEL_BUNDLE_PATH=") + TEST_BUNDLES_DIR}}))
-            << daemon.log();
+        std::vector<std::string> args{"--screen-backend", "synthetic", "--audio-backend",
+                                      "synthetic", "--trusted-agent",
+                                      n > 0 ? std::string(self, size_t(n)) : "",
+                                      // an interpreter, which is never trusted
+                                      "--trusted-agent", "/bin/sh",
+                                      // whatever the umask made of the build tree
+                                      "--trusted-bundle-dir", TEST_BUNDLES_DIR};
+        args.insert(args.end(), extra.begin(), extra.end());
+        return daemon.start(SORVELD,
+                            {.args = std::move(args),
+                             .env = {std::string("SORVEL_BUNDLE_PATH=") + TEST_BUNDLES_DIR}});
     }
     void TearDown() override {
         apps_.clear();
@@ -417,11 +422,7 @@ TEST_F(RecordingTest, StartRefusalsInTheirOrder) {
 // and goes to the first that does; with none in time the start is refused.
 TEST_F(RecordingTest, AQuestionWaitsForTheAgentStartedWithTheService) {
     ASSERT_GE(daemon.stop(SIGTERM), 0);
-    ASSERT_TRUE(
-        daemon.start(SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend",
-                                        "synthetic", "--agent-wait", "5"},
-                               .env = {std::string("SORVEL_BUNDLE_PATH=") + TEST_BUNDLES_DIR}}))
-        << daemon.log();
+    ASSERT_TRUE(startDaemon({"--agent-wait", "5"})) << daemon.log();
     auto& alpha = launch("alpha");
     alpha.send("start 0 0 0 0 own");
     ASSERT_TRUE(logged("waits for a consent agent"));
