@@ -27,11 +27,14 @@
 #endif
 
 #include "client/cli/cli_loop.h"
+#include "client/cli/consent_prompt.h"
 #include "client/cli/movie_summary.h"
 #include "client/cli_command.h"
+#include "client/consent_agent.h"
 #include "client/shell_client.h"
 #include "platform/ipc/ipc.h"
 #include "platform/log.h"
+#include "platform/system/languages.h"
 #include "sorvel/recorder_client.h"
 
 namespace {
@@ -60,6 +63,9 @@ constexpr const char* kUsage =
     "  --trim-start SECONDS   with --trim-end: cut whole seconds from the movie's start\n"
     "  --trim-end SECONDS     and end when it is finished\n"
     "  --runtime-dir DIR      directory of the service's sockets\n"
+    "\n"
+    "When standard input is a terminal, the service asks for consent there (in front\n"
+    "of any consent agent) until the recording starts.\n"
     "\n"
     "While recording, when standard input is a terminal:\n"
     "  p  pause or resume    m  microphone on or off    q  stop and keep the movie\n"
@@ -200,7 +206,12 @@ class Recorder : public sv::SVRecorderClientDelegate,
     enum class Phase { Preparing, Starting, Recording, Stopping, Done };
 
     void findLayers(Clock::time_point deadline);
+    // Asks for consent in this terminal while the start waits (see
+    // askHereThen), then sends the start request.
     void start();
+    void askHereThen(std::function<void()> next);
+    void stopAskingHere();
+    void sendStart();
     void started(std::optional<SVRecorderError> error, bool microphone);
     void pollStatus();
     void onKey(char key);
@@ -227,6 +238,8 @@ class Recorder : public sv::SVRecorderClientDelegate,
     std::unique_ptr<sv::SVRecorderClient> client_;
     std::unique_ptr<sv::ShellClient> shell_;
     std::unique_ptr<sv::cli::RawTerminal> terminal_;
+    // The consent agent of this terminal while the start waits; main loop.
+    std::shared_ptr<sv::ConsentAgent> terminalAgent_;
     std::string bundleID_;
     Phase phase_ = Phase::Preparing;
     bool discard_ = false;
@@ -298,6 +311,7 @@ int Recorder::run() {
         findLayers(Clock::now() + kLayerWait);
     int status = loop_->run();
     clearStatusLine();
+    stopAskingHere();
     terminal_.reset();
     // Closing the connection before the shell client keeps the order of the
     // service's view: the application goes first.
@@ -350,9 +364,50 @@ void Recorder::findLayers(Clock::time_point deadline) {
 }
 
 void Recorder::start() {
+    std::weak_ptr<Recorder> w = weak_from_this();
+    askHereThen([w] {
+        if (auto self = w.lock()) self->sendStart();
+    });
+}
+
+// With a terminal on standard input the user who typed the command is there:
+// the service's question comes here, as it would to `sorvel consent-agent`,
+// in front of any other agent until the recording has started (or failed).
+// `next` runs once this terminal's agent is registered, or at once when it
+// cannot be (no terminal, no service: the start request reports that).
+void Recorder::askHereThen(std::function<void()> next) {
+    if (!isatty(STDIN_FILENO)) return next();
+    auto once = std::make_shared<std::function<void()>>(std::move(next));
+    auto goOn = [loop = loop_, once] {
+        loop->post([once] {
+            if (!*once) return;
+            auto f = std::move(*once);
+            *once = nullptr;
+            f();
+        });
+    };
+    sv::ConsentAgent::Options o;
+    o.preferredLanguages = sv::preferredLanguages();
+    o.presenter = sv::cli::askInTerminal;
+    o.events = [goOn](sv::ConsentAgent::Event event, const std::string&) {
+        if (event != sv::ConsentAgent::Event::Answered) goOn();
+    };
+    terminalAgent_ = sv::ConsentAgent::create(std::move(o));
+    terminalAgent_->start();
+    loop_->after(kLayerWait, goOn);
+}
+
+void Recorder::stopAskingHere() {
+    if (!terminalAgent_) return;
+    terminalAgent_->stop();
+    terminalAgent_.reset();
+}
+
+void Recorder::sendStart() {
     phase_ = Phase::Starting;
     auto size = options_.size ? *options_.size : defaultSize(options_.system, options_.layers);
     hintTimer_ = loop_->after(kConsentHintDelay, [this] {
+        if (terminalAgent_) return;  // the question comes to this terminal
         note(
             "sorvel record: waiting for the user to allow the recording (a consent agent "
             "shows the question: sorvel consent-agent)...");
@@ -367,6 +422,7 @@ void Recorder::start() {
 
 void Recorder::started(std::optional<SVRecorderError> error, bool microphone) {
     loop_->cancel(hintTimer_);
+    stopAskingHere();
     if (phase_ != Phase::Starting) return;
     if (error) {
         fail("sorvel record: " + error->description());

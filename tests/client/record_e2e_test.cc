@@ -145,6 +145,19 @@ TEST_F(RecordEndToEndTest, DecliningOrNoAgentFailsWithTheUsersAnswer) {
     EXPECT_FALSE(std::filesystem::exists(output()));
 }
 
+// In a terminal the question comes to the terminal, in front of the agent
+// (which would decline), and the recording starts with the answer typed.
+TEST_F(RecordEndToEndTest, InATerminalTheQuestionIsAskedThere) {
+    startAgent("decline");
+    sv::test::PtyChild recorder({SORVEL, "record", "-o", output(), "--duration", "1"}, env_);
+    ASSERT_TRUE(sv::test::eventually(
+        [&] { return contains(recorder.drain(), "Your choice [1-2]: "); }, 60s))
+        << recorder.drain();
+    recorder.type("1\n");
+    EXPECT_EQ(recorder.wait(120s), 0) << recorder.drain();
+    EXPECT_TRUE(std::filesystem::exists(output())) << recorder.drain();
+}
+
 // The daemon goes away mid-recording and comes back: the recording fails as
 // interrupted, the agent registers again, and the next recording works.
 TEST_F(RecordEndToEndTest, ADaemonRestartEndsTheRecordingAndTheAgentComesBack) {

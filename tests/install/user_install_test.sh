@@ -72,10 +72,11 @@ commands="$("$prefix/bin/sorvel" --help | awk '/^commands:/ { c = 1; next } c &&
   for c in $commands; do "$prefix/bin/sorvel" "$c" --help; done
 } | options | check_page "$prefix/share/man/man1/sorvel.1"
 sorvel_page="$(render "$prefix/share/man/man1/sorvel.1")"
+sorveld_page="$(render "$prefix/share/man/man8/sorveld.8")"
 for c in $commands; do grep -q "sorvel $c" <<<"$sorvel_page" || fail "sorvel.1 lacks the command $c"; done
 for section in "EXIT STATUS" ENVIRONMENT FILES; do
   grep -q "^$section" <<<"$sorvel_page" || fail "sorvel.1 lacks $section"
-  render "$prefix/share/man/man8/sorveld.8" | grep -q "^$section" || fail "sorveld.8 lacks $section"
+  grep -q "^$section" <<<"$sorveld_page" || fail "sorveld.8 lacks $section"
 done
 
 # Completion: the commands, and a command's options, from the installed tool.
@@ -86,9 +87,9 @@ if [ -r /usr/share/bash-completion/bash_completion ]; then
       COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); COMP_LINE="$*"; COMP_POINT=${#COMP_LINE}
       _sorvel; printf "%s\n" "${COMPREPLY[@]}"' _ "$completion" "$@"
   }
-  complete_words "$prefix/bin/sorvel" "" | grep -qx record || fail "completion lacks the command record"
-  complete_words "$prefix/bin/sorvel" record --d | grep -qx -- --duration || fail "completion lacks record --duration"
-  complete_words "$prefix/bin/sorvel" shell pur | grep -qx purgeable || fail "completion lacks shell purgeable"
+  complete_words "$prefix/bin/sorvel" "" | grep -x record >/dev/null || fail "completion lacks the command record"
+  complete_words "$prefix/bin/sorvel" record --d | grep -x -- --duration >/dev/null || fail "completion lacks record --duration"
+  complete_words "$prefix/bin/sorvel" shell pur | grep -x purgeable >/dev/null || fail "completion lacks shell purgeable"
 fi
 
 # The service as sorveld.socket starts it: the unit's sockets in its runtime
