@@ -45,6 +45,26 @@ done
 grep -qx "ExecStart=$prefix/bin/sorveld --agent-wait 20" "$units/sorveld.service" || fail "ExecStart does not name the installed sorveld"
 grep -qx "SuccessExitStatus=255" "$units/sorveld.service" || fail "the service's normal end (255) is not a success"
 
+# The Debian package: for /usr, with the libraries it needs found by
+# dpkg-shlibdeps, its units naming /usr/bin.
+if command -v dpkg-shlibdeps >/dev/null && command -v dpkg-deb >/dev/null; then
+  cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/deb" >"$work/cpack.log" 2>&1 ||
+    fail "cpack: $(cat "$work/cpack.log")"
+  deb="$(ls "$work"/deb/sorvel_*.deb)"
+  depends="$(dpkg-deb -f "$deb" Depends)"
+  for lib in libavcodec libavformat libpulse0 libxcb1 libsystemd0 libc6; do
+    [[ "$depends" == *"$lib"* ]] || fail "the package does not depend on $lib: $depends"
+  done
+  dpkg-deb --fsys-tarfile "$deb" | tar -x -C "$work/deb" ./usr/lib/systemd/user/sorveld.service
+  grep -q "^ExecStart=/usr/bin/sorveld " "$work/deb/usr/lib/systemd/user/sorveld.service" ||
+    fail "the package's service does not start /usr/bin/sorveld"
+  contents="$(dpkg-deb -c "$deb")"
+  for f in ./usr/bin/sorveld ./usr/bin/sorvel ./usr/share/man/man8/sorveld.8 \
+    ./usr/share/sorvel/framework/bundle.json ./usr/lib/systemd/user/sorveld.socket; do
+    grep -q " $f" <<<"$contents" || fail "the package lacks $f"
+  done
+fi
+
 # The units as the user's service manager reads them.
 if command -v systemd-analyze >/dev/null; then
   out="$(XDG_RUNTIME_DIR="$work" systemd-analyze --user --man=no verify \
