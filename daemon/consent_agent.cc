@@ -38,8 +38,12 @@ void SVConsentAgentRegistry::registerAgent(const std::shared_ptr<ipc::Connection
     std::vector<Waiting> waiting;
     {
         std::lock_guard lock(mutex_);
-        agent_ = connection;
-        languages_ = std::move(languages);
+        std::erase_if(agents_, [&](const Agent& a) {
+            auto c = a.connection.lock();
+            return !c || c == connection;
+        });
+        if (agents_.size() == kMaxAgents) agents_.erase(agents_.begin());
+        agents_.push_back({connection, std::move(languages)});
         waiting.swap(waiting_);
     }
     for (auto& w : waiting) {
@@ -50,28 +54,55 @@ void SVConsentAgentRegistry::registerAgent(const std::shared_ptr<ipc::Connection
 
 void SVConsentAgentRegistry::connectionEnded(const ipc::Connection* connection) {
     std::lock_guard lock(mutex_);
-    auto agent = agent_.lock();
-    if (agent && agent.get() != connection) return;
-    if (agent) log::info("SVConsentAgentRegistry: the consent agent went away");
-    agent_.reset();
-    languages_.clear();
+    auto it = std::find_if(agents_.begin(), agents_.end(),
+                           [&](const Agent& a) { return a.connection.lock().get() == connection; });
+    if (it == agents_.end()) return;
+    // It was the agent when no later one is still connected.
+    const bool wasCurrent = std::none_of(std::next(it), agents_.end(), [](const Agent& a) {
+        auto c = a.connection.lock();
+        return c && !c->isInvalidated();
+    });
+    agents_.erase(it);
+    std::erase_if(agents_, [](const Agent& a) { return a.connection.expired(); });
+    if (!wasCurrent) return;
+    log::info("SVConsentAgentRegistry: the consent agent went away");
+    if (currentLocked()) log::info("SVConsentAgentRegistry: an earlier agent asks again");
+}
+
+const SVConsentAgentRegistry::Agent* SVConsentAgentRegistry::currentLocked(
+    std::shared_ptr<ipc::Connection>* connection) const {
+    for (auto it = agents_.rbegin(); it != agents_.rend(); ++it) {
+        auto c = it->connection.lock();
+        if (!c || c->isInvalidated()) continue;
+        if (connection) *connection = std::move(c);
+        return &*it;
+    }
+    return nullptr;
 }
 
 bool SVConsentAgentRegistry::hasAgent() const {
     std::lock_guard lock(mutex_);
-    auto agent = agent_.lock();
-    return agent && !agent->isInvalidated();
+    return currentLocked() != nullptr;
+}
+
+size_t SVConsentAgentRegistry::agentCount() const {
+    std::lock_guard lock(mutex_);
+    return size_t(std::count_if(agents_.begin(), agents_.end(), [](const Agent& a) {
+        auto c = a.connection.lock();
+        return c && !c->isInvalidated();
+    }));
 }
 
 pid_t SVConsentAgentRegistry::agentProcessIdentifier() const {
     std::lock_guard lock(mutex_);
-    auto agent = agent_.lock();
-    return agent ? agent->processIdentifier() : 0;
+    std::shared_ptr<ipc::Connection> agent;
+    return currentLocked(&agent) ? agent->processIdentifier() : 0;
 }
 
 std::vector<std::string> SVConsentAgentRegistry::preferredLanguages() const {
     std::lock_guard lock(mutex_);
-    return agent_.expired() ? std::vector<std::string>{} : languages_;
+    const Agent* current = currentLocked();
+    return current ? current->languages : std::vector<std::string>{};
 }
 
 size_t SVConsentAgentRegistry::alertsAtAgent() const {
@@ -89,8 +120,7 @@ bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& 
                        pending_.size());
             return false;
         }
-        agent = agent_.lock();
-        if (!agent || agent->isInvalidated()) {
+        if (!currentLocked(&agent)) {
             if (agentWait_.count() <= 0) {
                 log::error("SVConsentAgentRegistry: no consent agent is registered");
                 return false;
@@ -98,26 +128,11 @@ bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& 
             log::info("SVConsentAgentRegistry: alert %lu waits for a consent agent", alertID);
             pending_.emplace(alertID, reply);
             std::weak_ptr<SVConsentAgentRegistry> weak = weak_from_this();
-            auto timer = Timer::schedule(
-                DispatchQueue::global(), agentWait_, std::chrono::nanoseconds(0), [weak, alertID] {
-                    auto self = weak.lock();
-                    if (!self) return;
-                    std::optional<AlertReply> expired;
-                    {
-                        std::lock_guard lock(self->mutex_);
-                        auto& w = self->waiting_;
-                        auto it = std::find_if(w.begin(), w.end(), [&](const Waiting& x) {
-                            return x.alertID == alertID;
-                        });
-                        if (it == w.end()) return;
-                        expired = it->reply;
-                        w.erase(it);
-                        self->pending_.erase(alertID);
-                    }
-                    log::error("SVConsentAgentRegistry: no consent agent registered for alert %lu",
-                               alertID);
-                    (*expired)(AlertResponse::Cancelled);
-                });
+            auto timer = Timer::schedule(DispatchQueue::global(), agentWait_,
+                                         std::chrono::nanoseconds(0), [weak, alertID] {
+                                             if (auto self = weak.lock())
+                                                 self->expireWaiting(alertID);
+                                         });
             waiting_.push_back({alertID, request, std::move(reply), std::move(timer)});
             return true;
         }
@@ -125,6 +140,21 @@ bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& 
     }
     send(agent, alertID, request, reply);
     return true;
+}
+
+void SVConsentAgentRegistry::expireWaiting(uint64_t alertID) {
+    std::optional<AlertReply> expired;
+    {
+        std::lock_guard lock(mutex_);
+        auto it = std::find_if(waiting_.begin(), waiting_.end(),
+                               [&](const Waiting& w) { return w.alertID == alertID; });
+        if (it == waiting_.end()) return;
+        expired = it->reply;
+        waiting_.erase(it);
+        pending_.erase(alertID);
+    }
+    log::error("SVConsentAgentRegistry: no consent agent registered for alert %lu", alertID);
+    (*expired)(AlertResponse::Cancelled);
 }
 
 void SVConsentAgentRegistry::send(const std::shared_ptr<ipc::Connection>& agent, uint64_t alertID,

@@ -37,6 +37,7 @@
 namespace sv {
 
 inline constexpr size_t kMaxAlertsAtAgent = 8;
+inline constexpr size_t kMaxAgents = 8;
 // Languages an agent may name; more are ignored, as are over-long ones.
 inline constexpr size_t kMaxAgentLanguages = 16;
 inline constexpr size_t kMaxLanguageIdentifierBytes = 35;
@@ -49,19 +50,24 @@ class SVConsentAgentRegistry : public AlertPresenter,
     static std::shared_ptr<SVConsentAgentRegistry> create(
         std::chrono::milliseconds agentWait = std::chrono::milliseconds(0));
 
-    // `connection` becomes the consent agent, replacing any earlier one
-    // (whose shown alerts stay with it). Its remote object interface must be
-    // SVConsentAgentProtocol. Languages are kept in order, without entries
-    // that are empty, too long or hold anything but letters, digits, "-"
-    // and "_".
+    // `connection` becomes the consent agent, in front of any earlier one
+    // (whose shown alerts stay with it): when it goes away, the newest
+    // earlier agent still connected is the agent again (a terminal that asks
+    // while one command starts, in front of the desktop's dialog agent). At
+    // most kMaxAgents are kept, the oldest dropped first. Its remote object
+    // interface must be SVConsentAgentProtocol. Languages are kept in order,
+    // without entries that are empty, too long or hold anything but letters,
+    // digits, "-" and "_".
     void registerAgent(const std::shared_ptr<ipc::Connection>& connection,
                        const std::vector<std::string>& preferredLanguages);
-    // The connection ended: it is no longer the agent.
+    // The connection ended: it is no longer an agent.
     void connectionEnded(const ipc::Connection* connection);
 
     bool hasAgent() const;
-    // The process of the registered agent (0 without one).
+    // The process of the current agent (0 without one).
     pid_t agentProcessIdentifier() const;
+    // Registered agents whose connections are open.
+    size_t agentCount() const;
     // The current agent's preferred languages, most preferred first (empty
     // without an agent).
     std::vector<std::string> preferredLanguages() const;
@@ -76,6 +82,8 @@ class SVConsentAgentRegistry : public AlertPresenter,
   private:
     explicit SVConsentAgentRegistry(std::chrono::milliseconds agentWait) : agentWait_(agentWait) {}
     void alertDone(uint64_t alertID);
+    // The wait of an alert for an agent is over: answered Cancelled.
+    void expireWaiting(uint64_t alertID);
     // Sends an alert counted in pending_ to `agent`.
     void send(const std::shared_ptr<ipc::Connection>& agent, uint64_t alertID,
               const AlertRequest& request, const AlertReply& reply);
@@ -90,9 +98,15 @@ class SVConsentAgentRegistry : public AlertPresenter,
     };
 
     const std::chrono::milliseconds agentWait_;
+    struct Agent {
+        std::weak_ptr<ipc::Connection> connection;
+        std::vector<std::string> languages;
+    };
+    // The newest agent whose connection is open, or nullptr; under mutex_.
+    const Agent* currentLocked(std::shared_ptr<ipc::Connection>* connection = nullptr) const;
+
     mutable std::mutex mutex_;
-    std::weak_ptr<ipc::Connection> agent_;
-    std::vector<std::string> languages_;
+    std::vector<Agent> agents_;               // newest last
     std::map<uint64_t, AlertReply> pending_;  // alerts at an agent or waiting, by identifier
     std::vector<Waiting> waiting_;
 };

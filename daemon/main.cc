@@ -249,9 +249,9 @@ int main(int argc, char** argv) {
     sv::PurgeableSpaceService::shared().startPeriodicCalls(std::chrono::hours(1));
     sv::KeepAlive::shared().armIdleExit(
         std::chrono::seconds(options.idleExitSeconds),
-        // A consent agent stays connected while it runs; it keeps no
-        // service alive on its own.
-        [agents] { return sv::ipc::openConnectionCount() > (agents->hasAgent() ? 1u : 0u); },
+        // Consent agents stay connected while they run; they keep no
+        // service alive on their own.
+        [agents] { return sv::ipc::openConnectionCount() > agents->agentCount(); },
         [] { sv::MainRunLoop::stop(); });
 
     sv::MainRunLoop::run();

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "client/cli/cli_loop.h"
+#include "client/cli/consent_prompt.h"
 #include "client/cli_command.h"
 #include "client/consent_agent.h"
 #include "client/shell_channel.h"
@@ -55,42 +56,6 @@ constexpr const char* kUsage =
 int usageError(const std::string& message) {
     std::fprintf(stderr, "sorvel consent-agent: %s\n\n%s", message.c_str(), kUsage);
     return 2;
-}
-
-std::string localized(const char* key, const char* english) {
-    auto s = sv::_svLocalizedStringFromFrameworkBundleWithKey(key, "");
-    return s && !s->empty() && *s != key ? *s : english;
-}
-
-// Terminal: one question at a time on a queue of its own, so that reading
-// the answer never holds up the agent's connection.
-void presentInTerminal(const ConsentAlert& alert, sv::ConsentAgent::Answer answer) {
-    static auto queue = sv::DispatchQueue::serial("org.sorvel.consent-agent.prompt");
-    queue->async([alert, answer] {
-        auto buttons = sv::buttonsInDisplayOrder(alert);
-        std::printf("\n%s\n%s\n\n", alert.title.c_str(), alert.message.c_str());
-        for (size_t i = 0; i < buttons.size(); ++i)
-            std::printf("  %zu) %s\n", i + 1, buttons[i].second.c_str());
-        std::string prompt = localized("CONSENT_AGENT_PROMPT", "Your choice");
-        while (true) {
-            std::printf("%s [1-%zu]: ", prompt.c_str(), buttons.size());
-            std::fflush(stdout);
-            char line[64];
-            if (!std::fgets(line, sizeof line, stdin)) {
-                std::printf("\n");
-                answer(ConsentResponse::Cancel);
-                return;
-            }
-            char* end = nullptr;
-            long choice = std::strtol(line, &end, 10);
-            while (end && (*end == ' ' || *end == '\n' || *end == '\r')) ++end;
-            if (end != line && end && *end == 0 && choice >= 1 &&
-                size_t(choice) <= buttons.size()) {
-                answer(buttons[size_t(choice) - 1].first);
-                return;
-            }
-        }
-    });
 }
 
 std::string findInPath(const std::string& program) {
@@ -229,7 +194,7 @@ int runConsentAgent(int argc, char** argv) {
             queue->async([zenity, alert, answer] { answer(askZenity(zenity, alert)); });
         };
     } else {
-        options.presenter = presentInTerminal;
+        options.presenter = sv::cli::askInTerminal;
     }
     // Read and written on the loop's thread only.
     auto agent = std::make_shared<std::shared_ptr<sv::ConsentAgent>>();

@@ -419,7 +419,8 @@ TEST_F(RecordingTest, StartRefusalsInTheirOrder) {
 
 // Started by systemd, the consent agent comes up beside the service: with
 // --agent-wait a question asked before any agent registered waits for one
-// and goes to the first that does; with none in time the start is refused.
+// and goes to the first that does. A newer agent asks in front of it until it
+// goes away; with no agent left in time the start is refused.
 TEST_F(RecordingTest, AQuestionWaitsForTheAgentStartedWithTheService) {
     ASSERT_GE(daemon.stop(SIGTERM), 0);
     ASSERT_TRUE(startDaemon({"--agent-wait", "5"})) << daemon.log();
@@ -430,15 +431,27 @@ TEST_F(RecordingTest, AQuestionWaitsForTheAgentStartedWithTheService) {
     ASSERT_TRUE(a.waitForHeld(1));
     a.answerHeld(ConsentResponse::Other);
     EXPECT_EQ(alpha.expect("started "), "0 0 0");
-    EXPECT_EQ(a.alerts().size(), 1u);
     ASSERT_TRUE(stop(alpha));
 
-    a.stop();
-    ASSERT_TRUE(logged("the consent agent went away"));
+    {
+        Agent terminal;
+        ASSERT_TRUE(terminal.waitUntilRegistered());
+        terminal.stop();
+        ASSERT_TRUE(logged("an earlier agent asks again"));
+        EXPECT_TRUE(terminal.alerts().empty());
+    }
     auto& beta = launch("beta");
+    beta.send("start 0 0 0 0 own");
+    ASSERT_TRUE(a.waitForHeld(1));
+    a.answerHeld(ConsentResponse::Default);
+    EXPECT_EQ(beta.expect("started "), "-5801 0 0");
+    EXPECT_EQ(a.alerts().size(), 2u);
+
+    a.stop();
+    ASSERT_TRUE(logged("the consent agent went away", 2));
     EXPECT_EQ(start(beta), -5801);
     EXPECT_TRUE(logged("no consent agent registered for alert"));
-    EXPECT_EQ(a.alerts().size(), 1u);
+    EXPECT_EQ(a.alerts().size(), 2u);
 }
 
 // Consent is remembered per microphone choice and expires once the

@@ -45,6 +45,26 @@ done
 grep -qx "ExecStart=$prefix/bin/sorveld --agent-wait 20" "$units/sorveld.service" || fail "ExecStart does not name the installed sorveld"
 grep -qx "SuccessExitStatus=255" "$units/sorveld.service" || fail "the service's normal end (255) is not a success"
 
+# The Debian package: for /usr, with the libraries it needs found by
+# dpkg-shlibdeps, its units naming /usr/bin.
+if command -v dpkg-shlibdeps >/dev/null && command -v dpkg-deb >/dev/null; then
+  cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/deb" >"$work/cpack.log" 2>&1 ||
+    fail "cpack: $(cat "$work/cpack.log")"
+  deb="$(ls "$work"/deb/sorvel_*.deb)"
+  depends="$(dpkg-deb -f "$deb" Depends)"
+  for lib in libavcodec libavformat libpulse0 libxcb1 libsystemd0 libc6; do
+    [[ "$depends" == *"$lib"* ]] || fail "the package does not depend on $lib: $depends"
+  done
+  dpkg-deb --fsys-tarfile "$deb" | tar -x -C "$work/deb" ./usr/lib/systemd/user/sorveld.service
+  grep -q "^ExecStart=/usr/bin/sorveld " "$work/deb/usr/lib/systemd/user/sorveld.service" ||
+    fail "the package's service does not start /usr/bin/sorveld"
+  contents="$(dpkg-deb -c "$deb")"
+  for f in ./usr/bin/sorveld ./usr/bin/sorvel ./usr/share/man/man8/sorveld.8 \
+    ./usr/share/sorvel/framework/bundle.json ./usr/lib/systemd/user/sorveld.socket; do
+    grep -q " $f" <<<"$contents" || fail "the package lacks $f"
+  done
+fi
+
 # The units as the user's service manager reads them.
 if command -v systemd-analyze >/dev/null; then
   out="$(XDG_RUNTIME_DIR="$work" systemd-analyze --user --man=no verify \
@@ -72,10 +92,11 @@ commands="$("$prefix/bin/sorvel" --help | awk '/^commands:/ { c = 1; next } c &&
   for c in $commands; do "$prefix/bin/sorvel" "$c" --help; done
 } | options | check_page "$prefix/share/man/man1/sorvel.1"
 sorvel_page="$(render "$prefix/share/man/man1/sorvel.1")"
+sorveld_page="$(render "$prefix/share/man/man8/sorveld.8")"
 for c in $commands; do grep -q "sorvel $c" <<<"$sorvel_page" || fail "sorvel.1 lacks the command $c"; done
 for section in "EXIT STATUS" ENVIRONMENT FILES; do
   grep -q "^$section" <<<"$sorvel_page" || fail "sorvel.1 lacks $section"
-  render "$prefix/share/man/man8/sorveld.8" | grep -q "^$section" || fail "sorveld.8 lacks $section"
+  grep -q "^$section" <<<"$sorveld_page" || fail "sorveld.8 lacks $section"
 done
 
 # Completion: the commands, and a command's options, from the installed tool.
@@ -86,9 +107,9 @@ if [ -r /usr/share/bash-completion/bash_completion ]; then
       COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); COMP_LINE="$*"; COMP_POINT=${#COMP_LINE}
       _sorvel; printf "%s\n" "${COMPREPLY[@]}"' _ "$completion" "$@"
   }
-  complete_words "$prefix/bin/sorvel" "" | grep -qx record || fail "completion lacks the command record"
-  complete_words "$prefix/bin/sorvel" record --d | grep -qx -- --duration || fail "completion lacks record --duration"
-  complete_words "$prefix/bin/sorvel" shell pur | grep -qx purgeable || fail "completion lacks shell purgeable"
+  complete_words "$prefix/bin/sorvel" "" | grep -x record >/dev/null || fail "completion lacks the command record"
+  complete_words "$prefix/bin/sorvel" record --d | grep -x -- --duration >/dev/null || fail "completion lacks record --duration"
+  complete_words "$prefix/bin/sorvel" shell pur | grep -x purgeable >/dev/null || fail "completion lacks shell purgeable"
 fi
 
 # The service as sorveld.socket starts it: the unit's sockets in its runtime
