@@ -12,6 +12,7 @@ extern "C" {
 
 #include "platform/dispatch.h"
 #include "platform/log.h"
+#include "platform/media/fragmented_movie.h"
 
 namespace sv::media {
 
@@ -120,16 +121,31 @@ bool MovieFileWriter::Muxer::ensureHeaderLocked() {
     std::optional<std::string> encoder;
     OptionDictionary opts;
     r = applyMetadata(ctx.get(), metadata, &encoder);
-    // Reverse-DNS keys are only kept in the metadata-keys form of the box.
-    if (r >= 0 && !metadata.empty()) r = opts.set("movflags", "use_metadata_tags");
-    if (r >= 0) r = avformat_write_header(ctx.get(), opts.address());
-    if (r < 0) {
-        failLocked(r, "writing the movie header");
-        return false;
-    }
-    // The movie box, and with it the metadata, is written when the file is
-    // closed, so the encoder name can replace the muxer's own here.
-    if (encoder) r = av_dict_set(&ctx->metadata, "encoder", encoder->c_str(), 0);
+    // Fragments: what is written stays playable when the process is killed
+    // or the disk fills (see fragmented_movie.h). Reverse-DNS keys are only
+    // kept in the metadata-keys form of the box.
+    std::string flags = kFragmentedMovieFlags;
+    if (!metadata.empty()) flags += "+use_metadata_tags";
+    if (r >= 0) r = opts.set("movflags", flags.c_str());
+    if (r >= 0) r = opts.set("frag_duration", std::to_string(kFragmentMicroseconds).c_str());
+    // A track that has no samples for a while (no audio to tap) must not
+    // hold the others back in the interleaving queue, or they would reach
+    // the file seconds late. The queue still holds the first packets long
+    // enough for every track's first packet to be in it: the muxer moves all
+    // tracks by the one offset that makes the earliest of them (reordered
+    // video, the audio encoder's priming) start at zero, so they stay in
+    // step.
+    ctx->max_interleave_delta = kFragmentMicroseconds * 3 / 5;
+    // Each finished fragment goes to the file at once rather than waiting in
+    // the I/O buffer (a fragment of a still screen is a few kB); the packets
+    // in between only reach the fragment's buffer in memory, so this costs
+    // a write per fragment.
+    ctx->flush_packets = 1;
+    if (r >= 0) r = avformat_init_output(ctx.get(), opts.address());
+    // The muxer has set its own name as the encoder; the movie box, with the
+    // metadata, is written with the header below, so ours replaces it here.
+    if (r >= 0 && encoder) r = av_dict_set(&ctx->metadata, "encoder", encoder->c_str(), 0);
+    if (r >= 0) r = avformat_write_header(ctx.get(), nullptr);
     if (r < 0) {
         failLocked(r, "writing the movie header");
         return false;
@@ -139,17 +155,39 @@ bool MovieFileWriter::Muxer::ensureHeaderLocked() {
 }
 
 bool MovieFileWriter::Muxer::writePacket(AVPacket* packet, int streamIndex, AVRational tb) {
-    std::lock_guard lock(mu);
-    if (status != int(Status::Writing) || !ensureHeaderLocked()) return false;
-    AVStream* st = ctx->streams[streamIndex];
-    av_packet_rescale_ts(packet, tb, st->time_base);
-    packet->stream_index = streamIndex;
-    int r = av_interleaved_write_frame(ctx.get(), packet);
-    if (r < 0) {
-        failLocked(r, "writing a packet");
-        return false;
+    FailureHandler report;
+    MediaError failure;
+    {
+        std::lock_guard lock(mu);
+        if (status != int(Status::Writing)) return false;
+        if (ensureHeaderLocked()) {
+            AVStream* st = ctx->streams[streamIndex];
+            av_packet_rescale_ts(packet, tb, st->time_base);
+            packet->stream_index = streamIndex;
+            int r = av_interleaved_write_frame(ctx.get(), packet);
+            if (r >= 0) return true;
+            failLocked(r, "writing a packet");
+        }
+        report = std::exchange(failureHandler, nullptr);
+        if (error) failure = *error;
     }
-    return true;
+    if (report) report(failure);
+    return false;
+}
+
+void MovieFileWriter::Muxer::salvageLocked() {
+    if (!opened || status != int(Status::Failed)) return;
+    auto layout = truncateToCompleteFragments(path);
+    if (layout && layout->completeFragments > 0) {
+        playable = true;
+        log::info("MovieFileWriter: kept the %li complete fragments (%li bytes) of %@",
+                  layout->completeFragments, int64_t(layout->playableBytes), path);
+        return;
+    }
+    if (!layout) log::error("MovieFileWriter: %@", layout.error().description());
+    // Nothing of it plays: no half-written file is left behind.
+    log::info("MovieFileWriter: removing %@, nothing of it plays", path);
+    unlink(path.c_str());
 }
 
 std::optional<MediaTime> MovieFileWriter::Muxer::sessionStart() const {
@@ -179,7 +217,13 @@ void MovieFileWriter::Muxer::finalize() {
             if (ctx->pb->error < 0) failLocked(ctx->pb->error, "writing " + path);
             avio_closep(&ctx->pb);
         }
-        if (status == int(Status::Writing)) status = int(Status::Completed);
+        if (status == int(Status::Writing)) {
+            status = int(Status::Completed);
+            playable = true;
+        } else {
+            salvageLocked();
+        }
+        failureHandler = nullptr;
         done = std::move(completion);
         completion = nullptr;
     }

@@ -107,6 +107,13 @@ class OptionDictionary {
     AVDictionary* dict_ = nullptr;
 };
 
+// How the writer lays out its movies: an empty movie box (tracks, metadata,
+// display matrix) at the start, then fragments of about
+// kFragmentMicroseconds each, their offsets relative to each fragment (the
+// form streaming players expect too).
+inline constexpr const char* kFragmentedMovieFlags = "empty_moov+default_base_moof";
+inline constexpr int64_t kFragmentMicroseconds = 500000;
+
 // `path` opened for reading with its stream information read; empty, with
 // the FFmpeg error code in `error`, when that fails.
 InputFormatPtr openInputFormat(const std::string& path, int* error);
@@ -151,6 +158,9 @@ struct MovieFileWriter::Muxer {
 
     bool ensureHeaderLocked();
     void failLocked(int code, const std::string& what);
+    // With `mu` held, the file closed: keeps the complete fragments of a
+    // movie that failed and removes a file that has none.
+    void salvageLocked();
 
     const std::string path;
     mutable std::mutex mu;
@@ -163,6 +173,9 @@ struct MovieFileWriter::Muxer {
     MetadataList metadata;
     std::optional<MediaError> error;
     std::function<void()> completion;
+    // Taken by the first failure while writing.
+    MovieFileWriter::FailureHandler failureHandler;
+    bool playable = false;
     std::atomic<int> status{int(MovieFileWriter::Status::Unknown)};
 };
 
