@@ -14,6 +14,7 @@
 
 #include "movie/movie_inspector.h"
 #include "platform/ipc/ipc.h"
+#include "platform/media/fragmented_movie.h"
 #include "platform/media/movie_reader.h"
 #include "protocol/service_names.h"
 #include "tests/client/cli_helpers.h"
@@ -215,6 +216,13 @@ TEST_F(RecordEndToEndTest, AFullDiskStopsTheRecordingAndKeepsWhatWasRecorded) {
     startAgent("accept");
     pid_t p = record({});
     waitForRecording();
+    const std::string movieInStore = store + "/Sorvel Recorder.mp4";
+    ASSERT_TRUE(sv::test::eventually(
+        [&] {
+            auto layout = media::readFragmentedMovieLayout(movieInStore);
+            return layout && layout->completeFragments > 0;
+        },
+        60s));
     if (mounted) {
         // Every free block, while the movie grows: the next fragment of the
         // movie does not fit.
