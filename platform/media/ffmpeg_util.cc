@@ -130,12 +130,8 @@ bool MovieFileWriter::Muxer::ensureHeaderLocked() {
     if (r >= 0) r = opts.set("frag_duration", std::to_string(kFragmentMicroseconds).c_str());
     // A track that has no samples for a while (no audio to tap) must not
     // hold the others back in the interleaving queue, or they would reach
-    // the file seconds late. The queue still holds the first packets long
-    // enough for every track's first packet to be in it: the muxer moves all
-    // tracks by the one offset that makes the earliest of them (reordered
-    // video, the audio encoder's priming) start at zero, so they stay in
-    // step.
-    ctx->max_interleave_delta = kFragmentMicroseconds * 3 / 5;
+    // the file seconds late (see kStartInterleaveMicroseconds).
+    ctx->max_interleave_delta = kStartInterleaveMicroseconds;
     // Each finished fragment goes to the file at once rather than waiting in
     // the I/O buffer (a fragment of a still screen is a few kB); the packets
     // in between only reach the fragment's buffer in memory, so this costs
@@ -164,7 +160,7 @@ bool MovieFileWriter::Muxer::writePacket(AVPacket* packet, int streamIndex, AVRa
             AVStream* st = ctx->streams[streamIndex];
             av_packet_rescale_ts(packet, tb, st->time_base);
             packet->stream_index = streamIndex;
-            int r = av_interleaved_write_frame(ctx.get(), packet);
+            int r = writeHeldPacketLocked(packet);
             if (r >= 0) return true;
             failLocked(r, "writing a packet");
         }
@@ -173,6 +169,47 @@ bool MovieFileWriter::Muxer::writePacket(AVPacket* packet, int streamIndex, AVRa
     }
     if (report) report(failure);
     return false;
+}
+
+int MovieFileWriter::Muxer::writeHeldPacketLocked(AVPacket* next) {
+    if (held.size() < ctx->nb_streams) held.resize(ctx->nb_streams);
+    auto write = [&](AVPacket* p) {
+        const int64_t at =
+            p->dts == AV_NOPTS_VALUE
+                ? 0
+                : av_rescale_q(p->dts, ctx->streams[p->stream_index]->time_base, AV_TIME_BASE_Q);
+        int r = av_interleaved_write_frame(ctx.get(), p);
+        // Past the start, every track's first packet is long decided.
+        if (!interleaveShortened && at > 2 * kStartInterleaveMicroseconds) {
+            ctx->max_interleave_delta = kInterleaveMicroseconds;
+            interleaveShortened = true;
+        }
+        return r;
+    };
+    if (!next) {
+        // Closing: what is held goes out as it is.
+        int r = 0;
+        for (auto& p : held)
+            if (p && r >= 0) r = write(p.get());
+        held.clear();
+        return r;
+    }
+    // The last sample of a fragment keeps its packet's duration, which an
+    // encoder guesses from the nominal frame rate: a frame is held until the
+    // next one of its track gives its real length, so no fragment moves the
+    // track's later samples off their times.
+    PacketPtr& slot = held[size_t(next->stream_index)];
+    int r = 0;
+    if (slot) {
+        if (next->dts != AV_NOPTS_VALUE && slot->dts != AV_NOPTS_VALUE && next->dts > slot->dts)
+            slot->duration = next->dts - slot->dts;
+        r = write(slot.get());
+    } else {
+        slot.reset(av_packet_alloc());
+        if (!slot) return AVERROR(ENOMEM);
+    }
+    av_packet_move_ref(slot.get(), next);
+    return r;
 }
 
 void MovieFileWriter::Muxer::salvageLocked() {
@@ -209,7 +246,8 @@ void MovieFileWriter::Muxer::finalize() {
     {
         std::lock_guard lock(mu);
         if (status == int(Status::Writing) && ensureHeaderLocked()) {
-            int r = av_write_trailer(ctx.get());
+            int r = writeHeldPacketLocked(nullptr);
+            if (r >= 0) r = av_write_trailer(ctx.get());
             if (r < 0) failLocked(r, "finishing the movie");
         }
         if (ctx && ctx->pb) {

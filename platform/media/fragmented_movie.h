@@ -1,7 +1,7 @@
 // Movies that their writer could not close. The movie file writer writes
 // MPEG-4 as fragments: the file type and an empty movie box (which announces
 // fragments with its movie-extends box) first, then one movie fragment and
-// its media data about every half second, and the fragment random-access box
+// its media data about every quarter second, and the fragment random-access box
 // when the movie is closed. A writer that is killed, or whose disk fills,
 // leaves a file that ends in an incomplete fragment or a partial box;
 // everything before that plays as it is. These functions read that layout

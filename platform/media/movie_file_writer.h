@@ -1,7 +1,7 @@
 // The platform's movie file writer: MPEG-4 files with one H.264 track
 // (libx264) and AAC tracks (FFmpeg's native encoder), on FFmpeg's libraries.
 //
-// Layout: fragmented MPEG-4 (fragmented_movie.h): every half second of
+// Layout: fragmented MPEG-4 (fragmented_movie.h): every quarter second of
 // the movie is on disk as a fragment that plays, so a killed process or a
 // full disk loses at most the last fragment and what the encoders held.
 //

@@ -254,7 +254,7 @@ TEST(MovieFileWriter, AMovieCutShortKeepsItsCompleteFragments) {
     const auto full = readFragmentedMovieLayout(whole);
     ASSERT_TRUE(full);
     EXPECT_TRUE(full->fragmented && full->finished && !full->unfinished());
-    EXPECT_GE(full->completeFragments, 4);  // two seconds in half-second fragments
+    EXPECT_GE(full->completeFragments, 4);  // two seconds in quarter-second fragments
     const uint64_t size = fs::file_size(whole);
     const uint64_t fileType = 28;  // the writer's file type box
 
