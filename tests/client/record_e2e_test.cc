@@ -245,7 +245,7 @@ TEST_F(RecordEndToEndTest, AFullDiskStopsTheRecordingAndKeepsWhatWasRecorded) {
     std::string error;
     auto movie = inspectMovie(output(), &error);
     ASSERT_TRUE(movie) << error;
-    EXPECT_GT(movie->movie.duration, 0.4);
+    EXPECT_GT(movie->movie.duration, 0.2);  // at least the fragment on disk before
     for (const auto& e : std::filesystem::directory_iterator(store))
         EXPECT_NE(e.path().extension(), ".mp4") << "left in the store: " << e.path();
 }
