@@ -4,6 +4,7 @@
 // for a while).
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -201,6 +202,9 @@ int main(int argc, char** argv) {
     }
 
     sv::log::info("sorveld Starting!");
+    // A movie that outgrows the file size limit fails its write (EFBIG) and
+    // ends its recording like a full disk, instead of killing the service.
+    std::signal(SIGXFSZ, SIG_IGN);
     // A recording in progress is finished before the service ends, and the
     // message that tells its client leaves before the process does.
     sv::stopMainRunLoopOnTerminationSignalsAfter(

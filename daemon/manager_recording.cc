@@ -397,17 +397,22 @@ void SVRecordingManager::discardRecordingWithHandler(
 
 // ---- Reports to the application
 
-void SVRecordingManager::recordingSessionStoppedWithError(const Error& error) {
+void SVRecordingManager::recordingSessionStoppedWithError(const Error& error,
+                                                          const std::optional<URL>& movieURL) {
     auto self = shared_from_this();
-    queue_->async([self, error] { self->recordingSessionStoppedWithError(error, std::nullopt); });
+    queue_->async([self, error, movieURL] {
+        self->recordingSessionStoppedWithError(OptionalError(error), movieURL, nullptr);
+    });
 }
 
 void SVRecordingManager::sessionStoppedWithError(const std::shared_ptr<SVRecordingSession>& session,
-                                                 const Error& error) {
-    // The session stopped itself (capture failed): the application is told.
-    // The partial movie is left as it is, and the session is not reset; the
-    // recording's keep-alive transaction ends, as nothing else would end it.
-    recordingSessionStoppedWithError(error, std::nullopt, session);
+                                                 const Error& error,
+                                                 const std::optional<URL>& movieURL) {
+    // The session stopped itself (capture failed, the disk filled): the
+    // application is told, with the movie recorded until then. The session
+    // is not reset; the recording's keep-alive transaction ends, as nothing
+    // else would end it.
+    recordingSessionStoppedWithError(error, movieURL, session);
     closeTransaction(session, generationOf(session));
     if (layoutMonitor_) layoutMonitor_->removeObserver(this);
     if (session->isSystemRecording() && applicationStateMonitor_)

@@ -16,6 +16,7 @@
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 
+#include "movie/movie_recovery.h"
 #include "platform/log.h"
 #include "platform/process/keep_alive.h"
 #include "platform/process/purgeable_space.h"
@@ -75,13 +76,16 @@ class SVRecordingManager::SessionDelegate : public SVRecordingSessionDelegate {
     SessionDelegate(std::weak_ptr<SVRecordingManager> manager,
                     std::weak_ptr<SVRecordingSession> session)
         : manager_(std::move(manager)), session_(std::move(session)) {}
-    // On the screen capture controller's delivery thread: never blocks it.
-    void recordingSessionStoppedWithError(const Error& error) override {
+    // On the session's thread (a global queue, or the screen capture
+    // controller's delivery thread): never blocks it.
+    void recordingSessionStoppedWithError(const Error& error,
+                                          const std::optional<URL>& movieURL) override {
         auto manager = manager_.lock();
         auto session = session_.lock();
         if (!manager || !session) return;
-        manager->queue()->async(
-            [manager, session, error] { manager->sessionStoppedWithError(session, error); });
+        manager->queue()->async([manager, session, error, movieURL] {
+            manager->sessionStoppedWithError(session, error, movieURL);
+        });
     }
 
   private:
@@ -116,10 +120,15 @@ void SVRecordingManager::init() {
 
     std::string error;
     publicListener_ = ipc::Listener::named(kDaemonServiceName, &error);
-    if (publicListener_)
+    if (publicListener_) {
         publicListener_->setDelegate(weak);
-    else
+        // The only instance on this store: movies that an instance before it
+        // could not finish are recovered before a recording can reuse their
+        // names (the listener takes no request until finishStartup).
+        recoverUnfinishedMovies(MovieStore::shared()._srTempPath());
+    } else {
         log::error("SVRecordingManager: cannot listen on %@: %@", kDaemonServiceName, error);
+    }
 
     exemptBundleIdentifiers_.clear();
     exemptWithMicRecordingEnabledBundleIdentifiers_.clear();

@@ -246,7 +246,8 @@ class SVRecordingManager : public ipc::ListenerDelegate,
     // SVRecordingSessionDelegate, for the current session. Sessions report
     // through a delegate of their own (the manager then knows which one
     // stopped); any thread, posted to the queue.
-    void recordingSessionStoppedWithError(const Error& error) override;
+    void recordingSessionStoppedWithError(const Error& error,
+                                          const std::optional<URL>& movieURL) override;
     // Tells the application of `session` (the current one when null).
     void recordingSessionStoppedWithError(const OptionalError& error,
                                           const std::optional<URL>& movieURL,
@@ -394,7 +395,7 @@ class SVRecordingManager : public ipc::ListenerDelegate,
     void endFinishing(const std::shared_ptr<SVRecordingSession>& session);
     void closeTransaction(const std::shared_ptr<SVRecordingSession>& session, uint64_t generation);
     void sessionStoppedWithError(const std::shared_ptr<SVRecordingSession>& session,
-                                 const Error& error);
+                                 const Error& error, const std::optional<URL>& movieURL);
     void continueStart(const std::shared_ptr<SVClientConnection>& client,
                        const std::shared_ptr<SVRecordingSession>& session,
                        std::vector<uint32_t> contextIDs, WindowSize windowSize, bool broadcast,

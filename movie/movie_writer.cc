@@ -67,6 +67,7 @@ void SVMovieWriter::setupFileWriter() {
     media::MediaError error;
     fileWriter_ = MovieFileWriter::create(outputURL(), media::FileType::MPEG4, &error);
     if (!fileWriter_) log::error("SVMovieWriter: setupFileWriter error: %i", error.code);
+    if (fileWriter_ && failureHandler_) fileWriter_->setFailureHandler(failureHandler_);
 
     if (auto metadata = assetMetadata(); metadata && fileWriter_)
         fileWriter_->setMetadata(std::move(*metadata));
@@ -163,16 +164,19 @@ void SVMovieWriter::appendAudio2SampleBuffer(const std::shared_ptr<SampleBuffer>
 void SVMovieWriter::finishWritingWithHandler(URLHandler handler) {
     const int status = fileWriterStatus();
     log::info("SVMovieWriter: finishWritingWithHandler: status = %i", status);
-    if (status == int(Status::Writing)) {
+    auto finish = [this, &handler] {
         auto writer = fileWriter_;
         writer->finishWriting([writer, handler = std::move(handler)] {
             if (handler) handler(writer->outputURL());
         });
-        return;
-    }
+    };
+    if (status == int(Status::Writing)) return finish();
     log::info("not writing, returning video url set on file writer (most likely null)");
     auto error = fileWriter_ ? fileWriter_->error() : std::nullopt;
     log::error("file writer error = %i", error ? error->code : 0);
+    // Failed while writing (the disk filled): the fragments written before
+    // are closed into a movie that plays.
+    if (status == int(Status::Failed)) return finish();
     std::optional<URL> url;
     if (fileWriter_) url = fileWriter_->outputURL();
     if (handler) handler(url);

@@ -80,6 +80,13 @@ class SVMovieWriter : public std::enable_shared_from_this<SVMovieWriter> {
     // The file URL of outputPath, made each time.
     URL outputURL() const;
 
+    // Told when the file writer fails while writing (the disk is full);
+    // on a worker thread of the platform writer, at most once per file
+    // writer. Set before startWritingHandler or setupFileWriter.
+    void setFailureHandler(media::MovieFileWriter::FailureHandler handler) {
+        failureHandler_ = std::move(handler);
+    }
+
     // Removes any file at outputURL through the movie store, then (on the
     // store's background queue) runs setupFileWriter and calls `handler`
     // (may be null). The writer is kept alive until then.
@@ -100,10 +107,14 @@ class SVMovieWriter : public std::enable_shared_from_this<SVMovieWriter> {
     void appendAudio2SampleBuffer(const std::shared_ptr<SampleBuffer>& sample);
 
     // Calls `handler` once with the file writer's output URL: after the
-    // movie is closed when writing (whether or not that succeeded), at once
-    // otherwise (nullopt without a file writer). `handler` may be null only
-    // while writing.
+    // movie is closed when writing (whether or not that succeeded) or when
+    // writing failed (what was written before the failure is kept when it
+    // plays, see hasPlayableMovie), at once otherwise (nullopt without a
+    // file writer). `handler` may be null only while writing.
     void finishWritingWithHandler(URLHandler handler);
+    // After the finish handler: the file at outputURL plays (the whole
+    // movie, or the part written before writing failed).
+    bool hasPlayableMovie() const { return fileWriter_ && fileWriter_->hasPlayableMovie(); }
 
     // Six items (title, artist, content identifier, encoded by, description,
     // genre) from storeInfo; nullopt without store info.
@@ -141,6 +152,7 @@ class SVMovieWriter : public std::enable_shared_from_this<SVMovieWriter> {
     MediaTime lastAudio2PresentationTime_;
     std::shared_ptr<SVBroadcastConfiguration> broadcastConfig_;
     bool systemRecording_ = false;
+    media::MovieFileWriter::FailureHandler failureHandler_;
 };
 
 }  // namespace sv

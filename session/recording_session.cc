@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <cmath>
@@ -25,6 +26,15 @@ namespace {
 constexpr int64_t kErrorPreempted = -5800;
 constexpr int64_t kErrorFailedToStart = -5803;
 constexpr int64_t kErrorFailedDuringRecording = -5804;
+constexpr int64_t kErrorInsufficientStorage = -5805;
+
+// The recording error for a movie that could not be written: the disk (or
+// the user's quota, or the file size limit) is full, or anything else.
+int64_t recordingErrorCodeForWriteFailure(const media::MediaError& error) {
+    const int err = -error.code;  // FFmpeg's codes are negated errno values
+    return err == ENOSPC || err == EDQUOT || err == EFBIG ? kErrorInsufficientStorage
+                                                          : kErrorFailedDuringRecording;
+}
 
 // The application's name as a file name: nothing in it may reach outside the
 // movie store, so "/" (and NUL, which would cut the path short) become "_".
@@ -183,6 +193,21 @@ void SVRecordingSession::_startWithStoreInfo(std::shared_ptr<SVStoreInfo> info, 
     auto writer = SVMovieWriter::initWithWindowSize(size, outputPath(), std::move(info));
     writer->setBroadcastConfig(broadcastConfiguration());
     writer->setSystemRecording(isSystemRecording());
+    // A movie that can no longer be written (the disk is full) ends the
+    // recording at once, with what was written kept. The writer holds this
+    // handler, so it refers to the writer weakly.
+    std::weak_ptr<SVMovieWriter> weakWriter = writer;
+    writer->setFailureHandler([weak, weakWriter](const media::MediaError& error) {
+        log::error("SVRecordingSession: the movie cannot be written: %@", error.description());
+        const int64_t code = recordingErrorCodeForWriteFailure(error);
+        // On the writer's worker, which the stop's finish waits for.
+        DispatchQueue::global()->async([weak, weakWriter, code] {
+            auto self = weak.lock();
+            auto failed = weakWriter.lock();
+            if (self && failed && self->movieWriter_.load() == failed)
+                self->stopWithError(_svUserErrorForCode(code));
+        });
+    });
     // The writer becomes the session's once its file writer is set up (on
     // the store's queue), so nothing on another thread sees it half made; a
     // stop in the meantime finds no writer and abandons this one.
@@ -387,7 +412,32 @@ void SVRecordingSession::stopWithError(const Error& error) {
     if (!recording_.exchange(false)) return;
     log::info("SVRecordingSession: stopWithError");
     stopAllCapture();
-    if (auto d = delegate()) d->recordingSessionStoppedWithError(error);
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    auto tell = [weak, error](std::optional<URL> movieURL) {
+        if (auto self = weak.lock())
+            if (auto d = self->delegate()) d->recordingSessionStoppedWithError(error, movieURL);
+    };
+    auto writer = movieWriter_.load();
+    if (!writer || broadcastProcessMode() == kBroadcastProcessModeSampleBuffer) {
+        tell(std::nullopt);
+        return;
+    }
+    // What was recorded until the failure is kept: the movie is finished
+    // as a stop would finish it (a writer that failed keeps the fragments
+    // it wrote) and goes with the error.
+    const bool broadcasting = broadcastExtension_.load() != nullptr;
+    writer->finishWritingWithHandler(
+        [weak, writer, tell, broadcasting](std::optional<URL> movieURL) {
+            auto self = weak.lock();
+            if (self) self->movieWriter_.clearIf(writer);
+            if (!writer->hasPlayableMovie() || !movieURL || !fileExists(movieURL->path))
+                movieURL.reset();
+            if (broadcasting) {
+                if (self) self->_notifyBroadcastExtensionOfCompletedMovieWithURL(movieURL, true);
+                movieURL.reset();
+            }
+            tell(std::move(movieURL));
+        });
 }
 
 bool SVRecordingSession::finishSessionWithHandler(FinishHandler handler) {
@@ -441,11 +491,21 @@ bool SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
             if (handler) handler(std::nullopt, std::nullopt);
             return;
         }
-        if (!wroteFrames || writer->fileWriterStatus() != int(Status::Completed) || !movieURL ||
+        if (!wroteFrames || !writer->hasPlayableMovie() || !movieURL ||
             !fileExists(movieURL->path)) {
             const int64_t code = wroteFrames ? kErrorFailedDuringRecording : kErrorFailedToStart;
             log::error("SVRecordingSession: no movie was written, error %li", code);
             if (handler) handler(std::nullopt, _svUserErrorForCode(code));
+            return;
+        }
+        if (writer->fileWriterStatus() != int(Status::Completed)) {
+            // Writing failed before this stop came (the disk filled): the
+            // part written until then, with the failure's error.
+            auto failure = writer->fileWriter()->error();
+            const int64_t code =
+                failure ? recordingErrorCodeForWriteFailure(*failure) : kErrorFailedDuringRecording;
+            log::error("SVRecordingSession: movie cut short, error %li", code);
+            if (handler) handler(std::move(movieURL), _svUserErrorForCode(code));
             return;
         }
         if (startClipDuration > 0 && endClipDuration > 0) {

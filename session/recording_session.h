@@ -150,7 +150,9 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // end into trimmedOutputURL. The handler gets the movie (the untrimmed
     // one when trimming fails), or an error when there is no movie: -5803
     // when no frame was ever written, -5804 when the movie could not be
-    // written. A broadcasting session hands the movie to its extension and
+    // written. A movie whose writing failed before the stop (the disk
+    // filled) comes with -5805 (or -5804) and what was written until then,
+    // untrimmed. A broadcasting session hands the movie to its extension and
     // answers (nothing, nothing).
     // True when the handler was taken (it is then called once).
     bool finishSessionWithStartClipDuration(double startClipDuration, double endClipDuration,
@@ -158,7 +160,8 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // Stops the screen controller, the capture manager's sources and clone
     // mirroring. Also aborts any start chain in progress.
     void stopAllCapture();
-    // Only while recording: stops capture and tells the delegate.
+    // Only while recording: stops capture, finishes the movie (keeping what
+    // was recorded) and tells the delegate the error with that movie.
     void stopWithError(const Error& error);
     // Stops capture when recording, abandons the unfinished movie and removes
     // the file at outputURL; `handler` runs once the removal is done.

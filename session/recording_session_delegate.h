@@ -5,7 +5,10 @@
 // called.
 #pragma once
 
+#include <optional>
+
 #include "platform/error.h"
+#include "platform/url.h"
 
 namespace sv {
 
@@ -14,13 +17,15 @@ class SVRecordingSessionDelegate {
     virtual ~SVRecordingSessionDelegate() = default;
 
     // The session stopped all capture because its screen source failed, was
-    // preempted or lost the platform's media services, and is no longer
-    // recording. `error` is a recording error (-5800 or -5804). The movie
-    // writer was not finished: what becomes of the partial movie is the
-    // delegate's decision. Called once per stop, on the thread that stopped
-    // the session: the screen capture controller's delivery thread for the
-    // failures above.
-    virtual void recordingSessionStoppedWithError(const Error& error) = 0;
+    // preempted or lost the platform's media services, or its movie could
+    // not be written (the disk is full), and is no longer recording.
+    // `error` is a recording error (-5800, -5804 or -5805). The movie was
+    // finished first: `movieURL` is what was recorded until then, or
+    // nothing when no part of it plays. Called once per stop, on the default
+    // global queue (where the movie finishes) or, without a movie to
+    // finish, on the thread that stopped the session.
+    virtual void recordingSessionStoppedWithError(const Error& error,
+                                                  const std::optional<URL>& movieURL) = 0;
 };
 
 }  // namespace sv

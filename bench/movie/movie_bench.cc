@@ -155,6 +155,22 @@ WriterResult benchWriter(const std::string& path, int frames, const char* preset
     print("movie_writer_peak_memory", double(std::max(0L, peakKB() - rssBefore)) / 1024, "MiB");
     print("movie_append_video_p50", appendUs[appendUs.size() / 2], "us");
     print("movie_append_video_p99", appendUs[appendUs.size() * 99 / 100], "us");
+    // What the movie's layout costs on disk: the same packets copied into a
+    // movie written in one piece (one index at the end) for comparison.
+    std::error_code ec;
+    const auto bytes = std::filesystem::file_size(path, ec);
+    if (!ec) {
+        print("movie_writer_bytes_per_recorded_second", double(bytes) / recorded, "B/s");
+        const std::string plain = path + ".plain.mp4";
+        const std::string cmd =
+            "ffmpeg -v error -y -i '" + path + "' -map 0 -c copy '" + plain + "'";
+        const auto plainBytes = std::system(cmd.c_str()) == 0
+                                    ? std::filesystem::file_size(plain, ec)
+                                    : std::uintmax_t(0);
+        if (!ec && plainBytes > 0)
+            print("movie_writer_size_vs_unfragmented", double(bytes) / double(plainBytes), "ratio");
+        std::filesystem::remove(plain, ec);
+    }
     return r;
 }
 

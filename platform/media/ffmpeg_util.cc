@@ -12,6 +12,7 @@ extern "C" {
 
 #include "platform/dispatch.h"
 #include "platform/log.h"
+#include "platform/media/fragmented_movie.h"
 
 namespace sv::media {
 
@@ -120,16 +121,27 @@ bool MovieFileWriter::Muxer::ensureHeaderLocked() {
     std::optional<std::string> encoder;
     OptionDictionary opts;
     r = applyMetadata(ctx.get(), metadata, &encoder);
-    // Reverse-DNS keys are only kept in the metadata-keys form of the box.
-    if (r >= 0 && !metadata.empty()) r = opts.set("movflags", "use_metadata_tags");
-    if (r >= 0) r = avformat_write_header(ctx.get(), opts.address());
-    if (r < 0) {
-        failLocked(r, "writing the movie header");
-        return false;
-    }
-    // The movie box, and with it the metadata, is written when the file is
-    // closed, so the encoder name can replace the muxer's own here.
-    if (encoder) r = av_dict_set(&ctx->metadata, "encoder", encoder->c_str(), 0);
+    // Fragments: what is written stays playable when the process is killed
+    // or the disk fills (see fragmented_movie.h). Reverse-DNS keys are only
+    // kept in the metadata-keys form of the box.
+    std::string flags = kFragmentedMovieFlags;
+    if (!metadata.empty()) flags += "+use_metadata_tags";
+    if (r >= 0) r = opts.set("movflags", flags.c_str());
+    if (r >= 0) r = opts.set("frag_duration", std::to_string(kFragmentMicroseconds).c_str());
+    // A track that has no samples for a while (no audio to tap) must not
+    // hold the others back in the interleaving queue, or they would reach
+    // the file seconds late (see kStartInterleaveMicroseconds).
+    ctx->max_interleave_delta = kStartInterleaveMicroseconds;
+    // Each finished fragment goes to the file at once rather than waiting in
+    // the I/O buffer (a fragment of a still screen is a few kB); the packets
+    // in between only reach the fragment's buffer in memory, so this costs
+    // a write per fragment.
+    ctx->flush_packets = 1;
+    if (r >= 0) r = avformat_init_output(ctx.get(), opts.address());
+    // The muxer has set its own name as the encoder; the movie box, with the
+    // metadata, is written with the header below, so ours replaces it here.
+    if (r >= 0 && encoder) r = av_dict_set(&ctx->metadata, "encoder", encoder->c_str(), 0);
+    if (r >= 0) r = avformat_write_header(ctx.get(), nullptr);
     if (r < 0) {
         failLocked(r, "writing the movie header");
         return false;
@@ -139,17 +151,80 @@ bool MovieFileWriter::Muxer::ensureHeaderLocked() {
 }
 
 bool MovieFileWriter::Muxer::writePacket(AVPacket* packet, int streamIndex, AVRational tb) {
-    std::lock_guard lock(mu);
-    if (status != int(Status::Writing) || !ensureHeaderLocked()) return false;
-    AVStream* st = ctx->streams[streamIndex];
-    av_packet_rescale_ts(packet, tb, st->time_base);
-    packet->stream_index = streamIndex;
-    int r = av_interleaved_write_frame(ctx.get(), packet);
-    if (r < 0) {
-        failLocked(r, "writing a packet");
-        return false;
+    FailureHandler report;
+    MediaError failure;
+    {
+        std::lock_guard lock(mu);
+        if (status != int(Status::Writing)) return false;
+        if (ensureHeaderLocked()) {
+            AVStream* st = ctx->streams[streamIndex];
+            av_packet_rescale_ts(packet, tb, st->time_base);
+            packet->stream_index = streamIndex;
+            int r = writeHeldPacketLocked(packet);
+            if (r >= 0) return true;
+            failLocked(r, "writing a packet");
+        }
+        report = std::exchange(failureHandler, nullptr);
+        if (error) failure = *error;
     }
-    return true;
+    if (report) report(failure);
+    return false;
+}
+
+int MovieFileWriter::Muxer::writeHeldPacketLocked(AVPacket* next) {
+    if (held.size() < ctx->nb_streams) held.resize(ctx->nb_streams);
+    auto write = [&](AVPacket* p) {
+        const int64_t at =
+            p->dts == AV_NOPTS_VALUE
+                ? 0
+                : av_rescale_q(p->dts, ctx->streams[p->stream_index]->time_base, AV_TIME_BASE_Q);
+        int r = av_interleaved_write_frame(ctx.get(), p);
+        // Past the start, every track's first packet is long decided.
+        if (!interleaveShortened && at > 2 * kStartInterleaveMicroseconds) {
+            ctx->max_interleave_delta = kInterleaveMicroseconds;
+            interleaveShortened = true;
+        }
+        return r;
+    };
+    if (!next) {
+        // Closing: what is held goes out as it is.
+        int r = 0;
+        for (auto& p : held)
+            if (p && r >= 0) r = write(p.get());
+        held.clear();
+        return r;
+    }
+    // The last sample of a fragment keeps its packet's duration, which an
+    // encoder guesses from the nominal frame rate: a frame is held until the
+    // next one of its track gives its real length, so no fragment moves the
+    // track's later samples off their times.
+    PacketPtr& slot = held[size_t(next->stream_index)];
+    int r = 0;
+    if (slot) {
+        if (next->dts != AV_NOPTS_VALUE && slot->dts != AV_NOPTS_VALUE && next->dts > slot->dts)
+            slot->duration = next->dts - slot->dts;
+        r = write(slot.get());
+    } else {
+        slot.reset(av_packet_alloc());
+        if (!slot) return AVERROR(ENOMEM);
+    }
+    av_packet_move_ref(slot.get(), next);
+    return r;
+}
+
+void MovieFileWriter::Muxer::salvageLocked() {
+    if (!opened || status != int(Status::Failed)) return;
+    auto layout = truncateToCompleteFragments(path);
+    if (layout && layout->completeFragments > 0) {
+        playable = true;
+        log::info("MovieFileWriter: kept the %li complete fragments (%li bytes) of %@",
+                  layout->completeFragments, int64_t(layout->playableBytes), path);
+        return;
+    }
+    if (!layout) log::error("MovieFileWriter: %@", layout.error().description());
+    // Nothing of it plays: no half-written file is left behind.
+    log::info("MovieFileWriter: removing %@, nothing of it plays", path);
+    unlink(path.c_str());
 }
 
 std::optional<MediaTime> MovieFileWriter::Muxer::sessionStart() const {
@@ -171,7 +246,8 @@ void MovieFileWriter::Muxer::finalize() {
     {
         std::lock_guard lock(mu);
         if (status == int(Status::Writing) && ensureHeaderLocked()) {
-            int r = av_write_trailer(ctx.get());
+            int r = writeHeldPacketLocked(nullptr);
+            if (r >= 0) r = av_write_trailer(ctx.get());
             if (r < 0) failLocked(r, "finishing the movie");
         }
         if (ctx && ctx->pb) {
@@ -179,7 +255,13 @@ void MovieFileWriter::Muxer::finalize() {
             if (ctx->pb->error < 0) failLocked(ctx->pb->error, "writing " + path);
             avio_closep(&ctx->pb);
         }
-        if (status == int(Status::Writing)) status = int(Status::Completed);
+        if (status == int(Status::Writing)) {
+            status = int(Status::Completed);
+            playable = true;
+        } else {
+            salvageLocked();
+        }
+        failureHandler = nullptr;
         done = std::move(completion);
         completion = nullptr;
     }

@@ -107,6 +107,20 @@ class OptionDictionary {
     AVDictionary* dict_ = nullptr;
 };
 
+// How the writer lays out its movies: an empty movie box (tracks, metadata,
+// display matrix) at the start, then fragments of about
+// kFragmentMicroseconds each, their offsets relative to each fragment (the
+// form streaming players expect too).
+inline constexpr const char* kFragmentedMovieFlags = "empty_moov+default_base_moof";
+inline constexpr int64_t kFragmentMicroseconds = 250000;
+// How long the muxer's interleaving queue may hold packets while a track has
+// none: long at the start, so the first packet of every track is there when
+// the muxer picks the one offset that moves all tracks to a start at zero;
+// short afterwards, so a track without samples (no application audio)
+// delays what reaches the file by no more than that.
+inline constexpr int64_t kStartInterleaveMicroseconds = 300000;
+inline constexpr int64_t kInterleaveMicroseconds = 40000;
+
 // `path` opened for reading with its stream information read; empty, with
 // the FFmpeg error code in `error`, when that fails.
 InputFormatPtr openInputFormat(const std::string& path, int* error);
@@ -150,12 +164,22 @@ struct MovieFileWriter::Muxer {
     void finalize();
 
     bool ensureHeaderLocked();
+    // With `mu` held: hands the muxer the packet held for `next`'s track
+    // (its duration now known) and holds `next` (taking its data); with null,
+    // hands over every held packet. An FFmpeg error code or 0.
+    int writeHeldPacketLocked(AVPacket* next);
     void failLocked(int code, const std::string& what);
+    // With `mu` held, the file closed: keeps the complete fragments of a
+    // movie that failed and removes a file that has none.
+    void salvageLocked();
 
     const std::string path;
     mutable std::mutex mu;
     OutputFormatPtr ctx;
     bool headerWritten = false;
+    bool interleaveShortened = false;
+    // The last packet of each track, until the next one gives its duration.
+    std::vector<PacketPtr> held;
     bool opened = false;
     bool finishing = false;
     int pendingInputs = 0;
@@ -163,6 +187,9 @@ struct MovieFileWriter::Muxer {
     MetadataList metadata;
     std::optional<MediaError> error;
     std::function<void()> completion;
+    // Taken by the first failure while writing.
+    MovieFileWriter::FailureHandler failureHandler;
+    bool playable = false;
     std::atomic<int> status{int(MovieFileWriter::Status::Unknown)};
 };
 

@@ -332,7 +332,19 @@ std::shared_ptr<MovieAsset> MovieAsset::assetWithURL(const URL& url) {
         asset->error_ = MediaError{AVERROR_INVALIDDATA, url.path + " is not a movie"};
         return asset;
     }
-    asset->duration_ = MediaTime::make(in->duration, AV_TIME_BASE);
+    // The timeline starts at the first video frame (the format's start when
+    // there is no video).
+    int64_t origin = in->start_time == AV_NOPTS_VALUE ? 0 : in->start_time;
+    const int64_t end = origin + in->duration;
+    for (unsigned i = 0; i < in->nb_streams; ++i) {
+        const AVStream* st = in->streams[i];
+        if (st->codecpar->codec_type != AVMEDIA_TYPE_VIDEO || st->start_time == AV_NOPTS_VALUE)
+            continue;
+        origin = std::max(origin, av_rescale_q(st->start_time, st->time_base, AV_TIME_BASE_Q));
+        break;
+    }
+    asset->timelineStart_ = MediaTime::make(origin, AV_TIME_BASE);
+    asset->duration_ = MediaTime::make(end - origin, AV_TIME_BASE);
     return asset;
 }
 
@@ -416,6 +428,7 @@ void MovieExporter::run() {
         return fail(AVERROR(EINVAL), "the time range is empty");
     if (start.value < 0) start = MediaTime::zero();
 
+    start = add(start, asset_->timelineStart());
     RangeCopy copy(asset_->url().path, output->path, start, add(start, duration), cancelled_);
     if (auto failure = copy.run()) return fail(failure->code, failure->what);
     status_ = int(cancelled_ ? Status::Cancelled : Status::Completed);

@@ -39,14 +39,21 @@ class MovieAsset {
     const URL& url() const { return url_; }
     // True when the file is a movie with at least one audio or video track.
     bool isReadable() const { return !error_; }
-    // The movie's duration; the invalid time when it is not readable.
+    // The movie's duration, from its first video frame (the start of its
+    // timeline, where a fragmented movie's reordered frames put it a few
+    // frames past zero) to its end; the invalid time when it is not
+    // readable. Export time ranges count from the same start.
     MediaTime duration() const { return duration_; }
+    // Where that timeline starts in the file's own time (zero for a movie
+    // written in one piece).
+    MediaTime timelineStart() const { return timelineStart_; }
     int trackCount() const { return tracks_; }
     const std::optional<MediaError>& error() const { return error_; }
 
   private:
     URL url_;
     MediaTime duration_;
+    MediaTime timelineStart_ = MediaTime::zero();
     int tracks_ = 0;
     std::optional<MediaError> error_;
 };

@@ -137,10 +137,25 @@ std::optional<MediaError> MovieFileWriter::error() const {
     return muxer_->error;
 }
 
+void MovieFileWriter::setFailureHandler(FailureHandler handler) {
+    std::lock_guard lock(muxer_->mu);
+    if (muxer_->status != int(Status::Unknown)) return;
+    muxer_->failureHandler = std::move(handler);
+}
+
+bool MovieFileWriter::hasPlayableMovie() const {
+    std::lock_guard lock(muxer_->mu);
+    return muxer_->playable;
+}
+
 void MovieFileWriter::finishWriting(std::function<void()> completion) {
     std::vector<std::shared_ptr<MovieWriterInput>> inputs;
     std::unique_lock lock(muxer_->mu);
-    if (muxer_->status != int(Status::Writing) || muxer_->finishing) {
+    // A writer that failed while writing still closes its file, through the
+    // same drain, so what it wrote is kept.
+    const bool failedWhileWriting = muxer_->status == int(Status::Failed) && muxer_->opened;
+    if ((muxer_->status != int(Status::Writing) && !failedWhileWriting) || muxer_->finishing ||
+        inputs_.empty()) {
         lock.unlock();
         if (completion) DispatchQueue::global()->async(std::move(completion));
         return;

@@ -1,6 +1,10 @@
 // The platform's movie file writer: MPEG-4 files with one H.264 track
 // (libx264) and AAC tracks (FFmpeg's native encoder), on FFmpeg's libraries.
 //
+// Layout: fragmented MPEG-4 (fragmented_movie.h): every quarter second of
+// the movie is on disk as a fragment that plays, so a killed process or a
+// full disk loses at most the last fragment and what the encoders held.
+//
 // Real time: appending only hands the sample to the input's bounded queue and
 // returns; each input has one worker thread that converts (BGRA to I420 with
 // libyuv, any linear PCM to the encoder's format with libswresample),
@@ -108,6 +112,10 @@ class MovieWriterInput {
 class MovieFileWriter {
   public:
     enum class Status : int { Unknown = 0, Writing = 1, Completed = 2, Failed = 3, Cancelled = 4 };
+    // Told the error when writing fails (the disk is full, the file went
+    // away); on an input's worker thread, at most once, never after a
+    // finish or cancel.
+    using FailureHandler = std::function<void(const MediaError& error)>;
 
     // A writer for `url`. Fails (null, `error` set) when the type is not
     // MPEG-4 or the file cannot be created in its directory. The file itself
@@ -142,10 +150,20 @@ class MovieFileWriter {
     // Null unless the status is failed.
     std::optional<MediaError> error() const;
 
+    // Before startWriting.
+    void setFailureHandler(FailureHandler handler);
+
     // Drains every input, flushes the encoders and closes the file; then
     // `completion` runs on the default global queue (status completed or
-    // failed). When not writing, `completion` is called there at once.
+    // failed). A writer that failed while writing is closed the same way,
+    // cut back to the fragments it wrote completely, and the file removed
+    // when there are none. Otherwise (never started, finished, cancelled)
+    // `completion` is called there at once.
     void finishWriting(std::function<void()> completion);
+    // After the finish completion: the file at outputURL is a movie that
+    // plays, the whole of it (completed) or what was written before writing
+    // failed.
+    bool hasPlayableMovie() const;
     // Stops at once and removes the partial file (status cancelled).
     void cancelWriting();
 

@@ -91,7 +91,9 @@ TrackInfo describe(const AVStream* st) {
     if (const char* profile = avcodec_profile_name(p->codec_id, p->profile)) t.profile = profile;
     t.startTime = seconds(st->start_time, st->time_base);
     t.duration = seconds(st->duration, st->time_base);
-    t.frameCount = st->nb_frames;
+    // A fragmented movie has no sample table to count: its fragments, read
+    // when the movie is opened, fill the index instead.
+    t.frameCount = st->nb_frames > 0 ? st->nb_frames : avformat_index_get_entries_count(st);
     t.bitRate = p->bit_rate;
     if (t.kind == TrackKind::Video) {
         t.width = p->width;

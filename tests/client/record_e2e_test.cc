@@ -2,7 +2,11 @@
 // `sorvel consent-agent` answering: the movie it writes, judged by the movie
 // inspector, and how it ends when the service interrupts it or the user
 // declines. Each test has its own daemon, runtime directory and home.
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -10,6 +14,7 @@
 
 #include "movie/movie_inspector.h"
 #include "platform/ipc/ipc.h"
+#include "platform/media/fragmented_movie.h"
 #include "platform/media/movie_reader.h"
 #include "protocol/service_names.h"
 #include "tests/client/cli_helpers.h"
@@ -148,18 +153,37 @@ TEST_F(RecordEndToEndTest, DecliningOrNoAgentFailsWithTheUsersAnswer) {
     EXPECT_FALSE(std::filesystem::exists(output()));
 }
 
-// The daemon goes away mid-recording and comes back: the recording fails as
-// interrupted, the agent registers again, and the next recording works.
-TEST_F(RecordEndToEndTest, ADaemonRestartEndsTheRecordingAndTheAgentComesBack) {
+// The daemon is killed mid-recording and comes back: the recording fails as
+// interrupted, the next start recovers the movie into the store (all but
+// its last moments), the agent registers again, and the next recording works
+// without touching the recovered movie.
+TEST_F(RecordEndToEndTest, ADaemonKilledMidRecordingLeavesAMovieItsNextStartRecovers) {
     startAgent("accept");
     pid_t p = record({});
     waitForRecording();
+    const auto since = std::chrono::steady_clock::now();
+    EXPECT_TRUE(sv::test::stays([&] { return contains(recordLog(), "Domain"); }, 4s))
+        << recordLog();
     daemon_.stop(SIGKILL);
+    const double recorded =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
     EXPECT_EQ(sv::test::waitForExit(p, 60s), 1);
     EXPECT_TRUE(contains(recordLog(), "(org.sorvel.SVRecorderClientErrorDomain 2)")) << recordLog();
     std::filesystem::remove(ipc::servicePath(kDaemonServiceName));
     std::filesystem::remove(ipc::servicePath(kShellServiceName));
     startDaemon();
+    ASSERT_TRUE(daemon_.logged("SVMovieWriter: recovered movie")) << daemon_.log();
+    std::vector<std::string> recovered;
+    for (const auto& e : std::filesystem::directory_iterator(daemon_.store))
+        if (contains(e.path().filename().string(), "(recovered ")) recovered.push_back(e.path());
+    ASSERT_EQ(recovered.size(), 1u) << daemon_.log();
+    std::string error;
+    auto movie = inspectMovie(recovered[0], &error);
+    ASSERT_TRUE(movie) << error;
+    EXPECT_NEAR(movie->movie.duration, recorded, 1.0);
+    ASSERT_TRUE(movie->stamps);
+    EXPECT_EQ(movie->stamps->duplicates + movie->stamps->outOfOrder, 0);
+
     std::string agentLog = dir_ + "/agent-accept.log";
     ASSERT_TRUE(sv::test::eventually(
         [&] {
@@ -172,6 +196,61 @@ TEST_F(RecordEndToEndTest, ADaemonRestartEndsTheRecordingAndTheAgentComesBack) {
         << sv::test::readFile(agentLog);
     p = record({"--duration", "1"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
+    EXPECT_TRUE(std::filesystem::exists(recovered[0]));
+}
+
+// The disk fills during a recording: it stops at once with the storage
+// error, the part recorded until then reaches the client as a movie that
+// plays, and no unplayable file stays in the store. A small file system of
+// its own when the test may mount one, else a file size limit on the
+// daemon.
+TEST_F(RecordEndToEndTest, AFullDiskStopsTheRecordingAndKeepsWhatWasRecorded) {
+    const std::string store = daemon_.store;
+    const bool mounted =
+        geteuid() == 0 &&
+        std::system(("mount -t tmpfs -o size=100m sv-test-full '" + store + "'").c_str()) == 0;
+    struct Unmount {
+        std::string path;
+        ~Unmount() {
+            if (!path.empty() && std::system(("umount -l '" + path + "'").c_str()) != 0)
+                std::fprintf(stderr, "cannot unmount %s\n", path.c_str());
+        }
+    } unmount{mounted ? store : std::string()};
+    startAgent("accept");
+    pid_t p = record({});
+    waitForRecording();
+    const std::string movieInStore = store + "/Sorvel Recorder.mp4";
+    ASSERT_TRUE(sv::test::eventually(
+        [&] {
+            auto layout = media::readFragmentedMovieLayout(movieInStore);
+            return layout && layout->completeFragments > 0;
+        },
+        60s));
+    if (mounted) {
+        // Every free block, while the movie grows: the next fragment of the
+        // movie does not fit.
+        int fd = open((store + "/filler").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0);
+        off_t filled = 0;
+        for (off_t chunk : {off_t(1) << 20, off_t(4096)})
+            while (posix_fallocate(fd, filled, chunk) == 0) filled += chunk;
+        close(fd);
+        EXPECT_GT(filled, 90 << 20);
+    } else {
+        const rlimit limit{1 << 20, 1 << 20};
+        ASSERT_EQ(prlimit(daemon_.pid(), RLIMIT_FSIZE, &limit, nullptr), 0);
+    }
+    EXPECT_EQ(sv::test::waitForExit(p, 60s), 1) << recordLog();
+    EXPECT_TRUE(contains(recordLog(),
+                         "Insufficient storage for recording "
+                         "(org.sorvel.SVRecordingErrorDomain -5805)"))
+        << recordLog();
+    std::string error;
+    auto movie = inspectMovie(output(), &error);
+    ASSERT_TRUE(movie) << error;
+    EXPECT_GT(movie->movie.duration, 0.2);  // at least the fragment on disk before
+    for (const auto& e : std::filesystem::directory_iterator(store))
+        EXPECT_NE(e.path().extension(), ".mp4") << "left in the store: " << e.path();
 }
 
 #ifdef SV_TEST_HAVE_XVFB

@@ -185,7 +185,8 @@ inline double decodeTrack(const std::string& path, int index,
     }
     avcodec_send_packet(dec.get(), nullptr);
     receive();
-    return st->duration > 0 ? st->duration * av_q2d(st->time_base) : 1e18;
+    const int64_t start = st->start_time == AV_NOPTS_VALUE ? 0 : st->start_time;
+    return st->duration > 0 ? double(start + st->duration) * av_q2d(st->time_base) : 1e18;
 }
 
 struct DecodedVideo {

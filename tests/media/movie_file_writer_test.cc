@@ -1,12 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <filesystem>
 
 #include "platform/log.h"
+#include "platform/media/fragmented_movie.h"
 #include "platform/media/movie_exporter.h"
 #include "tests/audio/audio_analysis.h"
 #include "tests/media/media_test_util.h"
+#include "tests/process/process_helpers.h"
 
 namespace sv::media {
 namespace {
@@ -201,9 +204,12 @@ TEST(MovieFileWriter, AudioIsConvertedPlacedAndGapsFilled) {
 
     MovieInfo info = probeMovie(path);
     ASSERT_EQ(info.streams.size(), 3u);
-    EXPECT_NEAR(info.streams[1].startTime, 0, 1e-3);
-    EXPECT_NEAR(info.streams[1].duration, 1.5, 0.03);  // the lead before the session is cut
-    EXPECT_NEAR(info.streams[2].duration, 1.0, 0.03);
+    // The lead before the session is cut: each track ends its length after
+    // the first frame (a fragmented movie starts all tracks a few frames in,
+    // where the reordered video begins; the last AAC frame's padding stays).
+    const double start = info.streams[0].startTime;
+    EXPECT_NEAR(info.streams[1].startTime + info.streams[1].duration - start, 1.5, 0.03);
+    EXPECT_NEAR(info.streams[2].startTime + info.streams[2].duration - start, 1.0, 0.03);
 
     // Samples [from, to) of an audio track at 44.1 kHz.
     auto part = [&](int track, size_t from, size_t to) {
@@ -221,6 +227,69 @@ TEST(MovieFileWriter, AudioIsConvertedPlacedAndGapsFilled) {
         EXPECT_GT(rms(tone), 0.15) << track << " " << from;
     }
     EXPECT_LT(rms(part(1, 24255, 41895)), 0.01);  // the hole, as silence
+}
+
+// A movie cut short where a killed writer or a full disk may leave it is cut
+// back to its complete fragments, which play from the first frame on.
+TEST(MovieFileWriter, AMovieCutShortKeepsItsCompleteFragments) {
+    TempDir dir;
+    const std::string whole = dir / "whole.mp4";
+    VideoWriter w(whole);
+    // Audio tracks that get nothing (no application audio, no microphone)
+    // hold nothing back.
+    w.writer->addInput(MovieWriterInput::create(MediaType::Audio, audioSettings()));
+    w.writer->addInput(MovieWriterInput::create(MediaType::Audio, audioSettings()));
+    w.start(0);
+    SurfacePool pool(64, 64);
+    for (int i = 0; i < 60; ++i) w.append(*w.video, makeFrame(pool, i, hostTime(i / 30.0)));
+    // On disk while the movie is being written.
+    EXPECT_TRUE(test::eventually(
+        [&] {
+            auto layout = readFragmentedMovieLayout(whole);
+            return layout && layout->completeFragments >= 2;
+        },
+        30s));
+    w.finish();
+    ASSERT_EQ(w.writer->status(), Status::Completed);
+    const auto full = readFragmentedMovieLayout(whole);
+    ASSERT_TRUE(full);
+    EXPECT_TRUE(full->fragmented && full->finished && !full->unfinished());
+    EXPECT_GE(full->completeFragments, 4);  // two seconds in quarter-second fragments
+    const uint64_t size = fs::file_size(whole);
+    const uint64_t fileType = 28;  // the writer's file type box
+
+    struct Cut {
+        uint64_t bytes;
+        bool unfinished, plays;
+        int minFrames, maxFrames;
+    };
+    const Cut cuts[] = {
+        {0, true, false, 0, 0},               // killed before the header
+        {fileType + 10, true, false, 0, 0},   // before the first fragment
+        {size * 6 / 10, true, true, 14, 45},  // in the middle of a fragment
+        {size - 1, true, true, 60, 60},       // in the closing box
+        {size, false, true, 60, 60},          // finished: left alone
+    };
+    for (const auto& cut : cuts) {
+        const std::string path = dir / ("cut" + std::to_string(cut.bytes) + ".mp4");
+        fs::copy_file(whole, path);
+        fs::resize_file(path, cut.bytes);
+        auto layout = truncateToCompleteFragments(path);
+        ASSERT_TRUE(layout) << cut.bytes;
+        EXPECT_EQ(layout->unfinished(), cut.unfinished) << cut.bytes;
+        EXPECT_EQ(layout->completeFragments > 0, cut.plays) << cut.bytes;
+        if (!cut.plays) continue;
+        EXPECT_EQ(fs::file_size(path), cut.unfinished ? layout->playableBytes : size);
+        // In order from the first; a cut between fragments may lose the last
+        // reordered frame before the fragment's final one.
+        const auto frames = decodeVideo(path).indices;
+        EXPECT_GE(int(frames.size()), cut.minFrames) << cut.bytes;
+        EXPECT_LE(int(frames.size()), cut.maxFrames) << cut.bytes;
+        ASSERT_FALSE(frames.empty());
+        EXPECT_EQ(frames.front(), 0);
+        EXPECT_TRUE(std::is_sorted(frames.begin(), frames.end()));
+        EXPECT_LE(frames.back() - int(frames.size()), 1) << cut.bytes;
+    }
 }
 
 TEST(MovieFileWriter, FullQueueRefusesInsteadOfBlocking) {
