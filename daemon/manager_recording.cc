@@ -3,8 +3,10 @@
 // microphone switch, the interruption of other sessions, and the sessions'
 // own reports. Everything here runs on the manager's queue; the sessions'
 // handlers are posted back to it.
+#include "capture/capture_manager.h"
 #include "daemon/recording_manager.h"
 #include "platform/log.h"
+#include "protocol/recording_protocol.h"
 #include "support/movie_store.h"
 
 namespace sv {
@@ -171,6 +173,7 @@ void SVRecordingManager::continueStart(const std::shared_ptr<SVClientConnection>
             if (!manager) return;
             manager->queue_->async([manager, session, systemRecording, generation, handler] {
                 log::info("recording session started");
+                manager->watchAudioServer();
                 if (handler)
                     handler(std::nullopt, manager->isMicrophoneRecording(),
                             manager->isCameraRecording());
@@ -405,6 +408,34 @@ void SVRecordingManager::recordingSessionStoppedWithError(
         return;
     }
     proxy->stopRecordingWithError(error, movieURL);
+}
+
+void SVRecordingManager::watchAudioServer() {
+    if (watchingAudioServer_) return;
+    watchingAudioServer_ = true;
+    std::weak_ptr<SVRecordingManager> weak = weak_from_this();
+    // On the backend's thread: hop onto the queue, never wait there.
+    SVCaptureManager::sharedManager()->backend()->setServerStateHandler([weak](bool available) {
+        if (auto self = weak.lock())
+            self->queue_->async([weak, available] {
+                if (auto self = weak.lock()) self->audioServerChanged(available);
+            });
+    });
+}
+
+void SVRecordingManager::audioServerChanged(bool available) {
+    auto session = recordingSession();
+    if (!session) return;
+    auto client = clientOfBundle(session->bundleID());
+    auto proxy = session->clientProxy();
+    if (!client || !client->acceptsWarnings || !proxy) return;
+    if (available)
+        proxy->recordingWarning(kSVRecordingWarningAudioRestored,
+                                "The audio server is back: sound is recorded again.");
+    else
+        proxy->recordingWarning(kSVRecordingWarningAudioLost,
+                                "The audio server went away: the recording goes on with silence "
+                                "until it is back.");
 }
 
 void SVRecordingManager::recordingSessionInterrupted(

@@ -38,9 +38,11 @@ inline constexpr const char* kSetMicrophoneEnabled = "setMicrophoneEnabled:";
 inline constexpr const char* kDiscardRecording = "discardRecordingWithHandler:";
 inline constexpr const char* kClientDidBecomeActive = "clientDidBecomeActiveWithBundleID:";
 inline constexpr const char* kClientDidResignActive = "clientDidResignActiveWithBundleID:";
+inline constexpr const char* kEnableRecordingWarnings = "enableRecordingWarnings";
 // SVClientProtocol
 inline constexpr const char* kStopRecordingWithError = "stopRecordingWithError:movieURL:";
 inline constexpr const char* kUpdateBroadcastServiceInfo = "updateBroadcastServiceInfo:";
+inline constexpr const char* kRecordingWarning = "recordingWarning:";
 // SVConsentAgentProtocol
 inline constexpr const char* kPresentAlert = "presentAlert:handler:";
 // The shell channel's recording methods
@@ -64,6 +66,10 @@ inline constexpr const char* kLayerContextIDsForCaller = "layerContextIDsForCall
 //   discardRecordingWithHandler:                     -> ()
 //   clientDidBecomeActiveWithBundleID:        (text)
 //   clientDidResignActiveWithBundleID:        (text)
+//   enableRecordingWarnings
+//       this connection understands recordingWarning: (below); without it the
+//       daemon never sends one, so a client that predates it is never sent
+//       a method it does not know
 inline std::shared_ptr<const ipc::Interface> daemonProtocolInterface() {
     using K = ipc::ArgKind;
     using ipc::orNull;
@@ -92,6 +98,7 @@ inline std::shared_ptr<const ipc::Interface> daemonProtocolInterface() {
             {method::kDiscardRecording, {{K::Handler}}, {}},
             {method::kClientDidBecomeActive, {{K::String}}, {}},
             {method::kClientDidResignActive, {{K::String}}, {}},
+            {method::kEnableRecordingWarnings, {}, {}},
         });
     return i;
 }
@@ -99,6 +106,9 @@ inline std::shared_ptr<const ipc::Interface> daemonProtocolInterface() {
 // Exported by the application on its connection (daemon to application).
 //   stopRecordingWithError:movieURL:  (error?, movie?)
 //   updateBroadcastServiceInfo:       (map)
+//   recordingWarning:                 (map) {"code": int, "message": text}
+//       something the user should know about a recording that goes on (codes
+//       below); only after the connection sent enableRecordingWarnings
 inline std::shared_ptr<const ipc::Interface> clientProtocolInterface() {
     using K = ipc::ArgKind;
     using ipc::orNull;
@@ -107,9 +117,22 @@ inline std::shared_ptr<const ipc::Interface> clientProtocolInterface() {
         std::vector<ipc::MethodSpec>{
             {method::kStopRecordingWithError, {orNull(K::Dictionary), orNull(K::String)}, {}},
             {method::kUpdateBroadcastServiceInfo, {{K::Dictionary}}, {}},
+            {method::kRecordingWarning, {{K::Dictionary}}, {}},
         });
     return i;
 }
+
+// Codes of recordingWarning:. A client shows the message; an unknown code is
+// shown like any other.
+enum SVRecordingWarningCode : int64_t {
+    // The audio server went away: the recording goes on, with silence for
+    // its audio until the server is back.
+    kSVRecordingWarningAudioLost = 1,
+    // The audio server is back: audio is recorded again.
+    kSVRecordingWarningAudioRestored = 2,
+};
+inline constexpr const char* kRecordingWarningCodeKey = "code";
+inline constexpr const char* kRecordingWarningMessageKey = "message";
 
 // Exported by a consent agent on its shell-channel connection, after it has
 // registered (daemon to agent). The alert is

@@ -286,6 +286,13 @@ int Recorder::run() {
     o.executor = [loop = loop_](std::function<void()> task) { loop->post(std::move(task)); };
     client_ = std::make_unique<sv::SVRecorderClient>(std::move(o));
     client_->setDelegate(weak_from_this());
+    // On the loop, through the executor.
+    client_->setWarningHandler([w = weak_from_this()](const sv::SVRecorderWarning& warning) {
+        auto self = w.lock();
+        if (!self) return;
+        self->note("sorvel record: warning: " + warning.message);
+        self->render();
+    });
     shell_ = std::make_unique<sv::ShellClient>();
     loop_->handleTerminationSignals([this](int s) { onSignal(s); });
 

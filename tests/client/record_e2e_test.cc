@@ -4,11 +4,13 @@
 // declines. Each test has its own daemon, runtime directory and home.
 #include <signal.h>
 
+#include <cmath>
 #include <filesystem>
 
 #include <gtest/gtest.h>
 
 #include "movie/movie_inspector.h"
+#include "platform/audio/testing/private_pulse_server.h"
 #include "platform/ipc/ipc.h"
 #include "platform/media/movie_reader.h"
 #include "protocol/service_names.h"
@@ -169,6 +171,71 @@ TEST_F(RecordEndToEndTest, ADaemonRestartEndsTheRecordingAndTheAgentComesBack) {
         << sv::test::readFile(agentLog);
     p = record({"--duration", "1"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
+}
+
+// Mono PCM of one audio track of `path` (the first channel).
+std::vector<float> trackAudio(const std::string& path, int track) {
+    std::vector<float> out;
+    auto reader = media::MovieReader::open(path);
+    if (!reader) return out;
+    reader->decode(nullptr, [&](const media::PCMBlock& b) {
+        if (b.track == track) out.insert(out.end(), b.channels[0], b.channels[0] + b.frames);
+        return true;
+    });
+    return out;
+}
+
+double rmsOf(const std::vector<float>& x, size_t from, size_t to) {
+    double sum = 0;
+    to = std::min(to, x.size());
+    for (size_t i = from; i < to; ++i) sum += double(x[i]) * x[i];
+    return to > from ? std::sqrt(sum / double(to - from)) : 0;
+}
+
+// The audio server crashes during a recording with the microphone: the
+// recording goes on, `sorvel record` shows the warning, both audio tracks
+// run the video's length with silence from the loss on; once the server is
+// back the next recording starts at once and records sound again.
+TEST_F(RecordEndToEndTest, TheAudioServerCrashesMidRecordingAndComesBack) {
+    std::string why;
+    auto pulse = sv::testing::PrivatePulseServer::start({700.0}, &why);
+    if (!pulse && sv::testing::PrivatePulseServer::required()) FAIL() << why;
+    if (!pulse) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
+    daemon_.stop(SIGTERM);
+    env_.push_back("PULSE_SERVER=" + pulse->address());
+    ASSERT_TRUE(daemon_.start(
+        SORVELD,
+        {.args = {"--screen-backend", "synthetic", "--audio-backend", "pulse"}, .env = env_}))
+        << daemon_.log();
+    startAgent("accept");
+
+    pid_t p = record({"--duration", "4", "--mic"});
+    waitForRecording();
+    pulse->killServer();
+    ASSERT_TRUE(sv::test::eventually([&] { return contains(recordLog(), "warning: "); }, 30s))
+        << recordLog();
+    EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
+    EXPECT_TRUE(contains(recordLog(), "sorvel record: warning: The audio server went away"))
+        << recordLog();
+    std::string error;
+    auto movie = inspectMovie(output(), &error);
+    ASSERT_TRUE(movie) << error;
+    ASSERT_EQ(movie->movie.tracks.size(), 3u);
+    const double video = movie->movie.tracks[0].duration;
+    EXPECT_GT(video, 3.0);
+    for (int t : {1, 2})
+        EXPECT_NEAR(movie->movie.tracks[size_t(t)].duration, video, 0.3) << "audio track " << t;
+    auto mic = trackAudio(output(), 2);
+    ASSERT_GT(mic.size(), 44100u * 3);
+    EXPECT_LT(rmsOf(mic, mic.size() - 44100 * 2, mic.size()), 0.001) << "silence after the loss";
+
+    ASSERT_TRUE(pulse->restart(&why)) << why;
+    std::filesystem::remove(output());
+    p = record({"--duration", "3", "--mic"});
+    EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
+    mic = trackAudio(output(), 2);
+    ASSERT_GT(mic.size(), 44100u * 2);
+    EXPECT_GT(rmsOf(mic, mic.size() - 44100, mic.size()), 0.05) << "sound again";
 }
 
 #ifdef SV_TEST_HAVE_XVFB
