@@ -9,6 +9,7 @@ namespace sv {
 namespace {
 
 using method::kPresentAlert;
+using method::kWithdrawAlert;
 
 bool validLanguage(const std::string& l) {
     if (l.empty() || l.size() > kMaxLanguageIdentifierBytes) return false;
@@ -16,6 +17,12 @@ bool validLanguage(const std::string& l) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                c == '-' || c == '_';
     });
+}
+
+// The alert as sent to an agent: its request and its identifier.
+Value withID(Value request, uint64_t alertID) {
+    request["alertID"] = alertID;
+    return request;
 }
 
 }  // namespace
@@ -78,7 +85,7 @@ bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& 
                        pending_.size());
             return false;
         }
-        pending_.emplace(alertID, reply);
+        pending_.emplace(alertID, Pending{reply, agent});
     }
     // The registry is held weakly: an alert outliving it is answered by its
     // reply's own end (Cancelled).
@@ -90,7 +97,7 @@ bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& 
         if (auto self = weak.lock()) self->alertDone(alertID);
     });
     proxy.call(
-        kPresentAlert, ipc::Arguments().add(request.toValue()),
+        kPresentAlert, ipc::Arguments().add(withID(request.toValue(), alertID)),
         [weak, alertID, reply](const ipc::Received& answer) {
             const Value& name = answer.at(0);
             auto response =
@@ -106,9 +113,38 @@ bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& 
 }
 
 void SVConsentAgentRegistry::withdrawAlert(uint64_t alertID) {
-    // The alert answered Cancelled already; the agent's late answer only
-    // frees the slot.
-    log::debug("SVConsentAgentRegistry: alert %lu withdrawn", alertID);
+    // The alert answered Cancelled already; the agent's late answer, if it
+    // still comes, only frees the slot.
+    std::shared_ptr<ipc::Connection> agent;
+    {
+        std::lock_guard lock(mutex_);
+        auto it = pending_.find(alertID);
+        if (it == pending_.end()) return;
+        agent = it->second.agent.lock();
+        const bool withdraws =
+            agent && std::any_of(withdrawing_.begin(), withdrawing_.end(),
+                                 [&](const auto& w) { return w.lock() == agent; });
+        if (!withdraws) agent.reset();
+    }
+    if (!agent) {
+        log::debug("SVConsentAgentRegistry: alert %lu withdrawn; the agent keeps it", alertID);
+        return;
+    }
+    log::info("SVConsentAgentRegistry: alert %lu withdrawn from the agent", alertID);
+    agent
+        ->remoteObjectProxyWithErrorHandler([alertID](const Error& e) {
+            log::error("SVConsentAgentRegistry: withdrawal of alert %lu not delivered: %@", alertID,
+                       e.description());
+        })
+        .call(kWithdrawAlert, ipc::Arguments().add(Value(alertID)));
+}
+
+void SVConsentAgentRegistry::enableWithdrawal(const std::shared_ptr<ipc::Connection>& connection) {
+    std::lock_guard lock(mutex_);
+    std::erase_if(withdrawing_, [](const auto& w) { return w.expired(); });
+    for (const auto& w : withdrawing_)
+        if (w.lock() == connection) return;
+    withdrawing_.push_back(connection);
 }
 
 void SVConsentAgentRegistry::alertDone(uint64_t alertID) {

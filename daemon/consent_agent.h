@@ -59,9 +59,12 @@ class SVConsentAgentRegistry : public AlertPresenter,
 
     // AlertPresenter
     bool presentAlert(uint64_t alertID, const AlertRequest& request, AlertReply reply) override;
-    // The agent protocol has no way to take an alert back: the agent keeps
-    // showing it, and its answer, when it comes, is ignored.
+    // Tells the agent showing the alert to take it down, when that agent
+    // asked for withdrawals; others keep showing it, and their answer, when
+    // it comes, is ignored.
     void withdrawAlert(uint64_t alertID) override;
+    // `connection` understands withdrawAlert: (it sent enableAlertWithdrawal).
+    void enableWithdrawal(const std::shared_ptr<ipc::Connection>& connection);
 
   private:
     SVConsentAgentRegistry() = default;
@@ -70,7 +73,13 @@ class SVConsentAgentRegistry : public AlertPresenter,
     mutable std::mutex mutex_;
     std::weak_ptr<ipc::Connection> agent_;
     std::vector<std::string> languages_;
-    std::map<uint64_t, AlertReply> pending_;  // alerts at an agent, by identifier
+    struct Pending {
+        AlertReply reply;
+        std::weak_ptr<ipc::Connection> agent;  // the agent that shows it
+    };
+    std::map<uint64_t, Pending> pending_;  // alerts at an agent, by identifier
+    // Agents that sent enableAlertWithdrawal (expired ones are pruned).
+    std::vector<std::weak_ptr<ipc::Connection>> withdrawing_;
 };
 
 }  // namespace sv

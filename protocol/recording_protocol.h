@@ -45,10 +45,12 @@ inline constexpr const char* kUpdateBroadcastServiceInfo = "updateBroadcastServi
 inline constexpr const char* kRecordingWarning = "recordingWarning:";
 // SVConsentAgentProtocol
 inline constexpr const char* kPresentAlert = "presentAlert:handler:";
+inline constexpr const char* kWithdrawAlert = "withdrawAlert:";
 // The shell channel's recording methods
 inline constexpr const char* kRegisterConsentAgent =
     "registerConsentAgentWithPreferredLanguages:handler:";
 inline constexpr const char* kLayerContextIDsForCaller = "layerContextIDsForCallerWithHandler:";
+inline constexpr const char* kEnableAlertWithdrawal = "enableAlertWithdrawal";
 }  // namespace method
 
 // Exported by the daemon on its application service (application to daemon).
@@ -140,12 +142,17 @@ inline constexpr const char* kRecordingWarningMessageKey = "message";
 //    "alternateButton": text or null, "otherButton": text or null}
 // and the answer one of "default", "alternate", "other", "cancel".
 //   presentAlert:handler:  (map) -> (text)
+// The alert map also holds "alertID" (unsigned integer), which names it in
+//   withdrawAlert:  (uint) the alert is no longer wanted (the application
+//       went away or gave up): take it down; its answer is not needed. Sent
+//       only to an agent that sent enableAlertWithdrawal on its connection.
 inline std::shared_ptr<const ipc::Interface> consentAgentProtocolInterface() {
     using K = ipc::ArgKind;
     static auto i = std::make_shared<const ipc::Interface>(
         "SVConsentAgentProtocol",
         std::vector<ipc::MethodSpec>{
             {method::kPresentAlert, {{K::Dictionary}, {K::Handler}}, {{K::String}}},
+            {method::kWithdrawAlert, {{K::Int64}}, {}},
         });
     return i;
 }
@@ -166,6 +173,9 @@ enum SVShellErrorCode : int64_t {
 // error on a real display.
 //   registerConsentAgentWithPreferredLanguages:handler: (array of text) -> (error?)
 //       the calling connection becomes the consent agent (the newest one wins)
+//   enableAlertWithdrawal
+//       the calling connection understands withdrawAlert: (an agent that
+//       does not send it keeps an alert until it answers)
 //   layerContextIDsForCallerWithHandler:      -> (array of ints, error?)
 //       the synthetic window system's layers of the calling process
 //   setApplicationState:foreground:processIdentifier:handler: (text, bool, int32) -> (error?)
@@ -186,6 +196,7 @@ inline std::vector<ipc::MethodSpec> recordingShellMethods() {
     using ipc::orNull;
     return {
         {method::kRegisterConsentAgent, {{K::Array}, {K::Handler}}, {orNull(K::Dictionary)}},
+        {method::kEnableAlertWithdrawal, {}, {}},
         {method::kLayerContextIDsForCaller,
          {{K::Handler}},
          {orNull(K::Array), orNull(K::Dictionary)}},

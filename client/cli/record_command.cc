@@ -358,11 +358,24 @@ void Recorder::findLayers(Clock::time_point deadline) {
 
 void Recorder::start() {
     phase_ = Phase::Starting;
+    // Keys work from now on: q gives up while the user is being asked.
+    terminal_ = std::make_unique<sv::cli::RawTerminal>(STDIN_FILENO);
+    if (terminal_->active()) {
+        loop_->watch(STDIN_FILENO, [this] {
+            char keys[16];
+            ssize_t n = read(STDIN_FILENO, keys, sizeof keys);
+            if (n <= 0) {
+                loop_->unwatch(STDIN_FILENO);
+                return;
+            }
+            for (ssize_t i = 0; i < n; ++i) onKey(keys[i]);
+        });
+    }
     auto size = options_.size ? *options_.size : defaultSize(options_.system, options_.layers);
     hintTimer_ = loop_->after(kConsentHintDelay, [this] {
         note(
             "sorvel record: waiting for the user to allow the recording (a consent agent "
-            "shows the question: sorvel consent-agent)...");
+            "shows the question: sorvel consent-agent; q or Ctrl-C gives up)...");
     });
     std::weak_ptr<Recorder> w = weak_from_this();
     client_->startRecordingWindowLayerContextIDs(
@@ -384,21 +397,10 @@ void Recorder::started(std::optional<SVRecorderError> error, bool microphone) {
     microphoneAllowed_ = microphoneOn_ = microphone;
     if (options_.microphone && !microphone)
         note("sorvel record: recording without the microphone (not allowed by the user)");
-    terminal_ = std::make_unique<sv::cli::RawTerminal>(STDIN_FILENO);
-    if (terminal_->active()) {
+    if (terminal_->active())
         note("Recording. p pause/resume, m microphone, q stop, d discard.");
-        loop_->watch(STDIN_FILENO, [this] {
-            char keys[16];
-            ssize_t n = read(STDIN_FILENO, keys, sizeof keys);
-            if (n <= 0) {
-                loop_->unwatch(STDIN_FILENO);
-                return;
-            }
-            for (ssize_t i = 0; i < n; ++i) onKey(keys[i]);
-        });
-    } else {
+    else
         note("Recording.");
-    }
     pollStatus();
     if (options_.duration) {
         std::weak_ptr<Recorder> w = weak_from_this();
@@ -438,6 +440,11 @@ void Recorder::pollStatus() {
 }
 
 void Recorder::onKey(char key) {
+    if (phase_ == Phase::Starting && (key == 'q' || key == 'Q')) {
+        // Leaving closes the connection: the service withdraws the question.
+        fail("sorvel record: cancelled before the recording started");
+        return;
+    }
     if (phase_ != Phase::Recording) return;
     switch (key) {
         case 'p':

@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <functional>
 
 #include <gtest/gtest.h>
 
@@ -171,6 +172,68 @@ TEST_F(RecordEndToEndTest, ADaemonRestartEndsTheRecordingAndTheAgentComesBack) {
         << sv::test::readFile(agentLog);
     p = record({"--duration", "1"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
+}
+
+// A consent agent that stays but never answers: `sorvel record` waits (a
+// person may take their time) and can be given up with q or Ctrl-C; the
+// question then leaves the agent, which goes on serving.
+TEST_F(RecordEndToEndTest, GivingUpWhileTheUserIsAskedWithdrawsTheQuestion) {
+    // The terminal agent asks on a terminal where nobody types.
+    sv::test::PtyChild agent({SORVEL, "consent-agent"}, env_);
+    ASSERT_TRUE(sv::test::eventually(
+        [&] { return contains(agent.drain(), "registered with the service"); }, 30s))
+        << agent.drain();
+    struct Case {
+        const char* name;
+        std::function<void(sv::test::PtyChild&)> giveUp;
+    };
+    const Case cases[] = {
+        {"q", [](sv::test::PtyChild& c) { c.type("q"); }},
+        {"Ctrl-C", [](sv::test::PtyChild& c) { kill(c.pid(), SIGINT); }},
+    };
+    size_t withdrawn = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        sv::test::PtyChild record({SORVEL, "record", "-o", output()}, env_);
+        ASSERT_TRUE(sv::test::eventually(
+            [&] { return contains(record.drain(), "waiting for the user"); }, 60s))
+            << record.drain();
+        ASSERT_TRUE(
+            sv::test::eventually([&] { return contains(agent.drain(), "Your choice"); }, 30s))
+            << agent.drain();
+        c.giveUp(record);
+        EXPECT_EQ(record.wait(60s), 1) << record.drain();
+        EXPECT_TRUE(contains(record.drain(), "cancelled before the recording started"))
+            << record.drain();
+        ++withdrawn;
+        EXPECT_TRUE(sv::test::eventually(
+            [&] {
+                const std::string& log = agent.drain();
+                size_t n = 0;
+                for (size_t at = log.find("withdrawn by the service"); at != std::string::npos;
+                     at = log.find("withdrawn by the service", at + 1))
+                    ++n;
+                return n == withdrawn;
+            },
+            30s))
+            << agent.drain();
+    }
+    EXPECT_FALSE(std::filesystem::exists(output()));
+    // The agent still answers: the next question is answered on its terminal.
+    sv::test::PtyChild record({SORVEL, "record", "-o", output(), "--duration", "1"}, env_);
+    ASSERT_TRUE(sv::test::eventually(
+        [&] {
+            const std::string& log = agent.drain();
+            size_t n = 0;
+            for (size_t at = log.find("Your choice"); at != std::string::npos;
+                 at = log.find("Your choice", at + 1))
+                ++n;
+            return n == 3;
+        },
+        60s))
+        << agent.drain();
+    agent.type("1\n");
+    EXPECT_EQ(record.wait(120s), 0) << record.drain();
 }
 
 // Mono PCM of one audio track of `path` (the first channel).
