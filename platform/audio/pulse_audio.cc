@@ -267,6 +267,9 @@ class RecordStream {
     // playback streams, whose reported latency is the sink's look-ahead
     // rather than an age, that is when the server mixed the audio.
     enum class Timing { Device, Arrival };
+    // How long a device's first audio may wait for the server's first timing
+    // update before it is stamped without it.
+    static constexpr pa_usec_t kMaxWaitForTimingUsec = 250000;
 
     RecordStream(PulseConnection* conn, const pa_sample_spec& sampleSpec, Timing timing,
                  DataHandler onData, std::function<void()> onEnded)
@@ -288,6 +291,9 @@ class RecordStream {
         pa_stream_set_state_callback(s, &RecordStream::onState, this);
         pa_stream_set_overflow_callback(
             s, [](pa_stream*, void* u) { static_cast<RecordStream*>(u)->anchored_ = false; }, this);
+        // Reads that waited for the first timing update go on with it.
+        pa_stream_set_latency_update_callback(
+            s, [](pa_stream* st, void* u) { onRead(st, 0, u); }, this);
         pa_buffer_attr attr;
         attr.maxlength = uint32_t(-1);
         attr.tlength = attr.prebuf = attr.minreq = uint32_t(-1);
@@ -305,6 +311,7 @@ class RecordStream {
         pa_stream_set_read_callback(stream_.get(), nullptr, nullptr);
         pa_stream_set_state_callback(stream_.get(), nullptr, nullptr);
         pa_stream_set_overflow_callback(stream_.get(), nullptr, nullptr);
+        pa_stream_set_latency_update_callback(stream_.get(), nullptr, nullptr);
         stream_.reset();
     }
 
@@ -325,9 +332,24 @@ class RecordStream {
         const uint64_t now = HostClock::now();
         pa_usec_t latency = 0;
         int negative = 0;
-        if (self->timing_ == Timing::Arrival || pa_stream_get_latency(s, &latency, &negative) < 0) {
-            // No timing information yet: take the newest frame as recorded now.
-            latency = pa_bytes_to_usec(pa_stream_readable_size(s), &self->spec_);
+        const size_t readable = pa_stream_readable_size(s);
+        if (readable == size_t(-1) || readable == 0) return;
+        bool measured =
+            self->timing_ == Timing::Device && pa_stream_get_latency(s, &latency, &negative) == 0;
+        // A device's first reads often come before the server's first timing
+        // update. Anchoring them on "recorded just now" stamps them as late as
+        // the device buffers (up to half a second on a device that was
+        // idle), and the correction that follows once the latency is known
+        // sends the stamps back in time: the movie writer then drops every
+        // sample until they pass the last one. So the data waits (the timing
+        // update reads it, see connect) unless it piles up.
+        if (!measured && self->timing_ == Timing::Device && !self->anchored_ &&
+            readable < pa_usec_to_bytes(kMaxWaitForTimingUsec, &self->spec_))
+            return;
+        if (!measured) {
+            // Arrival timing, or no timing information for too long: take the
+            // newest frame as recorded now.
+            latency = pa_bytes_to_usec(readable, &self->spec_);
             negative = 0;
         }
         // The oldest unread frame was recorded `latency` ago (or, for a source
