@@ -28,5 +28,6 @@ if(NOT LIBYUV_FOUND)
     set(LIBYUV_FOUND TRUE)
   endif()
 endif()
-# The X11 window system of the foreground tracking (core protocol only).
-pkg_check_modules(XCB_CORE REQUIRED IMPORTED_TARGET xcb)
+# The X11 window system of the foreground tracking (the core protocol, and
+# X-Resource for the process behind a window).
+pkg_check_modules(XCB_CORE REQUIRED IMPORTED_TARGET xcb xcb-res)

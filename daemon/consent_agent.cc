@@ -1,6 +1,7 @@
 #include "daemon/consent_agent.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "platform/log.h"
 #include "protocol/recording_protocol.h"
@@ -27,8 +28,9 @@ Value withID(Value request, uint64_t alertID) {
 
 }  // namespace
 
-std::shared_ptr<SVConsentAgentRegistry> SVConsentAgentRegistry::create() {
-    return std::shared_ptr<SVConsentAgentRegistry>(new SVConsentAgentRegistry);
+std::shared_ptr<SVConsentAgentRegistry> SVConsentAgentRegistry::create(
+    std::chrono::milliseconds agentWait) {
+    return std::shared_ptr<SVConsentAgentRegistry>(new SVConsentAgentRegistry(agentWait));
 }
 
 void SVConsentAgentRegistry::registerAgent(const std::shared_ptr<ipc::Connection>& connection,
@@ -40,9 +42,17 @@ void SVConsentAgentRegistry::registerAgent(const std::shared_ptr<ipc::Connection
     }
     log::info("SVConsentAgentRegistry: consent agent registered (pid %i, languages %@)",
               int32_t(connection->processIdentifier()), Value(languages));
-    std::lock_guard lock(mutex_);
-    agent_ = connection;
-    languages_ = std::move(languages);
+    std::vector<Waiting> waiting;
+    {
+        std::lock_guard lock(mutex_);
+        agent_ = connection;
+        languages_ = std::move(languages);
+        waiting.swap(waiting_);
+    }
+    for (auto& w : waiting) {
+        w.timer->cancel();
+        send(connection, w.alertID, w.request, w.reply);
+    }
 }
 
 void SVConsentAgentRegistry::connectionEnded(const ipc::Connection* connection) {
@@ -75,17 +85,54 @@ bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& 
     std::shared_ptr<ipc::Connection> agent;
     {
         std::lock_guard lock(mutex_);
-        agent = agent_.lock();
-        if (!agent || agent->isInvalidated()) {
-            log::error("SVConsentAgentRegistry: no consent agent is registered");
-            return false;
-        }
         if (pending_.size() >= kMaxAlertsAtAgent) {
             log::error("SVConsentAgentRegistry: %lu alerts already wait for the consent agent",
                        pending_.size());
             return false;
         }
-        pending_.emplace(alertID, Pending{reply, agent});
+        agent = agent_.lock();
+        if (!agent || agent->isInvalidated()) {
+            if (agentWait_.count() <= 0) {
+                log::error("SVConsentAgentRegistry: no consent agent is registered");
+                return false;
+            }
+            log::info("SVConsentAgentRegistry: alert %lu waits for a consent agent", alertID);
+            pending_.emplace(alertID, Pending{reply, {}});
+            std::weak_ptr<SVConsentAgentRegistry> weak = weak_from_this();
+            auto timer = Timer::schedule(
+                DispatchQueue::global(), agentWait_, std::chrono::nanoseconds(0), [weak, alertID] {
+                    auto self = weak.lock();
+                    if (!self) return;
+                    std::optional<AlertReply> expired;
+                    {
+                        std::lock_guard lock(self->mutex_);
+                        auto& w = self->waiting_;
+                        auto it = std::find_if(w.begin(), w.end(), [&](const Waiting& x) {
+                            return x.alertID == alertID;
+                        });
+                        if (it == w.end()) return;
+                        expired = it->reply;
+                        w.erase(it);
+                        self->pending_.erase(alertID);
+                    }
+                    log::error("SVConsentAgentRegistry: no consent agent registered for alert %lu",
+                               alertID);
+                    (*expired)(AlertResponse::Cancelled);
+                });
+            waiting_.push_back({alertID, request, std::move(reply), std::move(timer)});
+            return true;
+        }
+        pending_.emplace(alertID, Pending{reply, {}});
+    }
+    send(agent, alertID, request, reply);
+    return true;
+}
+
+void SVConsentAgentRegistry::send(const std::shared_ptr<ipc::Connection>& agent, uint64_t alertID,
+                                  const AlertRequest& request, const AlertReply& reply) {
+    {
+        std::lock_guard lock(mutex_);
+        if (auto it = pending_.find(alertID); it != pending_.end()) it->second.agent = agent;
     }
     // The registry is held weakly: an alert outliving it is answered by its
     // reply's own end (Cancelled).
@@ -109,22 +156,34 @@ bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& 
             reply(response.value_or(AlertResponse::Cancelled));
             if (auto self = weak.lock()) self->alertDone(alertID);
         });
-    return true;
 }
 
 void SVConsentAgentRegistry::withdrawAlert(uint64_t alertID) {
     // The alert answered Cancelled already; the agent's late answer, if it
-    // still comes, only frees the slot.
+    // still comes, only frees the slot. One still waiting for an agent is
+    // dropped; one at an agent that takes withdrawals is taken down there.
+    std::shared_ptr<Timer> timer;
     std::shared_ptr<ipc::Connection> agent;
     {
         std::lock_guard lock(mutex_);
-        auto it = pending_.find(alertID);
-        if (it == pending_.end()) return;
-        agent = it->second.agent.lock();
-        const bool withdraws =
-            agent && std::any_of(withdrawing_.begin(), withdrawing_.end(),
-                                 [&](const auto& w) { return w.lock() == agent; });
-        if (!withdraws) agent.reset();
+        auto w = std::find_if(waiting_.begin(), waiting_.end(),
+                              [&](const Waiting& x) { return x.alertID == alertID; });
+        if (w != waiting_.end()) {
+            timer = std::move(w->timer);
+            waiting_.erase(w);
+            pending_.erase(alertID);
+        } else if (auto it = pending_.find(alertID); it != pending_.end()) {
+            agent = it->second.agent.lock();
+            const bool withdraws =
+                agent && std::any_of(withdrawing_.begin(), withdrawing_.end(),
+                                     [&](const auto& x) { return x.lock() == agent; });
+            if (!withdraws) agent.reset();
+        }
+    }
+    if (timer) {
+        log::debug("SVConsentAgentRegistry: alert %lu withdrawn before an agent came", alertID);
+        timer->cancel();
+        return;
     }
     if (!agent) {
         log::debug("SVConsentAgentRegistry: alert %lu withdrawn; the agent keeps it", alertID);

@@ -6,7 +6,10 @@
 // presentAlert:handler:, and the agent's answer answers the alert.
 //
 // With no agent registered, or with one whose connection has ended, an alert
-// cannot be created (presentAlert returns false). An agent that goes away
+// cannot be created (presentAlert returns false), unless the registry was
+// made to wait for one: then the alert waits up to that long for an agent to
+// register (an agent started together with the service) and is sent to it,
+// or answers Cancelled when none came. An agent that goes away
 // while it shows alerts answers them all Cancelled (the IPC layer fails
 // their pending calls); so does an answer that is not one of the four
 // names. At most kMaxAlertsAtAgent alerts wait for answers at once; a
@@ -18,6 +21,7 @@
 // layer keeps them while they are open).
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -26,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/dispatch.h"
 #include "platform/ipc/ipc.h"
 #include "platform/system/system_alert.h"
 
@@ -39,7 +44,10 @@ inline constexpr size_t kMaxLanguageIdentifierBytes = 35;
 class SVConsentAgentRegistry : public AlertPresenter,
                                public std::enable_shared_from_this<SVConsentAgentRegistry> {
   public:
-    static std::shared_ptr<SVConsentAgentRegistry> create();
+    // `agentWait`: how long an alert waits for an agent when none is
+    // registered (zero: it cannot be shown).
+    static std::shared_ptr<SVConsentAgentRegistry> create(
+        std::chrono::milliseconds agentWait = std::chrono::milliseconds(0));
 
     // `connection` becomes the consent agent, replacing any earlier one
     // (whose shown alerts stay with it). Its remote object interface must be
@@ -67,17 +75,31 @@ class SVConsentAgentRegistry : public AlertPresenter,
     void enableWithdrawal(const std::shared_ptr<ipc::Connection>& connection);
 
   private:
-    SVConsentAgentRegistry() = default;
+    explicit SVConsentAgentRegistry(std::chrono::milliseconds agentWait) : agentWait_(agentWait) {}
     void alertDone(uint64_t alertID);
+    // Sends an alert counted in pending_ to `agent`.
+    void send(const std::shared_ptr<ipc::Connection>& agent, uint64_t alertID,
+              const AlertRequest& request, const AlertReply& reply);
 
+    // An alert waiting for an agent to register; its timer answers it
+    // Cancelled when none comes.
+    struct Waiting {
+        uint64_t alertID;
+        AlertRequest request;
+        AlertReply reply;
+        std::shared_ptr<Timer> timer;
+    };
+
+    const std::chrono::milliseconds agentWait_;
     mutable std::mutex mutex_;
     std::weak_ptr<ipc::Connection> agent_;
     std::vector<std::string> languages_;
     struct Pending {
         AlertReply reply;
-        std::weak_ptr<ipc::Connection> agent;  // the agent that shows it
+        std::weak_ptr<ipc::Connection> agent;  // the agent that shows it; empty while waiting
     };
-    std::map<uint64_t, Pending> pending_;  // alerts at an agent, by identifier
+    std::map<uint64_t, Pending> pending_;  // alerts at an agent or waiting, by identifier
+    std::vector<Waiting> waiting_;
     // Agents that sent enableAlertWithdrawal (expired ones are pruned).
     std::vector<std::weak_ptr<ipc::Connection>> withdrawing_;
 };

@@ -67,6 +67,12 @@ std::optional<std::string> SVDaemonPlatform::frontmostApplicationBundleIdentifie
     return ui_->frontmostApplicationBundleIdentifier();
 }
 
+void SVDaemonPlatform::synchronizeWindowSystem(std::chrono::milliseconds timeout) const {
+    if (!ui_->synchronize(timeout))
+        log::error("SVRecordingManager: the window system did not catch up within %li ms",
+                   int64_t(timeout.count()));
+}
+
 void SVDaemonPlatform::applicationConnected(const std::string& bundleID, pid_t pid) {
     if (!windowSystem_ || bundleID.empty()) return;
     windowSystem_->launchApplication(bundleID, int32_t(pid));

@@ -20,6 +20,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -50,6 +51,11 @@ class SVDaemonPlatform {
     std::shared_ptr<ApplicationStateMonitor> makeApplicationStateMonitor() const;
     std::shared_ptr<DisplayLayoutMonitor> makeMainDisplayLayoutMonitor() const;
     std::optional<std::string> frontmostApplicationBundleIdentifier() const;
+    // Brings what the window system reports up to date with the display
+    // (UiBackend::synchronize), waiting at most `timeout`. Called before a
+    // start request's foreground check: an application may ask to record the
+    // moment its window appears.
+    void synchronizeWindowSystem(std::chrono::milliseconds timeout) const;
 
     // The application of `pid` connected / went away (synthetic only).
     void applicationConnected(const std::string& bundleID, pid_t pid);

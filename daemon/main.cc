@@ -4,6 +4,7 @@
 // for a while).
 #include <malloc.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -56,12 +57,28 @@ void usage(FILE* out) {
         "                        (default: $SORVEL_SCREEN_BACKEND, else X11 when $DISPLAY\n"
         "                        names a reachable server, else synthetic)\n"
         "  --idle-exit SECONDS   when started by socket activation, end after this long with\n"
-        "                        no recording and no connection (default: 60)\n"
+        "                        no recording and no connection but the consent agent's\n"
+        "                        (default: 60)\n"
+        "  --agent-wait SECONDS  with no consent agent registered, a consent question waits\n"
+        "                        this long for one (an agent started with the service)\n"
+        "                        before the recording is refused (default: 0)\n"
         "  --test-clock          let the shell channel move the clock of consent\n"
         "                        exemptions forward (advanceClockBy:); for tests only\n"
         "  -h, --help            show this help\n\n"
         "Services: org.sorvel.sorveld (applications), org.sorvel.sorveld.shell (the\n"
-        "operating system's side; see `sorvel shell --help`).\n");
+        "operating system's side; see `sorvel shell --help`), sockets in the runtime\n"
+        "directory; sockets passed by systemd (sorveld.socket) are used when present.\n\n"
+        "Exit status: 255 ended by SIGTERM, SIGINT or the idle exit (the service's\n"
+        "normal end); 1 it cannot start (no home directory, a backend that cannot be\n"
+        "used, another instance listening); 2 usage.\n\n"
+        "Environment: SORVEL_RUNTIME_DIR, XDG_RUNTIME_DIR (the runtime directory);\n"
+        "HOME (the movie store); SORVEL_LOG_LEVEL; SORVEL_AUDIO_BACKEND,\n"
+        "SORVEL_SCREEN_BACKEND, DISPLAY (capture); SORVEL_BUNDLE_PATH, XDG_DATA_HOME\n"
+        "(bundles of applications, before the installed ones); LISTEN_FDS,\n"
+        "LISTEN_FDNAMES (socket activation).\n\n"
+        "Files: ~/Library/Sorvel/ the movie store; <prefix>/share/sorvel/ string tables\n"
+        "and bundles; ~/.local/share/sorvel/bundles/ the user's bundles.\n\n"
+        "See also: sorvel(1), systemctl --user enable --now sorveld.socket.\n");
 }
 
 struct Options {
@@ -69,6 +86,7 @@ struct Options {
     std::optional<sv::AudioBackendKind> audioBackend;
     std::optional<sv::ScreenBackendKind> screenBackend;
     long idleExitSeconds = 60;
+    long agentWaitSeconds = 0;
     bool testClock = false;
 };
 
@@ -105,11 +123,14 @@ int parse(int argc, char** argv, Options& o) {
             }
         } else if (a == "--test-clock") {
             o.testClock = true;
-        } else if (a == "--idle-exit" && (v = value())) {
+        } else if ((a == "--idle-exit" || a == "--agent-wait") && (v = value())) {
             char* end = nullptr;
-            o.idleExitSeconds = std::strtol(v, &end, 10);
-            if (!*v || *end || o.idleExitSeconds < 0) {
-                std::fprintf(stderr, "sorveld: --idle-exit needs a number of seconds\n");
+            long& seconds = a == "--idle-exit" ? o.idleExitSeconds : o.agentWaitSeconds;
+            errno = 0;
+            seconds = std::strtol(v, &end, 10);
+            if (!*v || *end || errno || seconds < 0 || seconds > 86400) {
+                std::fprintf(stderr, "sorveld: %s needs a number of seconds (up to 86400)\n",
+                             a.c_str());
                 return 2;
             }
         } else {
@@ -195,7 +216,8 @@ int main(int argc, char** argv) {
 
     // Consent alerts go to the consent agent that registers on the shell
     // channel.
-    auto agents = sv::SVConsentAgentRegistry::create();
+    auto agents =
+        sv::SVConsentAgentRegistry::create(std::chrono::seconds(options.agentWaitSeconds));
     sv::setAlertPresenter(agents);
     sv::SVRecordingManager::Options managerOptions;
     managerOptions.consentAgents = agents;
@@ -221,7 +243,10 @@ int main(int argc, char** argv) {
     sv::PurgeableSpaceService::shared().startPeriodicCalls(std::chrono::hours(1));
     sv::KeepAlive::shared().armIdleExit(
         std::chrono::seconds(options.idleExitSeconds),
-        [] { return sv::ipc::openConnectionCount() > 0; }, [] { sv::MainRunLoop::stop(); });
+        // A consent agent stays connected while it runs; it keeps no
+        // service alive on its own.
+        [agents] { return sv::ipc::openConnectionCount() > (agents->hasAgent() ? 1u : 0u); },
+        [] { sv::MainRunLoop::stop(); });
 
     sv::MainRunLoop::run();
 

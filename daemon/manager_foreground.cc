@@ -85,6 +85,16 @@ void SVRecordingManager::layoutMonitorDidUpdateDisplayLayout(const DisplayLayout
     if (!interrupt) return;
     auto session = recordingSession();
     if (!session || session->isSystemRecording()) return;
+    if (!platform_->isSynthetic()) {
+        // A desktop application's recording shows its own windows and
+        // nothing else, at their own size: another window on top, a
+        // minimised window or another workspace change nothing that the
+        // movie shows, so the layout ends no recording (the picture pauses
+        // while the windows are hidden; a destroyed window ends it).
+        log::debug("SVRecordingManager: display layout %@ on a desktop keeps the recording of %@",
+                   layout.description(), session->bundleID());
+        return;
+    }
     log::info("SVRecordingManager: display layout %@ interrupts the recording of %@",
               layout.description(), session->bundleID());
     const uint64_t generation = generationOf(session);

@@ -12,6 +12,9 @@
 namespace sv {
 namespace {
 
+// The longest a start request waits for the window system to see the
+// display as it is (one round trip to the display server, normally).
+constexpr std::chrono::milliseconds kWindowSystemCatchUp{500};
 constexpr const char* kInfoProcessModeKey = "SVBroadcastInfoExtensionProcessModeKey";
 constexpr const char* kInfoUserInfoKey = "SVBroadcastInfoExtensionUserInfoKey";
 
@@ -48,6 +51,7 @@ void SVRecordingManager::startRecordingWindowLayerContextIDs(
     // A process outside any bundle has no session to record with: even a
     // system recording would start nothing and never be answered.
     const std::string bundleID = session ? session->bundleID() : std::string();
+    if (session && !systemRecording) platform_->synchronizeWindowSystem(kWindowSystemCatchUp);
     if (!session ||
         (!systemRecording && !isApplicationInForegroundWithBundleIdentifier(bundleID))) {
         log::info("app is not in the foreground, calling handler with error");

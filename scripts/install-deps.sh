@@ -13,8 +13,9 @@ PACKAGES=(
   libx264-dev libyuv-dev ffmpeg
   libpulse-dev pulseaudio pulseaudio-utils systemd
   libx11-dev libxext-dev libxfixes-dev libxrandr-dev
-  libxcb1-dev libxcb-shm0-dev libxcb-composite0-dev libxcb-randr0-dev libxcb-xfixes0-dev xvfb
+  libxcb1-dev libxcb-shm0-dev libxcb-composite0-dev libxcb-randr0-dev libxcb-xfixes0-dev libxcb-res0-dev xvfb openbox x11-xserver-utils
   python3 python3-cbor2
+  man-db groff-base bsdextrautils bash-completion dpkg-dev file
 )
 
 missing=()

@@ -233,7 +233,14 @@ void SVRecordingSession::_resumeOrStartSession(uint64_t generation) {
     auto mirroring = backend ? backend->mirroringService() : nullptr;
     if (isSystemRecording()) {
         log::info("mirror mode");
-        if (mirroring) mirroring->setCloneMirroringMode(kCloneMirroringModeMirror);
+        if (mirroring) {
+            // A system recording's identifiers choose a part of the display
+            // where the backend has parts (an X11 RandR monitor); none is
+            // the whole display.
+            const auto ids = contextIDs();
+            mirroring->setLayerContextsToClone(std::set<uint32_t>(ids.begin(), ids.end()));
+            mirroring->setCloneMirroringMode(kCloneMirroringModeMirror);
+        }
     } else {
         log::info("clone mode");
         const auto ids = contextIDs();

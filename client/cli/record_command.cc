@@ -28,6 +28,7 @@
 
 #include "client/cli/cli_loop.h"
 #include "client/cli/movie_summary.h"
+#include "client/cli/x11_monitors.h"
 #include "client/cli_command.h"
 #include "client/shell_client.h"
 #include "platform/ipc/ipc.h"
@@ -52,10 +53,13 @@ constexpr const char* kUsage =
     "  --duration SECONDS     stop after this much recorded time (pauses do not count)\n"
     "  --mic                  record the microphone too (the user is asked)\n"
     "  --system               record the whole display instead of this command's layers\n"
+    "  --monitor NAME         with --system on X11: record this monitor alone (names:\n"
+    "                         sorvel monitors)\n"
     "  --layer ID             record this layer context; repeat for more (default: the\n"
     "                         layers the service shows for this command)\n"
     "  --size WxH             the recorded size in pixels (default on X11: the display's\n"
-    "                         size for --system, the first window's for --layer;\n"
+    "                         size for --system, the monitor's for --monitor, the\n"
+    "                         first window's for --layer;\n"
     "                         else 1600x900)\n"
     "  --trim-start SECONDS   with --trim-end: cut whole seconds from the movie's start\n"
     "  --trim-end SECONDS     and end when it is finished\n"
@@ -180,6 +184,11 @@ struct Options {
     std::optional<double> duration;
     bool microphone = false;
     bool system = false;
+    std::optional<std::string> monitorName;
+    // The monitor's name atom, sent as the system recording's identifier,
+    // and its size (the default movie size).
+    std::optional<uint32_t> monitor;
+    std::optional<sv::SVWindowSize> monitorSize;
     std::vector<uint32_t> layers;
     std::optional<sv::SVWindowSize> size;
     std::optional<double> trimStart, trimEnd;
@@ -371,7 +380,9 @@ void Recorder::start() {
             for (ssize_t i = 0; i < n; ++i) onKey(keys[i]);
         });
     }
-    auto size = options_.size ? *options_.size : defaultSize(options_.system, options_.layers);
+    auto size = options_.size          ? *options_.size
+                : options_.monitorSize ? *options_.monitorSize
+                                       : defaultSize(options_.system, options_.layers);
     hintTimer_ = loop_->after(kConsentHintDelay, [this] {
         note(
             "sorvel record: waiting for the user to allow the recording (a consent agent "
@@ -379,7 +390,8 @@ void Recorder::start() {
     });
     std::weak_ptr<Recorder> w = weak_from_this();
     client_->startRecordingWindowLayerContextIDs(
-        options_.layers, size, options_.microphone, false, false, options_.system,
+        options_.monitor ? std::vector<uint32_t>{*options_.monitor} : options_.layers, size,
+        options_.microphone, false, false, options_.system,
         [w](std::optional<SVRecorderError> error, bool microphone, bool) {
             if (auto self = w.lock()) self->started(std::move(error), microphone);
         });
@@ -630,6 +642,9 @@ int runRecord(int argc, char** argv) {
             o.microphone = true;
         } else if (a == "--system") {
             o.system = true;
+        } else if (a == "--monitor") {
+            if (!(v = value())) return usageError("--monitor needs a monitor name");
+            o.monitorName = v;
         } else if (a == "--layer") {
             auto id = (v = value()) ? parseLayer(v) : std::nullopt;
             if (!id) return usageError("--layer needs a layer context identifier");
@@ -651,6 +666,26 @@ int runRecord(int argc, char** argv) {
     if (o.trimStart.has_value() != o.trimEnd.has_value())
         return usageError("--trim-start and --trim-end go together");
     if (o.system && !o.layers.empty()) return usageError("--system records every layer");
+    if (o.monitorName) {
+        if (!o.system) return usageError("--monitor goes with --system");
+        auto monitors = sv::cli::listX11Monitors();
+        if (!monitors) {
+            std::fprintf(stderr, "sorvel record: %s\n", monitors.error().description().c_str());
+            return 1;
+        }
+        for (const auto& m : *monitors)
+            if (m.name == *o.monitorName) {
+                o.monitor = m.nameAtom;
+                o.monitorSize = sv::SVWindowSize{float(m.width), float(m.height)};
+            }
+        if (!o.monitor) {
+            std::string names;
+            for (const auto& m : *monitors) names += " " + m.name;
+            std::fprintf(stderr, "sorvel record: no monitor named %s (there are:%s)\n",
+                         o.monitorName->c_str(), names.empty() ? " none" : names.c_str());
+            return 1;
+        }
+    }
     {
         // Fail before recording, not after: the output must be writable.
         namespace fs = std::filesystem;

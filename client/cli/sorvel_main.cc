@@ -21,9 +21,23 @@ const std::vector<Command>& commands() {
 }  // namespace sv::cli
 
 static void usage(FILE* out) {
-    std::fprintf(out, "usage: sorvel <command> [options]\n\ncommands:\n");
+    std::fprintf(out,
+                 "usage: sorvel <command> [options]\n\n"
+                 "The command-line tool of the screen-recording service: records through it,\n"
+                 "answers its consent questions, speaks for the device's shell, and trims and\n"
+                 "inspects movies.\n\ncommands:\n");
     for (const auto& c : sv::cli::commands()) std::fprintf(out, "  %-14s %s\n", c.name, c.summary);
-    std::fprintf(out, "\nRun 'sorvel <command> --help' for the options of a command.\n");
+    std::fprintf(
+        out,
+        "\nRun 'sorvel <command> --help' for the options of a command.\n\n"
+        "Exit status: 0 done; 1 the command failed (the service did not answer or\n"
+        "refused, a movie could not be read or written); 2 usage.\n\n"
+        "Environment: SORVEL_RUNTIME_DIR, else XDG_RUNTIME_DIR: the directory of the\n"
+        "service's sockets; LANGUAGE, LC_ALL, LC_MESSAGES, LANG: the language of the\n"
+        "consent questions; DISPLAY: the X display (record --system, consent-agent --gui).\n\n"
+        "Files: <prefix>/share/sorvel/bundles/sorvel-recorder/ the bundle\n"
+        "\"org.sorvel.recorder\" that this program lives in.\n\n"
+        "See also: sorveld(8).\n");
 }
 
 int main(int argc, char** argv) {

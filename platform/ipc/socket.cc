@@ -8,11 +8,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include <asio/executor_work_guard.hpp>
 
@@ -129,12 +131,37 @@ bool isResourceExhaustion(int err) {
     return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM;
 }
 
+namespace {
+
+// The file name a passed Unix socket is bound to ("" for other sockets and
+// abstract addresses).
+std::string boundFileName(int fd) {
+    sockaddr_un address{};
+    socklen_t length = sizeof address;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+        address.sun_family != AF_UNIX || length <= offsetof(sockaddr_un, sun_path) ||
+        address.sun_path[0] == '\0')
+        return {};
+    std::string path(address.sun_path,
+                     strnlen(address.sun_path, length - offsetof(sockaddr_un, sun_path)));
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+struct ActivatedSocket {
+    std::string name;      // LISTEN_FDNAMES entry; "" when systemd knows none
+    std::string fileName;  // the socket file's name in its directory
+    int fd;
+};
+
+}  // namespace
+
 int takeActivatedSocket(const std::string& name) {
     static std::mutex m;
-    static std::vector<std::pair<std::string, int>>* fds = nullptr;
+    static std::vector<ActivatedSocket>* fds = nullptr;
     std::lock_guard lock(m);
     if (!fds) {
-        fds = new std::vector<std::pair<std::string, int>>;
+        fds = new std::vector<ActivatedSocket>;
         // The environment stays: the keep-alive reads it too. Names that
         // systemd sets to "unknown" (no FileDescriptorName=) match any name.
         char** names = nullptr;
@@ -144,21 +171,29 @@ int takeActivatedSocket(const std::string& name) {
             fcntl(fd, F_SETFD, FD_CLOEXEC);
             std::string fdName = names && names[i] ? names[i] : "";
             if (fdName == "unknown") fdName.clear();
-            fds->emplace_back(std::move(fdName), fd);
+            fds->push_back({std::move(fdName), boundFileName(fd), fd});
         }
         if (names) {
             for (int i = 0; i < n; ++i) std::free(names[i]);
             std::free(names);
         }
     }
-    for (auto it = fds->begin(); it != fds->end(); ++it) {
-        if (it->first == name || it->first.empty()) {
-            int fd = it->second;
+    // A socket named for the service; else one whose file has the service's
+    // name (one socket unit for several services names every socket after
+    // the unit); else one systemd knows no name for.
+    auto take = [&](auto matches) {
+        for (auto it = fds->begin(); it != fds->end(); ++it) {
+            if (!matches(*it)) continue;
+            const int fd = it->fd;
             fds->erase(it);
             return fd;
         }
-    }
-    return -1;
+        return -1;
+    };
+    int fd = take([&](const ActivatedSocket& s) { return s.name == name; });
+    if (fd < 0) fd = take([&](const ActivatedSocket& s) { return s.fileName == name; });
+    if (fd < 0) fd = take([&](const ActivatedSocket& s) { return s.name.empty(); });
+    return fd;
 }
 
 }  // namespace sv::ipc::detail

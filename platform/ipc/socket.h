@@ -64,7 +64,9 @@ int sendDatagram(int fd, const EncodedMessage& m);
 // would fail the same way.
 bool isResourceExhaustion(int err);
 
-// A socket systemd passed for `name` (LISTEN_FDS / LISTEN_FDNAMES), or -1.
+// A socket systemd passed for `name` (LISTEN_FDS / LISTEN_FDNAMES): the one
+// named `name`, else the one whose socket file is called `name`, else one
+// without a name; -1 when none is left.
 int takeActivatedSocket(const std::string& name);
 
 }  // namespace sv::ipc::detail

@@ -35,15 +35,14 @@ std::shared_ptr<ScreenBackend> makeScreenBackend(ScreenBackendKind kind, std::st
         (kind == ScreenBackendKind::Automatic && !displayName.empty())) {
 #if SV_HAVE_XCB
         std::string why;
-        backend = X11ScreenBackend::connect(displayName, &why);
+        // A named display is a real desktop even while its server is not up
+        // yet: capture starts when it answers, and recordings fail until
+        // then, rather than a synthetic display standing in for it.
+        backend = X11ScreenBackend::connect(displayName, {.waitForServer = true}, &why);
         if (!backend) {
-            if (kind == ScreenBackendKind::X11) {
-                log::error("Screen: the X11 backend cannot reach the X server \"%@\": %@",
-                           displayName, why);
-                if (error) *error = why;
-                return nullptr;
-            }
-            log::info("Screen: X server \"%@\" not reachable (%@)", displayName, why);
+            log::error("Screen: the X11 backend cannot be used: %@", why);
+            if (error) *error = why;
+            return nullptr;
         }
 #else
         if (kind == ScreenBackendKind::X11) {

@@ -44,9 +44,10 @@ enum class ScreenBackendKind { Automatic, X11, Synthetic };
 std::optional<ScreenBackendKind> parseScreenBackendKind(std::string_view text);
 
 // Automatic: SORVEL_SCREEN_BACKEND (x11|synthetic) when set, otherwise X11
-// when $DISPLAY names a server that answers within two seconds, otherwise
-// synthetic. X11: the server named by $DISPLAY; null (with `error`) when it
-// cannot be reached or the build has no X11 support. Logs the choice.
+// when $DISPLAY names a display, otherwise synthetic. X11: the server named
+// by $DISPLAY, used once it answers (X11ScreenBackend::Options::
+// waitForServer); null (with `error`) when no display is named or the build
+// has no X11 support. Logs the choice.
 std::shared_ptr<ScreenBackend> makeScreenBackend(
     ScreenBackendKind kind = ScreenBackendKind::Automatic, std::string* error = nullptr);
 

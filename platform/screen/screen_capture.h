@@ -7,8 +7,9 @@
 // contexts being cloned, and nothing while mirroring is ended.
 //
 // Frames: each frame is a video SampleBuffer whose pixels are a pooled BGRA
-// SharedSurface of exactly pixelWidth() x pixelHeight() (the source is scaled
-// when it differs), with one timing entry: presentation time = the capture
+// SharedSurface of exactly pixelWidth() x pixelHeight() (a source of another
+// size is scaled into it without distortion: X11 fits it with black bars),
+// with one timing entry: presentation time = the capture
 // instant on the host clock (HostClock, timescale 1e9), duration = the
 // minimum frame interval. Frames are paced by absolute deadlines on the host
 // clock (start + n * interval), so the rate does not drift; a deadline that

@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -79,6 +80,7 @@ struct ScreenInfo {
     bool xfixes = false;     // cursor images
     bool randr = false;      // 1.3 or later: primary output, current resources
     bool randrAny = false;   // any version: screen info rotation
+    bool monitors = false;   // 1.5 or later: monitors
     uint8_t randrFirstEvent = 0;
     bool shm = false;  // 1.2 or later, on a local socket
 };
@@ -166,6 +168,7 @@ Connection openConnection(const std::string& displayName, ScreenInfo& info, std:
             xcb_randr_query_version_reply(conn, randrCookie, nullptr));
         info.randrAny = bool(r);
         info.randr = r && (r->major_version > 1 || r->minor_version >= 3);
+        info.monitors = r && (r->major_version > 1 || r->minor_version >= 5);
         info.randrFirstEvent = randrExt->first_event;
     }
     if (shmExt) {
@@ -232,6 +235,14 @@ constexpr std::chrono::milliseconds kConnectTimeout{2000};
 // More windows than any application has; a larger set is refused rather
 // than costing a round trip per identifier each frame.
 constexpr size_t kMaxClonedWindows = 256;
+// The largest side of the picture composed from cloned windows (the memory
+// of one 8192x8192 picture is 256 MiB; an application's own windows rarely
+// span more than two large monitors).
+constexpr int32_t kMaxComposedSide = 8192;
+
+struct Rect {
+    int32_t x = 0, y = 0, w = 0, h = 0;
+};
 
 // Blends a premultiplied ARGB image (the cursor) onto a BGRX buffer.
 void blendCursor(uint8_t* buffer, int32_t stride, int32_t width, int32_t height,
@@ -259,6 +270,35 @@ void setOpaque(SharedSurface& surface) {
         auto* row = reinterpret_cast<uint32_t*>(surface.mutableRow(y));
         for (int32_t x = 0; x < surface.width(); ++x) row[x] |= 0xFF000000u;
     }
+}
+
+// Scales an image into a frame without distorting it: the image keeps its
+// aspect, centred, with black bars on the sides it does not fill.
+void fitInto(const uint8_t* src, int32_t srcStride, int32_t sw, int32_t sh, SharedSurface& dst) {
+    const int32_t dw = dst.width(), dh = dst.height();
+    uint8_t* out = dst.mutableData();
+    const int stride = int(dst.bytesPerRow());
+    if (sw == dw && sh == dh) {
+        libyuv::ARGBCopy(src, srcStride, out, stride, dw, dh);
+        return;
+    }
+    // The larger of the two fits decides: w/h compared without rounding.
+    int32_t fw = dw, fh = dh;
+    if (int64_t(sw) * dh > int64_t(sh) * dw)
+        fh = std::clamp(int32_t((int64_t(sh) * dw + sw / 2) / sw), 1, dh);
+    else
+        fw = std::clamp(int32_t((int64_t(sw) * dh + sh / 2) / sh), 1, dw);
+    const int32_t x0 = (dw - fw) / 2, y0 = (dh - fh) / 2;
+    constexpr uint32_t kBlack = 0xFF000000u;
+    if (y0 > 0) libyuv::ARGBRect(out, stride, 0, 0, dw, y0, kBlack);
+    if (y0 + fh < dh) libyuv::ARGBRect(out, stride, 0, y0 + fh, dw, dh - y0 - fh, kBlack);
+    if (x0 > 0) libyuv::ARGBRect(out, stride, 0, y0, x0, fh, kBlack);
+    if (x0 + fw < dw) libyuv::ARGBRect(out, stride, x0 + fw, y0, dw - x0 - fw, fh, kBlack);
+    uint8_t* target = out + size_t(y0) * size_t(stride) + size_t(x0) * 4;
+    if (sw == fw && sh == fh)
+        libyuv::ARGBCopy(src, srcStride, target, stride, fw, fh);
+    else
+        libyuv::ARGBScale(src, srcStride, sw, sh, target, stride, fw, fh, libyuv::kFilterBilinear);
 }
 
 GrabResult failed(CaptureFailure::Kind kind, int32_t status = kScreenCaptureNoError) {
@@ -294,7 +334,7 @@ class X11FrameSource final : public FrameSource {
 
         GrabResult result;
         if (mirroring.mode == kCloneMirroringModeMirror)
-            result = grabRoot();
+            result = grabRoot(mirroring);
         else
             result = grabCloned(mirroring);
         if (xcb_connection_has_error(c)) {
@@ -312,14 +352,7 @@ class X11FrameSource final : public FrameSource {
             log::error("Screen capture: no surface for a frame: %@", error);
             return failed(CaptureFailure::Kind::Failed, kScreenCaptureSurfaceUnavailable);
         }
-        const int32_t dw = surface->width(), dh = surface->height();
-        if (dw == composedWidth_ && dh == composedHeight_)
-            libyuv::ARGBCopy(composed_, composedStride_, surface->mutableData(),
-                             int(surface->bytesPerRow()), dw, dh);
-        else
-            libyuv::ARGBScale(composed_, composedStride_, composedWidth_, composedHeight_,
-                              surface->mutableData(), int(surface->bytesPerRow()), dw, dh,
-                              libyuv::kFilterBilinear);
+        fitInto(composed_, composedStride_, composedWidth_, composedHeight_, *surface);
         setOpaque(*surface);
         result.surface = std::move(surface);
         // The root window is laid out the way the user sees it (RandR turns
@@ -358,6 +391,8 @@ class X11FrameSource final : public FrameSource {
         useShm_ = info_.shm && sharedMemory_;
         cloned_.clear();
         cloneVersion_ = ~uint64_t(0);
+        haveClonedPicture_ = false;
+        monitorVersion_ = ~uint64_t(0);
         if (info_.randrAny)
             xcb_randr_select_input(
                 conn_.get(), info_.root,
@@ -383,6 +418,7 @@ class X11FrameSource final : public FrameSource {
                 screenChanged = true;
         }
         if (!screenChanged) return;
+        monitorsChanged_ = true;
         Reply<xcb_get_geometry_reply_t> g(xcb_get_geometry_reply(
             conn_.get(), xcb_get_geometry(conn_.get(), info_.root), nullptr));
         if (g) {
@@ -453,17 +489,65 @@ class X11FrameSource final : public FrameSource {
         return true;
     }
 
-    GrabResult grabRoot() {
+    // The part of the root window that mirror mode shows: the one RandR
+    // monitor whose name atom is among the clone set's identifiers, else
+    // the whole screen (a system recording sends no identifiers, or an
+    // application's own layers, which name no monitor). Nothing once the
+    // monitor chosen is not there any more.
+    std::optional<Rect> mirroredArea(const BasicDisplayMirroringService::Snapshot& mirroring) {
+        const Rect screen{0, 0, info_.width, info_.height};
+        if (mirroring.contextIDs.empty() || !info_.monitors) return screen;
+        // Monitors declared or removed (xrandr --setmonitor) send no event
+        // of their own: the list is read again every second too.
+        const auto now = std::chrono::steady_clock::now();
+        const bool newSet = monitorVersion_ != mirroring.version;
+        if (!newSet && !monitorsChanged_ && now - monitorsRead_ < std::chrono::seconds(1))
+            return monitorName_ ? monitorArea_ : screen;
+        monitorVersion_ = mirroring.version;
+        monitorsChanged_ = false;
+        monitorsRead_ = now;
+        if (newSet) monitorName_.reset();
+        monitorArea_.reset();
+        xcb_connection_t* c = conn_.get();
+        Reply<xcb_randr_get_monitors_reply_t> r(
+            xcb_randr_get_monitors_reply(c, xcb_randr_get_monitors(c, info_.root, 1), nullptr));
+        if (!r) return monitorName_ ? std::nullopt : std::optional<Rect>(screen);
+        for (auto it = xcb_randr_get_monitors_monitors_iterator(r.get()); it.rem;
+             xcb_randr_monitor_info_next(&it)) {
+            const uint32_t name = it.data->name;
+            if (monitorName_ ? name != *monitorName_ : !mirroring.contextIDs.contains(name))
+                continue;
+            // Clipped to the screen: a monitor may be declared beyond it.
+            const int32_t x0 = std::clamp<int32_t>(it.data->x, 0, info_.width);
+            const int32_t y0 = std::clamp<int32_t>(it.data->y, 0, info_.height);
+            const int32_t x1 = std::clamp<int32_t>(it.data->x + it.data->width, 0, info_.width);
+            const int32_t y1 = std::clamp<int32_t>(it.data->y + it.data->height, 0, info_.height);
+            if (x1 <= x0 || y1 <= y0) continue;
+            monitorName_ = name;
+            monitorArea_ = Rect{x0, y0, x1 - x0, y1 - y0};
+            break;
+        }
+        if (!monitorName_) return screen;
+        if (!monitorArea_)
+            log::error("Screen capture: the monitor recorded (name atom %li) is gone",
+                       int64_t(*monitorName_));
+        return monitorArea_;
+    }
+
+    GrabResult grabRoot(const BasicDisplayMirroringService::Snapshot& mirroring) {
         xcb_connection_t* c = conn_.get();
         composedValid_ = false;
-        const int32_t w = info_.width, h = info_.height;
+        auto area = mirroredArea(mirroring);
+        if (!area) return failed(CaptureFailure::Kind::Failed, kScreenCaptureSourceGone);
+        const int32_t w = area->w, h = area->h;
         if (w <= 0 || h <= 0) return {};
         xcb_xfixes_get_cursor_image_cookie_t cursorCookie{};
         GrabResult result;
         result.presentationTime = HostClock::now();
         if (info_.xfixes) cursorCookie = xcb_xfixes_get_cursor_image(c);
         uint8_t* pixels = nullptr;
-        bool ok = readImage(info_.root, 0, 0, uint16_t(w), uint16_t(h), &pixels, rootReply_);
+        bool ok = readImage(info_.root, int16_t(area->x), int16_t(area->y), uint16_t(w),
+                            uint16_t(h), &pixels, rootReply_);
         Reply<xcb_xfixes_get_cursor_image_reply_t> cursor;
         if (info_.xfixes) cursor.reset(xcb_xfixes_get_cursor_image_reply(c, cursorCookie, nullptr));
         if (!ok) return {};
@@ -472,8 +556,8 @@ class X11FrameSource final : public FrameSource {
             if (len >= int(cursor->width) * int(cursor->height))
                 blendCursor(pixels, w * 4, w, h,
                             xcb_xfixes_get_cursor_image_cursor_image(cursor.get()),
-                            cursor->x - cursor->xhot, cursor->y - cursor->yhot, cursor->width,
-                            cursor->height);
+                            cursor->x - cursor->xhot - area->x, cursor->y - cursor->yhot - area->y,
+                            cursor->width, cursor->height);
         }
         composed_ = pixels;
         composedStride_ = w * 4;
@@ -563,8 +647,6 @@ class X11FrameSource final : public FrameSource {
                 return failed(CaptureFailure::Kind::Failed, kScreenCaptureSourceGone);
             cloneVersion_ = mirroring.version;
         }
-        const int32_t rw = info_.width, rh = info_.height;
-        if (rw <= 0 || rh <= 0) return {};
         GrabResult result;
         result.presentationTime = HostClock::now();
 
@@ -596,19 +678,31 @@ class X11FrameSource final : public FrameSource {
                 xcb_get_geometry_reply(c, queries[i].geometry, nullptr));
             Reply<xcb_translate_coordinates_reply_t> p(
                 xcb_translate_coordinates_reply(c, queries[i].position, nullptr));
-            if (!a || !g || !p || a->map_state != XCB_MAP_STATE_VIEWABLE) {
+            if (!a || !g || !p) {
                 if (!gone)
-                    log::error("Screen capture: cloned window 0x%@ was destroyed or unmapped",
+                    log::error("Screen capture: cloned window 0x%@ was destroyed",
                                hex(cloned_[i].window));
                 gone = true;
                 continue;
             }
+            // Minimised, on another workspace or hidden for a moment: the
+            // window still exists, so its picture only pauses.
+            if (a->map_state != XCB_MAP_STATE_VIEWABLE) continue;
             const int32_t bw = g->border_width;
             placed.push_back(
                 {i, 0, p->dst_x - bw, p->dst_y - bw, g->width + 2 * bw, g->height + 2 * bw});
         }
         if (xcb_connection_has_error(c)) return {};
         if (gone) return failed(CaptureFailure::Kind::Failed, kScreenCaptureSourceGone);
+        if (placed.empty()) {
+            // Nothing on screen: the last picture is repeated, so the movie
+            // keeps its frame rate and shows where the windows were.
+            if (haveClonedPicture_) {
+                composed_ = composeBuffer_.data();
+                composedValid_ = true;
+            }
+            return result;
+        }
         if (!tree) return {};
 
         // Stacking order: the root's children come bottom to top; windows
@@ -628,33 +722,49 @@ class X11FrameSource final : public FrameSource {
         std::stable_sort(placed.begin(), placed.end(),
                          [](const Placed& a, const Placed& b) { return a.stack < b.stack; });
 
-        const size_t composeBytes = size_t(rw) * size_t(rh) * 4;
+        // The picture is the bounding box of the windows, wherever they are
+        // (partly off the screen included: a redirected window's pixmap
+        // holds all of it), so an application's recording shows its windows
+        // at their own size and follows them as they move.
+        int32_t bx0 = INT32_MAX, by0 = INT32_MAX, bx1 = INT32_MIN, by1 = INT32_MIN;
+        for (const Placed& p : placed) {
+            bx0 = std::min(bx0, p.x);
+            by0 = std::min(by0, p.y);
+            bx1 = std::max(bx1, p.x + p.w);
+            by1 = std::max(by1, p.y + p.h);
+        }
+        // Bounded like any X drawable side; windows spread wider than that
+        // are cut at the far edge.
+        const int32_t bw = std::min(bx1 - bx0, kMaxComposedSide);
+        const int32_t bh = std::min(by1 - by0, kMaxComposedSide);
+        if (bw <= 0 || bh <= 0) return {};
+        const size_t composeBytes = size_t(bw) * size_t(bh) * 4;
         if (composeBuffer_.size() != composeBytes) composeBuffer_.assign(composeBytes, 0);
         uint8_t* out = composeBuffer_.data();
         std::fill(reinterpret_cast<uint32_t*>(out),
-                  reinterpret_cast<uint32_t*>(out) + size_t(rw) * size_t(rh), 0xFF000000u);
+                  reinterpret_cast<uint32_t*>(out) + size_t(bw) * size_t(bh), 0xFF000000u);
         for (const Placed& p : placed) {
-            // Only the part on the screen is read.
-            const int32_t x0 = std::max(0, p.x), y0 = std::max(0, p.y);
-            const int32_t x1 = std::min(rw, p.x + p.w), y1 = std::min(rh, p.y + p.h);
+            const int32_t x0 = std::max(0, p.x - bx0), y0 = std::max(0, p.y - by0);
+            const int32_t x1 = std::min(bw, p.x - bx0 + p.w), y1 = std::min(bh, p.y - by0 + p.h);
             if (x0 >= x1 || y0 >= y1) continue;
             xcb_pixmap_t pixmap = xcb_generate_id(c);
             xcb_composite_name_window_pixmap(c, cloned_[p.index].window, pixmap);
             uint8_t* pixels = nullptr;
             Reply<xcb_get_image_reply_t> holder;
-            bool ok = readImage(pixmap, int16_t(x0 - p.x), int16_t(y0 - p.y), uint16_t(x1 - x0),
-                                uint16_t(y1 - y0), &pixels, holder);
+            bool ok = readImage(pixmap, int16_t(x0 - (p.x - bx0)), int16_t(y0 - (p.y - by0)),
+                                uint16_t(x1 - x0), uint16_t(y1 - y0), &pixels, holder);
             xcb_free_pixmap(c, pixmap);
-            if (!ok) continue;  // unmapped in between: the next frame reports it
+            if (!ok) continue;  // unmapped in between: paused from the next frame
             libyuv::ARGBCopy(pixels, (x1 - x0) * 4,
-                             out + (size_t(y0) * size_t(rw) + size_t(x0)) * 4, rw * 4, x1 - x0,
+                             out + (size_t(y0) * size_t(bw) + size_t(x0)) * 4, bw * 4, x1 - x0,
                              y1 - y0);
         }
         composed_ = out;
-        composedStride_ = rw * 4;
-        composedWidth_ = rw;
-        composedHeight_ = rh;
+        composedStride_ = bw * 4;
+        composedWidth_ = bw;
+        composedHeight_ = bh;
         composedValid_ = true;
+        haveClonedPicture_ = true;
         return result;
     }
 
@@ -674,6 +784,16 @@ class X11FrameSource final : public FrameSource {
     uint64_t cloneVersion_ = ~uint64_t(0);
     std::vector<uint8_t> composeBuffer_;
     bool warnedNoComposite_ = false;
+    // composeBuffer_ holds the last picture of the clone set (repeated
+    // while none of its windows is on screen).
+    bool haveClonedPicture_ = false;
+    // The monitor that mirror mode shows, found again when the clone set or
+    // the screen's layout changes.
+    uint64_t monitorVersion_ = ~uint64_t(0);
+    bool monitorsChanged_ = false;
+    std::chrono::steady_clock::time_point monitorsRead_;
+    std::optional<uint32_t> monitorName_;  // the monitor recorded, once found
+    std::optional<Rect> monitorArea_;
     // The display-sized image of the current frame.
     const uint8_t* composed_ = nullptr;
     int32_t composedStride_ = 0, composedWidth_ = 0, composedHeight_ = 0;
@@ -732,8 +852,19 @@ std::shared_ptr<X11ScreenBackend> X11ScreenBackend::connect(const std::string& d
         if (error) *error = "no X display named (DISPLAY is not set)";
         return nullptr;
     }
-    impl->connection = openConnectionWithin(impl->displayName, impl->info, error, kConnectTimeout);
-    if (!impl->connection) return nullptr;
+    std::string why;
+    impl->connection = openConnectionWithin(impl->displayName, impl->info, &why, kConnectTimeout);
+    if (!impl->connection) {
+        if (!options.waitForServer) {
+            if (error) *error = why;
+            return nullptr;
+        }
+        log::info(
+            "Screen: X server \"%@\" not reachable yet (%@); recording from it once it answers",
+            impl->displayName, why);
+        impl->lastAttempt = std::chrono::steady_clock::now();
+        return std::make_shared<X11ScreenBackend>(std::move(impl));
+    }
     if (!impl->info.composite)
         log::error("Screen: X server \"%@\" has no Composite 0.2; clone mode will fail",
                    impl->displayName);

@@ -5,16 +5,22 @@
 // XFixes cursor image. Clone mode treats each layer context identifier as an
 // X window identifier: the windows are redirected with Composite (automatic
 // redirection, so the screen looks the same), each frame reads every cloned
-// window's own pixmap and composes them at their root positions in stacking
-// order onto black, so no other window, even one lying on top of a cloned
-// one, ever reaches a frame. The pointer is not drawn in clone mode: where it
-// is tells something about the windows that are left out. Frames are scaled
-// from the root window's size to the controller's pixel size with libyuv.
+// window's own pixmap and composes them in stacking order onto black, in the
+// bounding box of the windows that are shown: the picture is the windows at
+// their own size, following them as they move, and no other window, even one
+// lying on top of a cloned one, ever reaches a frame. The pointer is not
+// drawn in clone mode: where it is tells something about the windows that
+// are left out. The picture (the root window in mirror mode, the box in clone
+// mode) is fitted into the controller's pixel size with libyuv keeping its
+// aspect: centred, black bars where it does not fill the frame.
 //
-// Failures: a cloned window that does not exist, is destroyed or is unmapped
-// makes the controller deliver didFailWithStatus(kScreenCaptureSourceGone)
-// once; a lost connection to the X server delivers MediaServicesWereReset
-// once. A controller started again after either reconnects.
+// Failures: a cloned window that does not exist or is destroyed makes the
+// controller deliver didFailWithStatus(kScreenCaptureSourceGone) once. A
+// cloned window that is unmapped (minimised, on another workspace) only
+// pauses: while none of the clone set is shown the last picture is repeated
+// (nothing is delivered before the first). A lost connection to the X server
+// delivers MediaServicesWereReset once. A controller started again after
+// either reconnects.
 //
 // A server that accepts the connection but does not answer (stopped, hung)
 // counts as unreachable after two seconds; a controller whose server stops
@@ -47,6 +53,11 @@ class X11ScreenBackend final : public ScreenBackend {
         // Off: pixels always come through the socket, as with a remote
         // server (for tests and measurements).
         bool sharedMemory = true;
+        // A server that cannot be reached yet (not started, a new login)
+        // still makes a backend: its controllers connect when they start
+        // and report a media-services reset while it is away, and
+        // displaySize() is 0x0 until it has answered once.
+        bool waitForServer = false;
     };
     // Connects to `displayName` (empty: $DISPLAY) and checks that the root
     // window's pixels are 32-bit BGRX, the only layout captured. Null with

@@ -1,6 +1,8 @@
 #include "platform/system/bundle.h"
 
+#include <dlfcn.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -60,8 +62,44 @@ std::optional<Value> parseDictionary(std::string_view text) {
     return v;
 }
 
-std::string Bundle::installShareDirectory() {
+namespace {
+
+// The directory of the file that holds this code: the executable, or the
+// shared library an application loaded.
+std::string directoryOfThisModule() {
+    Dl_info info{};
+    std::error_code ec;
+    if (dladdr(reinterpret_cast<void*>(&directoryOfThisModule), &info) && info.dli_fname &&
+        info.dli_fname[0] == '/') {
+        auto path = fs::canonical(info.dli_fname, ec);
+        if (!ec) return path.parent_path().string();
+    }
+    auto exe = fs::read_symlink("/proc/self/exe", ec);
+    return ec ? std::string() : exe.parent_path().string();
+}
+
+// An installed tree is found from where its programs are, so the prefix
+// given at install time (or a package's) counts, not the configured one:
+// <bindir>/sorveld, <libdir>/libsorvel-client.so and the bundles'
+// executables (<share>/bundles/<bundle>/) each lead to <share>.
+std::string findInstallShareDirectory() {
+    const std::string module = directoryOfThisModule();
+    if (!module.empty()) {
+        for (const char* relative : {SV_SHARE_FROM_BINDIR, SV_SHARE_FROM_LIBDIR, "../.."}) {
+            std::error_code ec;
+            auto candidate = fs::weakly_canonical(fs::path(module) / relative, ec);
+            if (!ec && isRegularFile((candidate / "framework" / kBundleInfoFileName).string()))
+                return candidate.string();
+        }
+    }
     return SV_SHARE_DIR;
+}
+
+}  // namespace
+
+std::string Bundle::installShareDirectory() {
+    static const std::string directory = findInstallShareDirectory();
+    return directory;
 }
 
 std::vector<std::string> Bundle::searchPath() {

@@ -55,7 +55,8 @@ class Bundle {
     // The directories searched by bundleWithIdentifier, in order.
     static std::vector<std::string> searchPath();
     // Path of the install's share directory for this system
-    // (<prefix>/share/sorvel).
+    // (<prefix>/share/sorvel): the one beside the installed program or
+    // library that holds this code, else the configured one.
     static std::string installShareDirectory();
 
     const std::string& bundlePath() const { return path_; }

@@ -31,14 +31,17 @@ std::shared_ptr<UiBackend> makeUiBackend(UiBackendKind kind,
         }
     }
     if (kind == UiBackendKind::Automatic) {
+        // A named display is a real desktop even while its server is not up
+        // yet (a service started before the session's X server): tracking
+        // starts when it answers, rather than a synthetic display standing
+        // in for it.
         const char* d = std::getenv("DISPLAY");
-        kind = d && *d && X11WindowSystem::serverAnswers() ? UiBackendKind::X11
-                                                           : UiBackendKind::Synthetic;
+        kind = d && *d ? UiBackendKind::X11 : UiBackendKind::Synthetic;
     }
     std::shared_ptr<UiBackend> backend;
     if (kind == UiBackendKind::X11) {
         std::string why;
-        backend = X11WindowSystem::connect({}, &why);
+        backend = X11WindowSystem::connect({}, &why, /*waitForServer=*/true);
         if (!backend) {
             log::error("UI: cannot use the X11 window system: %@", why);
             if (error) *error = why;

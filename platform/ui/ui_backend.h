@@ -5,6 +5,7 @@
 // synthetic display (platform/ui/synthetic_window_system.h).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -33,6 +34,15 @@ class UiBackend {
     // no owner. What the recording service checks before it records a
     // layer for an application. Synchronous, any thread.
     virtual std::optional<int32_t> processOwningLayerContext(uint32_t contextID) const = 0;
+    // Returns once what the window system reports reflects every change the
+    // display had made when it was called (a window an application has just
+    // mapped), or after `timeout`; false then. Blocks the caller: a round
+    // trip to the display server. The synthetic window system is always
+    // current.
+    virtual bool synchronize(std::chrono::milliseconds timeout) {
+        (void)timeout;
+        return true;
+    }
 };
 
 enum class UiBackendKind { Automatic, X11, Synthetic };
@@ -42,12 +52,12 @@ std::optional<UiBackendKind> parseUiBackendKind(std::string_view text);
 
 // Automatic: SORVEL_SCREEN_BACKEND (x11|synthetic) when set, so that the
 // window system always matches the screen that is recorded; otherwise X11
-// when $DISPLAY names a server that accepts a connection, otherwise
-// synthetic. X11: the server named by $DISPLAY; null (with `error`) when it
-// cannot be reached. Synthetic: a window system on `display`; when null, on
-// the display of the process's screen backend if that is synthetic (so that
-// the recorded screen and the window system show the same layers), else on a
-// new display. Logs the choice.
+// when $DISPLAY names a display, otherwise synthetic. X11: the server named
+// by $DISPLAY, tracked once it answers (X11WindowSystem::connect with
+// waitForServer); null (with `error`) when no display is named. Synthetic: a window system on
+// `display`; when null, on the display of the process's screen backend if that is synthetic (so
+// that the recorded screen and the window system show the same layers), else on a new display. Logs
+// the choice.
 std::shared_ptr<UiBackend> makeUiBackend(UiBackendKind kind = UiBackendKind::Automatic,
                                          std::shared_ptr<SyntheticDisplay> display = nullptr,
                                          std::string* error = nullptr);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include <xcb/res.h>
 #include <xcb/xcb.h>
 
 #include "platform/log.h"
@@ -96,6 +98,9 @@ enum AtomIndex {
     kStateBelow,
     kStateModal,
     kStateFullscreen,
+    kGtkApplicationId,
+    kKdeDesktopFile,
+    kUtf8String,
     kAtomCount
 };
 
@@ -128,6 +133,9 @@ constexpr const char* kAtomNames[kAtomCount] = {
     "_NET_WM_STATE_BELOW",
     "_NET_WM_STATE_MODAL",
     "_NET_WM_STATE_FULLSCREEN",
+    "_GTK_APPLICATION_ID",
+    "_KDE_NET_WM_DESKTOP_FILE",
+    "UTF8_STRING",
 };
 
 bool internAtoms(xcb_connection_t* c, xcb_atom_t (&atoms)[kAtomCount]) {
@@ -153,11 +161,15 @@ struct WindowProperties {
     xcb_window_t transientFor = XCB_NONE;
     xcb_window_t clientLeader = XCB_NONE;
     std::optional<std::string> clientMachine;
+    // What the window says its application is, for owners outside bundles:
+    // a desktop application identifier (GTK, KDE), else WM_CLASS's class.
+    std::optional<std::string> desktopID;
 };
 
 // Property requests of one window, sent together and read together.
 struct PropertyCookies {
     xcb_get_property_cookie_t pid, type, state, wmState, transient, leader, machine;
+    xcb_get_property_cookie_t gtkAppID, kdeDesktopFile, wmClass;
 };
 
 constexpr uint32_t kMaxPropertyWords = 64;
@@ -174,6 +186,11 @@ PropertyCookies requestProperties(xcb_connection_t* c, xcb_window_t w,
     k.leader = xcb_get_property(c, 0, w, atoms[kWmClientLeader], XCB_ATOM_WINDOW, 0, 1);
     k.machine = xcb_get_property(c, 0, w, XCB_ATOM_WM_CLIENT_MACHINE, XCB_GET_PROPERTY_TYPE_ANY, 0,
                                  kMaxPropertyWords);
+    k.gtkAppID = xcb_get_property(c, 0, w, atoms[kGtkApplicationId], atoms[kUtf8String], 0,
+                                  kMaxPropertyWords);
+    k.kdeDesktopFile =
+        xcb_get_property(c, 0, w, atoms[kKdeDesktopFile], atoms[kUtf8String], 0, kMaxPropertyWords);
+    k.wmClass = xcb_get_property(c, 0, w, XCB_ATOM_WM_CLASS, XCB_ATOM_STRING, 0, kMaxPropertyWords);
     return k;
 }
 
@@ -190,6 +207,31 @@ std::vector<T> values32(xcb_connection_t* c, xcb_get_property_cookie_t cookie, b
     return out;
 }
 
+// The part of an 8-bit text before its first NUL.
+std::string text8Part(std::string s) {
+    if (auto nul = s.find('\0'); nul != std::string::npos) s.resize(nul);
+    return s;
+}
+
+// An 8-bit text property (cut at its first NUL unless `whole`); nothing when
+// absent or of another format.
+std::optional<std::string> text8(xcb_connection_t* c, xcb_get_property_cookie_t cookie,
+                                 bool cut = true) {
+    Reply<xcb_get_property_reply_t> r(xcb_get_property_reply(c, cookie, nullptr));
+    if (!r || r->type == XCB_ATOM_NONE || r->format != 8) return std::nullopt;
+    std::string s(static_cast<const char*>(xcb_get_property_value(r.get())),
+                  size_t(xcb_get_property_value_length(r.get())));
+    return cut ? text8Part(std::move(s)) : s;
+}
+
+// Identifiers a window may give for its application: 1 to 200 letters,
+// digits, '.', '-' and '_' (a desktop file's name, a class name).
+bool isDesktopID(const std::string& id) {
+    return !id.empty() && id.size() <= 200 && std::all_of(id.begin(), id.end(), [](char ch) {
+        return std::isalnum(static_cast<unsigned char>(ch)) || ch == '.' || ch == '-' || ch == '_';
+    });
+}
+
 WindowProperties readProperties(xcb_connection_t* c, const PropertyCookies& k) {
     WindowProperties p;
     auto pid = values32<uint32_t>(c, k.pid, &p.hasPid);
@@ -203,13 +245,20 @@ WindowProperties readProperties(xcb_connection_t* c, const PropertyCookies& k) {
     if (!transient.empty()) p.transientFor = transient[0];
     auto leader = values32<xcb_window_t>(c, k.leader, nullptr);
     if (!leader.empty()) p.clientLeader = leader[0];
-    Reply<xcb_get_property_reply_t> m(xcb_get_property_reply(c, k.machine, nullptr));
-    if (m && m->type != XCB_ATOM_NONE && m->format == 8) {
-        auto* text = static_cast<const char*>(xcb_get_property_value(m.get()));
-        std::string s(text, size_t(xcb_get_property_value_length(m.get())));
-        if (auto nul = s.find('\0'); nul != std::string::npos) s.resize(nul);
-        p.clientMachine = s;
+    p.clientMachine = text8(c, k.machine);
+    auto gtk = text8(c, k.gtkAppID);
+    auto kde = text8(c, k.kdeDesktopFile);
+    // WM_CLASS is "instance\0class\0": the class names the application.
+    std::optional<std::string> wmClass;
+    if (auto both = text8(c, k.wmClass, false)) {
+        auto nul = both->find('\0');
+        if (nul != std::string::npos) wmClass = text8Part(both->substr(nul + 1));
     }
+    for (const auto& id : {gtk, kde, wmClass})
+        if (id && isDesktopID(*id)) {
+            p.desktopID = "x11:" + *id;
+            break;
+        }
     return p;
 }
 
@@ -237,12 +286,47 @@ std::string localHostName() {
 class X11StateMonitor;
 class X11LayoutMonitor;
 
+// The local process that created each of `windows`, as the X server knows
+// it from the client's socket (X-Resource's QueryClientIds): 0 where the
+// server cannot say (a remote client, a window gone). One round trip.
+std::vector<uint32_t> serverPidsOf(xcb_connection_t* c, uint32_t resourceIdMask,
+                                   const std::vector<xcb_window_t>& windows) {
+    std::vector<uint32_t> pids(windows.size(), 0);
+    if (windows.empty()) return pids;
+    std::vector<xcb_res_client_id_spec_t> specs;
+    specs.reserve(windows.size());
+    for (xcb_window_t w : windows) specs.push_back({w, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID});
+    Reply<xcb_res_query_client_ids_reply_t> reply(xcb_res_query_client_ids_reply(
+        c, xcb_res_query_client_ids(c, uint32_t(specs.size()), specs.data()), nullptr));
+    if (!reply) return pids;
+    // Answers name the client by its resource base, not by the window.
+    std::unordered_map<uint32_t, uint32_t> pidByClient;
+    for (auto it = xcb_res_query_client_ids_ids_iterator(reply.get()); it.rem;
+         xcb_res_client_id_value_next(&it)) {
+        if (!(it.data->spec.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID) ||
+            xcb_res_client_id_value_value_length(it.data) < 1)
+            continue;
+        pidByClient[it.data->spec.client & ~resourceIdMask] =
+            *xcb_res_client_id_value_value(it.data);
+    }
+    for (size_t i = 0; i < windows.size(); ++i)
+        if (auto found = pidByClient.find(windows[i] & ~resourceIdMask); found != pidByClient.end())
+            pids[i] = found->second;
+    return pids;
+}
+
 struct X11WindowSystem::Core {
+    std::string displayName;  // empty: $DISPLAY
+    // Replaced on the event thread only (attach); null while the server is
+    // away.
     Connection connection;
     xcb_window_t root = XCB_NONE;
     int32_t screenWidth = 0, screenHeight = 0;
     xcb_atom_t atoms[kAtomCount] = {};
     std::string hostName = localHostName();
+    // X-Resource 1.2: the server names the local process behind a window.
+    bool serverKnowsPids = false;
+    uint32_t resourceIdMask = 0;
     EventFd wake;
     std::atomic<bool> stopping{false};
 
@@ -286,6 +370,17 @@ struct X11WindowSystem::Core {
     void publish(DisplayLayout newLayout, std::map<std::string, ApplicationState> newApps,
                  std::optional<std::string> newFrontmost);
     void connectionLost();
+    // (Re)connects, learns the screen, selects its events and scans it.
+    // Event thread (or before it starts). False, with the reason, when the
+    // server cannot be reached.
+    bool attach(std::string* error);
+    size_t currentElementCount() const;
+    // Handles events until the connection breaks or stopping is set.
+    void track();
+    // Waits until the next attempt to reach the server is due, answering
+    // synchronize() meanwhile (false: nothing to catch up with).
+    void waitForServer();
+    void releaseSyncWaiters();
     void run();
 };
 
@@ -375,7 +470,10 @@ struct ScannedWindow {
     int32_t level = kDisplayLayoutLevelNormal;
     int32_t pid = -1;  // trusted owner process, or -1
     xcb_window_t leader = XCB_NONE;
+    // The owner's bundle, or for a process outside bundles the identifier
+    // its window gives ("x11:" + desktop application id or WM_CLASS class).
     std::optional<std::string> bundleID;
+    std::optional<std::string> desktopID;
 };
 
 int32_t levelOf(const WindowProperties& p, bool overrideRedirect, bool coversScreen,
@@ -523,6 +621,7 @@ void X11WindowSystem::Core::scan() {
 
     // Owners: the window's own _NET_WM_PID, else its client leader's.
     std::vector<ScannedWindow> windows;
+    std::vector<bool> remote;  // per window: WM_CLIENT_MACHINE names another host
     std::vector<std::pair<size_t, xcb_get_property_cookie_t>> leaderCookies;
     for (size_t i = 0; i < candidates.size(); ++i) {
         const auto& p = props[i];
@@ -534,7 +633,9 @@ void X11WindowSystem::Core::scan() {
         sw.client = clients[i];
         sw.level = levelOf(p, candidates[i].overrideRedirect, candidates[i].coversScreen, atoms);
         sw.leader = p.clientLeader;
+        sw.desktopID = p.desktopID;
         bool local = isLocalMachine(p.clientMachine, hostName);
+        remote.push_back(!local);
         if (p.hasPid && local)
             sw.pid = int32_t(p.pid);
         else if (local && p.clientLeader != XCB_NONE && p.clientLeader != sw.client)
@@ -547,8 +648,27 @@ void X11WindowSystem::Core::scan() {
         auto leaderPid = values32<uint32_t>(c, cookie, nullptr);
         if (!leaderPid.empty() && leaderPid[0] > 0) windows[w].pid = int32_t(leaderPid[0]);
     }
-    for (auto& sw : windows)
-        if (sw.pid > 0) sw.bundleID = bundleOfProcess(uint32_t(sw.pid));
+    if (serverKnowsPids) {
+        // Clients that set no _NET_WM_PID (plain xcb or Xlib programs): the
+        // server knows which local process made the window.
+        std::vector<size_t> unowned;
+        std::vector<xcb_window_t> clientWindows;
+        for (size_t i = 0; i < windows.size(); ++i)
+            if (windows[i].pid <= 0 && !remote[i]) {
+                unowned.push_back(i);
+                clientWindows.push_back(windows[i].client);
+            }
+        auto pids = serverPidsOf(c, resourceIdMask, clientWindows);
+        for (size_t k = 0; k < unowned.size(); ++k)
+            if (pids[k] > 0 && pids[k] <= uint32_t(INT32_MAX))
+                windows[unowned[k]].pid = int32_t(pids[k]);
+    }
+    for (auto& sw : windows) {
+        if (sw.pid <= 0) continue;
+        sw.bundleID = bundleOfProcess(uint32_t(sw.pid));
+        // A local process outside bundles: the application its window names.
+        if (!sw.bundleID) sw.bundleID = sw.desktopID;
+    }
     topLevels = std::move(newTopLevels);
     selected = std::move(newSelected);
     xcb_flush(c);
@@ -566,9 +686,14 @@ void X11WindowSystem::Core::scan() {
             activeBundle = it->bundleID;
         } else {
             WindowProperties p = readProperties(c, requestProperties(c, activeWindow, atoms));
-            if (p.hasPid && isLocalMachine(p.clientMachine, hostName)) {
-                activePid = int32_t(p.pid);
-                activeBundle = bundleOfProcess(p.pid);
+            const bool local = isLocalMachine(p.clientMachine, hostName);
+            uint32_t pid = p.hasPid && local ? p.pid : 0;
+            if (!pid && local && serverKnowsPids)
+                pid = serverPidsOf(c, resourceIdMask, {activeWindow})[0];
+            if (pid > 0 && pid <= uint32_t(INT32_MAX)) {
+                activePid = int32_t(pid);
+                activeBundle = bundleOfProcess(pid);
+                if (!activeBundle) activeBundle = p.desktopID;
             }
         }
     }
@@ -726,6 +851,50 @@ class ScanBudget {
 
 void X11WindowSystem::Core::run() {
     pthread_setname_np(pthread_self(), "sv-x11-windows");
+    while (!stopping.load()) {
+        if (connection && !xcb_connection_has_error(connection.get())) {
+            track();
+            continue;
+        }
+        waitForServer();
+        if (stopping.load()) break;
+        std::string why;
+        if (!attach(&why)) continue;
+        // Waiters that asked before the server came back see it now.
+        releaseSyncWaiters();
+    }
+    // Waiters of synchronize() are released whatever happened.
+    {
+        std::lock_guard lock(syncMutex);
+        syncCompleted = UINT64_MAX;
+    }
+    syncDone.notify_all();
+}
+
+void X11WindowSystem::Core::releaseSyncWaiters() {
+    {
+        std::lock_guard lock(syncMutex);
+        syncCompleted = syncRequested;
+    }
+    syncDone.notify_all();
+}
+
+void X11WindowSystem::Core::waitForServer() {
+    // A server that went away (restarted, a new login) or is not up yet is
+    // tried again every two seconds; nothing is known meanwhile, so
+    // synchronize() returns at once.
+    const auto due = std::chrono::steady_clock::now() + kX11ReconnectInterval;
+    while (!stopping.load()) {
+        releaseSyncWaiters();
+        const auto left = due - std::chrono::steady_clock::now();
+        if (left <= std::chrono::steady_clock::duration::zero()) return;
+        pollfd fd{wake.fd, POLLIN, 0};
+        if (poll(&fd, 1, int(std::chrono::ceil<std::chrono::milliseconds>(left).count())) > 0)
+            wake.drain();
+    }
+}
+
+void X11WindowSystem::Core::track() {
     xcb_connection_t* c = connection.get();
     ScanBudget budget;
     bool dirty = false;
@@ -737,7 +906,7 @@ void X11WindowSystem::Core::run() {
         }
         if (xcb_connection_has_error(c)) {
             connectionLost();
-            break;
+            return;
         }
         uint64_t syncTarget;
         {
@@ -782,12 +951,6 @@ void X11WindowSystem::Core::run() {
             if (auto* e = xcb_poll_for_event(c)) std::free(e);
         }
     }
-    // Waiters of synchronize() are released whatever happened.
-    {
-        std::lock_guard lock(syncMutex);
-        syncCompleted = UINT64_MAX;
-    }
-    syncDone.notify_all();
 }
 
 // ---- the window system
@@ -797,34 +960,76 @@ bool X11WindowSystem::serverAnswers(const std::string& displayName) {
     return openConnection(displayName, &screen, nullptr) != nullptr;
 }
 
-std::shared_ptr<X11WindowSystem> X11WindowSystem::connect(const std::string& displayName,
-                                                          std::string* error) {
+bool X11WindowSystem::Core::attach(std::string* error) {
     int screenNumber = 0;
-    auto core = std::make_shared<Core>();
-    core->connection = openConnection(displayName, &screenNumber, error);
-    if (!core->connection) return nullptr;
-    xcb_connection_t* c = core->connection.get();
+    Connection fresh = openConnection(displayName, &screenNumber, error);
+    if (!fresh) return false;
+    xcb_connection_t* c = fresh.get();
     auto it = xcb_setup_roots_iterator(xcb_get_setup(c));
     for (int i = 0; i < screenNumber && it.rem; ++i) xcb_screen_next(&it);
     if (!it.rem || !it.data) {
         if (error) *error = "the X server has no such screen";
-        return nullptr;
+        return false;
     }
-    core->root = it.data->root;
-    core->screenWidth = it.data->width_in_pixels;
-    core->screenHeight = it.data->height_in_pixels;
-    if (core->wake.fd < 0 || !internAtoms(c, core->atoms)) {
+    if (!internAtoms(c, atoms)) {
+        if (error) *error = "cannot set up the X11 window system";
+        return false;
+    }
+    root = it.data->root;
+    resourceIdMask = xcb_get_setup(c)->resource_id_mask;
+    serverKnowsPids = false;
+    if (const auto* ext = xcb_get_extension_data(c, &xcb_res_id); ext && ext->present) {
+        Reply<xcb_res_query_version_reply_t> version(
+            xcb_res_query_version_reply(c, xcb_res_query_version(c, 1, 2), nullptr));
+        serverKnowsPids = version && (version->server_major > 1 ||
+                                      (version->server_major == 1 && version->server_minor >= 2));
+    }
+    screenWidth = it.data->width_in_pixels;
+    screenHeight = it.data->height_in_pixels;
+    const uint32_t rootMask[] = {XCB_EVENT_MASK_PROPERTY_CHANGE | XCB_EVENT_MASK_STRUCTURE_NOTIFY |
+                                 XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY};
+    xcb_change_window_attributes(c, root, XCB_CW_EVENT_MASK, rootMask);
+    // What was learnt on an earlier connection means nothing on this one.
+    topLevels.clear();
+    selected.clear();
+    bundles.clear();
+    connection = std::move(fresh);
+    {
+        std::lock_guard lock(mutex);
+        connected = true;
+    }
+    scan();
+    log::info("X11WindowSystem: tracking screen %i (%ix%i), %lu layout elements", screenNumber,
+              screenWidth, screenHeight, currentElementCount());
+    return true;
+}
+
+size_t X11WindowSystem::Core::currentElementCount() const {
+    std::lock_guard lock(mutex);
+    return layout.elements.size();
+}
+
+std::shared_ptr<X11WindowSystem> X11WindowSystem::connect(const std::string& displayName,
+                                                          std::string* error, bool waitForServer) {
+    auto core = std::make_shared<Core>();
+    core->displayName = displayName;
+    if (core->wake.fd < 0) {
         if (error) *error = "cannot set up the X11 window system";
         return nullptr;
     }
-    const uint32_t rootMask[] = {XCB_EVENT_MASK_PROPERTY_CHANGE | XCB_EVENT_MASK_STRUCTURE_NOTIFY |
-                                 XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY};
-    xcb_change_window_attributes(c, core->root, XCB_CW_EVENT_MASK, rootMask);
-    core->scan();
+    std::string why;
+    if (!core->attach(&why)) {
+        const char* d = std::getenv("DISPLAY");
+        if (!waitForServer || (displayName.empty() && (!d || !*d))) {
+            if (error) *error = why;
+            return nullptr;
+        }
+        log::info("X11WindowSystem: %@; tracking starts once the X server answers", why);
+        std::lock_guard lock(core->mutex);
+        core->connected = false;
+    }
     auto system = std::shared_ptr<X11WindowSystem>(new X11WindowSystem(core));
     system->thread_ = std::thread([core] { core->run(); });
-    log::info("X11WindowSystem: tracking screen %i (%ix%i), %lu layout elements", screenNumber,
-              core->screenWidth, core->screenHeight, core->layout.elements.size());
     return system;
 }
 

@@ -13,11 +13,11 @@
 //
 // Owner: the process in the client window's _NET_WM_PID (or in that of its
 // WM_CLIENT_LEADER), trusted only when WM_CLIENT_MACHINE is absent or names
-// this host; the application is the bundle enclosing that process's
-// executable (platform/process/process_info.h). Windows of processes outside
-// bundles have no application but still share the screen. _NET_WM_PID is
-// the client's own claim: any X client can set it, as any X client can read
-// the whole screen.
+// this host; for a client that sets neither (plain xcb or Xlib programs), the
+// local process that the X server knows made the window (X-Resource 1.2); the application is the
+// bundle enclosing that process's executable (platform/process/process_info.h). Windows of
+// processes outside bundles have no application but still share the screen. _NET_WM_PID is the
+// client's own claim: any X client can set it, as any X client can read the whole screen.
 //
 // Applications: foreground (kApplicationStateForeground) while they own a
 // counted window; frontmost while they own the window in the root's
@@ -62,8 +62,9 @@
 // The event thread rescans the screen after each batch of relevant events:
 // at once for a change after a quiet spell, and no more than once every
 // kX11MinRescanInterval (after a burst of kX11RescanBurst) while events keep
-// coming, so a flood of events costs bounded CPU. A lost server connection ends tracking: the
-// layout becomes empty and no application is foreground.
+// coming, so a flood of events costs bounded CPU. A lost server connection
+// empties the layout and leaves no application foreground until the server
+// answers again (tried every kX11ReconnectInterval).
 #pragma once
 
 #include <chrono>
@@ -83,6 +84,7 @@ namespace sv {
 
 inline constexpr std::chrono::milliseconds kX11MinRescanInterval{4};
 inline constexpr int kX11RescanBurst = 4;
+inline constexpr std::chrono::seconds kX11ReconnectInterval{2};
 // Windows looked at per scan; windows beyond it (a client flooding the screen
 // with top-levels) are ignored, topmost first kept.
 inline constexpr size_t kX11MaxScannedWindows = 4096;
@@ -91,9 +93,14 @@ class X11WindowSystem : public UiBackend, public std::enable_shared_from_this<X1
   public:
     // Connects to `displayName` (empty: $DISPLAY), reads the screen once and
     // starts the event thread. Null, with the reason in `error`, when the
-    // server cannot be reached.
+    // server cannot be reached, unless `waitForServer`: then (a display is
+    // named) tracking starts once the server answers. A server that goes
+    // away is tried again every kX11ReconnectInterval, and tracking resumes
+    // with a fresh scan when it is back; meanwhile nothing is foreground and
+    // the layout is empty.
     static std::shared_ptr<X11WindowSystem> connect(const std::string& displayName = {},
-                                                    std::string* error = nullptr);
+                                                    std::string* error = nullptr,
+                                                    bool waitForServer = false);
     // True when `displayName` (empty: $DISPLAY) names a server that accepts a
     // connection.
     static bool serverAnswers(const std::string& displayName = {});
@@ -107,7 +114,7 @@ class X11WindowSystem : public UiBackend, public std::enable_shared_from_this<X1
     // Returns once every event the server had sent when it was called has
     // been handled (one round trip); false after `timeout` or when the
     // connection is lost.
-    bool synchronize(std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    bool synchronize(std::chrono::milliseconds timeout = std::chrono::seconds(5)) override;
     bool isConnected() const;
     // Completed scans of the screen (for benchmarks).
     uint64_t scanCount() const;

@@ -21,6 +21,8 @@
 #include "tests/support/test_util.h"
 
 #ifdef SV_TEST_HAVE_XVFB
+#include <xcb/xcb.h>
+
 #include "platform/screen/testing/xvfb_server.h"
 #endif
 
@@ -344,7 +346,98 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
         nullptr);
     EXPECT_GT(bright, 200);
     EXPECT_LT(dark, 60);
+
+    // One monitor of the display (the right half), named as `sorvel
+    // monitors` lists it: the movie is that monitor at its own size.
+    ASSERT_EQ(std::system(("DISPLAY=" + x->displayName() +
+                           " xrandr --setmonitor SV-RIGHT 320/85x360/95+320+0 none")
+                              .c_str()),
+              0)
+        << "xrandr (scripts/install-deps.sh installs it)";
+    pid_t list = sv::test::spawnWithInput({SORVEL, "monitors"}, env_, "", dir_ + "/monitors.log");
+    EXPECT_EQ(sv::test::waitForExit(list, 30s), 0);
+    EXPECT_TRUE(contains(sv::test::readFile(dir_ + "/monitors.log"), " SV-RIGHT 320x360+320+0"))
+        << sv::test::readFile(dir_ + "/monitors.log");
+    p = record({"--system", "--monitor", "SV-RIGHT", "--duration", "1"});
+    EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
+    reader = media::MovieReader::open(output());
+    ASSERT_TRUE(reader);
+    EXPECT_EQ(reader->info().tracks.at(0).width, 320);
+    EXPECT_EQ(reader->info().tracks.at(0).height, 360);
+    bright = dark = -1;
+    reader->decode(
+        [&](const media::LumaFrame& f) {
+            bright = f.data[120 * f.bytesPerRow + 160];  // the white window, moved left
+            dark = f.data[300 * f.bytesPerRow + 20];
+            return false;
+        },
+        nullptr);
+    EXPECT_GT(bright, 200);
+    EXPECT_LT(dark, 60);
 }
+
+#ifdef X11_RECORDER
+// An ordinary X11 application (plain xcb: no _NET_WM_PID) under a window
+// manager records its own 640x360 window: the movie is the window at its own
+// size, a white window laid over the whole screen never reaches it, and
+// taking the window off the screen pauses the picture instead of ending the
+// recording.
+TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
+    if (!sv::testing::XvfbServer::available()) GTEST_SKIP() << "no Xvfb";
+    std::string error;
+    auto x = sv::testing::XvfbServer::start(1280, 720, &error);
+    ASSERT_TRUE(x) << error;
+    env_.push_back("DISPLAY=" + x->displayName());
+    pid_t wm = sv::test::spawnWithInput({"/usr/bin/openbox"}, env_, "", dir_ + "/openbox.log");
+    ASSERT_GT(wm, 0) << "openbox is not installed (scripts/install-deps.sh installs it)";
+    daemon_.stop(SIGTERM);
+    ASSERT_TRUE(daemon_.start(
+        SORVELD,
+        {.args = {"--screen-backend", "x11", "--audio-backend", "synthetic"}, .env = env_}))
+        << daemon_.log();
+    startAgent("accept");
+    const std::string movie = dir_ + "/window.mp4", appLog = dir_ + "/app.log";
+    pid_t app =
+        sv::test::spawnWithInput({X11_RECORDER, "--seconds", "3", "-o", movie}, env_, "", appLog);
+    ASSERT_TRUE(sv::test::eventually(
+        [&] { return contains(sv::test::readFile(appLog), "x11-recorder: recording"); }, 60s))
+        << sv::test::readFile(appLog) << daemon_.log();
+    auto cover =
+        sv::testing::XTestWindow::create(x->displayName(), 0, 0, 1280, 720, 0xFFFFFF, &error);
+    ASSERT_TRUE(cover) << error;
+    unsigned window = 0;
+    std::sscanf(sv::test::readFile(appLog).c_str(), "x11-recorder: asking to record window 0x%x",
+                &window);
+    ASSERT_NE(window, 0u);
+    xcb_unmap_window(cover->connection(), window);
+    xcb_flush(cover->connection());
+    EXPECT_EQ(sv::test::waitForExit(app, 120s), 0) << sv::test::readFile(appLog) << daemon_.log();
+    kill(wm, SIGTERM);
+    EXPECT_GE(sv::test::waitForExit(wm, 20s), 0);
+
+    auto reader = media::MovieReader::open(movie);
+    ASSERT_TRUE(reader);
+    const media::TrackInfo& video = reader->info().tracks.at(0);
+    EXPECT_EQ(video.width, 640);
+    EXPECT_EQ(video.height, 360);
+    EXPECT_GT(video.duration, 2.5);
+    // The window is black with one white 80x80 square moving over it.
+    size_t frames = 0, wrong = 0;
+    reader->decode(
+        [&](const media::LumaFrame& f) {
+            size_t bright = 0;
+            for (int32_t y = 0; y < f.height; ++y)
+                for (int32_t i = 0; i < f.width; ++i)
+                    if (f.data[size_t(y) * f.bytesPerRow + size_t(i)] > 200) ++bright;
+            ++frames;
+            if (bright < 4000 || bright > 9000) ++wrong;
+            return true;
+        },
+        nullptr);
+    EXPECT_GT(frames, 100u);
+    EXPECT_EQ(wrong, 0u) << "frames that are not the window alone";
+}
+#endif
 #endif
 
 }  // namespace

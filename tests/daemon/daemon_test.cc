@@ -148,7 +148,8 @@ TEST_F(DaemonTest, LockButtonWhileIdleChangesNothing) {
 }
 
 // Started on demand by socket activation, the daemon answers the connection
-// that woke it and ends by itself once nothing is open.
+// that woke it and ends by itself once nothing is open but a consent agent
+// (which runs beside it for as long as the user's session).
 TEST_F(DaemonTest, SocketActivatedDaemonEndsWhenIdle) {
     if (access("/usr/bin/systemd-socket-activate", X_OK) != 0)
         GTEST_SKIP() << "no systemd-socket-activate";
@@ -169,7 +170,14 @@ TEST_F(DaemonTest, SocketActivatedDaemonEndsWhenIdle) {
         EXPECT_FALSE(r.error);
         EXPECT_EQ(r.bytes, 0);
     }
+    const std::string agentLog = daemon.root + "/agent.log";
+    pid_t agent = spawnProcess(
+        {SORVEL, "consent-agent", "--answer", "decline", "--runtime-dir", run_}, {}, agentLog);
+    EXPECT_TRUE(
+        eventually([&] { return readAll(agentLog).find("registered") != std::string::npos; }));
     EXPECT_EQ(waitForExit(activator, 15s), 255);
+    kill(agent, SIGTERM);
+    waitForExit(agent);
     EXPECT_NE(readAll(log_).find("idle with no open transaction; ending"), std::string::npos);
 }
 

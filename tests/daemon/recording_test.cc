@@ -395,6 +395,34 @@ TEST_F(RecordingTest, StartRefusalsInTheirOrder) {
     EXPECT_EQ(logCount("without a matching begin"), 0u);
 }
 
+// Started by systemd, the consent agent comes up beside the service: with
+// --agent-wait a question asked before any agent registered waits for one
+// and goes to the first that does; with none in time the start is refused.
+TEST_F(RecordingTest, AQuestionWaitsForTheAgentStartedWithTheService) {
+    ASSERT_GE(daemon.stop(SIGTERM), 0);
+    ASSERT_TRUE(
+        daemon.start(SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend",
+                                        "synthetic", "--agent-wait", "5"},
+                               .env = {std::string("SORVEL_BUNDLE_PATH=") + TEST_BUNDLES_DIR}}))
+        << daemon.log();
+    auto& alpha = launch("alpha");
+    alpha.send("start 0 0 0 0 own");
+    ASSERT_TRUE(logged("waits for a consent agent"));
+    auto& a = agent();
+    ASSERT_TRUE(a.waitForHeld(1));
+    a.answerHeld(ConsentResponse::Other);
+    EXPECT_EQ(alpha.expect("started "), "0 0 0");
+    EXPECT_EQ(a.alerts().size(), 1u);
+    ASSERT_TRUE(stop(alpha));
+
+    a.stop();
+    ASSERT_TRUE(logged("the consent agent went away"));
+    auto& beta = launch("beta");
+    EXPECT_EQ(start(beta), -5801);
+    EXPECT_TRUE(logged("no consent agent registered for alert"));
+    EXPECT_EQ(a.alerts().size(), 1u);
+}
+
 // Consent is remembered per microphone choice and expires once the
 // application has spent more than 480 s in the background (the daemon's clock
 // moved through the shell channel).

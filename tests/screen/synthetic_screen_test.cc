@@ -101,11 +101,18 @@ TEST(ScreenCaptureController, FramesArePacedByDeadlinesOnOneDeliveryThread) {
         EXPECT_NE(frames[i].thread, std::this_thread::get_id());
         if (i == 0) continue;
         // Every frame sits on a deadline of the run (a skipped deadline only
-        // leaves a gap), and time never goes backwards.
+        // leaves a gap), and time never goes backwards. The first frame may
+        // itself be a later deadline of the run (a loaded machine woke the
+        // thread late for the first): counted from it, deadlines can differ
+        // from the run's by the rounding of one tick.
         ASSERT_GT(frames[i].presentationTime, frames[i - 1].presentationTime);
-        while (PacedCaptureController::deadline(first, n, interval) < frames[i].presentationTime)
+        while (PacedCaptureController::deadline(first, n, interval) + 1 <
+               frames[i].presentationTime)
             ++n;
-        EXPECT_EQ(PacedCaptureController::deadline(first, n, interval), frames[i].presentationTime);
+        const uint64_t due = PacedCaptureController::deadline(first, n, interval);
+        EXPECT_LE(
+            std::max(due, frames[i].presentationTime) - std::min(due, frames[i].presentationTime),
+            1u);
     }
     // Frames come out of a pool: a consumer that lets go of each frame is
     // served by a handful of surfaces.
@@ -478,13 +485,14 @@ TEST(ScreenBackend, ChoiceByNameEnvironmentAndReachability) {
         EXPECT_FALSE(error.empty());
     }
     {
-        // A display nobody serves: automatic falls back, an explicit X11
-        // choice fails with a reason.
+        // A display nobody serves yet is still the desktop: X11, waiting
+        // for its server (never a synthetic display standing in for it).
         test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", std::nullopt}, {"DISPLAY", ":4077"}};
-        EXPECT_EQ(makeScreenBackend(ScreenBackendKind::Automatic)->name(), "synthetic");
-        std::string error;
-        EXPECT_EQ(makeScreenBackend(ScreenBackendKind::X11, &error), nullptr);
-        EXPECT_FALSE(error.empty());
+        auto waiting = makeScreenBackend(ScreenBackendKind::Automatic);
+        ASSERT_TRUE(waiting);
+        EXPECT_EQ(waiting->name(), "x11");
+        EXPECT_EQ(waiting->displaySize(), (WindowSize{0, 0}));
+        EXPECT_EQ(makeScreenBackend(ScreenBackendKind::X11)->name(), "x11");
     }
     {
         test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", "synthetic"}, {"DISPLAY", ":4077"}};

@@ -16,6 +16,7 @@
 #include "platform/ui/testing/x11_testing.h"
 #include "platform/ui/ui_backend.h"
 #include "platform/ui/x11_window_system.h"
+#include "tests/process/process_helpers.h"
 #include "tests/support/test_util.h"
 
 using namespace sv;
@@ -189,10 +190,24 @@ TEST_F(X11WindowSystemTest, FrontmostAndForegroundFollowTheActiveWindowAndMapped
     EXPECT_TRUE(monitor->applicationStateForApplication("org.example.beta") &
                 kApplicationStateFrontmost);
 
-    // A frontmost window of a process outside any bundle is no application.
+    // A frontmost window of a process outside any bundle is no application,
+    // unless it names its application (WM_CLASS, a desktop application id):
+    // then it is that application, with the process the X server names.
     client_->setActiveWindow(stranger);
     ASSERT_TRUE(system_->synchronize());
     EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
+    TestWindowOptions terminal;
+    terminal.wmClass = "Sv-Term";
+    uint32_t term = client_->createWindow(terminal);
+    client_->setActiveWindow(term);
+    ASSERT_TRUE(system_->synchronize());
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "x11:Sv-Term");
+    EXPECT_EQ(intAt(requestInfo(*monitor, "x11:Sv-Term"), kApplicationInfoPIDKey), getpid());
+    terminal.wmClass = "bad/class";
+    client_->setActiveWindow(client_->createWindow(terminal));
+    ASSERT_TRUE(system_->synchronize());
+    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
+    client_->destroy(term);
     client_->setActiveWindow(0);
     ASSERT_TRUE(system_->synchronize());
     EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
@@ -283,9 +298,14 @@ TEST_F(X11WindowSystemTest, LayoutHasOneElementPerOwnerWithLevelsFromTypeAndStat
     client_->setTypes(b, {"_NET_WM_WINDOW_TYPE_DIALOG"});
     ASSERT_TRUE(recorder->waitForLevels({2, 1}));
 
-    // Windows of other owners that share the screen, one element each.
-    window(std::nullopt, {}, {"_NET_WM_STATE_ABOVE"});
-    window(getpid(), {"_NET_WM_WINDOW_TYPE_NOTIFICATION"});
+    // Windows of other owners that share the screen, one element each (the
+    // override-redirect popup sets no _NET_WM_PID: the X server names this
+    // process as its owner).
+    auto gamma = BundledProcess::start(dir_.path(), "Gamma", "org.example.gamma");
+    auto delta = BundledProcess::start(dir_.path(), "Delta", "org.example.delta");
+    ASSERT_TRUE(gamma && delta);
+    window(gamma->pid(), {}, {"_NET_WM_STATE_ABOVE"});
+    window(delta->pid(), {"_NET_WM_WINDOW_TYPE_NOTIFICATION"});
     TestWindowOptions popup;
     popup.overrideRedirect = true;
     popup.width = popup.height = 50;
@@ -420,12 +440,24 @@ TEST_F(X11WindowSystemTest, ALostServerEmptiesTheLayoutAndForegroundState) {
     monitor->addObserver(recorder);
     EXPECT_EQ(monitor->currentLayout().elementCount(), 1u);
 
+    const std::string display = server->displayName();
     server->stop();
     ASSERT_TRUE(recorder->waitForLevels({}));
     EXPECT_FALSE(system->synchronize(1s));
     EXPECT_FALSE(system->isConnected());
     EXPECT_EQ(system->frontmostApplicationBundleIdentifier(), std::nullopt);
     EXPECT_FALSE(system->applicationState("org.example.alpha").isForeground());
+
+    // The server comes back (a restarted session): tracking resumes.
+    std::string why;
+    server = XvfbServer::start(1280, 800, &why, 30s, display);
+    ASSERT_TRUE(server) << why;
+    client = X11TestClient::connect(display);
+    ASSERT_TRUE(client);
+    client->setActiveWindow(client->createWindow(options));
+    ASSERT_TRUE(sv::test::eventually([&] { return system->synchronize(1s); }, 20s));
+    ASSERT_TRUE(recorder->waitForLevels({1}));
+    EXPECT_EQ(system->frontmostApplicationBundleIdentifier(), "org.example.alpha");
 }
 
 TEST_F(X11WindowSystemTest, AutomaticChoiceTakesAReachableServerUnlessTheScreenSaysOtherwise) {
@@ -442,8 +474,18 @@ TEST_F(X11WindowSystemTest, AutomaticChoiceTakesAReachableServerUnlessTheScreenS
         EXPECT_EQ(makeUiBackend()->name(), "synthetic");
     }
     {
+        // A named display whose server is not up yet is still the desktop:
+        // tracked once it answers, never replaced by a synthetic display.
         sv::test::ScopedEnv env{{"DISPLAY", ":9999"}, {"SORVEL_SCREEN_BACKEND", std::nullopt}};
         EXPECT_FALSE(X11WindowSystem::serverAnswers());
+        auto waiting = makeUiBackend();
+        ASSERT_TRUE(waiting);
+        EXPECT_EQ(waiting->name(), "x11");
+        EXPECT_FALSE(waiting->synchronize(1s));
+        EXPECT_EQ(waiting->frontmostApplicationBundleIdentifier(), std::nullopt);
+    }
+    {
+        sv::test::ScopedEnv env{{"DISPLAY", std::nullopt}, {"SORVEL_SCREEN_BACKEND", std::nullopt}};
         EXPECT_EQ(makeUiBackend()->name(), "synthetic");
         std::string error;
         EXPECT_FALSE(makeUiBackend(UiBackendKind::X11, nullptr, &error));

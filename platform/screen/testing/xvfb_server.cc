@@ -51,7 +51,8 @@ bool XvfbServer::available() {
 }
 
 std::unique_ptr<XvfbServer> XvfbServer::start(int32_t width, int32_t height, std::string* error,
-                                              std::chrono::seconds timeout) {
+                                              std::chrono::seconds timeout,
+                                              const std::string& displayName) {
     auto fail = [&](std::string why) -> std::unique_ptr<XvfbServer> {
         if (error) *error = std::move(why);
         return nullptr;
@@ -65,6 +66,7 @@ std::unique_ptr<XvfbServer> XvfbServer::start(int32_t width, int32_t height, std
     std::vector<std::string> args = {exe,        "-displayfd", "3",         "-screen",
                                      "0",        geometry,     "-nolisten", "tcp",
                                      "-noreset", "+extension", "Composite"};
+    if (!displayName.empty()) args.insert(args.begin() + 1, displayName);
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);

@@ -22,9 +22,12 @@ class XvfbServer {
     // -noreset` and waits (up to `timeout`) until it names its display.
     // Null with `error` when it cannot. The server is terminated when the
     // calling thread ends, so start it from a thread that outlives it.
+    // With `displayName` (":<n>"), on that display (a server coming back
+    // where an earlier one was), else on a free one.
     static std::unique_ptr<XvfbServer> start(
         int32_t width = 1600, int32_t height = 900, std::string* error = nullptr,
-        std::chrono::seconds timeout = std::chrono::seconds(30));
+        std::chrono::seconds timeout = std::chrono::seconds(30),
+        const std::string& displayName = {});
     // Ends the server (see stop()).
     ~XvfbServer();
     XvfbServer(const XvfbServer&) = delete;

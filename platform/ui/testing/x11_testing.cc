@@ -98,6 +98,11 @@ uint32_t X11TestClient::createWindow(const TestWindowOptions& options, bool mapI
         xcb_change_property(c_, XCB_PROP_MODE_REPLACE, w, XCB_ATOM_WM_CLIENT_MACHINE,
                             XCB_ATOM_STRING, 8, uint32_t(options.clientMachine->size()),
                             options.clientMachine->data());
+    if (options.wmClass) {
+        const std::string value = "sv" + std::string(1, '\0') + *options.wmClass + '\0';
+        xcb_change_property(c_, XCB_PROP_MODE_REPLACE, w, XCB_ATOM_WM_CLASS, XCB_ATOM_STRING, 8,
+                            uint32_t(value.size()), value.data());
+    }
     if (options.transientFor)
         xcb_change_property(c_, XCB_PROP_MODE_REPLACE, w, XCB_ATOM_WM_TRANSIENT_FOR,
                             XCB_ATOM_WINDOW, 32, 1, &options.transientFor);

@@ -26,6 +26,7 @@ struct TestWindowOptions {
     std::vector<std::string> states;  // _NET_WM_STATE atoms by name
     bool overrideRedirect = false;
     std::optional<std::string> clientMachine;  // WM_CLIENT_MACHINE
+    std::optional<std::string> wmClass;        // WM_CLASS's class (instance "sv")
     uint32_t transientFor = 0;                 // WM_TRANSIENT_FOR
     uint32_t parent = 0;                       // 0: the root
 };
