@@ -331,8 +331,9 @@ TEST(PulseBackend, SourcesOutliveTheirServerWithSilenceAndRecordAgain) {
             EXPECT_NEAR(step, 1024.0 / 44100.0, 0.003) << "microphone sample " << i;
             const bool afterLoss = HostClock::fromMediaTime(mic->samples[i]->presentationTime()) >
                                    killedAt + 200'000'000;
-            if (afterLoss && i + 1 < micBeforeReturn)
+            if (afterLoss && i + 1 < micBeforeReturn) {
                 EXPECT_EQ(testing::rms(testing::pcm16Samples(*mic->samples[i])), 0.0) << i;
+            }
         }
     }
     const auto& buffers = tap.buffers();
