@@ -442,6 +442,8 @@ class PulseDeviceSource : public AudioSource {
         PulseConnection::Lock lock(conn_);
         device_ = device;
         spec_ = sampleSpec;
+        // A server lost before the first audio arrives: silence from now.
+        nextTime_ = HostClock::now();
         listener_ = conn_->addStateListener([this](bool ready) {
             if (!ready) return;  // the timer fills in until the server is back
             if (!connectStream())
@@ -496,7 +498,6 @@ class PulseDeviceSource : public AudioSource {
     // Silence from the end of what was delivered up to now (less the lag
     // the recording ran with), at most a second per tick.
     void fillWithSilence() {
-        if (nextTime_ == 0) return;  // nothing recorded yet: no timeline to continue
         const uint64_t now = HostClock::now();
         if (now < lag_ || now - lag_ <= nextTime_) return;
         const size_t frameSize = pa_frame_size(&spec_);
@@ -518,7 +519,7 @@ class PulseDeviceSource : public AudioSource {
     std::string device_;
     pa_sample_spec spec_{};
     uint64_t listener_ = 0;
-    uint64_t nextTime_ = 0;  // host time just after the last frame delivered
+    uint64_t nextTime_ = 0;  // host time just after the last frame delivered (or the open)
     uint64_t lag_ = 0;       // how far behind real time that frame was delivered
     std::vector<uint8_t> zeros_;
     pulse::TimeEvent timer_;
