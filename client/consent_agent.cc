@@ -15,6 +15,7 @@ std::optional<ConsentAlert> ConsentAlert::fromValue(const Value& v) {
     auto decline = stringAt(v, "defaultButton");
     if (!title || !message || !decline) return std::nullopt;
     ConsentAlert a{*title, *message, *decline, std::nullopt, std::nullopt};
+    a.alertID = integerOf<uint64_t>(v.value("alertID", Value(0))).value_or(0);
     // Optional buttons: absent, null or text; anything else is malformed.
     for (auto [key, field] : {std::pair{"alternateButton", &a.alternateButton},
                               std::pair{"otherButton", &a.otherButton}}) {
@@ -111,10 +112,20 @@ std::shared_ptr<ipc::ExportedObject> ConsentAgent::makeExportedObject() {
             reply(ipc::Arguments().add(Value("cancel")));
             return;
         }
-        // The presenter may answer from any thread; the first answer counts.
+        // The presenter may answer from any thread; the first answer counts,
+        // and none after a withdrawal.
         auto once = std::make_shared<std::atomic<bool>>(false);
-        self->options_.presenter(*alert, [w, reply, once](ConsentResponse response) {
+        const uint64_t id = alert->alertID;
+        if (id) {
+            std::lock_guard lock(self->mutex_);
+            self->open_[id] = Open{once, alert->title};
+        }
+        self->options_.presenter(*alert, [w, reply, once, id](ConsentResponse response) {
             if (once->exchange(true)) return;
+            if (auto agent = w.lock(); agent && id) {
+                std::lock_guard lock(agent->mutex_);
+                agent->open_.erase(id);
+            }
             const char* name = consentResponseName(response);
             // Counted before the reply leaves: whoever got the answer finds
             // it counted.
@@ -126,6 +137,23 @@ std::shared_ptr<ipc::ExportedObject> ConsentAgent::makeExportedObject() {
             reply(ipc::Arguments().add(Value(name)));
             if (agent) agent->emit(Event::Answered, name);
         });
+    });
+    table->on(method::kWithdrawAlert, [w](ipc::Invocation& inv) {
+        auto self = w.lock();
+        auto id = inv.integerAt<uint64_t>(0);
+        if (!self || !id) return;
+        Open open;
+        {
+            std::lock_guard lock(self->mutex_);
+            auto it = self->open_.find(*id);
+            if (it == self->open_.end()) return;  // answered already, or unknown
+            open = std::move(it->second);
+            self->open_.erase(it);
+        }
+        if (open.settled->exchange(true)) return;
+        self->unanswered_--;
+        if (self->options_.withdraw) self->options_.withdraw(*id);
+        self->emit(Event::Withdrawn, open.title);
     });
     return table;
 }
@@ -197,6 +225,11 @@ void ConsentAgent::registerNow() {
     Value languages = Value::array();
     for (const auto& l : options_.preferredLanguages) languages.push_back(l);
     std::weak_ptr<ConsentAgent> w = weak_from_this();
+    // Before the registration, on every (re)connection: a service that
+    // predates withdrawals drops the call and carries on.
+    if (options_.withdraw)
+        c->remoteObjectProxyWithErrorHandler([](const Error&) {
+         }).call(method::kEnableAlertWithdrawal, ipc::Arguments());
     c->remoteObjectProxyWithErrorHandler([w](const Error& e) {
          auto self = w.lock();
          if (!self) return;

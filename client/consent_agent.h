@@ -18,6 +18,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -37,6 +38,8 @@ struct ConsentAlert {
     std::string defaultButton;  // always there: declines
     std::optional<std::string> alternateButton;
     std::optional<std::string> otherButton;
+    // Names the alert in a withdrawal; 0 when the service sent none.
+    uint64_t alertID = 0;
 
     // nullopt for anything that is not such a record.
     static std::optional<ConsentAlert> fromValue(const Value& v);
@@ -66,12 +69,17 @@ class ConsentAgent : public std::enable_shared_from_this<ConsentAgent> {
   public:
     using Answer = std::function<void(ConsentResponse)>;
     using Presenter = std::function<void(const ConsentAlert& alert, Answer answer)>;
+    // The service no longer wants the answer to alert `alertID`: take it
+    // down. On the connection's queue; must not block. The alert's answer,
+    // if it still comes, goes nowhere.
+    using Withdraw = std::function<void(uint64_t alertID)>;
 
     enum class Event {
         Registered,          // the service accepted the registration
         WaitingForService,   // not running, or gone: trying again
         RegistrationFailed,  // the service refused; detail is its error
         Answered,            // an alert was answered; detail is the answer's name
+        Withdrawn,           // the service withdrew an alert; detail is its title
     };
     using EventHandler = std::function<void(Event event, const std::string& detail)>;
 
@@ -79,6 +87,8 @@ class ConsentAgent : public std::enable_shared_from_this<ConsentAgent> {
         std::string serviceName;  // empty: the daemon's shell channel
         std::vector<std::string> preferredLanguages;
         Presenter presenter;
+        // Empty: alerts are never withdrawn (the service is not asked to).
+        Withdraw withdraw;
         EventHandler events;  // may be empty
         std::chrono::milliseconds retryMin{100};
         std::chrono::milliseconds retryMax{2000};
@@ -115,6 +125,13 @@ class ConsentAgent : public std::enable_shared_from_this<ConsentAgent> {
     std::chrono::milliseconds retryDelay_{0};
     std::atomic<size_t> answered_{0};
     std::atomic<size_t> unanswered_{0};
+    // Alerts with the presenter: whether each is settled (answered or
+    // withdrawn), and its title. Under mutex_.
+    struct Open {
+        std::shared_ptr<std::atomic<bool>> settled;
+        std::string title;
+    };
+    std::map<uint64_t, Open> open_;
 };
 
 }  // namespace sv

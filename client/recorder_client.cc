@@ -157,6 +157,8 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
     // a second time.
     bool breakHandled = false;
     std::optional<Activity> lastActivity;
+    SVRecorderClient::WarningHandler warningHandler;
+    bool warningsAsked = false;  // on the current connection
     uint64_t nextPendingId = 1;
     std::map<uint64_t, Fail> pending;  // requests whose handler has not been called
 
@@ -166,6 +168,7 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
 
     // Delegate callbacks handed to the executor that have not run yet.
     static constexpr size_t kMaxDelegateBacklog = 1024;
+    static constexpr size_t kMaxWarningBytes = 1024;
     std::atomic<size_t> delegateBacklog{0};
     std::atomic<bool> droppingCallbacks{false};
 
@@ -204,6 +207,7 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
             breakHandled = true;
         }
         if (lastActivity) replayActivity = true;
+        warningsAsked = false;
         return proven;
     }
 
@@ -254,6 +258,24 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
             .call(activity->method, ipc::Arguments().add(Value(activity->bundleID)));
     }
 
+    // Asks the service for warnings once per connection while the
+    // application wants them; called with sendMutex held.
+    void askForWarningsIfNeeded() {
+        {
+            std::lock_guard lock(mutex);
+            if (!warningHandler || warningsAsked) return;
+            warningsAsked = true;
+        }
+        connection
+            ->remoteObjectProxyWithErrorHandler([w = weak_from_this()](const Error& e) {
+                // Not delivered: ask again before the next request.
+                if (auto self = w.lock(); self && e.domain == ipc::kIPCErrorDomain &&
+                                          e.code == ipc::kErrorConnectionInterrupted)
+                    self->noteInterruptedCall();
+            })
+            .call(method::kEnableRecordingWarnings, ipc::Arguments());
+    }
+
     void request(const std::string& method, ipc::Arguments args, Decode decode, Fail failure) {
         uint64_t id, interruptionsAtSend;
         bool provenAtSend;
@@ -273,6 +295,7 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
         std::weak_ptr<ClientCore> w = weak_from_this();
         std::lock_guard send(sendMutex);
         replayActivityIfNeeded();
+        askForWarningsIfNeeded();
         connection
             ->remoteObjectProxyWithErrorHandler(
                 [w, id, provenAtSend, interruptionsAtSend](const Error& e) {
@@ -296,6 +319,7 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
         }
         std::lock_guard send(sendMutex);
         replayActivityIfNeeded();
+        askForWarningsIfNeeded();
         connection
             ->remoteObjectProxyWithErrorHandler([w = weak_from_this(), method](const Error& e) {
                 log::error("recorder client: %@ not delivered: %@", method, e.description());
@@ -361,6 +385,7 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
                 replayActivity = true;
             wasRecording = recording;
             recording = false;
+            warningsAsked = false;
         }
         log::debug("recorder client: connection to the service interrupted");
         if (wasRecording) {
@@ -392,6 +417,33 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
             self->setRecording(false);
             self->postToDelegate([e = *error, m = *movie](SVRecorderClientDelegate& d) {
                 d.stopRecordingWithError(e, m);
+            });
+        });
+        table->on(method::kRecordingWarning, [w](ipc::Invocation& inv) {
+            auto self = w.lock();
+            if (!self) return;
+            self->proveLink();
+            const Value& v = inv.at(0);
+            auto code = intAt(v, kRecordingWarningCodeKey);
+            auto message = stringAt(v, kRecordingWarningMessageKey);
+            if (!code || !message) {
+                static log::RateLimit limit;
+                log::error(limit, "recorder client: unreadable recording warning %@", v);
+                return;
+            }
+            // A sentence to show: a longer text is cut.
+            if (message->size() > kMaxWarningBytes) message->resize(kMaxWarningBytes);
+            SVRecorderWarning warning{*code, std::move(*message)};
+            self->post([w, warning = std::move(warning)] {
+                auto client = w.lock();
+                if (!client) return;
+                SVRecorderClient::WarningHandler handler;
+                {
+                    std::lock_guard lock(client->mutex);
+                    if (client->invalidated) return;
+                    handler = client->warningHandler;
+                }
+                if (handler) handler(warning);
             });
         });
         table->on(method::kUpdateBroadcastServiceInfo, [w](ipc::Invocation& inv) {
@@ -454,6 +506,11 @@ void SVRecorderClient::invalidate() {
 void SVRecorderClient::setDelegate(std::weak_ptr<SVRecorderClientDelegate> delegate) {
     std::lock_guard lock(impl_->mutex);
     impl_->delegate = std::move(delegate);
+}
+
+void SVRecorderClient::setWarningHandler(WarningHandler handler) {
+    std::lock_guard lock(impl_->mutex);
+    impl_->warningHandler = std::move(handler);
 }
 
 void SVRecorderClient::startRecordingWindowLayerContextIDs(

@@ -6,6 +6,7 @@
 namespace sv {
 namespace {
 
+using method::kRecordingWarning;
 using method::kStopRecordingWithError;
 using method::kUpdateBroadcastServiceInfo;
 
@@ -59,6 +60,25 @@ void SVClientProxy::updateBroadcastServiceInfo(const Value& serviceInfo) {
     }
     connection->remoteObjectProxyWithErrorHandler(failed).call(kUpdateBroadcastServiceInfo,
                                                                ipc::Arguments().add(serviceInfo));
+}
+
+void SVClientProxy::recordingWarning(int64_t code, const std::string& message) {
+    log::info("SVClientProxy:recordingWarning: %li", long(code));
+    auto failed = [](const Error& e) {
+        static log::RateLimit limit;
+        log::error(limit, "SVClientProxy:recordingWarning: error getting remote proxy: %d",
+                   int32_t(e.code));
+    };
+    auto connection = connection_.lock();
+    if (!connection) {
+        failed(ipc::makeError(ipc::kErrorConnectionInvalid));
+        return;
+    }
+    Value warning = Value::object();
+    warning[kRecordingWarningCodeKey] = code;
+    warning[kRecordingWarningMessageKey] = message;
+    connection->remoteObjectProxyWithErrorHandler(failed).call(kRecordingWarning,
+                                                               ipc::Arguments().add(warning));
 }
 
 std::string SVClientProxy::description() const {

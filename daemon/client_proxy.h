@@ -42,6 +42,9 @@ class SVClientProxy {
     // SVClientProtocol, forwarded to the application.
     void stopRecordingWithError(const OptionalError& error, const std::optional<URL>& movieURL);
     void updateBroadcastServiceInfo(const Value& serviceInfo);
+    // recordingWarning: with `code` (SVRecordingWarningCode) and `message`.
+    // Only for a connection that sent enableRecordingWarnings: the caller checks.
+    void recordingWarning(int64_t code, const std::string& message);
 
     std::string description() const;
 

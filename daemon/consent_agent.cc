@@ -10,6 +10,7 @@ namespace sv {
 namespace {
 
 using method::kPresentAlert;
+using method::kWithdrawAlert;
 
 bool validLanguage(const std::string& l) {
     if (l.empty() || l.size() > kMaxLanguageIdentifierBytes) return false;
@@ -17,6 +18,12 @@ bool validLanguage(const std::string& l) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                c == '-' || c == '_';
     });
+}
+
+// The alert as sent to an agent: its request and its identifier.
+Value withID(Value request, uint64_t alertID) {
+    request["alertID"] = alertID;
+    return request;
 }
 
 }  // namespace
@@ -126,7 +133,7 @@ bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& 
                 return false;
             }
             log::info("SVConsentAgentRegistry: alert %lu waits for a consent agent", alertID);
-            pending_.emplace(alertID, reply);
+            pending_.emplace(alertID, Pending{reply, {}});
             std::weak_ptr<SVConsentAgentRegistry> weak = weak_from_this();
             auto timer = Timer::schedule(DispatchQueue::global(), agentWait_,
                                          std::chrono::nanoseconds(0), [weak, alertID] {
@@ -136,7 +143,7 @@ bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& 
             waiting_.push_back({alertID, request, std::move(reply), std::move(timer)});
             return true;
         }
-        pending_.emplace(alertID, reply);
+        pending_.emplace(alertID, Pending{reply, {}});
     }
     send(agent, alertID, request, reply);
     return true;
@@ -159,6 +166,10 @@ void SVConsentAgentRegistry::expireWaiting(uint64_t alertID) {
 
 void SVConsentAgentRegistry::send(const std::shared_ptr<ipc::Connection>& agent, uint64_t alertID,
                                   const AlertRequest& request, const AlertReply& reply) {
+    {
+        std::lock_guard lock(mutex_);
+        if (auto it = pending_.find(alertID); it != pending_.end()) it->second.agent = agent;
+    }
     // The registry is held weakly: an alert outliving it is answered by its
     // reply's own end (Cancelled).
     std::weak_ptr<SVConsentAgentRegistry> weak = weak_from_this();
@@ -169,7 +180,7 @@ void SVConsentAgentRegistry::send(const std::shared_ptr<ipc::Connection>& agent,
         if (auto self = weak.lock()) self->alertDone(alertID);
     });
     proxy.call(
-        kPresentAlert, ipc::Arguments().add(request.toValue()),
+        kPresentAlert, ipc::Arguments().add(withID(request.toValue(), alertID)),
         [weak, alertID, reply](const ipc::Received& answer) {
             const Value& name = answer.at(0);
             auto response =
@@ -184,20 +195,51 @@ void SVConsentAgentRegistry::send(const std::shared_ptr<ipc::Connection>& agent,
 }
 
 void SVConsentAgentRegistry::withdrawAlert(uint64_t alertID) {
-    // The alert answered Cancelled already; the agent's late answer only
-    // frees the slot. One still waiting for an agent is dropped.
-    log::debug("SVConsentAgentRegistry: alert %lu withdrawn", alertID);
+    // The alert answered Cancelled already; the agent's late answer, if it
+    // still comes, only frees the slot. One still waiting for an agent is
+    // dropped; one at an agent that takes withdrawals is taken down there.
     std::shared_ptr<Timer> timer;
+    std::shared_ptr<ipc::Connection> agent;
     {
         std::lock_guard lock(mutex_);
-        auto it = std::find_if(waiting_.begin(), waiting_.end(),
-                               [&](const Waiting& x) { return x.alertID == alertID; });
-        if (it == waiting_.end()) return;
-        timer = std::move(it->timer);
-        waiting_.erase(it);
-        pending_.erase(alertID);
+        auto w = std::find_if(waiting_.begin(), waiting_.end(),
+                              [&](const Waiting& x) { return x.alertID == alertID; });
+        if (w != waiting_.end()) {
+            timer = std::move(w->timer);
+            waiting_.erase(w);
+            pending_.erase(alertID);
+        } else if (auto it = pending_.find(alertID); it != pending_.end()) {
+            agent = it->second.agent.lock();
+            const bool withdraws =
+                agent && std::any_of(withdrawing_.begin(), withdrawing_.end(),
+                                     [&](const auto& x) { return x.lock() == agent; });
+            if (!withdraws) agent.reset();
+        }
     }
-    timer->cancel();
+    if (timer) {
+        log::debug("SVConsentAgentRegistry: alert %lu withdrawn before an agent came", alertID);
+        timer->cancel();
+        return;
+    }
+    if (!agent) {
+        log::debug("SVConsentAgentRegistry: alert %lu withdrawn; the agent keeps it", alertID);
+        return;
+    }
+    log::info("SVConsentAgentRegistry: alert %lu withdrawn from the agent", alertID);
+    agent
+        ->remoteObjectProxyWithErrorHandler([alertID](const Error& e) {
+            log::error("SVConsentAgentRegistry: withdrawal of alert %lu not delivered: %@", alertID,
+                       e.description());
+        })
+        .call(kWithdrawAlert, ipc::Arguments().add(Value(alertID)));
+}
+
+void SVConsentAgentRegistry::enableWithdrawal(const std::shared_ptr<ipc::Connection>& connection) {
+    std::lock_guard lock(mutex_);
+    std::erase_if(withdrawing_, [](const auto& w) { return w.expired(); });
+    for (const auto& w : withdrawing_)
+        if (w.lock() == connection) return;
+    withdrawing_.push_back(connection);
 }
 
 void SVConsentAgentRegistry::alertDone(uint64_t alertID) {

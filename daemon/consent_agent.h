@@ -52,8 +52,8 @@ class SVConsentAgentRegistry : public AlertPresenter,
 
     // `connection` becomes the consent agent, in front of any earlier one
     // (whose shown alerts stay with it): when it goes away, the newest
-    // earlier agent still connected is the agent again (a terminal that asks
-    // while one command starts, in front of the desktop's dialog agent). At
+    // earlier agent still connected is the agent again (an agent run in a
+    // terminal in front of the desktop's dialog agent). At
     // most kMaxAgents are kept, the oldest dropped first. Its remote object
     // interface must be SVConsentAgentProtocol. Languages are kept in order,
     // without entries that are empty, too long or hold anything but letters,
@@ -75,9 +75,12 @@ class SVConsentAgentRegistry : public AlertPresenter,
 
     // AlertPresenter
     bool presentAlert(uint64_t alertID, const AlertRequest& request, AlertReply reply) override;
-    // The agent protocol has no way to take an alert back: the agent keeps
-    // showing it, and its answer, when it comes, is ignored.
+    // Tells the agent showing the alert to take it down, when that agent
+    // asked for withdrawals; others keep showing it, and their answer, when
+    // it comes, is ignored.
     void withdrawAlert(uint64_t alertID) override;
+    // `connection` understands withdrawAlert: (it sent enableAlertWithdrawal).
+    void enableWithdrawal(const std::shared_ptr<ipc::Connection>& connection);
 
   private:
     explicit SVConsentAgentRegistry(std::chrono::milliseconds agentWait) : agentWait_(agentWait) {}
@@ -106,9 +109,15 @@ class SVConsentAgentRegistry : public AlertPresenter,
     const Agent* currentLocked(std::shared_ptr<ipc::Connection>* connection = nullptr) const;
 
     mutable std::mutex mutex_;
-    std::vector<Agent> agents_;               // newest last
-    std::map<uint64_t, AlertReply> pending_;  // alerts at an agent or waiting, by identifier
+    std::vector<Agent> agents_;  // newest last
+    struct Pending {
+        AlertReply reply;
+        std::weak_ptr<ipc::Connection> agent;  // the agent that shows it; empty while waiting
+    };
+    std::map<uint64_t, Pending> pending_;  // alerts at an agent or waiting, by identifier
     std::vector<Waiting> waiting_;
+    // Agents that sent enableAlertWithdrawal (expired ones are pruned).
+    std::vector<std::weak_ptr<ipc::Connection>> withdrawing_;
 };
 
 }  // namespace sv

@@ -286,6 +286,9 @@ std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
         if (reply) handler = [reply] { reply(); };
         run([=](SVRecordingManager& m) { m.discardRecordingWithHandler(client, handler); });
     });
+    table->on(method::kEnableRecordingWarnings, [run, client](ipc::Invocation&) {
+        run([client](SVRecordingManager&) { client->acceptsWarnings = true; });
+    });
     for (const char* name : {method::kClientDidBecomeActive, method::kClientDidResignActive}) {
         const bool active = name == method::kClientDidBecomeActive;
         table->on(name, [run, client, active](ipc::Invocation& inv) {

@@ -3,8 +3,10 @@
 // microphone switch, the interruption of other sessions, and the sessions'
 // own reports. Everything here runs on the manager's queue; the sessions'
 // handlers are posted back to it.
+#include "capture/capture_manager.h"
 #include "daemon/recording_manager.h"
 #include "platform/log.h"
+#include "protocol/recording_protocol.h"
 #include "support/movie_store.h"
 
 namespace sv {
@@ -33,17 +35,17 @@ void SVRecordingManager::startRecordingWindowLayerContextIDs(
     log::info(
         "SVRecordingManager:startRecordingWindowLayerContextID:windowSize:microphoneEnabled:"
         "streaming:withHandler:");
-    auto answer = [&handler](OptionalError error, bool microphone, bool camera) {
+    auto reply = [&handler](OptionalError error, bool microphone, bool camera) {
         if (handler) handler(std::move(error), microphone, camera);
     };
     auto session = sessionOfClient(*client);
     if (session && session->isRecording()) {
-        answer(std::nullopt, isMicrophoneRecording(), isCameraRecording());
+        reply(std::nullopt, isMicrophoneRecording(), isCameraRecording());
         return;
     }
     if (!MovieStore::shared()._srDeviceHasSufficientFreeSpaceForRecording()) {
         log::info("insufficient disk space for recording, calling handler with error");
-        answer(_svUserErrorForCode(kSVRecordingErrorInsufficientStorage), false, false);
+        reply(_svUserErrorForCode(kSVRecordingErrorInsufficientStorage), false, false);
         return;
     }
     // A process outside any bundle has no session to record with: even a
@@ -53,7 +55,7 @@ void SVRecordingManager::startRecordingWindowLayerContextIDs(
     if (!session ||
         (!systemRecording && !isApplicationInForegroundWithBundleIdentifier(bundleID))) {
         log::info("app is not in the foreground, calling handler with error");
-        answer(_svUserErrorForCode(kSVRecordingErrorFailedToStart), false, false);
+        reply(_svUserErrorForCode(kSVRecordingErrorFailedToStart), false, false);
         return;
     }
     if (!systemRecording) {
@@ -69,7 +71,7 @@ void SVRecordingManager::startRecordingWindowLayerContextIDs(
                        describeIDs(dropped), bundleID, int32_t(client->pid));
         if (contextIDs.empty()) {
             log::info("app is not in the foreground, calling handler with error");
-            answer(_svUserErrorForCode(kSVRecordingErrorFailedToStart), false, false);
+            reply(_svUserErrorForCode(kSVRecordingErrorFailedToStart), false, false);
             return;
         }
     }
@@ -185,6 +187,7 @@ void SVRecordingManager::continueStart(const std::shared_ptr<SVClientConnection>
                 manager->queue_->async(
                     [manager, session, systemRecording, generation, microphone, camera, handler] {
                         log::info("recording session started");
+                        manager->watchAudioServer();
                         if (handler) handler(std::nullopt, microphone, camera);
                         if (manager->generationOf(session) != generation || !session->isRecording())
                             return;
@@ -431,6 +434,34 @@ void SVRecordingManager::recordingSessionStoppedWithError(
         return;
     }
     proxy->stopRecordingWithError(error, movieURL);
+}
+
+void SVRecordingManager::watchAudioServer() {
+    if (watchingAudioServer_) return;
+    watchingAudioServer_ = true;
+    std::weak_ptr<SVRecordingManager> weak = weak_from_this();
+    // On the backend's thread: hop onto the queue, never wait there.
+    SVCaptureManager::sharedManager()->backend()->setServerStateHandler([weak](bool available) {
+        if (auto self = weak.lock())
+            self->queue_->async([weak, available] {
+                if (auto manager = weak.lock()) manager->audioServerChanged(available);
+            });
+    });
+}
+
+void SVRecordingManager::audioServerChanged(bool available) {
+    auto session = recordingSession();
+    if (!session) return;
+    auto client = clientOfBundle(session->bundleID());
+    auto proxy = session->clientProxy();
+    if (!client || !client->acceptsWarnings || !proxy) return;
+    if (available)
+        proxy->recordingWarning(kSVRecordingWarningAudioRestored,
+                                "The audio server is back: sound is recorded again.");
+    else
+        proxy->recordingWarning(kSVRecordingWarningAudioLost,
+                                "The audio server went away: the recording goes on with silence "
+                                "until it is back.");
 }
 
 void SVRecordingManager::recordingSessionInterrupted(

@@ -5,6 +5,7 @@
 
 #include <malloc.h>
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -20,6 +21,7 @@
 #include "platform/log.h"
 #include "platform/process/keep_alive.h"
 #include "platform/process/purgeable_space.h"
+#include "platform/unique_fd.h"
 #include "protocol/recording_protocol.h"
 #include "protocol/service_names.h"
 #include "support/movie_store.h"
@@ -239,22 +241,45 @@ int64_t SVRecordingManager::purgeableSpaceCallback(int32_t) {
     return MovieStore::shared()._srSizeOfTempDir();
 }
 
+namespace {
+
+// The size of the file open as `movie`, once it is removed from `path`: at
+// once when it is gone already, else after removing it here (so the store's
+// listing, which counts what it removes, does not count it again). 0 when
+// it was never there or cannot be removed.
+int64_t removedBytes(const UniqueFd& movie, const std::string& path) {
+    if (!movie.valid()) return 0;
+    struct stat st {};
+    if (fstat(movie.get(), &st) != 0) return 0;
+    if (st.st_nlink > 0 && unlink(path.c_str()) != 0) return 0;
+    if (fstat(movie.get(), &st) != 0) return 0;
+    return int64_t(st.st_size);
+}
+
+}  // namespace
+
 int64_t SVRecordingManager::purgeCallback(int64_t, int32_t urgency) {
     log::info("SVRecordingManager: cache delete purge callback");
     bool recording = false;
+    int64_t recordingBytes = 0;
     queue_->sync([&] {
         auto session = recordingSession();
         recording = session != nullptr;
         if (!recording || urgency < kUrgentPurgeLevel) return;
+        // The stop throws the partial movie away before the store is listed:
+        // hold it open to learn its size once its writer has closed it.
+        const std::string path = session->outputURL().path;
+        UniqueFd movie(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
         stopRecordingWithHandler(session, nullptr);
         recordingSessionStoppedWithError(_svUserErrorForCode(kSVRecordingErrorInsufficientStorage),
                                          std::nullopt, session);
+        recordingBytes = removedBytes(movie, path);
     });
     if (urgency < kUrgentPurgeLevel) {
         if (recording) return 0;
         return MovieStore::shared()._srDeleteFilesOlderThanTimeToLiveInSeconds(kMovieTimeToLive);
     }
-    return MovieStore::shared()._srDeleteAllTempFiles();
+    return recordingBytes + MovieStore::shared()._srDeleteAllTempFiles();
 }
 
 int64_t SVRecordingManager::periodicCallback(int64_t, int32_t) {

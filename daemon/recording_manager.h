@@ -108,6 +108,9 @@ struct SVClientConnection {
     bool ended = false;
     // A start request of this connection waits for the user's answer.
     std::shared_ptr<SystemAlert> pendingAlert;
+    // The application understands recordingWarning: (it sent
+    // enableRecordingWarnings on this connection).
+    bool acceptsWarnings = false;
     // Requests that arrived while the connection was held (see above), in
     // order.
     std::deque<std::function<void()>> heldRequests;
@@ -256,6 +259,13 @@ class SVRecordingManager : public ipc::ListenerDelegate,
                                      const OptionalError& error,
                                      const std::optional<URL>& movieURL);
 
+    // Hears of the audio server of the recordings going away and coming
+    // back, from the first recording on; idempotent. On the queue.
+    void watchAudioServer();
+    // The audio server went away (false) or is back (true): the recording's
+    // application is warned when it asked for warnings. On the queue.
+    void audioServerChanged(bool available);
+
     // --- Consent (on the queue) ------------------------------------------
     // What the user allowed for one request.
     struct ConsentAnswer {
@@ -358,6 +368,7 @@ class SVRecordingManager : public ipc::ListenerDelegate,
     }
 
   private:
+    bool watchingAudioServer_ = false;
     class SessionDelegate;
     class ManagerThread;
     // What the manager keeps about one session besides the session itself.

@@ -184,6 +184,10 @@ void SVShellService::addRecordingMethods(ipc::MethodTable& table) {
                  agents->registerAgent(inv.connection(), languages);
                  answerError(inv, std::nullopt);
              });
+    table.on(method::kEnableAlertWithdrawal, [weakAgents](ipc::Invocation& inv) {
+        if (auto agents = weakAgents.lock(); agents && inv.connection())
+            agents->enableWithdrawal(inv.connection());
+    });
     table.on("layerContextIDsForCallerWithHandler:", [platform, errorValue](ipc::Invocation& inv) {
         OptionalError error;
         std::optional<std::vector<uint32_t>> layers;

@@ -63,6 +63,8 @@ void SVMovieWriter::setupFileWriter() {
     lastVideoPresentationTime_ = MediaTime::invalid();
     lastAudio1PresentationTime_ = MediaTime::invalid();
     lastAudio2PresentationTime_ = MediaTime::invalid();
+    audio1End_ = std::numeric_limits<double>::quiet_NaN();
+    audio2End_ = std::numeric_limits<double>::quiet_NaN();
 
     media::MediaError error;
     fileWriter_ = MovieFileWriter::create(outputURL(), media::FileType::MPEG4, &error);
@@ -139,7 +141,8 @@ bool SVMovieWriter::appendVideoSampleBuffer(const std::shared_ptr<SampleBuffer>&
 
 void SVMovieWriter::appendAudio(const std::shared_ptr<SampleBuffer>& sample,
                                 const std::shared_ptr<media::MovieWriterInput>& input,
-                                MediaTime& last, const char* discardMessage) {
+                                MediaTime& last, std::atomic<double>& end,
+                                const char* discardMessage) {
     if (!sample) return;
     const MediaTime t = sample->presentationTime();
     if (last.isValid() && last.value >= t.value) {
@@ -147,17 +150,32 @@ void SVMovieWriter::appendAudio(const std::shared_ptr<SampleBuffer>& sample,
         return;
     }
     last = t;
-    if (fileWriterStatus() == int(Status::Writing) && input && input->isReadyForMoreMediaData())
-        input->appendSampleBuffer(sample);
+    if (fileWriterStatus() == int(Status::Writing) && input && input->isReadyForMoreMediaData() &&
+        input->appendSampleBuffer(sample))
+        end = add(t, sample->duration()).seconds();
+}
+
+void SVMovieWriter::padAudioToVideoEnd(const std::shared_ptr<media::MovieWriterInput>& input,
+                                       double end) {
+    if (!input || std::isnan(end) || !lastVideoPresentationTime_.isValid()) return;
+    const double missing = lastVideoPresentationTime_.seconds() - end;
+    if (!(missing > 0) || missing > kMaxEndPaddingSeconds) return;
+    constexpr auto format = AudioStreamFormat::pcm16(44100.0, 1, false);
+    const auto frames = int64_t(missing * format.sampleRate);
+    if (frames <= 0) return;
+    auto silence =
+        SampleBuffer::makeAudio(std::make_shared<DataBlock>(size_t(frames) * format.bytesPerFrame),
+                                format, frames, MediaTime::makeWithSeconds(end, 44100));
+    if (silence && input->isReadyForMoreMediaData()) input->appendSampleBuffer(silence);
 }
 
 void SVMovieWriter::appendAudio1SampleBuffer(const std::shared_ptr<SampleBuffer>& sample) {
-    appendAudio(sample, audioInput1_, lastAudio1PresentationTime_,
+    appendAudio(sample, audioInput1_, lastAudio1PresentationTime_, audio1End_,
                 "discarding audio 1 sample buffer due to timestamp earlier than previous");
 }
 
 void SVMovieWriter::appendAudio2SampleBuffer(const std::shared_ptr<SampleBuffer>& sample) {
-    appendAudio(sample, audioInput2_, lastAudio2PresentationTime_,
+    appendAudio(sample, audioInput2_, lastAudio2PresentationTime_, audio2End_,
                 "discarding audio 2 sample buffer due to timestamp earlier than previous");
 }
 
@@ -170,7 +188,13 @@ void SVMovieWriter::finishWritingWithHandler(URLHandler handler) {
             if (handler) handler(writer->outputURL());
         });
     };
-    if (status == int(Status::Writing)) return finish();
+    if (status == int(Status::Writing)) {
+        // Audio tracks run to the video's end (a source's last buffer is
+        // lost at the stop): silence, not a shorter track.
+        padAudioToVideoEnd(audioInput1_, audio1End_);
+        padAudioToVideoEnd(audioInput2_, audio2End_);
+        return finish();
+    }
     log::info("not writing, returning video url set on file writer (most likely null)");
     auto error = fileWriter_ ? fileWriter_->error() : std::nullopt;
     log::error("file writer error = %i", error ? error->code : 0);

@@ -18,7 +18,9 @@
 // writer is not writing).
 #pragma once
 
+#include <atomic>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -138,7 +140,13 @@ class SVMovieWriter : public std::enable_shared_from_this<SVMovieWriter> {
     SVMovieWriter() = default;
     void appendAudio(const std::shared_ptr<SampleBuffer>& sample,
                      const std::shared_ptr<media::MovieWriterInput>& input, MediaTime& last,
-                     const char* discardMessage);
+                     std::atomic<double>& end, const char* discardMessage);
+    // Silence from `end` to the last video frame on an audio track that
+    // received audio but ends before the video (the capture's last buffer,
+    // still filling at the stop, is lost): the tracks play as long as the
+    // video. At most kMaxEndPaddingSeconds.
+    void padAudioToVideoEnd(const std::shared_ptr<media::MovieWriterInput>& input, double end);
+    static constexpr double kMaxEndPaddingSeconds = 2.0;
 
     std::shared_ptr<media::MovieFileWriter> fileWriter_;
     std::shared_ptr<media::MovieWriterInput> videoInput_;
@@ -150,6 +158,11 @@ class SVMovieWriter : public std::enable_shared_from_this<SVMovieWriter> {
     MediaTime lastVideoPresentationTime_;
     MediaTime lastAudio1PresentationTime_;
     MediaTime lastAudio2PresentationTime_;
+    // Where each audio track's appended audio ends, in seconds (NaN: none
+    // yet). Written by the track's append, read by the finish, which may
+    // run on another thread while a last append is on its way.
+    std::atomic<double> audio1End_{std::numeric_limits<double>::quiet_NaN()};
+    std::atomic<double> audio2End_{std::numeric_limits<double>::quiet_NaN()};
     std::shared_ptr<SVBroadcastConfiguration> broadcastConfig_;
     bool systemRecording_ = false;
     media::MovieFileWriter::FailureHandler failureHandler_;

@@ -38,15 +38,19 @@ inline constexpr const char* kSetMicrophoneEnabled = "setMicrophoneEnabled:";
 inline constexpr const char* kDiscardRecording = "discardRecordingWithHandler:";
 inline constexpr const char* kClientDidBecomeActive = "clientDidBecomeActiveWithBundleID:";
 inline constexpr const char* kClientDidResignActive = "clientDidResignActiveWithBundleID:";
+inline constexpr const char* kEnableRecordingWarnings = "enableRecordingWarnings";
 // SVClientProtocol
 inline constexpr const char* kStopRecordingWithError = "stopRecordingWithError:movieURL:";
 inline constexpr const char* kUpdateBroadcastServiceInfo = "updateBroadcastServiceInfo:";
+inline constexpr const char* kRecordingWarning = "recordingWarning:";
 // SVConsentAgentProtocol
 inline constexpr const char* kPresentAlert = "presentAlert:handler:";
+inline constexpr const char* kWithdrawAlert = "withdrawAlert:";
 // The shell channel's recording methods
 inline constexpr const char* kRegisterConsentAgent =
     "registerConsentAgentWithPreferredLanguages:handler:";
 inline constexpr const char* kLayerContextIDsForCaller = "layerContextIDsForCallerWithHandler:";
+inline constexpr const char* kEnableAlertWithdrawal = "enableAlertWithdrawal";
 }  // namespace method
 
 // Exported by the daemon on its application service (application to daemon).
@@ -64,6 +68,10 @@ inline constexpr const char* kLayerContextIDsForCaller = "layerContextIDsForCall
 //   discardRecordingWithHandler:                     -> ()
 //   clientDidBecomeActiveWithBundleID:        (text)
 //   clientDidResignActiveWithBundleID:        (text)
+//   enableRecordingWarnings
+//       this connection understands recordingWarning: (below); without it the
+//       daemon never sends one, so a client that predates it is never sent
+//       a method it does not know
 inline std::shared_ptr<const ipc::Interface> daemonProtocolInterface() {
     using K = ipc::ArgKind;
     using ipc::orNull;
@@ -92,6 +100,7 @@ inline std::shared_ptr<const ipc::Interface> daemonProtocolInterface() {
             {method::kDiscardRecording, {{K::Handler}}, {}},
             {method::kClientDidBecomeActive, {{K::String}}, {}},
             {method::kClientDidResignActive, {{K::String}}, {}},
+            {method::kEnableRecordingWarnings, {}, {}},
         });
     return i;
 }
@@ -99,6 +108,9 @@ inline std::shared_ptr<const ipc::Interface> daemonProtocolInterface() {
 // Exported by the application on its connection (daemon to application).
 //   stopRecordingWithError:movieURL:  (error?, movie?)
 //   updateBroadcastServiceInfo:       (map)
+//   recordingWarning:                 (map) {"code": int, "message": text}
+//       something the user should know about a recording that goes on (codes
+//       below); only after the connection sent enableRecordingWarnings
 inline std::shared_ptr<const ipc::Interface> clientProtocolInterface() {
     using K = ipc::ArgKind;
     using ipc::orNull;
@@ -107,9 +119,22 @@ inline std::shared_ptr<const ipc::Interface> clientProtocolInterface() {
         std::vector<ipc::MethodSpec>{
             {method::kStopRecordingWithError, {orNull(K::Dictionary), orNull(K::String)}, {}},
             {method::kUpdateBroadcastServiceInfo, {{K::Dictionary}}, {}},
+            {method::kRecordingWarning, {{K::Dictionary}}, {}},
         });
     return i;
 }
+
+// Codes of recordingWarning:. A client shows the message; an unknown code is
+// shown like any other.
+enum SVRecordingWarningCode : int64_t {
+    // The audio server went away: the recording goes on, with silence for
+    // its audio until the server is back.
+    kSVRecordingWarningAudioLost = 1,
+    // The audio server is back: audio is recorded again.
+    kSVRecordingWarningAudioRestored = 2,
+};
+inline constexpr const char* kRecordingWarningCodeKey = "code";
+inline constexpr const char* kRecordingWarningMessageKey = "message";
 
 // Exported by a consent agent on its shell-channel connection, after it has
 // registered (daemon to agent). The alert is
@@ -117,12 +142,17 @@ inline std::shared_ptr<const ipc::Interface> clientProtocolInterface() {
 //    "alternateButton": text or null, "otherButton": text or null}
 // and the answer one of "default", "alternate", "other", "cancel".
 //   presentAlert:handler:  (map) -> (text)
+// The alert map also holds "alertID" (unsigned integer), which names it in
+//   withdrawAlert:  (uint) the alert is no longer wanted (the application
+//       went away or gave up): take it down; its answer is not needed. Sent
+//       only to an agent that sent enableAlertWithdrawal on its connection.
 inline std::shared_ptr<const ipc::Interface> consentAgentProtocolInterface() {
     using K = ipc::ArgKind;
     static auto i = std::make_shared<const ipc::Interface>(
         "SVConsentAgentProtocol",
         std::vector<ipc::MethodSpec>{
             {method::kPresentAlert, {{K::Dictionary}, {K::Handler}}, {{K::String}}},
+            {method::kWithdrawAlert, {{K::Int64}}, {}},
         });
     return i;
 }
@@ -144,6 +174,9 @@ enum SVShellErrorCode : int64_t {
 //   registerConsentAgentWithPreferredLanguages:handler: (array of text) -> (error?)
 //       the calling connection becomes the consent agent (the newest one wins)
 //       when its process is a trusted executable; others get error 3
+//   enableAlertWithdrawal
+//       the calling connection understands withdrawAlert: (an agent that
+//       does not send it keeps an alert until it answers)
 //   layerContextIDsForCallerWithHandler:      -> (array of ints, error?)
 //       the synthetic window system's layers of the calling process
 //   setApplicationState:foreground:processIdentifier:handler: (text, bool, int32) -> (error?)
@@ -164,6 +197,7 @@ inline std::vector<ipc::MethodSpec> recordingShellMethods() {
     using ipc::orNull;
     return {
         {method::kRegisterConsentAgent, {{K::Array}, {K::Handler}}, {orNull(K::Dictionary)}},
+        {method::kEnableAlertWithdrawal, {}, {}},
         {method::kLayerContextIDsForCaller,
          {{K::Handler}},
          {orNull(K::Array), orNull(K::Dictionary)}},

@@ -396,9 +396,21 @@ void SVRecordingSession::_stopAllCapture(bool pausing) {
     }
     // Without controlMutex_: the stop waits for a frame or failure callback
     // in progress, and a failure callback stops capture itself.
-    if (auto controller = screenCaptureController()) {
+    auto controller = screenCaptureController();
+    if (controller) {
         controller->stopCapture();
         controller->setDelegate({});
+    }
+    if (!pausing && controller) {
+        // A recording's end releases its controller, and with it the pool
+        // of frame surfaces it keeps for reuse (up to kMaxFramesInFlight
+        // screen-sized buffers): an idle session holds no frame memory.
+        // The next start makes a controller of the size it records.
+        {
+            std::lock_guard lock(propertiesMutex_);
+            if (screenCaptureController_ == controller) screenCaptureController_.reset();
+        }
+        controller.reset();  // outside the locks: the release joins its thread
     }
     std::lock_guard control(controlMutex_);
     SVCaptureManager::sharedManager()->stopAllCapture();

@@ -2,6 +2,8 @@
 // the user in the terminal, in a zenity dialog (--gui), or answers them
 // without asking (--answer, for scripts and tests).
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,11 +11,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "client/cli/cli_loop.h"
-#include "client/cli/consent_prompt.h"
 #include "client/cli_command.h"
 #include "client/consent_agent.h"
 #include "client/shell_channel.h"
@@ -56,6 +61,148 @@ constexpr const char* kUsage =
 int usageError(const std::string& message) {
     std::fprintf(stderr, "sorvel consent-agent: %s\n\n%s", message.c_str(), kUsage);
     return 2;
+}
+
+std::string localized(const char* key, const char* english) {
+    auto s = sv::_svLocalizedStringFromFrameworkBundleWithKey(key, "");
+    return s && !s->empty() && *s != key ? *s : english;
+}
+
+// Terminal: one question at a time on a queue of its own, so that reading
+// the answer never holds up the agent's connection.
+// What the agent shows at the moment, so that a withdrawal can take it
+// down: the alert the terminal asks about (its prompt waits on standard
+// input and on a pipe that a withdrawal writes to), and the dialogs'
+// processes. Shared by the prompt's queue and the agent's queue.
+class Showing {
+  public:
+    static Showing& instance() {
+        static auto* showing = new Showing;
+        return *showing;
+    }
+    // The terminal prompt of `alertID` begins; false when it was withdrawn
+    // before it could be shown.
+    bool beginPrompt(uint64_t alertID) {
+        std::lock_guard lock(mutex_);
+        if (withdrawnEarly_.erase(alertID)) return false;
+        prompt_ = alertID;
+        return true;
+    }
+    // The dialog of `alertID` is about to start; false when it was
+    // withdrawn before.
+    bool mayShowDialog(uint64_t alertID) {
+        std::lock_guard lock(mutex_);
+        return withdrawnEarly_.erase(alertID) == 0;
+    }
+    void endPrompt() {
+        std::lock_guard lock(mutex_);
+        prompt_ = 0;
+    }
+    // Readable when the current prompt is withdrawn; -1 without a pipe.
+    int wakeFd() {
+        std::lock_guard lock(mutex_);
+        if (!wake_[0].valid()) {
+            int fds[2];
+            if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0) {
+                wake_[0] = sv::UniqueFd(fds[0]);
+                wake_[1] = sv::UniqueFd(fds[1]);
+            }
+        }
+        return wake_[0].get();
+    }
+    void drainWake() {
+        char buf[16];
+        while (read(wakeFd(), buf, sizeof buf) > 0) {
+        }
+    }
+    void dialogStarted(uint64_t alertID, pid_t pid) {
+        std::lock_guard lock(mutex_);
+        // Withdrawn between the check and the start: take it down at once.
+        if (withdrawnEarly_.erase(alertID)) kill(pid, SIGTERM);
+        dialogs_[alertID] = pid;
+    }
+    void dialogEnded(uint64_t alertID) {
+        std::lock_guard lock(mutex_);
+        dialogs_.erase(alertID);
+    }
+    void withdraw(uint64_t alertID) {
+        std::lock_guard lock(mutex_);
+        if (auto it = dialogs_.find(alertID); it != dialogs_.end()) {
+            kill(it->second, SIGTERM);
+        } else if (prompt_ == alertID) {
+            if (wake_[1].valid()) (void)!write(wake_[1].get(), "w", 1);
+        } else if (withdrawnEarly_.size() < 64) {
+            // Still waiting for its turn on the prompt's queue.
+            withdrawnEarly_.insert(alertID);
+        }
+    }
+
+  private:
+    std::mutex mutex_;
+    uint64_t prompt_ = 0;
+    std::set<uint64_t> withdrawnEarly_;
+    std::map<uint64_t, pid_t> dialogs_;
+    sv::UniqueFd wake_[2];
+};
+
+// A line from standard input, or nullopt at its end or when the prompt is
+// withdrawn (`withdrawn` then set).
+std::optional<std::string> readChoice(bool* withdrawn) {
+    std::string line;
+    const int wake = Showing::instance().wakeFd();
+    for (;;) {
+        pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {wake, POLLIN, 0}};
+        if (poll(fds, wake >= 0 ? 2 : 1, -1) < 0) {
+            if (errno == EINTR) continue;
+            return std::nullopt;
+        }
+        if (wake >= 0 && (fds[1].revents & POLLIN)) {
+            Showing::instance().drainWake();
+            *withdrawn = true;
+            return std::nullopt;
+        }
+        if (!(fds[0].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+        char c;
+        ssize_t n = read(STDIN_FILENO, &c, 1);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return std::nullopt;
+        if (c == '\n') return line;
+        if (line.size() < 64) line.push_back(c);
+    }
+}
+
+void presentInTerminal(const ConsentAlert& alert, sv::ConsentAgent::Answer answer) {
+    static auto queue = sv::DispatchQueue::serial("org.sorvel.consent-agent.prompt");
+    queue->async([alert, answer] {
+        if (!Showing::instance().beginPrompt(alert.alertID)) return;
+        auto buttons = sv::buttonsInDisplayOrder(alert);
+        std::printf("\n%s\n%s\n\n", alert.title.c_str(), alert.message.c_str());
+        for (size_t i = 0; i < buttons.size(); ++i)
+            std::printf("  %zu) %s\n", i + 1, buttons[i].second.c_str());
+        std::string prompt = localized("CONSENT_AGENT_PROMPT", "Your choice");
+        while (true) {
+            std::printf("%s [1-%zu]: ", prompt.c_str(), buttons.size());
+            std::fflush(stdout);
+            bool withdrawn = false;
+            auto line = readChoice(&withdrawn);
+            if (!line) {
+                std::printf("\n");
+                std::fflush(stdout);
+                Showing::instance().endPrompt();
+                if (!withdrawn) answer(ConsentResponse::Cancel);
+                return;
+            }
+            char* end = nullptr;
+            long choice = std::strtol(line->c_str(), &end, 10);
+            while (end && (*end == ' ' || *end == '\r')) ++end;
+            if (end != line->c_str() && end && *end == 0 && choice >= 1 &&
+                size_t(choice) <= buttons.size()) {
+                Showing::instance().endPrompt();
+                answer(buttons[size_t(choice) - 1].first);
+                return;
+            }
+        }
+    });
 }
 
 std::string findInPath(const std::string& program) {
@@ -106,6 +253,7 @@ ConsentResponse askZenity(const std::string& zenity, const ConsentAlert& alert) 
     pid_t pid = -1;
     int rc = posix_spawn(&pid, zenity.c_str(), &fa, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&fa);
+    if (rc == 0) Showing::instance().dialogStarted(alert.alertID, pid);
     writeEnd.reset();  // the child's copy is the only writer left
     std::string printed;
     char buf[256];
@@ -117,7 +265,11 @@ ConsentResponse askZenity(const std::string& zenity, const ConsentAlert& alert) 
     }
     readEnd.reset();
     int status = 0;
-    if (rc != 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
+    const bool reaped = rc == 0 && waitpid(pid, &status, 0) == pid;
+    if (rc == 0) Showing::instance().dialogEnded(alert.alertID);
+    if (reaped && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM)
+        return ConsentResponse::Cancel;  // withdrawn (or ended by the user's session)
+    if (!reaped || !WIFEXITED(status)) {
         std::fprintf(stderr, "sorvel consent-agent: zenity failed; the question is declined\n");
         return ConsentResponse::Cancel;
     }
@@ -191,11 +343,15 @@ int runConsentAgent(int argc, char** argv) {
     } else if (gui) {
         options.presenter = [zenity](const ConsentAlert& alert, sv::ConsentAgent::Answer answer) {
             static auto queue = sv::DispatchQueue::serial("org.sorvel.consent-agent.dialog");
-            queue->async([zenity, alert, answer] { answer(askZenity(zenity, alert)); });
+            queue->async([zenity, alert, answer] {
+                if (Showing::instance().mayShowDialog(alert.alertID))
+                    answer(askZenity(zenity, alert));
+            });
         };
     } else {
-        options.presenter = sv::cli::askInTerminal;
+        options.presenter = presentInTerminal;
     }
+    options.withdraw = [](uint64_t alertID) { Showing::instance().withdraw(alertID); };
     // Read and written on the loop's thread only.
     auto agent = std::make_shared<std::shared_ptr<sv::ConsentAgent>>();
     auto waitingShown = std::make_shared<bool>(false);
@@ -219,6 +375,10 @@ int runConsentAgent(int argc, char** argv) {
                     std::fprintf(stderr, "sorvel consent-agent: the service refused: %s\n",
                                  detail.c_str());
                     loop->quit(1);
+                    break;
+                case E::Withdrawn:
+                    std::fprintf(stderr, "sorvel consent-agent: \"%s\": withdrawn by the service\n",
+                                 detail.c_str());
                     break;
                 case E::Answered:
                     if (once && *agent)

@@ -295,6 +295,13 @@ int Recorder::run() {
     o.executor = [loop = loop_](std::function<void()> task) { loop->post(std::move(task)); };
     client_ = std::make_unique<sv::SVRecorderClient>(std::move(o));
     client_->setDelegate(weak_from_this());
+    // On the loop, through the executor.
+    client_->setWarningHandler([w = weak_from_this()](const sv::SVRecorderWarning& warning) {
+        auto self = w.lock();
+        if (!self) return;
+        self->note("sorvel record: warning: " + warning.message);
+        self->render();
+    });
     shell_ = std::make_unique<sv::ShellClient>();
     loop_->handleTerminationSignals([this](int s) { onSignal(s); });
 
@@ -360,13 +367,26 @@ void Recorder::findLayers(Clock::time_point deadline) {
 
 void Recorder::start() {
     phase_ = Phase::Starting;
+    // Keys work from now on: q gives up while the user is being asked.
+    terminal_ = std::make_unique<sv::cli::RawTerminal>(STDIN_FILENO);
+    if (terminal_->active()) {
+        loop_->watch(STDIN_FILENO, [this] {
+            char keys[16];
+            ssize_t n = read(STDIN_FILENO, keys, sizeof keys);
+            if (n <= 0) {
+                loop_->unwatch(STDIN_FILENO);
+                return;
+            }
+            for (ssize_t i = 0; i < n; ++i) onKey(keys[i]);
+        });
+    }
     auto size = options_.size          ? *options_.size
                 : options_.monitorSize ? *options_.monitorSize
                                        : defaultSize(options_.system, options_.layers);
     hintTimer_ = loop_->after(kConsentHintDelay, [this] {
         note(
             "sorvel record: waiting for the user to allow the recording (a consent agent "
-            "shows the question: sorvel consent-agent)...");
+            "shows the question: sorvel consent-agent; q or Ctrl-C gives up)...");
     });
     std::weak_ptr<Recorder> w = weak_from_this();
     client_->startRecordingWindowLayerContextIDs(
@@ -389,21 +409,10 @@ void Recorder::started(std::optional<SVRecorderError> error, bool microphone) {
     microphoneAllowed_ = microphoneOn_ = microphone;
     if (options_.microphone && !microphone)
         note("sorvel record: recording without the microphone (not allowed by the user)");
-    terminal_ = std::make_unique<sv::cli::RawTerminal>(STDIN_FILENO);
-    if (terminal_->active()) {
+    if (terminal_->active())
         note("Recording. p pause/resume, m microphone, q stop, d discard.");
-        loop_->watch(STDIN_FILENO, [this] {
-            char keys[16];
-            ssize_t n = read(STDIN_FILENO, keys, sizeof keys);
-            if (n <= 0) {
-                loop_->unwatch(STDIN_FILENO);
-                return;
-            }
-            for (ssize_t i = 0; i < n; ++i) onKey(keys[i]);
-        });
-    } else {
+    else
         note("Recording.");
-    }
     pollStatus();
     if (options_.duration) {
         std::weak_ptr<Recorder> w = weak_from_this();
@@ -443,6 +452,11 @@ void Recorder::pollStatus() {
 }
 
 void Recorder::onKey(char key) {
+    if (phase_ == Phase::Starting && (key == 'q' || key == 'Q')) {
+        // Leaving closes the connection: the service withdraws the question.
+        fail("sorvel record: cancelled before the recording started");
+        return;
+    }
     if (phase_ != Phase::Recording) return;
     switch (key) {
         case 'p':

@@ -35,9 +35,12 @@ enum AudioStatus : int32_t {
 // A run of interleaved frames in the format the source was opened with and
 // the host time of its first frame. The bytes are only valid during the call.
 using AudioChunkSink = std::function<void(std::span<const uint8_t> bytes, uint64_t hostTime)>;
-// Called once when a running source stops by itself (server gone, device
-// removed), on a backend thread, with a status.
+// Called once when a running source stops by itself (device removed), on a
+// backend thread, with a status. A source does not stop when its server goes
+// away: it goes on with silence and records again once the server is back.
 using AudioSourceFailure = std::function<void(int32_t status)>;
+// Hears that the audio server went away (false) or answers again (true).
+using AudioServerStateHandler = std::function<void(bool available)>;
 
 // A running recording. Destroying it stops it: when the destructor returns,
 // the sink is never called again. The sink runs on one backend thread at a
@@ -80,6 +83,12 @@ class AudioBackend {
                                                         AudioChunkSink sink,
                                                         AudioSourceFailure onFailure,
                                                         int32_t* status) = 0;
+
+    // Replaces who hears of the server going away and coming back; null for
+    // nobody. The handler runs on a backend thread, once per change, must
+    // not block and must not call into the backend. Backends without a
+    // server never call it.
+    virtual void setServerStateHandler(AudioServerStateHandler handler) { (void)handler; }
 };
 
 enum class AudioBackendKind { Automatic, Pulse, Synthetic };

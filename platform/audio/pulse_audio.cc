@@ -17,76 +17,120 @@ namespace sv {
 // One server connection: a threaded main loop and its context. Every
 // libpulse object is touched only with the main loop's lock held (or on its
 // thread, which holds it).
+//
+// When the server goes away after the context was ready, the connection
+// tells its listeners and then connects a new context on the same loop
+// every kRetryUsec until the server answers again; the loop's thread and its
+// timers keep running in between, so sources can go on with silence.
+//
+// Lifetime: shared by the backend and its sources. It must never be
+// released on its loop's thread or while its lock is held: the destructor
+// joins that thread. Lock keeps a reference, so a connection dropped while
+// a Lock is held goes only after the unlock.
 class PulseConnection {
   public:
     using SubscriptionHandler = std::function<void(pa_subscription_event_type_t, uint32_t)>;
+    // On the loop's thread, with the lock held: the context is ready again
+    // (true) or was lost (false).
+    using StateListener = std::function<void(bool ready)>;
 
     class Lock {
       public:
-        explicit Lock(pa_threaded_mainloop* m)
-            : m_(pa_threaded_mainloop_in_thread(m) ? nullptr : m) {
-            if (m_) pa_threaded_mainloop_lock(m_);
+        explicit Lock(std::shared_ptr<PulseConnection> c) : conn_(std::move(c)) {
+            if (conn_ && !pa_threaded_mainloop_in_thread(conn_->mainloop()))
+                pa_threaded_mainloop_lock(locked_ = conn_->mainloop());
         }
+        // Unlocks before the reference goes, so no destructor runs locked.
         ~Lock() {
-            if (m_) pa_threaded_mainloop_unlock(m_);
+            if (locked_) pa_threaded_mainloop_unlock(locked_);
+            locked_ = nullptr;
+            conn_.reset();
         }
         Lock(const Lock&) = delete;
         Lock& operator=(const Lock&) = delete;
 
       private:
-        pa_threaded_mainloop* m_;
+        std::shared_ptr<PulseConnection> conn_;
+        pa_threaded_mainloop* locked_ = nullptr;
     };
 
     // A connected context, or null when the server does not answer within
-    // `timeout` or an allocation fails.
+    // `timeout` or an allocation fails. `onServerState` (may be null) hears
+    // of later losses and returns, on the loop's thread.
     static std::shared_ptr<PulseConnection> open(const std::string& server,
-                                                 std::chrono::milliseconds timeout) {
+                                                 std::chrono::milliseconds timeout,
+                                                 AudioServerStateHandler onServerState = {}) {
         auto c = std::shared_ptr<PulseConnection>(new PulseConnection);
+        c->server_ = server;
+        c->onServerState_ = std::move(onServerState);
         c->mainloop_.reset(pa_threaded_mainloop_new());
         if (!c->mainloop_) return nullptr;
         pa_threaded_mainloop* loop = c->mainloop_.get();
         pa_threaded_mainloop_set_name(loop, "sv-pulse");
-        pulse::Proplist props(pa_proplist_new());
-        if (!props) return nullptr;
-        pa_proplist_sets(props.get(), PA_PROP_APPLICATION_NAME, "sorveld");
-        pa_proplist_sets(props.get(), PA_PROP_APPLICATION_ID, "sorveld");
-        c->context_.reset(pa_context_new_with_proplist(pa_threaded_mainloop_get_api(loop),
-                                                       "sorveld", props.get()));
-        if (!c->context_) return nullptr;
-        pa_context* ctx = c->context_.get();
-        pa_context_set_state_callback(ctx, &PulseConnection::onState, c.get());
-        pa_context_set_subscribe_callback(ctx, &PulseConnection::onEvent, c.get());
-        if (pa_context_connect(ctx, server.empty() ? nullptr : server.c_str(),
-                               PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0)
-            return nullptr;
+        if (!c->connectContext()) return nullptr;
         if (pa_threaded_mainloop_start(loop) < 0) return nullptr;
-        Lock lock(loop);
+        Lock lock(c);
         if (!c->waitUntilReady(timeout)) return nullptr;
-        pulse::Operation(
-            pa_context_subscribe(ctx, PA_SUBSCRIPTION_MASK_SINK_INPUT, nullptr, nullptr));
         return c;
     }
 
-    // The main loop's thread stops before the context and the loop are
-    // released (members, in reverse order of declaration).
+    // The main loop's thread stops before the context, the timer and the
+    // loop are released (members, in reverse order of declaration).
     ~PulseConnection() {
+        if (!mainloop_) return;
+        pa_threaded_mainloop_lock(mainloop_.get());
         closing_ = true;
-        if (mainloop_) pa_threaded_mainloop_stop(mainloop_.get());
+        pa_threaded_mainloop_unlock(mainloop_.get());
+        pa_threaded_mainloop_stop(mainloop_.get());
     }
 
     pa_threaded_mainloop* mainloop() const { return mainloop_.get(); }
     pa_context* context() const { return context_.get(); }
 
     // With the lock held.
-    bool ready() const { return pa_context_get_state(context_.get()) == PA_CONTEXT_READY; }
+    bool ready() const {
+        return context_ && pa_context_get_state(context_.get()) == PA_CONTEXT_READY;
+    }
     uint64_t addSubscriber(SubscriptionHandler h) {
-        subscribers_[nextSubscriber_] = std::move(h);
-        return nextSubscriber_++;
+        subscribers_[nextId_] = std::move(h);
+        return nextId_++;
     }
     void removeSubscriber(uint64_t id) { subscribers_.erase(id); }
+    uint64_t addStateListener(StateListener l) {
+        listeners_[nextId_] = std::move(l);
+        return nextId_++;
+    }
+    void removeStateListener(uint64_t id) { listeners_.erase(id); }
 
   private:
+    static constexpr pa_usec_t kRetryUsec = 500000;
+
     PulseConnection() = default;
+
+    // With the lock held (or before the loop runs): a new context on the
+    // loop, connecting. False when it cannot even be tried.
+    bool connectContext() {
+        pa_threaded_mainloop* loop = mainloop_.get();
+        pulse::Proplist props(pa_proplist_new());
+        if (!props) return false;
+        pa_proplist_sets(props.get(), PA_PROP_APPLICATION_NAME, "sorveld");
+        pa_proplist_sets(props.get(), PA_PROP_APPLICATION_ID, "sorveld");
+        // Replaced only by a context that exists: timers need one.
+        pulse::Context fresh(pa_context_new_with_proplist(pa_threaded_mainloop_get_api(loop),
+                                                          "sorveld", props.get()));
+        if (!fresh) return false;
+        if (context_) {
+            // The old context's callbacks must not run for its release.
+            pa_context_set_state_callback(context_.get(), nullptr, nullptr);
+            pa_context_set_subscribe_callback(context_.get(), nullptr, nullptr);
+        }
+        context_ = std::move(fresh);
+        pa_context* ctx = context_.get();
+        pa_context_set_state_callback(ctx, &PulseConnection::onState, this);
+        pa_context_set_subscribe_callback(ctx, &PulseConnection::onEvent, this);
+        return pa_context_connect(ctx, server_.empty() ? nullptr : server_.c_str(),
+                                  PA_CONTEXT_NOAUTOSPAWN, nullptr) >= 0;
+    }
 
     // With the lock held: waits for the context to become ready, fail, or
     // for `timeout` to pass.
@@ -112,13 +156,62 @@ class PulseConnection {
         }
     }
 
+    // On the loop's thread: try again in kRetryUsec.
+    void scheduleRetry() {
+        if (closing_) return;
+        if (!retry_) {
+            retry_ = pulse::TimeEvent(
+                pa_context_rttime_new(context_.get(), pa_rtclock_now() + kRetryUsec,
+                                      &PulseConnection::onRetry, this),
+                pulse::TimeEventDeleter(pa_threaded_mainloop_get_api(mainloop_.get())));
+            if (!retry_) log::error("PulseAudio: cannot schedule a reconnection");
+            return;
+        }
+        pa_context_rttime_restart(context_.get(), retry_.get(), pa_rtclock_now() + kRetryUsec);
+    }
+
+    static void onRetry(pa_mainloop_api*, pa_time_event*, const struct timeval*, void* u) {
+        auto* self = static_cast<PulseConnection*>(u);
+        if (self->closing_ || self->ready()) return;
+        // A failure to connect shows as a failed state (which retries) or,
+        // when the attempt cannot start at all, here.
+        if (!self->connectContext() && self->context_) self->scheduleRetry();
+    }
+
     static void onState(pa_context* c, void* userdata) {
         auto* self = static_cast<PulseConnection*>(userdata);
         pa_context_state_t st = pa_context_get_state(c);
-        if ((st == PA_CONTEXT_FAILED || st == PA_CONTEXT_TERMINATED) && !self->closing_)
-            log::error("PulseAudio: connection ended: %@", pa_strerror(pa_context_errno(c)));
+        if (st == PA_CONTEXT_READY) {
+            pulse::Operation(
+                pa_context_subscribe(c, PA_SUBSCRIPTION_MASK_SINK_INPUT, nullptr, nullptr));
+            if (self->lost_) {
+                self->lost_ = false;
+                log::info("PulseAudio: the server answers again");
+                self->tell(true);
+            }
+            self->everReady_ = true;
+        } else if ((st == PA_CONTEXT_FAILED || st == PA_CONTEXT_TERMINATED) && !self->closing_) {
+            if (self->everReady_ && !self->lost_) {
+                self->lost_ = true;
+                log::error("PulseAudio: connection ended: %@", pa_strerror(pa_context_errno(c)));
+                self->tell(false);
+            }
+            if (self->everReady_) self->scheduleRetry();
+        }
         pa_threaded_mainloop_signal(self->mainloop_.get(), 0);
     }
+
+    void tell(bool ready) {
+        // Listeners may remove themselves: iterate over a snapshot of ids.
+        std::vector<uint64_t> ids;
+        for (auto& [id, l] : listeners_) ids.push_back(id);
+        for (uint64_t id : ids) {
+            auto it = listeners_.find(id);
+            if (it != listeners_.end()) it->second(ready);
+        }
+        if (onServerState_) onServerState_(ready);
+    }
+
     static void onEvent(pa_context*, pa_subscription_event_type_t t, uint32_t idx, void* userdata) {
         auto* self = static_cast<PulseConnection*>(userdata);
         // Handlers may remove themselves: iterate over a snapshot of ids.
@@ -130,13 +223,19 @@ class PulseConnection {
         }
     }
 
-    // Declared before the context: released after it.
+    std::string server_;
+    AudioServerStateHandler onServerState_;
+    // Declared before the context and the timer: released after them.
     pulse::ThreadedMainloop mainloop_;
     pulse::Context context_;
+    pulse::TimeEvent retry_;
     bool timedOut_ = false;
     bool closing_ = false;
+    bool everReady_ = false;
+    bool lost_ = false;
     std::map<uint64_t, SubscriptionHandler> subscribers_;
-    uint64_t nextSubscriber_ = 1;
+    std::map<uint64_t, StateListener> listeners_;
+    uint64_t nextId_ = 1;
 };
 
 namespace {
@@ -168,6 +267,9 @@ class RecordStream {
     // playback streams, whose reported latency is the sink's look-ahead
     // rather than an age, that is when the server mixed the audio.
     enum class Timing { Device, Arrival };
+    // How long a device's first audio may wait for the server's first timing
+    // update before it is stamped without it.
+    static constexpr pa_usec_t kMaxWaitForTimingUsec = 250000;
 
     RecordStream(PulseConnection* conn, const pa_sample_spec& sampleSpec, Timing timing,
                  DataHandler onData, std::function<void()> onEnded)
@@ -189,6 +291,9 @@ class RecordStream {
         pa_stream_set_state_callback(s, &RecordStream::onState, this);
         pa_stream_set_overflow_callback(
             s, [](pa_stream*, void* u) { static_cast<RecordStream*>(u)->anchored_ = false; }, this);
+        // Reads that waited for the first timing update go on with it.
+        pa_stream_set_latency_update_callback(
+            s, [](pa_stream* st, void* u) { onRead(st, 0, u); }, this);
         pa_buffer_attr attr;
         attr.maxlength = uint32_t(-1);
         attr.tlength = attr.prebuf = attr.minreq = uint32_t(-1);
@@ -206,6 +311,7 @@ class RecordStream {
         pa_stream_set_read_callback(stream_.get(), nullptr, nullptr);
         pa_stream_set_state_callback(stream_.get(), nullptr, nullptr);
         pa_stream_set_overflow_callback(stream_.get(), nullptr, nullptr);
+        pa_stream_set_latency_update_callback(stream_.get(), nullptr, nullptr);
         stream_.reset();
     }
 
@@ -226,9 +332,24 @@ class RecordStream {
         const uint64_t now = HostClock::now();
         pa_usec_t latency = 0;
         int negative = 0;
-        if (self->timing_ == Timing::Arrival || pa_stream_get_latency(s, &latency, &negative) < 0) {
-            // No timing information yet: take the newest frame as recorded now.
-            latency = pa_bytes_to_usec(pa_stream_readable_size(s), &self->spec_);
+        const size_t readable = pa_stream_readable_size(s);
+        if (readable == size_t(-1) || readable == 0) return;
+        bool latencyKnown =
+            self->timing_ == Timing::Device && pa_stream_get_latency(s, &latency, &negative) == 0;
+        // A device's first reads often come before the server's first timing
+        // update. Anchoring them on "recorded just now" stamps them as late as
+        // the device buffers (up to half a second on a device that was
+        // idle), and the correction that follows once the latency is known
+        // sends the stamps back in time: the movie writer then drops every
+        // sample until they pass the last one. So the data waits (the timing
+        // update reads it, see connect) unless it piles up.
+        if (!latencyKnown && self->timing_ == Timing::Device && !self->anchored_ &&
+            readable < pa_usec_to_bytes(kMaxWaitForTimingUsec, &self->spec_))
+            return;
+        if (!latencyKnown) {
+            // Arrival timing, or no timing information for too long: take the
+            // newest frame as recorded now.
+            latency = pa_bytes_to_usec(readable, &self->spec_);
             negative = 0;
         }
         // The oldest unread frame was recorded `latency` ago (or, for a source
@@ -308,7 +429,9 @@ class RecordStream {
     int64_t driftMin_ = 0;
 };
 
-// The recording of a device.
+// The recording of a device. While the server is away it goes on with
+// silence on the host timeline, paced by the loop's timer and as far behind
+// real time as the recording ran, and records again once the server is back.
 class PulseDeviceSource : public AudioSource {
   public:
     PulseDeviceSource(std::shared_ptr<PulseConnection> conn, AudioChunkSink sink,
@@ -316,27 +439,90 @@ class PulseDeviceSource : public AudioSource {
         : conn_(std::move(conn)), sink_(std::move(sink)), onFailure_(std::move(onFailure)) {}
 
     bool open(const std::string& device, const pa_sample_spec& sampleSpec) {
-        PulseConnection::Lock lock(conn_->mainloop());
-        stream_ = std::make_unique<RecordStream>(
-            conn_.get(), sampleSpec, RecordStream::Timing::Device,
-            [this](const uint8_t* bytes, size_t length, uint64_t hostTime) {
-                sink_(std::span<const uint8_t>(bytes, length), hostTime);
-            },
-            [this] {
-                if (onFailure_) onFailure_(kAudioNoDeviceError);
-            });
-        return stream_->connect("sorveld microphone", device.empty() ? nullptr : device.c_str(),
-                                PA_INVALID_INDEX, 20000);
+        PulseConnection::Lock lock(conn_);
+        device_ = device;
+        spec_ = sampleSpec;
+        // A server lost before the first audio arrives: silence from now.
+        nextTime_ = HostClock::now();
+        listener_ = conn_->addStateListener([this](bool ready) {
+            if (!ready) return;  // the timer fills in until the server is back
+            if (!connectStream())
+                log::error("PulseAudio: cannot record the microphone again: %@",
+                           pa_strerror(pa_context_errno(conn_->context())));
+        });
+        timer_ = pulse::TimeEvent(
+            pa_context_rttime_new(conn_->context(), pa_rtclock_now() + kTickUsec,
+                                  &PulseDeviceSource::onTick, this),
+            pulse::TimeEventDeleter(pa_threaded_mainloop_get_api(conn_->mainloop())));
+        return timer_ && connectStream();
     }
     ~PulseDeviceSource() override {
-        PulseConnection::Lock lock(conn_->mainloop());
+        PulseConnection::Lock lock(conn_);
+        timer_.reset();
+        if (listener_) conn_->removeStateListener(listener_);
         stream_.reset();
     }
 
   private:
+    static constexpr pa_usec_t kTickUsec = 20000;
+
+    // With the lock held.
+    bool connectStream() {
+        stream_ = std::make_unique<RecordStream>(
+            conn_.get(), spec_, RecordStream::Timing::Device,
+            [this](const uint8_t* bytes, size_t length, uint64_t hostTime) {
+                deliver(bytes, length, hostTime);
+            },
+            [this] {
+                // A stream ended with its server is no failure: silence follows.
+                if (conn_->ready() && onFailure_) onFailure_(kAudioNoDeviceError);
+            });
+        return stream_->connect("sorveld microphone", device_.empty() ? nullptr : device_.c_str(),
+                                PA_INVALID_INDEX, 20000);
+    }
+
+    void deliver(const uint8_t* bytes, size_t length, uint64_t hostTime) {
+        const uint64_t frames = length / pa_frame_size(&spec_);
+        nextTime_ = hostTime + HostClock::ticksForFrames(frames, spec_.rate);
+        const uint64_t now = HostClock::now();
+        lag_ = now > nextTime_ ? now - nextTime_ : 0;
+        sink_(std::span<const uint8_t>(bytes, length), hostTime);
+    }
+
+    static void onTick(pa_mainloop_api*, pa_time_event* e, const struct timeval*, void* u) {
+        auto* self = static_cast<PulseDeviceSource*>(u);
+        if (!self->conn_->ready()) self->fillWithSilence();
+        pa_context_rttime_restart(self->conn_->context(), e, pa_rtclock_now() + kTickUsec);
+    }
+
+    // Silence from the end of what was delivered up to now (less the lag
+    // the recording ran with), at most a second per tick.
+    void fillWithSilence() {
+        const uint64_t now = HostClock::now();
+        if (now < lag_ || now - lag_ <= nextTime_) return;
+        const size_t frameSize = pa_frame_size(&spec_);
+        uint64_t frames = (now - lag_ - nextTime_) * spec_.rate / HostClock::kTicksPerSecond;
+        frames = std::min<uint64_t>(frames, spec_.rate);
+        if (zeros_.empty()) zeros_.assign(4096 * frameSize, 0);
+        while (frames) {
+            const uint64_t n = std::min<uint64_t>(frames, zeros_.size() / frameSize);
+            const uint64_t at = nextTime_;
+            nextTime_ += HostClock::ticksForFrames(n, spec_.rate);
+            sink_(std::span<const uint8_t>(zeros_.data(), n * frameSize), at);
+            frames -= n;
+        }
+    }
+
     std::shared_ptr<PulseConnection> conn_;
     AudioChunkSink sink_;
     AudioSourceFailure onFailure_;
+    std::string device_;
+    pa_sample_spec spec_{};
+    uint64_t listener_ = 0;
+    uint64_t nextTime_ = 0;  // host time just after the last frame delivered (or the open)
+    uint64_t lag_ = 0;       // how far behind real time that frame was delivered
+    std::vector<uint8_t> zeros_;
+    pulse::TimeEvent timer_;
     std::unique_ptr<RecordStream> stream_;
 };
 
@@ -363,11 +549,23 @@ class PulseProcessTap : public AudioSource {
     }
 
     bool start() {
-        PulseConnection::Lock lock(conn_->mainloop());
+        PulseConnection::Lock lock(conn_);
         if (!conn_->ready()) return false;
         t0_ = HostClock::now();
         subscriber_ = conn_->addSubscriber(
             [this](pa_subscription_event_type_t t, uint32_t idx) { onSinkInputEvent(t, idx); });
+        // While the server is away the ring mixes nothing: the tick hands
+        // over silence. Once it is back, the process's streams are looked
+        // up again on the new context.
+        listener_ = conn_->addStateListener([this](bool ready) {
+            for (auto& op : operations_) pa_operation_cancel(op.get());
+            operations_.clear();
+            lookups_.clear();
+            streams_.clear();
+            if (ready)
+                track(pa_context_get_sink_input_info_list(conn_->context(),
+                                                          &PulseProcessTap::onSinkInput, this));
+        });
         track(pa_context_get_sink_input_info_list(conn_->context(), &PulseProcessTap::onSinkInput,
                                                   this));
         timer_ = pulse::TimeEvent(
@@ -380,9 +578,10 @@ class PulseProcessTap : public AudioSource {
     // Releases every libpulse object of the tap under the loop's lock, so no
     // callback runs with a half-destroyed tap.
     ~PulseProcessTap() override {
-        PulseConnection::Lock lock(conn_->mainloop());
+        PulseConnection::Lock lock(conn_);
         timer_.reset();
         if (subscriber_) conn_->removeSubscriber(subscriber_);
+        if (listener_) conn_->removeStateListener(listener_);
         for (auto& op : operations_) pa_operation_cancel(op.get());
         operations_.clear();
         streams_.clear();
@@ -511,17 +710,10 @@ class PulseProcessTap : public AudioSource {
         }
     }
 
-    static void onTick(pa_mainloop_api* api, pa_time_event* e, const struct timeval*, void* u) {
+    static void onTick(pa_mainloop_api*, pa_time_event* e, const struct timeval*, void* u) {
         auto* self = static_cast<PulseProcessTap*>(u);
-        if (!self->conn_->ready()) {
-            // The server went away: report once and stop ticking.
-            if (self->onFailure_) self->onFailure_(kAudioServerUnavailableError);
-            self->onFailure_ = nullptr;
-            return;
-        }
         self->emit();
         std::erase_if(self->streams_, [](auto& kv) { return kv.second.stream->ended(); });
-        (void)api;
         pa_context_rttime_restart(self->conn_->context(), e, pa_rtclock_now() + kTickUsec);
     }
 
@@ -569,6 +761,7 @@ class PulseProcessTap : public AudioSource {
     std::vector<std::unique_ptr<SinkLookup>> lookups_;
     pulse::TimeEvent timer_;
     uint64_t subscriber_ = 0;
+    uint64_t listener_ = 0;
 };
 
 }  // namespace
@@ -582,18 +775,35 @@ bool PulseAudioBackend::serverAnswers(const std::string& server,
 }
 
 std::shared_ptr<PulseConnection> PulseAudioBackend::connection(int32_t* status) {
-    std::lock_guard lock(mutex_);
-    if (connection_) {
-        PulseConnection::Lock l(connection_->mainloop());
-        if (!connection_->ready()) connection_.reset();
+    std::shared_ptr<PulseConnection> conn;
+    {
+        std::lock_guard lock(mutex_);
+        if (!connection_) {
+            // Told on the loop's thread; the relay outlives the backend.
+            connection_ = PulseConnection::open(
+                server_, std::chrono::milliseconds(2000),
+                [relay = serverState_](bool available) { relay->tell(available); });
+        }
+        conn = connection_;
     }
-    if (!connection_) connection_ = PulseConnection::open(server_, std::chrono::milliseconds(2000));
-    if (!connection_) {
+    // A connection that lost its server reconnects by itself; until then
+    // nothing can be opened on it.
+    bool ready = false;
+    if (conn) {
+        PulseConnection::Lock l(conn);
+        ready = conn->ready();
+    }
+    if (!ready) {
         if (status) *status = kAudioServerUnavailableError;
         return nullptr;
     }
     if (status) *status = kAudioNoError;
-    return connection_;
+    return conn;
+}
+
+void PulseAudioBackend::setServerStateHandler(AudioServerStateHandler handler) {
+    std::lock_guard lock(serverState_->mutex);
+    serverState_->handler = std::move(handler);
 }
 
 std::shared_ptr<CaptureDevice> PulseAudioBackend::defaultAudioDevice() {

@@ -15,7 +15,12 @@
 // stream's latency when recording begins and then advanced by frame counts;
 // a stream whose measurement stays more than 30 ms off for half a second
 // is re-anchored.
-// Callbacks to the sinks run on the main loop's thread.
+// When the server goes away the sources go on with silence on the same
+// timeline, the connection tries again every half second, and the sources
+// record again (the tap looks up the process's streams anew) once it
+// answers; the server-state handler hears both changes.
+// Callbacks to the sinks and the server-state handler run on the main
+// loop's thread.
 #pragma once
 
 #include <chrono>
@@ -49,15 +54,27 @@ class PulseAudioBackend : public AudioBackend {
     std::unique_ptr<AudioSource> openProcessTap(int32_t pid, const AudioStreamFormat& format,
                                                 AudioChunkSink sink, AudioSourceFailure onFailure,
                                                 int32_t* status) override;
+    void setServerStateHandler(AudioServerStateHandler handler) override;
 
   private:
-    // The live connection, reconnecting when the last one failed; null with
-    // kAudioServerUnavailableError when no server answers.
+    // Shared with the connection, which may outlive the backend.
+    struct ServerStateRelay {
+        std::mutex mutex;
+        AudioServerStateHandler handler;
+        void tell(bool available) {
+            std::lock_guard lock(mutex);
+            if (handler) handler(available);
+        }
+    };
+
+    // The connection, made on first use; null with
+    // kAudioServerUnavailableError while no server answers.
     std::shared_ptr<PulseConnection> connection(int32_t* status);
 
     std::string server_;
     std::mutex mutex_;
     std::shared_ptr<PulseConnection> connection_;
+    std::shared_ptr<ServerStateRelay> serverState_ = std::make_shared<ServerStateRelay>();
 };
 
 }  // namespace sv

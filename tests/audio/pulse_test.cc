@@ -14,6 +14,7 @@
 #include "platform/audio/testing/private_pulse_server.h"
 #include "platform/host_clock.h"
 #include "tests/audio/audio_analysis.h"
+#include "tests/process/process_helpers.h"
 
 using namespace std::chrono_literals;
 
@@ -84,8 +85,9 @@ TEST_F(PulseTest, MicrophoneRecordsTheDefaultSource) {
     std::lock_guard lock(collector->mutex);
     auto& samples = collector->samples;
     std::vector<double> all;
-    // The first reads may still see the stream's latency settle.
-    const size_t settled = 4;
+    // Contiguous from the first sample on: the first reads wait for the
+    // server's timing instead of being stamped without it.
+    const size_t settled = 0;
     for (size_t i = 0; i < samples.size(); ++i) {
         EXPECT_EQ(samples[i]->numSamples(), 1024);
         if (i > settled) {
@@ -243,6 +245,117 @@ TEST_F(PulseTest, TapOfAProcessThatPlaysNothingIsSilent) {
     testing::PrivatePulseServer::reap(other);
     ASSERT_GE(run.buffers().size(), 6u);
     EXPECT_LT(testing::rms(run.concat(0, run.buffers().size())), 0.0005);
+}
+
+// The server crashes in the middle of a recording and comes back: both
+// sources go on with silence on an unbroken timeline, nothing reports a
+// failure, the backend tells of the loss and the return, the microphone
+// records sound again, and a new recording opens at once.
+TEST(PulseBackend, SourcesOutliveTheirServerWithSilenceAndRecordAgain) {
+    std::string why;
+    auto server = testing::PrivatePulseServer::start({kSineSourceHz}, &why);
+    if (!server && testing::PrivatePulseServer::required()) FAIL() << why;
+    if (!server) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
+    auto backend = std::make_shared<PulseAudioBackend>(server->address());
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::vector<bool> states;
+    backend->setServerStateHandler([&](bool available) {
+        std::lock_guard lock(mutex);
+        states.push_back(available);
+        cv.notify_all();
+    });
+    auto waitFor = [&](auto condition) {
+        std::unique_lock lock(mutex);
+        return cv.wait_for(lock, 30s, condition);
+    };
+
+    pid_t player = server->playTones({440}, 60.0);
+    ASSERT_GT(player, 0);
+    ASSERT_TRUE(server->waitForPlaybackStreams(player, 1, 10s));
+    TapRun tap(backend, player);
+    auto session = CaptureSession::make(backend);
+    session->addInput(CaptureDeviceInput::make(defaultCaptureDeviceForAudio(backend)));
+    auto output = AudioDataOutput::make();
+    auto mic = std::make_shared<Collector>();
+    output->setSampleBufferDelegate(mic, DispatchQueue::serial("test.mic"));
+    session->addOutput(output);
+    session->startRunning();
+    ASSERT_TRUE(session->isRunning());
+    ASSERT_TRUE(tap.waitForBuffers(5));
+    auto micCount = [&] {
+        std::lock_guard lock(mic->mutex);
+        return mic->samples.size();
+    };
+    auto waitForMic = [&](size_t n) {
+        std::unique_lock lock(mic->mutex);
+        return mic->cv.wait_for(lock, 30s, [&] { return mic->samples.size() >= n; });
+    };
+    ASSERT_TRUE(waitForMic(20));
+
+    server->killServer();
+    const uint64_t killedAt = HostClock::now();
+    ASSERT_TRUE(waitFor([&] { return !states.empty(); }));
+    // A second and a half of recording without a server.
+    const size_t micAtLoss = micCount(), tapAtLoss = tap.count();
+    ASSERT_TRUE(waitForMic(micAtLoss + 65));
+    ASSERT_TRUE(tap.waitForBuffers(tapAtLoss + 15));
+    const size_t micBeforeReturn = micCount(), tapBeforeReturn = tap.count();
+
+    ASSERT_TRUE(server->restart(&why)) << why;
+    ASSERT_TRUE(waitFor([&] { return states.size() >= 2; }));
+    // Sound again within a few seconds of the return.
+    auto soundSince = [&](size_t from) {
+        std::lock_guard lock(mic->mutex);
+        std::vector<double> x;
+        for (size_t i = from; i < mic->samples.size(); ++i) {
+            auto s = testing::pcm16Samples(*mic->samples[i]);
+            x.insert(x.end(), s.begin(), s.end());
+        }
+        return testing::rms(x) > 0.05;
+    };
+    EXPECT_TRUE(
+        test::eventually([&] { return soundSince(micCount() > 20 ? micCount() - 20 : 0); }, 30s));
+    session->stopRunning();
+    tap.stop();
+    testing::PrivatePulseServer::reap(player);
+    EXPECT_EQ(states, (std::vector<bool>{false, true}));
+
+    // Unbroken timelines from before the loss until the return.
+    {
+        std::lock_guard lock(mic->mutex);
+        for (size_t i = 5; i < micBeforeReturn; ++i) {
+            double step = subtract(mic->samples[i]->presentationTime(),
+                                   mic->samples[i - 1]->presentationTime())
+                              .seconds();
+            EXPECT_NEAR(step, 1024.0 / 44100.0, 0.003) << "microphone sample " << i;
+            const bool afterLoss = HostClock::fromMediaTime(mic->samples[i]->presentationTime()) >
+                                   killedAt + 200'000'000;
+            if (afterLoss && i + 1 < micBeforeReturn) {
+                EXPECT_EQ(testing::rms(testing::pcm16Samples(*mic->samples[i])), 0.0) << i;
+            }
+        }
+    }
+    const auto& buffers = tap.buffers();
+    for (size_t i = 1; i < tapBeforeReturn; ++i) {
+        double step = double(buffers[i].first.hostTime - buffers[i - 1].first.hostTime) / 1e9;
+        EXPECT_NEAR(step, 0.1, 0.003) << "tap buffer " << i;
+    }
+    EXPECT_LT(testing::rms(tap.concat(tapBeforeReturn - 5, tapBeforeReturn)), 0.0005);
+
+    // The next recording on the same backend starts at once.
+    auto next = CaptureSession::make(backend);
+    next->addInput(CaptureDeviceInput::make(defaultCaptureDeviceForAudio(backend)));
+    auto nextMic = std::make_shared<Collector>();
+    auto nextOutput = AudioDataOutput::make();
+    nextOutput->setSampleBufferDelegate(nextMic, DispatchQueue::serial("test.mic2"));
+    next->addOutput(nextOutput);
+    next->startRunning();
+    EXPECT_TRUE(next->isRunning());
+    std::unique_lock lock(nextMic->mutex);
+    EXPECT_TRUE(nextMic->cv.wait_for(lock, 30s, [&] { return nextMic->samples.size() >= 10; }));
+    lock.unlock();
+    next->stopRunning();
 }
 
 TEST(PulseBackend, UnreachableServerFailsWithStatus) {

@@ -141,14 +141,16 @@ TEST_F(RecordCommandTest, RecordsItsLayersForADurationAndWritesTheMovie) {
     int status = -1;
     std::string out = run({"--duration", "0.4"}, status);
     EXPECT_EQ(status, 0) << out;
-    EXPECT_EQ(daemon_->methods(),
-              (std::vector<std::string>{"clientDidBecomeActiveWithBundleID:", kStart, kStop}));
+    // It asks for warnings (to print them) before its first request.
+    ASSERT_EQ(daemon_->methods(),
+              (std::vector<std::string>{"enableRecordingWarnings",
+                                        "clientDidBecomeActiveWithBundleID:", kStart, kStop}));
     auto calls = daemon_->calls();
-    EXPECT_EQ(calls[0].args[0], "org.sorvel.recorder");  // from the bundle it runs in
-    EXPECT_EQ(calls[1].args[0], Value::array({7}));
-    EXPECT_EQ(calls[1].args[1], Value({{"width", 1600.0}, {"height", 900.0}}));
-    EXPECT_EQ(calls[1].args[2], false);       // no microphone asked for
-    EXPECT_EQ(calls[1].args[5], false);       // not a system recording
+    EXPECT_EQ(calls[1].args[0], "org.sorvel.recorder");  // from the bundle it runs in
+    EXPECT_EQ(calls[2].args[0], Value::array({7}));
+    EXPECT_EQ(calls[2].args[1], Value({{"width", 1600.0}, {"height", 900.0}}));
+    EXPECT_EQ(calls[2].args[2], false);       // no microphone asked for
+    EXPECT_EQ(calls[2].args[5], false);       // not a system recording
     EXPECT_GE(shell_->methods().size(), 3u);  // layers twice, then status
     // The movie moved from the service's store to FILE, and its inspection
     // follows its path.
@@ -180,7 +182,8 @@ TEST_F(RecordCommandTest, SystemRecordingWithMicrophoneTrimsWhenItStops) {
     EXPECT_TRUE(std::filesystem::exists(output_));
 }
 
-// The service ends the recording: message and code, the movie so far kept.
+// The service warns, then ends the recording: the warning is printed (an
+// unreadable one is dropped), then message and code, the movie so far kept.
 TEST_F(RecordCommandTest, AnInterruptionKeepsTheMovieAndFails) {
     startShell();
     startDaemon();
@@ -188,6 +191,13 @@ TEST_F(RecordCommandTest, AnInterruptionKeepsTheMovieAndFails) {
     child_ = sv::test::spawnWithInput(argv({}), {}, "", out);
     ASSERT_TRUE(daemon_->waitForCall(kStart));
     ASSERT_TRUE(shell_->waitForCall(kStatus));
+    daemon_->callBack("recordingWarning:", ipc::Arguments().add(Value({{"code", "one"}})));
+    daemon_->callBack(
+        "recordingWarning:",
+        ipc::Arguments().add(Value({{"code", 1}, {"message", "The audio is gone."}})));
+    ASSERT_TRUE(sv::test::eventually(
+        [&] { return contains(sv::test::readFile(out), "warning: The audio is gone."); }, 30s))
+        << sv::test::readFile(out);
     Value error = Error{"org.sorvel.SVRecordingErrorDomain",
                         -5807,
                         {{"SVLocalizedDescription",
@@ -203,6 +213,8 @@ TEST_F(RecordCommandTest, AnInterruptionKeepsTheMovieAndFails) {
                          "Recording interrupted by multitasking and content resizing "
                          "(org.sorvel.SVRecordingErrorDomain -5807)"))
         << text;
+    EXPECT_TRUE(contains(text, "sorvel record: warning: The audio is gone.\n")) << text;
+    EXPECT_EQ(text.find("warning:"), text.rfind("warning:")) << text;
     EXPECT_EQ(sv::test::readFile(output_), "not really a movie");
 }
 

@@ -8,11 +8,14 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <filesystem>
+#include <functional>
 
 #include <gtest/gtest.h>
 
 #include "movie/movie_inspector.h"
+#include "platform/audio/testing/private_pulse_server.h"
 #include "platform/ipc/ipc.h"
 #include "platform/media/fragmented_movie.h"
 #include "platform/media/movie_reader.h"
@@ -251,6 +254,133 @@ TEST_F(RecordEndToEndTest, AFullDiskStopsTheRecordingAndKeepsWhatWasRecorded) {
     EXPECT_GT(movie->movie.duration, 0.2);  // at least the fragment on disk before
     for (const auto& e : std::filesystem::directory_iterator(store))
         EXPECT_NE(e.path().extension(), ".mp4") << "left in the store: " << e.path();
+}
+
+// A consent agent that stays but never answers: `sorvel record` waits (a
+// person may take their time) and can be given up with q or Ctrl-C; the
+// question then leaves the agent, which goes on serving.
+TEST_F(RecordEndToEndTest, GivingUpWhileTheUserIsAskedWithdrawsTheQuestion) {
+    // The terminal agent asks on a terminal where nobody types.
+    sv::test::PtyChild agent({SORVEL, "consent-agent"}, env_);
+    ASSERT_TRUE(sv::test::eventually(
+        [&] { return contains(agent.drain(), "registered with the service"); }, 30s))
+        << agent.drain();
+    struct Case {
+        const char* name;
+        std::function<void(sv::test::PtyChild&)> giveUp;
+    };
+    const Case cases[] = {
+        {"q", [](sv::test::PtyChild& c) { c.type("q"); }},
+        {"Ctrl-C", [](sv::test::PtyChild& c) { kill(c.pid(), SIGINT); }},
+    };
+    size_t withdrawn = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        sv::test::PtyChild record({SORVEL, "record", "-o", output()}, env_);
+        ASSERT_TRUE(sv::test::eventually(
+            [&] { return contains(record.drain(), "waiting for the user"); }, 60s))
+            << record.drain();
+        ASSERT_TRUE(
+            sv::test::eventually([&] { return contains(agent.drain(), "Your choice"); }, 30s))
+            << agent.drain();
+        c.giveUp(record);
+        EXPECT_EQ(record.wait(60s), 1) << record.drain();
+        EXPECT_TRUE(contains(record.drain(), "cancelled before the recording started"))
+            << record.drain();
+        ++withdrawn;
+        EXPECT_TRUE(sv::test::eventually(
+            [&] {
+                const std::string& log = agent.drain();
+                size_t n = 0;
+                for (size_t at = log.find("withdrawn by the service"); at != std::string::npos;
+                     at = log.find("withdrawn by the service", at + 1))
+                    ++n;
+                return n == withdrawn;
+            },
+            30s))
+            << agent.drain();
+    }
+    EXPECT_FALSE(std::filesystem::exists(output()));
+    // The agent still answers: the next question is answered on its terminal.
+    sv::test::PtyChild record({SORVEL, "record", "-o", output(), "--duration", "1"}, env_);
+    ASSERT_TRUE(sv::test::eventually(
+        [&] {
+            const std::string& log = agent.drain();
+            size_t n = 0;
+            for (size_t at = log.find("Your choice"); at != std::string::npos;
+                 at = log.find("Your choice", at + 1))
+                ++n;
+            return n == 3;
+        },
+        60s))
+        << agent.drain();
+    agent.type("1\n");
+    EXPECT_EQ(record.wait(120s), 0) << record.drain();
+}
+
+// Mono PCM of one audio track of `path` (the first channel).
+std::vector<float> trackAudio(const std::string& path, int track) {
+    std::vector<float> out;
+    auto reader = media::MovieReader::open(path);
+    if (!reader) return out;
+    reader->decode(nullptr, [&](const media::PCMBlock& b) {
+        if (b.track == track) out.insert(out.end(), b.channels[0], b.channels[0] + b.frames);
+        return true;
+    });
+    return out;
+}
+
+double rmsOf(const std::vector<float>& x, size_t from, size_t to) {
+    double sum = 0;
+    to = std::min(to, x.size());
+    for (size_t i = from; i < to; ++i) sum += double(x[i]) * x[i];
+    return to > from ? std::sqrt(sum / double(to - from)) : 0;
+}
+
+// The audio server crashes during a recording with the microphone: the
+// recording goes on, `sorvel record` shows the warning, both audio tracks
+// run the video's length with silence from the loss on; once the server is
+// back the next recording starts at once and records sound again.
+TEST_F(RecordEndToEndTest, TheAudioServerCrashesMidRecordingAndComesBack) {
+    std::string why;
+    auto pulse = sv::testing::PrivatePulseServer::start({700.0}, &why);
+    if (!pulse && sv::testing::PrivatePulseServer::required()) FAIL() << why;
+    if (!pulse) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
+    daemon_.stop(SIGTERM);
+    env_.push_back("PULSE_SERVER=" + pulse->address());
+    ASSERT_TRUE(daemon_.start(
+        SORVELD,
+        {.args = {"--screen-backend", "synthetic", "--audio-backend", "pulse"}, .env = env_}))
+        << daemon_.log();
+    startAgent("accept");
+
+    pid_t p = record({"--duration", "4", "--mic"});
+    waitForRecording();
+    pulse->killServer();
+    ASSERT_TRUE(sv::test::eventually([&] { return contains(recordLog(), "warning: "); }, 30s))
+        << recordLog();
+    EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
+    EXPECT_TRUE(contains(recordLog(), "sorvel record: warning: The audio server went away"))
+        << recordLog();
+    std::string error;
+    auto movie = inspectMovie(output(), &error);
+    ASSERT_TRUE(movie) << error;
+    ASSERT_EQ(movie->movie.tracks.size(), 3u);
+    const double video = movie->movie.tracks[0].duration;
+    EXPECT_GT(video, 3.0);
+    for (int t : {1, 2})
+        EXPECT_NEAR(movie->movie.tracks[size_t(t)].duration, video, 0.3) << "audio track " << t;
+    auto mic = trackAudio(output(), 2);
+    ASSERT_GT(mic.size(), 44100u * 3);
+    EXPECT_LT(rmsOf(mic, mic.size() - 44100 * 2, mic.size()), 0.001) << "silence after the loss";
+
+    ASSERT_TRUE(pulse->restart(&why)) << why;
+    std::filesystem::remove(output());
+    p = record({"--duration", "3", "--mic"});
+    EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
+    mic = trackAudio(output(), 2);
+    ASSERT_GT(mic.size(), 44100u * 2);
+    EXPECT_GT(rmsOf(mic, mic.size() - 44100, mic.size()), 0.05) << "sound again";
 }
 
 #ifdef SV_TEST_HAVE_XVFB

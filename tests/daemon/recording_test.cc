@@ -646,8 +646,13 @@ TEST_F(RecordingTest, LockButtonAndStoragePressure) {
     EXPECT_EQ(low.bytes, 0);
     ASSERT_TRUE(recorded(alpha, 15));
     EXPECT_FALSE(alpha.has("callback "));
+    // The store holds the recording's partial movie alone (it took the
+    // name of the one handed over at the lock); the purge removes it and
+    // reports its bytes.
     auto urgent = shell().purgeAndWait(0, 3);
     EXPECT_FALSE(urgent.error);
+    ASSERT_TRUE(urgent.bytes);
+    EXPECT_GT(*urgent.bytes, 0) << "the recording's partial movie is counted";
     auto purged = parseStop(alpha.expect("callback "));
     ASSERT_TRUE(purged);
     EXPECT_EQ(purged->code, -5805);

@@ -66,11 +66,15 @@ class RecordingSessionTest : public ::testing::Test {
     }
     void TearDown() override { SVCaptureManager::sharedManager()->stopAllCapture(); }
 
-    // Starts `s` as the manager does and waits until its screen capture runs.
+    // Starts `s` as the manager does and waits until its screen capture runs
+    // (on a controller of its own: a stop releases the last one).
     std::shared_ptr<testing::FakeController> start(std::function<void()> handler = {}) {
+        const auto previous = screen->controller();
         s->setRecording(true);
         s->startSessionWithHandler(std::move(handler));
-        EXPECT_TRUE(test::eventually([&] { return screen->controller() != nullptr; }, 30s));
+        EXPECT_TRUE(test::eventually(
+            [&] { return screen->controller() != nullptr && screen->controller() != previous; },
+            30s));
         EXPECT_TRUE(screen->controller()->waitCapturing());
         return screen->controller();
     }
@@ -166,6 +170,8 @@ TEST_F(RecordingSessionTest, StartCompletesOnTheFirstFrameOnItsThread) {
     EXPECT_EQ(testing::probeMovie(f.url->path).streams.size(), 3u);
     EXPECT_FALSE(c->isCapturing());
     EXPECT_EQ(screen->mirroring->cloneMirroringMode(), kCloneMirroringModeEnded);
+    // The controller and its frame surfaces go with the recording.
+    EXPECT_FALSE(s->screenCaptureController());
 }
 
 TEST_F(RecordingSessionTest, PausesAreCutOutOfTheMovie) {
@@ -310,7 +316,7 @@ TEST_F(RecordingSessionTest, ScreenFailuresStopTheSessionAndKeepTheMovie) {
     auto movie = errors->movieList()[0];
     ASSERT_TRUE(movie);
     EXPECT_NEAR(testing::probeMovie(movie->path).duration, 1.5, 0.1);
-    start();
+    c = start();
     c->fail(SyntheticScreenFailure::Preempted);
     s->stopWithError(_svUserErrorForCode(-5800));  // not recording: nothing
     ASSERT_TRUE(test::eventually([&] { return errors->list().size() == 2; }, 30s));
@@ -325,7 +331,7 @@ TEST_F(RecordingSessionTest, MediaServicesResetStopsAPhoneSessionForGoodNotADesk
     ASSERT_TRUE(test::eventually([&] { return !errors->list().empty(); }, 30s));
     EXPECT_EQ(errors->list(), std::vector<int64_t>{-5804});
     std::atomic<int> started{0};
-    start([&] { ++started; });
+    c = start([&] { ++started; });
     c->deliver(frame(2.0));
     c->deliver(frame(2.1));
     EXPECT_EQ(started, 1);  // the start completes, but no frame is written

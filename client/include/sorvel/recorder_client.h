@@ -89,6 +89,15 @@ class SVRecorderClientDelegate {
     }
 };
 
+// Something the user should know about a recording that goes on, from the
+// service: `code` says what (1: the audio server went away and the
+// recording continues with silence; 2: the audio server is back; later
+// services may add codes), `message` says it in a sentence to show.
+struct SVRecorderWarning {
+    int64_t code = 0;
+    std::string message;
+};
+
 class SVRecorderClient {
   public:
     // Runs a task, now or later, on a thread of the application's choice.
@@ -127,6 +136,12 @@ class SVRecorderClient {
 
     // Held weakly; may be changed at any time.
     void setDelegate(std::weak_ptr<SVRecorderClientDelegate> delegate);
+    // Warnings about the running recording go to `handler`, through the
+    // executor (empty: none). The service sends warnings only to clients
+    // that asked: setting a handler asks, before the next request of each
+    // connection. May be changed at any time.
+    using WarningHandler = std::function<void(const SVRecorderWarning& warning)>;
+    void setWarningHandler(WarningHandler handler);
 
     // Starts recording the layers named by `contextIDs` (the application's
     // window layers; on X11 its window ids), or the whole display when

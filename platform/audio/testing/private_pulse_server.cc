@@ -288,6 +288,14 @@ std::unique_ptr<PrivatePulseServer> PrivatePulseServer::start(const Options& opt
                << "set-default-sink sv_null\n"
                << "set-default-source sv_mic.monitor\n";
     }
+    server->exe_ = exe;
+    if (!server->launch(whyNot)) return nullptr;
+    return server;
+}
+
+bool PrivatePulseServer::launch(std::string* whyNot) {
+    const std::string& dir = dir_;
+    const std::string socket = dir + "/runtime/native";
     // As root the server insists on a per-user instance in HOME and the
     // runtime path, and must not exit by itself; no session bus is needed.
     std::vector<std::string> env = {
@@ -299,38 +307,53 @@ std::unique_ptr<PrivatePulseServer> PrivatePulseServer::start(const Options& opt
         "DBUS_SESSION_BUS_ADDRESS=disabled:",
         "ASAN_OPTIONS=detect_leaks=0",
     };
+    unlink((dir + "/notify").c_str());
     ReadinessSocket readiness(dir + "/notify");
     if (readiness.usable()) env.push_back("NOTIFY_SOCKET=" + dir + "/notify");
-    server->pid_ = spawn(
-        {exe, "-n", "--daemonize=no", "--system=false", "--exit-idle-time=-1", "--disallow-exit",
+    pid_ = spawn(
+        {exe_, "-n", "--daemonize=no", "--system=false", "--exit-idle-time=-1", "--disallow-exit",
          "--use-pid-file=false", "--log-target=stderr", "-F", dir + "/server.pa"},
         env, dir + "/server.log");
-    if (server->pid_ < 0) {
-        if (whyNot) *whyNot = "cannot run " + exe;
-        return nullptr;
+    if (pid_ < 0) {
+        if (whyNot) *whyNot = "cannot run " + exe_;
+        return false;
     }
-    server->address_ = "unix:" + socket;
+    address_ = "unix:" + socket;
     // The server reports when it is ready (or ends); a server that cannot
     // report is asked once the time is up.
-    const auto outcome = readiness.usable()
-                             ? readiness.wait(server->pid_, std::chrono::steady_clock::now() +
-                                                                std::chrono::seconds(10))
-                             : ReadinessSocket::Outcome::TimedOut;
+    const auto outcome =
+        readiness.usable()
+            ? readiness.wait(pid_, std::chrono::steady_clock::now() + std::chrono::seconds(10))
+            : ReadinessSocket::Outcome::TimedOut;
     if (outcome != ReadinessSocket::Outcome::Exited &&
-        PulseAudioBackend::serverAnswers(server->address_, std::chrono::seconds(2))) {
-        server->warmUp();
-        return server;
+        PulseAudioBackend::serverAnswers(address_, std::chrono::seconds(2))) {
+        warmUp();
+        return true;
     }
     int status = 0;
-    if (waitpid(server->pid_, &status, WNOHANG) == server->pid_) {
-        server->pid_ = -1;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
         std::ifstream log(dir + "/server.log");
         std::string text((std::istreambuf_iterator<char>(log)), {});
         if (whyNot) *whyNot = "pulseaudio exited at start: " + text.substr(0, 2000);
-        return nullptr;
+        return false;
     }
     if (whyNot) *whyNot = "pulseaudio did not answer within 10 s";
-    return nullptr;
+    return false;
+}
+
+void PrivatePulseServer::killServer() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    // The dead server's socket stays behind; a client finds nobody there.
+}
+
+bool PrivatePulseServer::restart(std::string* whyNot) {
+    killServer();
+    return launch(whyNot);
 }
 
 void PrivatePulseServer::warmUp() const {

@@ -33,6 +33,12 @@ class PrivatePulseServer {
     // The address to give PulseAudioBackend and libpulse clients.
     const std::string& address() const { return address_; }
 
+    // Kills the server at once (SIGKILL), as a crash would end it.
+    void killServer();
+    // Starts a server again on the same address (killing one still running);
+    // false, with the reason in `whyNot`, when it does not answer.
+    bool restart(std::string* whyNot);
+
     // Starts the tone player: plays each frequency on its own playback stream
     // (16-bit, 44100 Hz, mono) for `seconds`, after `delayMs`. Returns its pid.
     pid_t playTones(const std::vector<double>& frequencies, double seconds, int delayMs = 0) const;
@@ -49,7 +55,9 @@ class PrivatePulseServer {
 
   private:
     PrivatePulseServer() = default;
+    bool launch(std::string* whyNot);
     void warmUp() const;
+    std::string exe_;
     std::string dir_;
     std::string address_;
     pid_t pid_ = -1;
