@@ -173,7 +173,7 @@ bool MovieFileWriter::Muxer::writePacket(AVPacket* packet, int streamIndex, AVRa
 
 int MovieFileWriter::Muxer::writeHeldPacketLocked(AVPacket* next) {
     if (held.size() < ctx->nb_streams) held.resize(ctx->nb_streams);
-    auto write = [&](AVPacket* p) {
+    auto writeNow = [&](AVPacket* p) {
         const int64_t at =
             p->dts == AV_NOPTS_VALUE
                 ? 0
@@ -186,11 +186,41 @@ int MovieFileWriter::Muxer::writeHeldPacketLocked(AVPacket* next) {
         }
         return r;
     };
-    if (!next) {
-        // Closing: what is held goes out as it is.
+    auto flushBeforeVideo = [&] {
+        videoWritten = true;
         int r = 0;
-        for (auto& p : held)
-            if (p && r >= 0) r = write(p.get());
+        for (auto& p : beforeVideo)
+            if (r >= 0) r = writeNow(p.get());
+        beforeVideo.clear();
+        return r;
+    };
+    auto write = [&](AVPacket* p) {
+        if (videoWritten) return writeNow(p);
+        if (ctx->streams[p->stream_index]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
+            int r = writeNow(p);
+            return r < 0 ? r : flushBeforeVideo();
+        }
+        // Bounded: a movie whose video never comes still gets its audio.
+        if (beforeVideo.size() >= kMaxPacketsBeforeVideo) {
+            int r = flushBeforeVideo();
+            return r < 0 ? r : writeNow(p);
+        }
+        PacketPtr copy(av_packet_alloc());
+        if (!copy) return AVERROR(ENOMEM);
+        av_packet_move_ref(copy.get(), p);
+        beforeVideo.push_back(std::move(copy));
+        return 0;
+    };
+    if (!next) {
+        // Closing: what is held goes out as it is, video first.
+        int r = 0;
+        for (size_t i = 0; i < held.size(); ++i)
+            if (held[i] && r >= 0 && ctx->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
+                r = write(held[i].get());
+        for (size_t i = 0; i < held.size(); ++i)
+            if (held[i] && r >= 0 && ctx->streams[i]->codecpar->codec_type != AVMEDIA_TYPE_VIDEO)
+                r = write(held[i].get());
+        if (r >= 0) r = flushBeforeVideo();
         held.clear();
         return r;
     }

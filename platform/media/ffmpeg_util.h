@@ -119,6 +119,9 @@ inline constexpr int64_t kFragmentMicroseconds = 250000;
 // short afterwards, so a track without samples (no application audio)
 // delays what reaches the file by no more than that.
 inline constexpr int64_t kStartInterleaveMicroseconds = 300000;
+// Audio packets kept back until the first video packet (about three seconds
+// of two tracks); past that they are written without waiting.
+inline constexpr size_t kMaxPacketsBeforeVideo = 256;
 inline constexpr int64_t kInterleaveMicroseconds = 40000;
 
 // `path` opened for reading with its stream information read; empty, with
@@ -180,6 +183,13 @@ struct MovieFileWriter::Muxer {
     bool interleaveShortened = false;
     // The last packet of each track, until the next one gives its duration.
     std::vector<PacketPtr> held;
+    // Audio packets that came before the first video packet was handed to
+    // the muxer. The muxer shifts every track by the first packet's
+    // negative decode time (the video encoder's reordering delay); with an
+    // audio packet first that shift would be zero and the video's first
+    // decode times would be squeezed together, so video always goes first.
+    std::vector<PacketPtr> beforeVideo;
+    bool videoWritten = false;
     bool opened = false;
     bool finishing = false;
     int pendingInputs = 0;
