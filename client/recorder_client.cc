@@ -159,6 +159,9 @@ struct ClientCore : std::enable_shared_from_this<ClientCore> {
     std::optional<Activity> lastActivity;
     SVRecorderClient::WarningHandler warningHandler;
     bool warningsAsked = false;  // on the current connection
+    // setSystemRecordingDesktopAudio: nullopt until the application chose,
+    // so a daemon that predates the method is never sent it.
+    std::optional<bool> desktopAudio;
     uint64_t nextPendingId = 1;
     std::map<uint64_t, Fail> pending;  // requests whose handler has not been called
 
@@ -522,6 +525,18 @@ void SVRecorderClient::startRecordingWindowLayerContextIDs(
         impl_->post([failure] { failure(clientError(SVRecorderError::kClientInvalidArgument)); });
         return;
     }
+    if (systemRecording) {
+        // Sent with every system start (the connection may be new since the
+        // choice): it tells the daemon where this recording's sound comes from.
+        std::optional<bool> desktop;
+        {
+            std::lock_guard lock(impl_->mutex);
+            desktop = impl_->desktopAudio;
+        }
+        if (desktop)
+            impl_->send(method::kSetSystemRecordingDesktopAudio,
+                        ipc::Arguments().add(Value(*desktop)));
+    }
     Value ids = Value::array();
     for (uint32_t id : contextIDs) ids.push_back(uint64_t(id));
     Value size = {{"width", double(windowSize.width)}, {"height", double(windowSize.height)}};
@@ -634,6 +649,11 @@ void SVRecorderClient::pauseRecording() {
 
 void SVRecorderClient::resumeRecordingWithWindowLayerContextID(uint32_t contextID) {
     impl_->send(method::kResumeRecording, ipc::Arguments().add(Value(uint64_t(contextID))));
+}
+
+void SVRecorderClient::setSystemRecordingDesktopAudio(bool desktop) {
+    std::lock_guard lock(impl_->mutex);
+    impl_->desktopAudio = desktop;
 }
 
 void SVRecorderClient::setMicrophoneEnabled(bool enabled) {

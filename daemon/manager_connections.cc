@@ -289,6 +289,10 @@ std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
     table->on(method::kEnableRecordingWarnings, [run, client](ipc::Invocation&) {
         run([client](SVRecordingManager&) { client->acceptsWarnings = true; });
     });
+    table->on(method::kSetSystemRecordingDesktopAudio, [run, client](ipc::Invocation& inv) {
+        const bool desktop = inv.at(0).get<bool>();
+        run([client, desktop](SVRecordingManager&) { client->desktopAudio = desktop; });
+    });
     for (const char* name : {method::kClientDidBecomeActive, method::kClientDidResignActive}) {
         const bool active = name == method::kClientDidBecomeActive;
         table->on(name, [run, client, active](ipc::Invocation& inv) {

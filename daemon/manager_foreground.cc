@@ -6,6 +6,7 @@
 #include <climits>
 
 #include "daemon/recording_manager.h"
+#include "platform/audio/audio_backend.h"
 #include "platform/log.h"
 
 namespace sv {
@@ -133,6 +134,10 @@ void SVRecordingManager::frontmostApplicationPID(const std::shared_ptr<SVRecordi
         handler(proxy ? int32_t(proxy->processIdentifier()) : -1);
         return;
     }
+    if (session->recordsDesktopAudio()) {
+        handler(kAudioTapEveryProcess);
+        return;
+    }
     auto frontmost = platform_->frontmostApplicationBundleIdentifier();
     if (!frontmost || !applicationStateMonitor_) {
         handler(-1);
@@ -159,7 +164,7 @@ void SVRecordingManager::startFollowingFrontmostApplication() {
 
 void SVRecordingManager::applicationStateDidChange(const Value& info) {
     auto session = recordingSession();
-    if (!session || !session->isSystemRecording()) return;
+    if (!session || !session->isSystemRecording() || session->recordsDesktopAudio()) return;
     const int32_t pid = pidOfInfo(info);
     const bool frontmost = boolAt(info, kApplicationInfoFrontmostKey).value_or(false);
     if (frontmost)

@@ -117,7 +117,7 @@ void SVRecordingManager::startRecordingWindowLayerContextIDs(
         });
 }
 
-void SVRecordingManager::continueStart(const std::shared_ptr<SVClientConnection>&,
+void SVRecordingManager::continueStart(const std::shared_ptr<SVClientConnection>& client,
                                        const std::shared_ptr<SVRecordingSession>& session,
                                        std::vector<uint32_t> contextIDs, WindowSize windowSize,
                                        bool broadcast, bool systemRecording, StartHandler handler) {
@@ -162,6 +162,7 @@ void SVRecordingManager::continueStart(const std::shared_ptr<SVClientConnection>
     b.microphoneAllowed = isMicrophoneRecording();
     interruptOtherRecordingSessions(session);
     session->setSystemRecording(systemRecording);
+    session->setRecordsDesktopAudio(systemRecording && client->desktopAudio);
     session->setContextIDs(std::move(contextIDs));
     session->setWindowSize(windowSize);
     session->setMicrophoneEnabled(isMicrophoneRecording());

@@ -111,6 +111,9 @@ struct SVClientConnection {
     // The application understands recordingWarning: (it sent
     // enableRecordingWarnings on this connection).
     bool acceptsWarnings = false;
+    // Its system recordings take the desktop's sound
+    // (setSystemRecordingDesktopAudio:); manager queue.
+    bool desktopAudio = false;
     // Requests that arrived while the connection was held (see above), in
     // order.
     std::deque<std::function<void()>> heldRequests;

@@ -39,6 +39,7 @@ inline constexpr const char* kDiscardRecording = "discardRecordingWithHandler:";
 inline constexpr const char* kClientDidBecomeActive = "clientDidBecomeActiveWithBundleID:";
 inline constexpr const char* kClientDidResignActive = "clientDidResignActiveWithBundleID:";
 inline constexpr const char* kEnableRecordingWarnings = "enableRecordingWarnings";
+inline constexpr const char* kSetSystemRecordingDesktopAudio = "setSystemRecordingDesktopAudio:";
 // SVClientProtocol
 inline constexpr const char* kStopRecordingWithError = "stopRecordingWithError:movieURL:";
 inline constexpr const char* kUpdateBroadcastServiceInfo = "updateBroadcastServiceInfo:";
@@ -72,6 +73,10 @@ inline constexpr const char* kEnableAlertWithdrawal = "enableAlertWithdrawal";
 //       this connection understands recordingWarning: (below); without it the
 //       daemon never sends one, so a client that predates it is never sent
 //       a method it does not know
+//   setSystemRecordingDesktopAudio:           (bool)
+//       true: this connection's system recordings from now on take
+//       everything the desktop plays as their application audio; false (the
+//       default): the frontmost application's audio, following it
 inline std::shared_ptr<const ipc::Interface> daemonProtocolInterface() {
     using K = ipc::ArgKind;
     using ipc::orNull;
@@ -101,6 +106,7 @@ inline std::shared_ptr<const ipc::Interface> daemonProtocolInterface() {
             {method::kClientDidBecomeActive, {{K::String}}, {}},
             {method::kClientDidResignActive, {{K::String}}, {}},
             {method::kEnableRecordingWarnings, {}, {}},
+            {method::kSetSystemRecordingDesktopAudio, {{K::Bool}}, {}},
         });
     return i;
 }

@@ -236,6 +236,11 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     void setPaused(bool paused) { paused_.store(paused); }
     bool isSystemRecording() const { return systemRecording_.load(); }
     void setSystemRecording(bool systemRecording) { systemRecording_.store(systemRecording); }
+    // A system recording's application-audio track takes everything the
+    // desktop plays (kAudioTapEveryProcess) instead of following the
+    // frontmost application.
+    bool recordsDesktopAudio() const { return desktopAudio_.load(); }
+    void setRecordsDesktopAudio(bool desktop) { desktopAudio_.store(desktop); }
     bool sessionWasResumed() const { return sessionWasResumed_.load(); }
     void setSessionWasResumed(bool resumed) { sessionWasResumed_.store(resumed); }
     std::shared_ptr<SVClientProxy> clientProxy() const;
@@ -337,6 +342,7 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     std::atomic<bool> recording_{false};
     std::atomic<bool> paused_{false};
     std::atomic<bool> systemRecording_{false};
+    std::atomic<bool> desktopAudio_{false};
     std::atomic<bool> sessionWasResumed_{false};
     std::atomic<int32_t> frontmostPIDForAudioTap_{0};
     std::atomic<int32_t> broadcastProcessMode_{kBroadcastProcessModeUpload};

@@ -55,6 +55,9 @@ constexpr const char* kUsage =
     "  --system               record the whole display instead of this command's layers\n"
     "  --monitor NAME         with --system on X11: record this monitor alone (names:\n"
     "                         sorvel monitors)\n"
+    "  --desktop-audio        with --system: the application-audio track takes\n"
+    "                         everything the desktop plays (default: the frontmost\n"
+    "                         application's sound)\n"
     "  --layer ID             record this layer context; repeat for more (default: the\n"
     "                         layers the service shows for this command)\n"
     "  --size WxH             the recorded size in pixels (default on X11: the display's\n"
@@ -184,6 +187,7 @@ struct Options {
     std::optional<double> duration;
     bool microphone = false;
     bool system = false;
+    bool desktopAudio = false;
     std::optional<std::string> monitorName;
     // The monitor's name atom, sent as the system recording's identifier,
     // and its size (the default movie size).
@@ -389,6 +393,7 @@ void Recorder::start() {
             "shows the question: sorvel consent-agent; q or Ctrl-C gives up)...");
     });
     std::weak_ptr<Recorder> w = weak_from_this();
+    if (options_.desktopAudio) client_->setSystemRecordingDesktopAudio(true);
     client_->startRecordingWindowLayerContextIDs(
         options_.monitor ? std::vector<uint32_t>{*options_.monitor} : options_.layers, size,
         options_.microphone, false, false, options_.system,
@@ -642,6 +647,8 @@ int runRecord(int argc, char** argv) {
             o.microphone = true;
         } else if (a == "--system") {
             o.system = true;
+        } else if (a == "--desktop-audio") {
+            o.desktopAudio = true;
         } else if (a == "--monitor") {
             if (!(v = value())) return usageError("--monitor needs a monitor name");
             o.monitorName = v;
@@ -666,6 +673,7 @@ int runRecord(int argc, char** argv) {
     if (o.trimStart.has_value() != o.trimEnd.has_value())
         return usageError("--trim-start and --trim-end go together");
     if (o.system && !o.layers.empty()) return usageError("--system records every layer");
+    if (o.desktopAudio && !o.system) return usageError("--desktop-audio goes with --system");
     if (o.monitorName) {
         if (!o.system) return usageError("--monitor goes with --system");
         auto monitors = sv::cli::listX11Monitors();

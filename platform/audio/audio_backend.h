@@ -32,6 +32,11 @@ enum AudioStatus : int32_t {
     kAudioNoDeviceError = -66608,
 };
 
+// The process identifier of openProcessTap (and of the capture manager's
+// application audio) that stands for every process: what the desktop plays.
+// No process has it (process identifiers stay below 2^22).
+inline constexpr int32_t kAudioTapEveryProcess = 0x7FFFFFFF;
+
 // A run of interleaved frames in the format the source was opened with and
 // the host time of its first frame. The bytes are only valid during the call.
 using AudioChunkSink = std::function<void(std::span<const uint8_t> bytes, uint64_t hostTime)>;
@@ -75,7 +80,8 @@ class AudioBackend {
                                                     AudioChunkSink sink,
                                                     AudioSourceFailure onFailure,
                                                     int32_t* status) = 0;
-    // Records what process `pid` plays (only that process), mixed and
+    // Records what process `pid` plays (only that process), or with
+    // kAudioTapEveryProcess what every process plays (the desktop's sound), mixed and
     // converted to `format` (16-bit signed linear PCM), as one continuous
     // stream on the host timeline: silence while the process plays nothing.
     virtual std::unique_ptr<AudioSource> openProcessTap(int32_t pid,

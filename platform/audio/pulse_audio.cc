@@ -626,11 +626,16 @@ class PulseProcessTap : public AudioSource {
     static void onSinkInput(pa_context*, const pa_sink_input_info* info, int eol, void* u) {
         auto* self = static_cast<PulseProcessTap*>(u);
         if (eol || !info) return;
-        const char* pidText = pa_proplist_gets(info->proplist, PA_PROP_APPLICATION_PROCESS_ID);
-        if (!pidText) return;
-        char* end = nullptr;
-        long pid = std::strtol(pidText, &end, 10);
-        if (end == pidText || *end != '\0' || pid != self->pid_) return;
+        if (self->pid_ != kAudioTapEveryProcess) {
+            const char* pidText = pa_proplist_gets(info->proplist, PA_PROP_APPLICATION_PROCESS_ID);
+            if (!pidText) return;
+            char* end = nullptr;
+            long pid = std::strtol(pidText, &end, 10);
+            if (end == pidText || *end != '\0' || pid != self->pid_) return;
+        } else if (const char* name = pa_proplist_gets(info->proplist, PA_PROP_APPLICATION_NAME);
+                   name && std::string_view(name).starts_with("sorveld")) {
+            return;  // the service's own streams, if it ever plays any
+        }
         auto it = self->streams_.find(info->index);
         if (it != self->streams_.end() && it->second.sink == info->sink &&
             !it->second.stream->ended())

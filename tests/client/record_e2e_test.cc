@@ -383,6 +383,40 @@ TEST_F(RecordEndToEndTest, TheAudioServerCrashesMidRecordingAndComesBack) {
     EXPECT_GT(rmsOf(mic, mic.size() - 44100, mic.size()), 0.05) << "sound again";
 }
 
+// A system recording's application audio: by default the frontmost
+// application's sound (here none plays), with --desktop-audio everything the
+// desktop plays (a tone from a process that is no application at all).
+TEST_F(RecordEndToEndTest, ASystemRecordingTakesTheDesktopsSoundWhenAsked) {
+    std::string why;
+    auto pulse = sv::testing::PrivatePulseServer::start({700.0}, &why);
+    if (!pulse && sv::testing::PrivatePulseServer::required()) FAIL() << why;
+    if (!pulse) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
+    daemon_.stop(SIGTERM);
+    env_.push_back("PULSE_SERVER=" + pulse->address());
+    ASSERT_TRUE(daemon_.start(SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend",
+                                                 "pulse", "--trusted-bundle-dir", BUNDLES_DIR},
+                                        .env = env_}))
+        << daemon_.log();
+    pid_t player = pulse->playTones({880.0}, 60.0);
+    ASSERT_GT(player, 0);
+    ASSERT_TRUE(pulse->waitForPlaybackStreams(player, 1, 10s));
+    double level[2] = {0, 0};
+    for (bool desktop : {false, true}) {
+        SCOPED_TRACE(desktop ? "--desktop-audio" : "the frontmost application");
+        std::filesystem::remove(output());
+        std::vector<std::string> args{"--system", "--duration", "3"};
+        if (desktop) args.push_back("--desktop-audio");
+        EXPECT_EQ(sv::test::waitForExit(record(args), 120s), 0) << recordLog();
+        auto app = trackAudio(output(), 1);
+        ASSERT_GT(app.size(), 44100u * 2);
+        // The last two seconds: a fresh monitor stream may take a moment.
+        level[desktop] = rmsOf(app, app.size() - 44100 * 2, app.size());
+    }
+    sv::testing::PrivatePulseServer::reap(player);
+    EXPECT_LT(level[0], 0.01) << "the frontmost application plays nothing";
+    EXPECT_GT(level[1], 0.05) << "the desktop's tone";
+}
+
 #ifdef SV_TEST_HAVE_XVFB
 // A desktop user records their X11 screen with the microphone, no
 // application in front: the movie has the screen's own size and needs no

@@ -170,6 +170,11 @@ class SVRecorderClient {
     void pauseRecording();
     void resumeRecordingWithWindowLayerContextID(uint32_t contextID);
     void setMicrophoneEnabled(bool enabled);
+    // Where the application-audio track of this client's system recordings
+    // comes from: false (the default) the frontmost application's sound,
+    // following it; true everything the desktop plays. Takes effect at the
+    // next system recording's start.
+    void setSystemRecordingDesktopAudio(bool desktop);
     // Deletes the files of the last recording (after it was stopped). The
     // handler's error only ever comes from the library (see Handlers).
     void discardRecordingWithHandler(CompletionHandler handler);
