@@ -1,11 +1,29 @@
 // Messages of the client library's own error domain, and the conversion of
 // the service's error values into the public form.
+#include <string_view>
 #include <utility>
 
 #include "client/recorder_internal.h"
 #include "sorvel/recorder_error.h"
 #include "support/localization.h"
 #include "support/recording_errors.h"
+
+// The public header mirrors the service's codes: one list, checked here.
+static_assert(std::string_view(sv::SVRecorderError::kRecordingDomain) ==
+              sv::kSVRecordingErrorDomain);
+#define SV_SAME_CODE(pub, internal) \
+    static_assert(int64_t(sv::SVRecorderError::pub) == int64_t(sv::internal))
+SV_SAME_CODE(kRecordingUnknown, kSVRecordingErrorUnknown);
+SV_SAME_CODE(kRecordingUserDeclined, kSVRecordingErrorUserDeclined);
+SV_SAME_CODE(kRecordingRestricted, kSVRecordingErrorRestricted);
+SV_SAME_CODE(kRecordingFailedToStart, kSVRecordingErrorFailedToStart);
+SV_SAME_CODE(kRecordingFailedDuringRecording, kSVRecordingErrorFailedDuringRecording);
+SV_SAME_CODE(kRecordingInsufficientStorage, kSVRecordingErrorInsufficientStorage);
+SV_SAME_CODE(kRecordingInterruptedByOtherApp, kSVRecordingErrorInterruptedByOtherApp);
+SV_SAME_CODE(kRecordingInterruptedByLayoutChange, kSVRecordingErrorContentResized);
+SV_SAME_CODE(kRecordingBroadcastFailed, kSVRecordingErrorBroadcast);
+SV_SAME_CODE(kRecordingLockButton, kSVRecordingErrorLocked);
+#undef SV_SAME_CODE
 
 namespace sv {
 namespace {

@@ -75,17 +75,6 @@
 
 namespace sv {
 
-// The recording errors the manager raises (codes of SVRecordingErrorDomain).
-enum SVRecordingErrorCode : int64_t {
-    kSVRecordingErrorUserDeclined = -5801,
-    kSVRecordingErrorFailedToStart = -5803,
-    kSVRecordingErrorInsufficientStorage = -5805,
-    kSVRecordingErrorInterruptedByOtherApp = -5806,
-    kSVRecordingErrorContentResized = -5807,
-    kSVRecordingErrorBroadcast = -5808,
-    kSVRecordingErrorLocked = -5809,
-};
-
 // Background time after which a consent exemption expires (strictly more).
 inline constexpr double kAcknowledgementExemptionThreshold = 480.0;
 // After the user declined, how long the same application's starts are

@@ -22,18 +22,12 @@ namespace sv {
 
 namespace {
 
-// Error codes of the session (recording errors).
-constexpr int64_t kErrorPreempted = -5800;
-constexpr int64_t kErrorFailedToStart = -5803;
-constexpr int64_t kErrorFailedDuringRecording = -5804;
-constexpr int64_t kErrorInsufficientStorage = -5805;
-
 // The recording error for a movie that could not be written: the disk (or
 // the user's quota, or the file size limit) is full, or anything else.
 int64_t recordingErrorCodeForWriteFailure(const media::MediaError& error) {
     const int err = -error.code;  // FFmpeg's codes are negated errno values
-    return err == ENOSPC || err == EDQUOT || err == EFBIG ? kErrorInsufficientStorage
-                                                          : kErrorFailedDuringRecording;
+    return err == ENOSPC || err == EDQUOT || err == EFBIG ? kSVRecordingErrorInsufficientStorage
+                                                          : kSVRecordingErrorFailedDuringRecording;
 }
 
 // The application's name as a file name: nothing in it may reach outside the
@@ -483,7 +477,7 @@ bool SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
     if (!writer) {
         // Stopped before the writer was ready: there is no movie.
         log::error("SVRecordingSession: no movie, the recording had not started");
-        if (handler) handler(std::nullopt, _svUserErrorForCode(kErrorFailedToStart));
+        if (handler) handler(std::nullopt, _svUserErrorForCode(kSVRecordingErrorFailedToStart));
         return true;
     }
     using Status = media::MovieFileWriter::Status;
@@ -505,7 +499,8 @@ bool SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
         }
         if (!wroteFrames || !writer->hasPlayableMovie() || !movieURL ||
             !fileExists(movieURL->path)) {
-            const int64_t code = wroteFrames ? kErrorFailedDuringRecording : kErrorFailedToStart;
+            const int64_t code = wroteFrames ? kSVRecordingErrorFailedDuringRecording
+                                             : kSVRecordingErrorFailedToStart;
             log::error("SVRecordingSession: no movie was written, error %li", code);
             if (handler) handler(std::nullopt, _svUserErrorForCode(code));
             return;
@@ -514,8 +509,8 @@ bool SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
             // Writing failed before this stop came (the disk filled): the
             // part written until then, with the failure's error.
             auto failure = writer->fileWriter()->error();
-            const int64_t code =
-                failure ? recordingErrorCodeForWriteFailure(*failure) : kErrorFailedDuringRecording;
+            const int64_t code = failure ? recordingErrorCodeForWriteFailure(*failure)
+                                         : kSVRecordingErrorFailedDuringRecording;
             log::error("SVRecordingSession: movie cut short, error %li", code);
             if (handler) handler(std::move(movieURL), _svUserErrorForCode(code));
             return;
@@ -644,12 +639,12 @@ SVRecordingSession::Progress SVRecordingSession::progress() const {
 void SVRecordingSession::screenCaptureControllerDidFailWithStatus(ScreenCaptureController&,
                                                                   int32_t) {
     log::error("SVRecordingSession: screenCaptureController: didFailWithStatus:");
-    stopWithError(_svUserErrorForCode(kErrorFailedDuringRecording));
+    stopWithError(_svUserErrorForCode(kSVRecordingErrorFailedDuringRecording));
 }
 
 void SVRecordingSession::screenCaptureControllerWasPreempted(ScreenCaptureController&) {
     log::error("SVRecordingSession: screenCaptureControllerWasPreempted");
-    stopWithError(_svUserErrorForCode(kErrorPreempted));
+    stopWithError(_svUserErrorForCode(kSVRecordingErrorUnknown));
 }
 
 void SVRecordingSession::screenCaptureControllerMediaServicesWereReset(ScreenCaptureController&) {
@@ -661,7 +656,7 @@ void SVRecordingSession::screenCaptureControllerMediaServicesWereReset(ScreenCap
     // a frame delivery in progress, and that delivery takes the same lock.
     // With _shouldStop already set, no frame reaches the writer any more.
     log::error("SVRecordingSession: screenCaptureControllerMediaServicesWereReset");
-    stopWithError(_svUserErrorForCode(kErrorFailedDuringRecording));
+    stopWithError(_svUserErrorForCode(kSVRecordingErrorFailedDuringRecording));
 }
 
 // --- Audio routes -------------------------------------------------------------------

@@ -4,21 +4,21 @@ namespace sv {
 
 const char* recordingErrorMessage(int64_t code) {
     switch (code) {
-        case -5800:
+        case kSVRecordingErrorUnknown:
             return "Uknown recording error";
-        case -5801:
+        case kSVRecordingErrorUserDeclined:
             return "The user declined application recording";
-        case -5802:
+        case kSVRecordingErrorRestricted:
             return "Recording has been restricted in settings";
-        case -5803:
+        case kSVRecordingErrorFailedToStart:
             return "Recording failed to start";
-        case -5804:
+        case kSVRecordingErrorFailedDuringRecording:
             return "Failed during recording";
-        case -5805:
+        case kSVRecordingErrorInsufficientStorage:
             return "Insufficient storage for recording";
-        case -5806:
+        case kSVRecordingErrorInterruptedByOtherApp:
             return "Recording interrupted by another application";
-        case -5807:
+        case kSVRecordingErrorContentResized:
             return "Recording interrupted by multitasking and content resizing";
         default:
             return "Unknown recording error";
