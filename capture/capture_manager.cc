@@ -177,7 +177,34 @@ void SVCaptureManager::startMicrophoneCaptureWithOutput(SampleHandler output,
         session->addObserver(shared_from_this(), CaptureSession::kRunningKey,
                              KeyValueObservingOptionNone, nullptr);
         session->startRunning();
+        if (!session->isRunning() && backend_ && backend_->hasServer()) {
+            // Not running (no audio server): the recording goes on without
+            // the microphone rather than waiting for it forever.
+            (void)session->removeObserver(this, CaptureSession::kRunningKey);
+            DidStartHandler handler;
+            {
+                std::lock_guard lock(mutex_);
+                handler = std::move(micDidStartHandler_);
+                micDidStartHandler_ = nullptr;
+            }
+            reportSourceProblem(Source::Microphone, kAudioServerUnavailableError);
+            if (handler) handler();
+        }
     }
+}
+
+void SVCaptureManager::setSourceProblemHandler(SourceProblemHandler handler) {
+    std::lock_guard lock(mutex_);
+    sourceProblemHandler_ = std::move(handler);
+}
+
+void SVCaptureManager::reportSourceProblem(Source source, int32_t status) {
+    SourceProblemHandler handler;
+    {
+        std::lock_guard lock(mutex_);
+        handler = sourceProblemHandler_;
+    }
+    if (handler) handler(source, status);
 }
 
 void SVCaptureManager::observeValueForKeyPath(const std::string& keyPath, Observable& object,
@@ -329,6 +356,12 @@ void SVCaptureManager::_startAppAudioCapture(int32_t pid, SampleHandler output,
     log::info(
         "SVRecordingManager: startAudioCapture: Successfully started Audio Tap Queue Recording");
     setAppTapDidStartHandler(std::move(didStart));
+    if (status != kAudioNoError && backend_ && backend_->hasServer()) {
+        // The tap will not run (no audio server): the recording goes on
+        // without application audio rather than waiting for it forever.
+        reportSourceProblem(Source::ApplicationAudio, status);
+        if (DidStartHandler handler = appTapDidStartHandler()) handler();
+    }
 }
 
 void SVCaptureManager::_tapDidChangeRunning(const std::shared_ptr<AudioRecorderState>& state) {

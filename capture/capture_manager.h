@@ -104,6 +104,17 @@ class SVCaptureManager : public KeyValueObserver,
     // Synchronous on audioDispatchQueue: when it returns the tap is gone.
     void stopAppAudioCapture();
 
+    // A source of a backend with a server (AudioBackend::hasServer) that
+    // could not start because that server does not answer: the recording
+    // goes on without it (its did-start handler still runs, so the picture
+    // never waits for sound), and this handler hears of it with the platform
+    // status. With other backends a source that cannot start never calls its
+    // did-start handler. Runs on the thread that tried to start it
+    // (the caller's, or audioDispatchQueue for the tap); must not block.
+    enum class Source { Microphone, ApplicationAudio };
+    using SourceProblemHandler = std::function<void(Source source, int32_t status)>;
+    void setSourceProblemHandler(SourceProblemHandler handler);
+
     // KeyValueObserver: the capture session's "running".
     void observeValueForKeyPath(const std::string& keyPath, Observable& object,
                                 const KeyValueChange& change, void* context) override;
@@ -203,6 +214,8 @@ class SVCaptureManager : public KeyValueObserver,
     std::optional<Date> lastAudioDate_;
     DidStartHandler micDidStartHandler_;
     DidStartHandler appTapDidStartHandler_;
+    SourceProblemHandler sourceProblemHandler_;  // under mutex_
+    void reportSourceProblem(Source source, int32_t status);
     MediaTime captureStartTime_;
     AudioStreamFormat audioBasicDescription_{};
 };

@@ -158,6 +158,7 @@ void SVRecordingManager::continueStart(const std::shared_ptr<SVClientConnection>
         session->disableBroadcast();
     }
 
+    watchAudioServer();  // before the sources start: their failures are told
     session->setRecording(true);
     b.microphoneAllowed = isMicrophoneRecording();
     interruptOtherRecordingSessions(session);
@@ -448,6 +449,34 @@ void SVRecordingManager::watchAudioServer() {
                 if (auto manager = weak.lock()) manager->audioServerChanged(available);
             });
     });
+    // On the capture manager's threads, the same way.
+    SVCaptureManager::sharedManager()->setSourceProblemHandler(
+        [weak](SVCaptureManager::Source source, int32_t status) {
+            if (auto self = weak.lock())
+                self->queue_->async([weak, source, status] {
+                    if (auto manager = weak.lock()) manager->audioSourceUnavailable(source, status);
+                });
+        });
+}
+
+void SVRecordingManager::audioSourceUnavailable(SVCaptureManager::Source source, int32_t status) {
+    auto session = recordingSession();
+    if (!session) return;
+    auto client = clientOfBundle(session->bundleID());
+    auto proxy = session->clientProxy();
+    log::error(
+        "SVRecordingManager: %@ could not start (%i); recording without it",
+        source == SVCaptureManager::Source::Microphone ? "the microphone" : "the application audio",
+        status);
+    if (!client || !client->acceptsWarnings || !proxy) return;
+    if (source == SVCaptureManager::Source::Microphone)
+        proxy->recordingWarning(kSVRecordingWarningMicrophoneUnavailable,
+                                "The microphone could not start (the audio server does not "
+                                "answer): its track stays silent.");
+    else
+        proxy->recordingWarning(kSVRecordingWarningApplicationAudioUnavailable,
+                                "The application's sound could not be recorded (the audio server "
+                                "does not answer): its track stays silent.");
 }
 
 void SVRecordingManager::audioServerChanged(bool available) {

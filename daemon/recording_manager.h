@@ -56,6 +56,7 @@
 #include <utility>
 #include <vector>
 
+#include "capture/capture_manager.h"
 #include "daemon/client_proxy.h"
 #include "daemon/consent_agent.h"
 #include "daemon/daemon_platform.h"
@@ -257,6 +258,8 @@ class SVRecordingManager : public ipc::ListenerDelegate,
     // The audio server went away (false) or is back (true): the recording's
     // application is warned when it asked for warnings. On the queue.
     void audioServerChanged(bool available);
+    // Manager queue: a source of the current recording could not start.
+    void audioSourceUnavailable(SVCaptureManager::Source source, int32_t status);
 
     // --- Consent (on the queue) ------------------------------------------
     // What the user allowed for one request.

@@ -138,6 +138,10 @@ enum SVRecordingWarningCode : int64_t {
     kSVRecordingWarningAudioLost = 1,
     // The audio server is back: audio is recorded again.
     kSVRecordingWarningAudioRestored = 2,
+    // A source of the recording could not start (the audio server does not
+    // answer, no device): its track stays silent.
+    kSVRecordingWarningMicrophoneUnavailable = 3,
+    kSVRecordingWarningApplicationAudioUnavailable = 4,
 };
 inline constexpr const char* kRecordingWarningCodeKey = "code";
 inline constexpr const char* kRecordingWarningMessageKey = "message";

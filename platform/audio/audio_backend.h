@@ -95,6 +95,9 @@ class AudioBackend {
     // not block and must not call into the backend. Backends without a
     // server never call it.
     virtual void setServerStateHandler(AudioServerStateHandler handler) { (void)handler; }
+    // Whether sources depend on a server that may be away (a desktop's
+    // audio server); false for backends that are always there.
+    virtual bool hasServer() const { return false; }
 };
 
 enum class AudioBackendKind { Automatic, Pulse, Synthetic };

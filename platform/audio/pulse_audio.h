@@ -55,6 +55,7 @@ class PulseAudioBackend : public AudioBackend {
                                                 AudioChunkSink sink, AudioSourceFailure onFailure,
                                                 int32_t* status) override;
     void setServerStateHandler(AudioServerStateHandler handler) override;
+    bool hasServer() const override { return true; }
 
   private:
     // Shared with the connection, which may outlive the backend.

@@ -383,6 +383,33 @@ TEST_F(RecordEndToEndTest, TheAudioServerCrashesMidRecordingAndComesBack) {
     EXPECT_GT(rmsOf(mic, mic.size() - 44100, mic.size()), 0.05) << "sound again";
 }
 
+// The audio server is not there when a recording with the microphone
+// starts: the recording starts all the same (the picture does not wait for
+// sound) and `sorvel record` says the sound could not start.
+TEST_F(RecordEndToEndTest, ARecordingStartsWithoutItsAudioServerAndSaysSo) {
+    std::string why;
+    auto pulse = sv::testing::PrivatePulseServer::start({700.0}, &why);
+    if (!pulse && sv::testing::PrivatePulseServer::required()) FAIL() << why;
+    if (!pulse) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
+    daemon_.stop(SIGTERM);
+    env_.push_back("PULSE_SERVER=" + pulse->address());
+    ASSERT_TRUE(daemon_.start(SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend",
+                                                 "pulse", "--trusted-bundle-dir", BUNDLES_DIR},
+                                        .env = env_}))
+        << daemon_.log();
+    startAgent("accept");
+    pulse->killServer();
+    EXPECT_EQ(sv::test::waitForExit(record({"--duration", "2", "--mic"}), 120s), 0)
+        << recordLog() << daemon_.log();
+    EXPECT_TRUE(contains(recordLog(), "sorvel record: warning: ")) << recordLog();
+    std::string error;
+    auto movie = inspectMovie(output(), &error);
+    ASSERT_TRUE(movie) << error;
+    ASSERT_EQ(movie->movie.tracks.size(), 3u);
+    const double video = movie->movie.tracks[0].duration;
+    EXPECT_GT(video, 1.5);
+}
+
 // A system recording's application audio: by default the frontmost
 // application's sound (here none plays), with --desktop-audio everything the
 // desktop plays (a tone from a process that is no application at all).
