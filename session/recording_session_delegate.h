@@ -6,6 +6,7 @@
 #pragma once
 
 #include "platform/error.h"
+#include "platform/value.h"
 
 namespace sv {
 
@@ -21,6 +22,13 @@ class SVRecordingSessionDelegate {
     // the session: the screen capture controller's delivery thread for the
     // failures above.
     virtual void recordingSessionStoppedWithError(const Error& error) = 0;
+
+    // Service information from the session's broadcast extension (a
+    // dictionary), for the application. Called on the extension handle's
+    // queue; must not block.
+    virtual void broadcastSessionDidUpdateServiceInfo(const Value& serviceInfo) {
+        (void)serviceInfo;
+    }
 };
 
 }  // namespace sv
