@@ -56,6 +56,32 @@ class Once {
     std::atomic<bool> called_{false};
 };
 
+// `sample` cut at `time`: the part before and the part from there on (either
+// may be null). Audio that cannot be cut (not interleaved linear PCM, or no
+// valid times) stays whole, before.
+std::pair<std::shared_ptr<SampleBuffer>, std::shared_ptr<SampleBuffer>> splitAudioAt(
+    const std::shared_ptr<SampleBuffer>& sample, const MediaTime& time) {
+    const AudioStreamFormat& f = sample->audioFormat();
+    const MediaTime start = sample->presentationTime();
+    const int64_t n = sample->numSamples();
+    if (!time.isValid() || !start.isValid() || f.sampleRate <= 0 || f.framesPerPacket != 1 ||
+        f.bytesPerFrame == 0 || (f.formatFlags & AudioStreamFormat::kFlagIsNonInterleaved) ||
+        !sample->dataBlock() || sample->dataLength() < size_t(n) * f.bytesPerFrame)
+        return {sample, nullptr};
+    const int64_t k = std::clamp<int64_t>(
+        int64_t(std::llround(subtract(time, start).seconds() * f.sampleRate)), 0, n);
+    if (k == n) return {sample, nullptr};
+    if (k == 0) return {nullptr, sample};
+    const uint8_t* data = sample->dataBlock()->data();
+    const size_t cut = size_t(k) * f.bytesPerFrame;
+    auto before = SampleBuffer::makeAudio(DataBlock::copyOf(data, cut), f, k, start);
+    auto after = SampleBuffer::makeAudio(
+        DataBlock::copyOf(data + cut, size_t(n - k) * f.bytesPerFrame), f, n - k,
+        add(start, MediaTime::make(k, int32_t(std::lround(f.sampleRate)))));
+    if (!before || !after) return {sample, nullptr};
+    return {before, after};
+}
+
 }  // namespace
 
 // --- Creation -----------------------------------------------------------------
@@ -446,6 +472,26 @@ void SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
     const bool wroteFrames = writer->fileWriterStatus() != int(Status::Unknown);
     const bool broadcasting = broadcastExtension_.load() != nullptr;
     const URL trimmedURL = trimmedOutputURL();
+    if (broadcasting) {
+        // The fragment before this last one goes to the extension first.
+        _finishPreviousFragment([weak, handler] {
+            auto self = weak.lock();
+            auto writer = self ? self->movieWriter_.load() : nullptr;
+            if (!writer) {
+                if (handler) handler(std::nullopt, std::nullopt);
+                return;
+            }
+            writer->finishWritingWithHandler([weak, writer, handler](std::optional<URL> movieURL) {
+                log::info("SVRecordingSession: finishWritingWithHandler");
+                if (auto self = weak.lock()) {
+                    self->movieWriter_.clearIf(writer);
+                    self->_notifyBroadcastExtensionOfCompletedMovieWithURL(movieURL, true);
+                }
+                if (handler) handler(std::nullopt, std::nullopt);
+            });
+        });
+        return;
+    }
     writer->finishWritingWithHandler([weak, writer, handler, startClipDuration, endClipDuration,
                                       trimmedURL, broadcasting,
                                       wroteFrames](std::optional<URL> movieURL) {
@@ -667,6 +713,24 @@ void SVRecordingSession::_appendAudio(const std::shared_ptr<SampleBuffer>& sampl
                                : shiftedAudioSampleBuffer(
                                      sample, MediaTime::make(offset, HostClock::kTimescale));
     if (!shifted) return;
+    {
+        // Audio of the time before the current fragment's first frame
+        // belongs to the fragment before, while that is still open; a buffer
+        // across the seam is split there, so nothing is lost or doubled.
+        std::lock_guard lock(seamMutex_);
+        if (previousFragment_ &&
+            compare(shifted->presentationTime(), previousFragment_->boundary) < 0) {
+            auto [before, after] = splitAudioAt(shifted, previousFragment_->boundary);
+            if (before) {
+                if (input == 1)
+                    previousFragment_->writer->appendAudio1SampleBuffer(before);
+                else
+                    previousFragment_->writer->appendAudio2SampleBuffer(before);
+            }
+            if (!after) return;
+            shifted = after;
+        }
+    }
     if (input == 1)
         writer->appendAudio1SampleBuffer(shifted);
     else
@@ -773,18 +837,50 @@ void SVRecordingSession::_processSampleBufferForStreaming(
                            index);
                 next = _makeFragmentWriter(index);
             }
-            // This frame is the first of the new fragment: from here on every
-            // sample goes to the new writer, and the old one gets nothing more.
+            // An older fragment still open (a clip shorter than the grace)
+            // is finished first, so fragments reach the extension in order.
+            _finishPreviousFragment(nullptr);
+            {
+                std::lock_guard lock(seamMutex_);
+                previousFragment_ = PreviousFragment{previous, MediaTime::invalid()};
+            }
+            // This frame is the first of the new fragment: every later frame
+            // goes to the new writer; audio goes by its time (_appendAudio).
             movieWriter_.store(next);
             _prepareFragmentWriter(index + 1);
+            _processSampleBuffer(sampleBuffer, transformFlags);
+            const MediaTime boundary = next->lastVideoPresentationTime();
+            {
+                std::lock_guard lock(seamMutex_);
+                if (previousFragment_ && previousFragment_->writer == previous)
+                    previousFragment_->boundary = boundary.isValid() ? boundary : t;
+            }
             std::weak_ptr<SVRecordingSession> weak = weak_from_this();
-            previous->finishWritingWithHandler([weak, previous](std::optional<URL> url) {
-                if (auto self = weak.lock())
-                    self->_notifyBroadcastExtensionOfCompletedMovieWithURL(url, false);
+            DispatchQueue::global()->asyncAfter(kSeamGrace, [weak] {
+                if (auto self = weak.lock()) self->_finishPreviousFragment(nullptr);
             });
+            return;
         }
     }
     _processSampleBuffer(sampleBuffer, transformFlags);
+}
+
+void SVRecordingSession::_finishPreviousFragment(std::function<void()> then) {
+    std::optional<PreviousFragment> previous;
+    {
+        std::lock_guard lock(seamMutex_);
+        previous.swap(previousFragment_);
+    }
+    if (!previous) {
+        if (then) then();
+        return;
+    }
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    previous->writer->finishWritingWithHandler([weak, then](std::optional<URL> url) {
+        if (auto self = weak.lock())
+            self->_notifyBroadcastExtensionOfCompletedMovieWithURL(url, false);
+        if (then) then();
+    });
 }
 
 void SVRecordingSession::_notifyExtensionOfAction(int32_t action, ActionCompletion completion) {

@@ -47,6 +47,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -69,6 +70,7 @@
 #include "platform/url.h"
 #include "platform/value.h"
 #include "protocol/broadcast_configuration.h"
+#include "protocol/broadcast_extension.h"
 #include "session/recording_session_delegate.h"
 #include "session/sample_timing.h"
 #include "session/shared_slot.h"
@@ -92,23 +94,10 @@ inline constexpr int32_t kBroadcastSampleTypeVideo = 1;
 inline constexpr int32_t kBroadcastSampleTypeAppAudio = 2;
 inline constexpr int32_t kBroadcastSampleTypeMicrophone = 3;
 
-// Items of an upload extension's requests, and of what it returns.
-inline constexpr const char* kBroadcastExtensionKeyRequestedFinish =
-    "SVBroadcastExtensionKeyRequestedFinish";
-inline constexpr const char* kBroadcastExtensionKeyExtensionSandboxToken =
-    "SVBroadcastExtensionKeyExtensionSandboxToken";
-inline constexpr const char* kBroadcastExtensionKeyExtensionUserInfo =
-    "SVBroadcastExtensionKeyExtensionUserInfo";
-inline constexpr const char* kBroadcastExtensionKeyMovieClipURL =
-    "SVBroadcastExtensionKeyMovieClipURL";
-inline constexpr const char* kBroadcastExtensionKeyBroadcastConfiguration =
-    "SVBroadcastExtensionKeyBroadcastConfiguration";
-inline constexpr const char* kBroadcastExtensionKeyExtensionServiceInfo =
-    "SVBroadcastExtensionKeyExtensionServiceInfo";
-// The class of the fragments' read-only file-access tokens.
-inline constexpr const char* kBroadcastFileTokenClass = "org.sorvel.sorveld.read-only";
 // Length of an uploaded fragment when the configuration wishes none.
 inline constexpr double kDefaultBroadcastClipDuration = 5.0;
+// How long a finished fragment stays open for late audio of its time.
+inline constexpr std::chrono::milliseconds kSeamGrace{1500};
 
 class SVRecordingSession : public ScreenCaptureControllerDelegate,
                            public std::enable_shared_from_this<SVRecordingSession> {
@@ -367,6 +356,20 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
         std::shared_ptr<SVMovieWriter> writer;
     };
     SharedSlot<PreparedWriter> preparedWriter_;
+    // The fragment before the current one, still open for the audio whose
+    // time lies before the current fragment's first frame (audio arrives
+    // later than the frames of its time); finished after kSeamGrace.
+    // `boundary` is the current fragment's first frame's time (invalid until
+    // that frame is in). Guarded by seamMutex_ (held only for an append).
+    struct PreviousFragment {
+        std::shared_ptr<SVMovieWriter> writer;
+        MediaTime boundary;
+    };
+    std::mutex seamMutex_;
+    std::optional<PreviousFragment> previousFragment_;
+    // Finishes the previous fragment (if any) and hands it over, then runs
+    // `then` (on the writer's finish queue, or at once without one).
+    void _finishPreviousFragment(std::function<void()> then);
     WindowSize movieSize_;
 
     // The process's screen backend, taken when first needed and kept.
