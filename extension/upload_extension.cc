@@ -68,7 +68,6 @@ int SVRunUploadExtension(SVUploadExtension& extension) {
         }
         SVBroadcastFragment fragment;
         fragment.fileDescriptor = file->second.fd();
-        fragment.readablePath = "/proc/self/fd/" + std::to_string(file->second.fd());
         if (auto* url = itemTitled(items, kBroadcastExtensionKeyMovieClipURL);
             url && url->attachment.is_string())
             fragment.movieClipURL = url->attachment.get<std::string>();

@@ -742,6 +742,9 @@ void SVRecordingSession::_appendAudio(const std::shared_ptr<SampleBuffer>& sampl
 OptionalError SVRecordingSession::enableBroadcastWithExtension(
     std::shared_ptr<AppExtension> extension, int32_t processMode, std::optional<Value> userInfo) {
     log::info("SVRecordingSession: enableBroadcastWithBroadcastExtensionID");
+    // The extension reads its fragments through their tokens, and nothing
+    // else of the movie store.
+    if (extension) extension->setInaccessibleDirectories({MovieStore::shared()._srTempPath()});
     setBroadcastExtension(std::move(extension));
     setBroadcastUserInfo(std::move(userInfo));
     setBroadcastFragmentStartTime(MediaTime::invalid());

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <vector>
 
 extern "C" {
@@ -37,6 +38,13 @@ class DirectoryDestination : public Destination {
     }
     // Beside the published files, so publishing is a rename.
     std::string scratchDirectory() const override { return directory_; }
+    std::optional<std::string> fetch(const std::string& name) const override {
+        std::ifstream in(fs::path(directory_) / name, std::ios::binary);
+        if (!in) return std::nullopt;
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
 
   private:
     std::string directory_;
@@ -115,6 +123,23 @@ std::unique_ptr<Destination> makeDirectoryDestination(const std::string& directo
         return nullptr;
     }
     return std::make_unique<DirectoryDestination>(fs::absolute(directory).string());
+}
+
+Publisher::Publisher(std::unique_ptr<Destination> destination)
+    : destination_(std::move(destination)) {
+    auto playlist = destination_->fetch(kPlaylistName);
+    if (!playlist || playlist->find("#EXT-X-ENDLIST") != std::string::npos) return;
+    std::istringstream lines(*playlist);
+    std::optional<double> seconds;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("#EXTINF:", 0) == 0) {
+            seconds = std::strtod(line.c_str() + 8, nullptr);
+        } else if (seconds && !line.empty() && line[0] != '#') {
+            segments_.push_back({line, *seconds});
+            nextStart90k_ += int64_t(std::llround(*seconds * 90000));
+            seconds.reset();
+        }
+    }
 }
 
 double Publisher::publishedSeconds() const {

@@ -29,6 +29,8 @@ class Destination {
     virtual std::string locationOf(const std::string& name) const = 0;
     // A directory for files being written.
     virtual std::string scratchDirectory() const = 0;
+    // The text of the published file `name`, or nothing.
+    virtual std::optional<std::string> fetch(const std::string& name) const = 0;
 };
 
 // Files in a local directory (created if missing), renamed into place.
@@ -38,8 +40,10 @@ std::unique_ptr<Destination> makeDirectoryDestination(const std::string& directo
 class Publisher {
   public:
     static constexpr const char* kPlaylistName = "index.m3u8";
-    explicit Publisher(std::unique_ptr<Destination> destination)
-        : destination_(std::move(destination)) {}
+    // A live playlist already at the destination (this extension was
+    // ended and started again mid-broadcast) is continued; a finished one
+    // is replaced.
+    explicit Publisher(std::unique_ptr<Destination> destination);
 
     // Remuxes the fragment readable through `fd` into the next segment and
     // republishes the playlist (ended when `finished`). An error text or nothing.

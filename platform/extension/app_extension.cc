@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,6 +20,7 @@
 
 #include "platform/dispatch.h"
 #include "platform/extension/extension_context.h"
+#include "platform/extension/extension_sandbox.h"
 #include "platform/ipc/ipc.h"
 #include "platform/log.h"
 #include "platform/system/bundle.h"
@@ -76,6 +76,7 @@ struct AppExtension::Impl : ipc::ListenerDelegate, std::enable_shared_from_this<
     };
 
     std::string identifier, executable;
+    std::vector<std::string> deniedDirectories;
     std::shared_ptr<DispatchQueue> queue;
     std::mutex mutex;
     RequestCompletion completion;
@@ -273,47 +274,26 @@ struct AppExtension::Impl : ipc::ListenerDelegate, std::enable_shared_from_this<
         if (!endpoint.valid())
             return extensionError(kExtensionErrorCannotStart, "no descriptor for the endpoint");
 
-        std::vector<std::string> env;
+        SandboxedSpawn spawn;
+        spawn.executable = executable;
         const std::string fdVar = kExtensionEndpointFdVariable,
                           idVar = kExtensionIdentifierVariable;
         for (char** e = environ; e && *e; ++e) {
             std::string entry = *e;
             if (entry.rfind(fdVar + "=", 0) == 0 || entry.rfind(idVar + "=", 0) == 0) continue;
-            env.push_back(std::move(entry));
+            spawn.environment.push_back(std::move(entry));
         }
-        env.push_back(fdVar + "=" + std::to_string(kExtensionEndpointFd));
-        env.push_back(idVar + "=" + identifier);
-        std::vector<char*> envp;
-        for (auto& e : env) envp.push_back(e.data());
-        envp.push_back(nullptr);
-        std::string exe = executable;
-        char* argv[] = {exe.data(), nullptr};
-
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_adddup2(&actions, endpoint.get(), kExtensionEndpointFd);
-        // Nothing else of this process reaches the extension.
-        posix_spawn_file_actions_addclosefrom_np(&actions, kExtensionEndpointFd + 1);
-        posix_spawnattr_t attr;
-        posix_spawnattr_init(&attr);
-        sigset_t none, all;
-        sigemptyset(&none);
-        sigfillset(&all);
-        posix_spawnattr_setsigmask(&attr, &none);
-        posix_spawnattr_setsigdefault(&attr, &all);
-        posix_spawnattr_setpgroup(&attr, 0);
-        posix_spawnattr_setflags(
-            &attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
-        pid_t pid = -1;
-        const int rc = posix_spawn(&pid, exe.c_str(), &actions, &attr, argv, envp.data());
-        posix_spawn_file_actions_destroy(&actions);
-        posix_spawnattr_destroy(&attr);
-        if (rc != 0) {
+        spawn.environment.push_back(fdVar + "=" + std::to_string(kExtensionEndpointFd));
+        spawn.environment.push_back(idVar + "=" + identifier);
+        spawn.passFd = endpoint.get();
+        spawn.targetFd = kExtensionEndpointFd;
+        spawn.deniedDirectories = deniedDirectories;
+        auto spawned = spawnSandboxed(spawn);
+        if (!spawned) {
             listener->invalidate();
-            return extensionError(kExtensionErrorCannotStart,
-                                  "cannot start " + executable + ": " + std::strerror(rc));
+            return extensionError(kExtensionErrorCannotStart, spawned.error().description());
         }
+        const pid_t pid = *spawned;
         auto p = std::make_unique<Process>();
         p->pid = pid;
         p->pidfd.reset(int(::syscall(SYS_pidfd_open, pid, 0)));
@@ -425,6 +405,11 @@ void AppExtension::extensionsWithMatchingPointName(std::string point, QueryCompl
 void AppExtension::setRequestCompletionBlock(RequestCompletion handler) {
     std::lock_guard lock(impl_->mutex);
     impl_->completion = std::move(handler);
+}
+
+void AppExtension::setInaccessibleDirectories(std::vector<std::string> directories) {
+    std::lock_guard lock(impl_->mutex);
+    impl_->deniedDirectories = std::move(directories);
 }
 
 void AppExtension::setRequestCancellationBlock(RequestCancellation handler) {

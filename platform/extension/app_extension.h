@@ -107,6 +107,11 @@ class AppExtension : public std::enable_shared_from_this<AppExtension> {
 
     // Replaces the handler for requests that complete (set before begin).
     void setRequestCompletionBlock(RequestCompletion handler);
+    // Directories the extension's process may not touch at all (for a
+    // process started from now on); what it needs of them comes with its
+    // requests as file grants. Enforced by the kernel where it can
+    // (platform/extension/extension_sandbox.h).
+    void setInaccessibleDirectories(std::vector<std::string> directories);
     // Replaces the handler for requests that break.
     void setRequestCancellationBlock(RequestCancellation handler);
     // Starts (or reuses) the process and queues the request for it; the

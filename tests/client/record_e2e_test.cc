@@ -207,11 +207,25 @@ TEST_F(RecordEndToEndTest, BroadcastsALiveHLSStreamThroughTheUploadExtension) {
                          "(org.sorvel.SVRecordingErrorDomain -5808)"))
         << sv::test::readFile(dir_ + "/unknown.log");
 
+    // Made before the extension starts: a new entry in a directory above
+    // the movie store (here the test's root) is closed to the extension.
     const std::string live = dir_ + "/live", playlist = live + "/index.m3u8";
+    std::filesystem::create_directories(live);
     p = broadcast({"org.sorvel.hls.upload", "--user-info", R"({"directory": ")" + live + R"("})",
                    "--clip-duration", "2", "--duration", "10", "--mic"},
                   "broadcast.log");
+    // Killed between two fragments, the extension is started again for the
+    // next one and goes on with the stream.
+    const std::string started = "started extension org.sorvel.hls.upload (pid ";
+    ASSERT_TRUE(daemon_.logged(started));
+    ASSERT_TRUE(sv::test::eventually(
+        [&] { return lines("broadcast.log", R"("segments":2)").size() == 1; }, 60s));
+    const std::string log = daemon_.log();
+    const auto at = log.find(started) + started.size();
+    const pid_t extensionPid = std::stoi(log.substr(at, log.find(')', at) - at));
+    ASSERT_EQ(::kill(extensionPid, SIGKILL), 0);
     ASSERT_EQ(sv::test::waitForExit(p, 180s), 0) << sv::test::readFile(dir_ + "/broadcast.log");
+    EXPECT_EQ(daemon_.logCount(started), 2u) << daemon_.log();
     auto infos = lines("broadcast.log", R"("playlist":")" + playlist + R"(")");
     ASSERT_GE(infos.size(), 5u) << sv::test::readFile(dir_ + "/broadcast.log");
     EXPECT_TRUE(contains(infos.back(), R"("finished":true)"));
@@ -255,7 +269,7 @@ TEST_F(RecordEndToEndTest, BroadcastsALiveHLSStreamThroughTheUploadExtension) {
         10s));
 
     // Without a clip duration the fragments last the default 5 s.
-    std::filesystem::remove_all(live);
+    for (const auto& e : std::filesystem::directory_iterator(live)) std::filesystem::remove(e);
     p = broadcast({"org.sorvel.hls.upload", "--user-info", R"({"directory": ")" + live + R"("})",
                    "--duration", "7"},
                   "default.log");

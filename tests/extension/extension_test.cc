@@ -14,6 +14,7 @@
 
 #include "daemon/recording_manager.h"
 #include "platform/extension/app_extension.h"
+#include "platform/extension/extension_sandbox.h"
 #include "tests/process/process_helpers.h"
 #include "tests/support/test_util.h"
 
@@ -170,6 +171,7 @@ TEST_F(ExtensionTest, RequestHandsOverItemsAndExactlyTheGrantedFileReadOnly) {
     bundle(first_, "echo", "com.example.test.echo", kBroadcastServicesExtensionPoint);
     const std::string fragment = store_ / "SVMovie_x_1.mp4";
     test::writeFile(fragment, "fragment bytes");
+    test::writeFile(store_ / "other.mp4", "another movie");
     // The first round opens what the process keeps (the IPC thread's
     // descriptors); the second must leave nothing behind.
     size_t descriptorsBefore = 0;
@@ -179,6 +181,7 @@ TEST_F(ExtensionTest, RequestHandsOverItemsAndExactlyTheGrantedFileReadOnly) {
         {
             auto echo = extension("com.example.test.echo");
             ASSERT_TRUE(echo);
+            echo->setInaccessibleDirectories({store_.path()});
             Outcome outcome;
             outcome.watch(*echo);
             for (int i = 0; i < 2; ++i) {
@@ -187,7 +190,11 @@ TEST_F(ExtensionTest, RequestHandsOverItemsAndExactlyTheGrantedFileReadOnly) {
                 ASSERT_TRUE(token);
                 echo->beginExtensionRequestWithInputItems(
                     {ExtensionItem::itemWithTitle("flag", "0"),
-                     ExtensionItem::itemWithTitle("token", token->string())},
+                     ExtensionItem::itemWithTitle("token", token->string()),
+                     // The store is closed but for the grant; the rest is open.
+                     ExtensionItem::itemWithTitle("probe", fragment),
+                     ExtensionItem::itemWithTitle("probe", store_ / "other.mp4"),
+                     ExtensionItem::itemWithTitle("probe", first_ / "echo/bundle.json")},
                     {token}, outcome.onBegin());
                 ASSERT_TRUE(outcome.ended(size_t(i)));
                 if (i == 0) pid = echo->pidForRunningProcess();
@@ -197,7 +204,9 @@ TEST_F(ExtensionTest, RequestHandsOverItemsAndExactlyTheGrantedFileReadOnly) {
                 const auto& items = outcome.completed[outcome.begun[size_t(i)]];
                 auto titles = itemTitled(items, "titles");
                 ASSERT_TRUE(titles);
-                EXPECT_EQ(titles->attachment, Value({"flag", "token"}));
+                EXPECT_EQ(titles->attachment, Value({"flag", "token", "probe", "probe", "probe"}));
+                if (fileSystemSandboxVersion() > 0)
+                    EXPECT_EQ(itemTitled(items, "opened")->attachment, Value({false, false, true}));
                 EXPECT_EQ(itemTitled(items, "flag")->attachment, "0");
                 EXPECT_EQ(std::count_if(items.begin(), items.end(),
                                         [](const auto& item) { return item.title == "content"; }),

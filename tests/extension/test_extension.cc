@@ -1,11 +1,13 @@
 // An extension for the tests, started by AppExtension. What it does depends
 // on the last component of its identifier:
 //   echo   answers each request with the items it got (titles in "titles"),
-//          the bytes of each granted file ("content") and whether the file's
-//          descriptor could be written to ("writable")
+//          the bytes of each granted file ("content"), whether the file's
+//          descriptor could be written to ("writable") and, for each item
+//          "probe" naming a path, whether it could open that path ("opened")
 //   crash  ends itself when a request arrives
 //   mute   never connects
 // Any other: answers every request with no items.
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -55,6 +57,15 @@ int main() {
                     returned.push_back(ExtensionItem::itemWithTitle(
                         "writable", ::pwrite(file.fd(), "x", 1, 0) == 1));
                 }
+                // Paths the extension tries to open itself.
+                Value opened = Value::array();
+                for (const auto& item : items) {
+                    if (item.title != "probe" || !item.attachment.is_string()) continue;
+                    const int fd = ::open(item.attachment.get<std::string>().c_str(), O_RDONLY);
+                    opened.push_back(fd >= 0);
+                    if (fd >= 0) ::close(fd);
+                }
+                returned.push_back(ExtensionItem::itemWithTitle("opened", opened));
             }
             reply(std::move(returned), std::nullopt);
         },

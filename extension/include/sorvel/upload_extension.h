@@ -12,7 +12,7 @@
 //   class Upload : public sv::SVUploadExtension {
 //       void processFragment(sv::SVBroadcastFragment fragment,
 //                            sv::SVUploadCompletion completion) override {
-//           upload(fragment.readablePath);
+//           upload(fragment.fileDescriptor);
 //           completion({.serviceInfoJSON = R"({"uploaded": true})"});
 //       }
 //   };
@@ -35,13 +35,12 @@ namespace sv {
 // One finished fragment. The file stays readable until the completion of its
 // call runs; afterwards the service removes it.
 struct SVBroadcastFragment {
-    // A read-only descriptor of the fragment's file, owned by the SDK.
+    // A read-only descriptor of the fragment's file, owned by the SDK: the
+    // extension's only way to the file (read it with pread, or hand it to
+    // a library as a descriptor; FFmpeg: a custom AVIOContext).
     int fileDescriptor = -1;
-    // A path that opens the same file read-only ("/proc/self/fd/N"), for
-    // libraries that want a path.
-    std::string readablePath;
     // The file's location in the service's store, as a "file://" URL: for
-    // logs; the extension reads the file through the descriptor.
+    // logs only; the store is closed to extensions.
     std::string movieClipURL;
     // True for the last fragment of the broadcast.
     bool finished = false;
