@@ -245,8 +245,13 @@ std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
         SetupHandler handler = [reply](OptionalError error) {
             reply(ipc::Arguments().add(errorValue(error)));
         };
+        std::optional<Bytes> configuration;
+        if (const Bytes* data = bytesOf(inv.at(2))) configuration = *data;
+        std::optional<Value> userInfo;
+        if (inv.at(3).is_object()) userInfo = inv.at(3);
         run([=](SVRecordingManager& m) {
-            m.setupBroadcastWithHostBundleID(client, *host, *extension, handler);
+            m.setupBroadcastWithHostBundleID(client, *host, *extension, configuration, userInfo,
+                                             handler);
         });
     });
     auto stopHandler = [](ipc::ReplyHandler reply) -> StopHandler {

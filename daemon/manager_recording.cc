@@ -15,8 +15,6 @@ namespace {
 // The longest a start request waits for the window system to see the
 // display as it is (one round trip to the display server, normally).
 constexpr std::chrono::milliseconds kWindowSystemCatchUp{500};
-constexpr const char* kInfoProcessModeKey = "SVBroadcastInfoExtensionProcessModeKey";
-constexpr const char* kInfoUserInfoKey = "SVBroadcastInfoExtensionUserInfoKey";
 
 std::string describeIDs(const std::vector<uint32_t>& ids) {
     std::string s;
@@ -145,14 +143,9 @@ void SVRecordingManager::continueStart(const std::shared_ptr<SVClientConnection>
             return;
         }
         log::info("found broadcast info, enabling for session");
-        // The record's configuration and extension handle arrive with the
-        // extension lookup of broadcasting; the mode and user info are read.
-        const Value& info = it->second;
-        std::optional<Value> userInfo;
-        if (const Value* u = dictAt(info, kInfoUserInfoKey)) userInfo = *u;
-        session->setBroadcastConfiguration(nullptr);
-        session->enableBroadcastWithExtension(
-            nullptr, int32_t(intAt(info, kInfoProcessModeKey).value_or(0)), std::move(userInfo));
+        const auto info = it->second;
+        session->setBroadcastConfiguration(info->configuration);
+        session->enableBroadcastWithExtension(info->extension, info->processMode, info->userInfo);
     } else {
         log::info("broadcast disabled");
         session->disableBroadcast();
@@ -202,9 +195,40 @@ void SVRecordingManager::continueStart(const std::shared_ptr<SVClientConnection>
     });
 }
 
+std::string SVRecordingManager::broadcastBaseIdentifier(const std::string& extensionBundleID) {
+    const auto dot = extensionBundleID.rfind('.');
+    return dot == std::string::npos ? std::string() : extensionBundleID.substr(0, dot);
+}
+
+void SVRecordingManager::loadBroadcastUploadExtensionWithBaseIdentifier(
+    const std::string& baseIdentifier, LookupHandler handler, std::function<void()> notFound) {
+    log::info("looking for upload extension");
+    AppExtension::extensionsWithMatchingPointName(
+        kBroadcastServicesExtensionPoint,
+        [baseIdentifier, handler = std::move(handler), notFound = std::move(notFound)](
+            std::vector<std::shared_ptr<AppExtension>> extensions, OptionalError) {
+            for (const auto& extension : extensions) {
+                if (extension->attributes().contains(kExtensionMainInterfaceKey)) continue;
+                if (baseIdentifier.empty() || extension->identifier().rfind(baseIdentifier, 0) != 0)
+                    continue;
+                log::info("found upload extension");
+                int32_t mode = kBroadcastProcessModeUpload;
+                if (stringAt(extension->attributes(), kSVBroadcastProcessModeAttribute) ==
+                    kSVBroadcastProcessModeSampleBuffer) {
+                    log::info("broadcast extension expects sample buffers");
+                    mode = kBroadcastProcessModeSampleBuffer;
+                }
+                if (handler) handler(extension, mode);
+                return;
+            }
+            if (notFound) notFound();
+        });
+}
+
 void SVRecordingManager::setupBroadcastWithHostBundleID(
     const std::shared_ptr<SVClientConnection>& client, const std::string& hostBundleID,
-    const std::string& extensionBundleID, SetupHandler handler) {
+    const std::string& extensionBundleID, std::optional<Bytes> configurationData,
+    std::optional<Value> userInfo, SetupHandler handler) {
     log::info("SVRecordingManager:setupBroadcastWithHostBundleID:broadcastExtensionBundleID:");
     if (hostBundleID != client->bundleID) {
         static log::RateLimit limit;
@@ -215,12 +239,46 @@ void SVRecordingManager::setupBroadcastWithHostBundleID(
         if (handler) handler(_svUserErrorForCode(kSVRecordingErrorBroadcast));
         return;
     }
-    log::info("looking for upload extension");
-    log::debug("no upload extension for %@: broadcast extensions are not available",
-               extensionBundleID);
-    if (auto session = recordingSessionForBundleID(hostBundleID))
-        setCurrentRecordingSession(session);
+    auto session = recordingSessionForBundleID(hostBundleID);
+    // The application's further requests wait for the lookup (it reads a
+    // few small files), so its start finds the record.
+    if (session) beginFinishing(session);
+    std::weak_ptr<SVRecordingManager> weak = weak_from_this();
+    auto finishLookup = [weak, session](std::shared_ptr<const SVBroadcastInfo> info) {
+        auto self = weak.lock();
+        if (!self) return;
+        self->queue_->async([self, session, info] {
+            if (info && session)
+                self->hostBundleIDtoExtensionInfoLookup_[session->bundleID()] = info;
+            if (session) self->endFinishing(session);
+        });
+    };
+    loadBroadcastUploadExtensionWithBaseIdentifier(
+        broadcastBaseIdentifier(extensionBundleID),
+        [finishLookup, configurationData = std::move(configurationData),
+         userInfo = std::move(userInfo)](std::shared_ptr<AppExtension> extension, int32_t mode) {
+            auto info = std::make_shared<SVBroadcastInfo>();
+            info->extension = std::move(extension);
+            info->processMode = mode;
+            info->userInfo = userInfo;
+            info->configuration = SVBroadcastConfiguration::decodeFromData(
+                configurationData ? std::span<const uint8_t>(*configurationData)
+                                  : std::span<const uint8_t>());
+            finishLookup(std::move(info));
+        },
+        [finishLookup] { finishLookup(nullptr); });
+    if (session) setCurrentRecordingSession(session);
     if (handler) handler(std::nullopt);
+}
+
+void SVRecordingManager::broadcastSessionDidUpdateServiceInfo(const Value& serviceInfo) {
+    log::info("SVRecordingManager:broadcastSessionDidUpdateServiceInfo:");
+    auto proxy = currentRecordingSession_ ? currentRecordingSession_->clientProxy() : nullptr;
+    if (!proxy) {
+        log::error("SVRecordingManager: no application to pass service information to");
+        return;
+    }
+    proxy->updateBroadcastServiceInfo(serviceInfo);
 }
 
 // ---- Other sessions

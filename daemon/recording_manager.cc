@@ -89,6 +89,13 @@ class SVRecordingManager::SessionDelegate : public SVRecordingSessionDelegate {
             manager->sessionStoppedWithError(session, error, movieURL);
         });
     }
+    // On the extension handle's queue.
+    void broadcastSessionDidUpdateServiceInfo(const Value& serviceInfo) override {
+        auto manager = manager_.lock();
+        if (!manager) return;
+        manager->queue()->async(
+            [manager, serviceInfo] { manager->broadcastSessionDidUpdateServiceInfo(serviceInfo); });
+    }
 
   private:
     std::weak_ptr<SVRecordingManager> manager_;

@@ -62,6 +62,7 @@
 #include "daemon/daemon_platform.h"
 #include "daemon/trust.h"
 #include "platform/dispatch.h"
+#include "platform/extension/app_extension.h"
 #include "platform/geometry.h"
 #include "platform/ipc/ipc.h"
 #include "platform/process/notification_center.h"
@@ -108,6 +109,25 @@ struct SVClientConnection {
     // order.
     std::deque<std::function<void()>> heldRequests;
 };
+
+// The broadcast record of one host application, stored by a set-up whose
+// extension lookup found an extension; immutable once stored.
+struct SVBroadcastInfo {
+    // The chosen extension ("SVBroadcastInfoExtensionKey").
+    std::shared_ptr<AppExtension> extension;
+    // "SVBroadcastInfoExtensionProcessModeKey": 0 upload, 1 sample buffers.
+    int32_t processMode = 0;
+    // "SVBroadcastInfoExtensionUserInfoKey": the application's dictionary, or nothing.
+    std::optional<Value> userInfo;
+    // "SVBroadcastInfoExtensionConfigurationKey": never null (defaults for
+    // absent or undecodable data).
+    std::shared_ptr<SVBroadcastConfiguration> configuration;
+};
+
+// The process-mode attribute of broadcast extensions and its sample-buffer value.
+inline constexpr const char* kSVBroadcastProcessModeAttribute = "SVBroadcastProcessMode";
+inline constexpr const char* kSVBroadcastProcessModeSampleBuffer =
+    "SVBroadcastProcessModeSampleBuffer";
 
 // How the manager is made (SVRecordingManager::create).
 struct SVRecordingManagerOptions {
@@ -209,12 +229,30 @@ class SVRecordingManager : public ipc::ListenerDelegate,
                                              WindowSize windowSize, bool microphoneEnabled,
                                              bool cameraEnabled, bool broadcast,
                                              bool systemRecording, StartHandler handler);
-    // Makes the caller's session current and answers; the extension lookup
-    // joins with broadcasting, so no broadcast record is stored yet and a
-    // broadcast start answers -5808. A host other than the caller is refused.
+    // Looks up the broadcast extension (asynchronously), makes the caller's
+    // session current and answers at once with no error, found or not. The
+    // record is stored when the lookup finds an extension; the caller's
+    // further requests wait for the lookup, so a start right after the
+    // set-up sees its record. A host other than the caller is refused.
     void setupBroadcastWithHostBundleID(const std::shared_ptr<SVClientConnection>& client,
                                         const std::string& hostBundleID,
-                                        const std::string& extensionBundleID, SetupHandler handler);
+                                        const std::string& extensionBundleID,
+                                        std::optional<Bytes> configurationData,
+                                        std::optional<Value> userInfo, SetupHandler handler);
+    // The extension lookup: walks the broadcast-services extensions in the
+    // platform's order, skips those with a main interface and calls
+    // `handler` with the first whose identifier begins with `baseIdentifier`
+    // and its process mode; `notFound` (may be null) otherwise. Both run on
+    // a global queue; an empty base finds nothing.
+    using LookupHandler = std::function<void(std::shared_ptr<AppExtension>, int32_t processMode)>;
+    static void loadBroadcastUploadExtensionWithBaseIdentifier(const std::string& baseIdentifier,
+                                                               LookupHandler handler,
+                                                               std::function<void()> notFound);
+    // The identifier without its last dot-separated component ("" without a dot).
+    static std::string broadcastBaseIdentifier(const std::string& extensionBundleID);
+    // SVRecordingSessionDelegate's service information, on the queue: to
+    // the client of the current session.
+    void broadcastSessionDidUpdateServiceInfo(const Value& serviceInfo);
     void stopRecordingWithHandler(const std::shared_ptr<SVClientConnection>& client,
                                   StopHandler handler);
     void stopRecordingWithStartClipDuration(const std::shared_ptr<SVClientConnection>& client,
@@ -346,7 +384,8 @@ class SVRecordingManager : public ipc::ListenerDelegate,
     std::map<std::string, std::shared_ptr<SVRecordingSession>>& bundleIDToRecordingSessionLookup() {
         return bundleIDToRecordingSessionLookup_;
     }
-    std::map<std::string, Value>& hostBundleIDtoExtensionInfoLookup() {
+    std::map<std::string, std::shared_ptr<const SVBroadcastInfo>>&
+    hostBundleIDtoExtensionInfoLookup() {
         return hostBundleIDtoExtensionInfoLookup_;
     }
     const std::shared_ptr<SVRecordingSession>& currentRecordingSession() const {
@@ -419,7 +458,8 @@ class SVRecordingManager : public ipc::ListenerDelegate,
     std::set<std::string> exemptWithMicRecordingEnabledBundleIdentifiers_;
     std::map<std::string, Date> lastBackgroundDateByBundleIdentifier_;
     std::map<std::string, std::shared_ptr<SVRecordingSession>> bundleIDToRecordingSessionLookup_;
-    std::map<std::string, Value> hostBundleIDtoExtensionInfoLookup_;
+    std::map<std::string, std::shared_ptr<const SVBroadcastInfo>>
+        hostBundleIDtoExtensionInfoLookup_;
     std::shared_ptr<SVRecordingSession> currentRecordingSession_;
     std::shared_ptr<DisplayLayoutMonitor> layoutMonitor_;
     int32_t previousElementCount_ = 0;

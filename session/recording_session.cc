@@ -1,5 +1,6 @@
 #include "session/recording_session.h"
 
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -59,6 +60,32 @@ class Once {
     std::atomic<bool> called_{false};
 };
 
+// `sample` cut at `time`: the part before and the part from there on (either
+// may be null). Audio that cannot be cut (not interleaved linear PCM, or no
+// valid times) stays whole, before.
+std::pair<std::shared_ptr<SampleBuffer>, std::shared_ptr<SampleBuffer>> splitAudioAt(
+    const std::shared_ptr<SampleBuffer>& sample, const MediaTime& time) {
+    const AudioStreamFormat& f = sample->audioFormat();
+    const MediaTime start = sample->presentationTime();
+    const int64_t n = sample->numSamples();
+    if (!time.isValid() || !start.isValid() || f.sampleRate <= 0 || f.framesPerPacket != 1 ||
+        f.bytesPerFrame == 0 || (f.formatFlags & AudioStreamFormat::kFlagIsNonInterleaved) ||
+        !sample->dataBlock() || sample->dataLength() < size_t(n) * f.bytesPerFrame)
+        return {sample, nullptr};
+    const int64_t k = std::clamp<int64_t>(
+        int64_t(std::llround(subtract(time, start).seconds() * f.sampleRate)), 0, n);
+    if (k == n) return {sample, nullptr};
+    if (k == 0) return {nullptr, sample};
+    const uint8_t* data = sample->dataBlock()->data();
+    const size_t cut = size_t(k) * f.bytesPerFrame;
+    auto before = SampleBuffer::makeAudio(DataBlock::copyOf(data, cut), f, k, start);
+    auto after = SampleBuffer::makeAudio(
+        DataBlock::copyOf(data + cut, size_t(n - k) * f.bytesPerFrame), f, n - k,
+        add(start, MediaTime::make(k, int32_t(std::lround(f.sampleRate)))));
+    if (!before || !after) return {sample, nullptr};
+    return {before, after};
+}
+
 }  // namespace
 
 // --- Creation -----------------------------------------------------------------
@@ -94,16 +121,21 @@ std::string SVRecordingSession::_localizedMovieName() const {
     return fileNameComponent(name ? *name : std::string("(null)"));
 }
 
+namespace {
+
+std::string fragmentPath(const std::string& dir, const std::string& bundleID, int32_t index) {
+    const double now =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    char tail[96];
+    std::snprintf(tail, sizeof tail, "_%f_%li.mp4", now, long(index));
+    return dir + "/SVMovie_" + fileNameComponent(bundleID) + tail;
+}
+
+}  // namespace
+
 std::string SVRecordingSession::outputPath() const {
     const std::string dir = MovieStore::shared()._srTempPath();
-    if (broadcastExtension_.load()) {
-        const double now =
-            std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-                .count();
-        char tail[96];
-        std::snprintf(tail, sizeof tail, "_%f_%li.mp4", now, long(broadcastFragmentIndex()));
-        return dir + "/SVMovie_" + fileNameComponent(bundleID()) + tail;
-    }
+    if (broadcastExtension_.load()) return fragmentPath(dir, bundleID(), broadcastFragmentIndex());
     return dir + "/" + _localizedMovieName() + ".mp4";
 }
 
@@ -184,6 +216,11 @@ void SVRecordingSession::_startWithStoreInfo(std::shared_ptr<SVStoreInfo> info, 
         });
         return;
     }
+    {
+        std::lock_guard lock(propertiesMutex_);
+        movieSize_ = size;
+    }
+    preparedWriter_.store(nullptr);
     auto writer = SVMovieWriter::initWithWindowSize(size, outputPath(), std::move(info));
     writer->setBroadcastConfig(broadcastConfiguration());
     writer->setSystemRecording(isSystemRecording());
@@ -215,6 +252,8 @@ void SVRecordingSession::_startWithStoreInfo(std::shared_ptr<SVStoreInfo> info, 
                 return;
             }
             self->movieWriter_.store(writer);
+            if (self->broadcastExtension_.load())
+                self->_prepareFragmentWriter(self->broadcastFragmentIndex() + 1);
             if (self->captureGeneration_.load() != generation) {
                 // Paused while the writer was being set up: it is kept, and
                 // the resume starts capture.
@@ -388,6 +427,10 @@ void SVRecordingSession::_stopAllCapture(bool pausing) {
         ++captureGeneration_;
         if (!pausing) ++recordingGeneration_;
     }
+    // A broadcast fragment prepared ahead never begins once the recording ends.
+    if (!pausing)
+        if (auto prepared = preparedWriter_.exchange(nullptr))
+            if (auto w = prepared->writer->fileWriter()) w->cancelWriting();
     // Without controlMutex_: the stop waits for a frame or failure callback
     // in progress, and a failure callback stops capture itself.
     auto controller = screenCaptureController();
@@ -456,6 +499,7 @@ bool SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
     if (!recording_.exchange(false)) return false;
     log::info("SVRecordingSession: finishSessionWithHandler");
     stopAllCapture();
+
     {
         std::lock_guard lock(_shouldStopLock);
         timeline_.reset();
@@ -484,6 +528,26 @@ bool SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
     const bool wroteFrames = writer->fileWriterStatus() != int(Status::Unknown);
     const bool broadcasting = broadcastExtension_.load() != nullptr;
     const URL trimmedURL = trimmedOutputURL();
+    if (broadcasting) {
+        // The fragment before this last one goes to the extension first.
+        _finishPreviousFragment([weak, handler] {
+            auto session = weak.lock();
+            auto last = session ? session->movieWriter_.load() : nullptr;
+            if (!last) {
+                if (handler) handler(std::nullopt, std::nullopt);
+                return;
+            }
+            last->finishWritingWithHandler([weak, last, handler](std::optional<URL> movieURL) {
+                log::info("SVRecordingSession: finishWritingWithHandler");
+                if (auto self = weak.lock()) {
+                    self->movieWriter_.clearIf(last);
+                    self->_notifyBroadcastExtensionOfCompletedMovieWithURL(movieURL, true);
+                }
+                if (handler) handler(std::nullopt, std::nullopt);
+            });
+        });
+        return true;
+    }
     writer->finishWritingWithHandler([weak, writer, handler, startClipDuration, endClipDuration,
                                       trimmedURL, broadcasting,
                                       wroteFrames](std::optional<URL> movieURL) {
@@ -717,6 +781,24 @@ void SVRecordingSession::_appendAudio(const std::shared_ptr<SampleBuffer>& sampl
                                : shiftedAudioSampleBuffer(
                                      sample, MediaTime::make(offset, HostClock::kTimescale));
     if (!shifted) return;
+    {
+        // Audio of the time before the current fragment's first frame
+        // belongs to the fragment before, while that is still open; a buffer
+        // across the seam is split there, so nothing is lost or doubled.
+        std::lock_guard lock(seamMutex_);
+        if (previousFragment_ &&
+            compare(shifted->presentationTime(), previousFragment_->boundary) < 0) {
+            auto [before, after] = splitAudioAt(shifted, previousFragment_->boundary);
+            if (before) {
+                if (input == 1)
+                    previousFragment_->writer->appendAudio1SampleBuffer(before);
+                else
+                    previousFragment_->writer->appendAudio2SampleBuffer(before);
+            }
+            if (!after) return;
+            shifted = after;
+        }
+    }
     if (input == 1)
         writer->appendAudio1SampleBuffer(shifted);
     else
@@ -728,6 +810,9 @@ void SVRecordingSession::_appendAudio(const std::shared_ptr<SampleBuffer>& sampl
 OptionalError SVRecordingSession::enableBroadcastWithExtension(
     std::shared_ptr<AppExtension> extension, int32_t processMode, std::optional<Value> userInfo) {
     log::info("SVRecordingSession: enableBroadcastWithBroadcastExtensionID");
+    // The extension reads its fragments through their tokens, and nothing
+    // else of the movie store.
+    if (extension) extension->setInaccessibleDirectories({MovieStore::shared()._srTempPath()});
     setBroadcastExtension(std::move(extension));
     setBroadcastUserInfo(std::move(userInfo));
     setBroadcastFragmentStartTime(MediaTime::invalid());
@@ -748,9 +833,125 @@ void SVRecordingSession::disableBroadcast() {
     setBroadcastProcessMode(kBroadcastProcessModeUpload);
 }
 
+double SVRecordingSession::_broadcastClipDuration() const {
+    auto configuration = broadcastConfiguration();
+    const double wished = configuration ? configuration->clipDuration() : 0.0;
+    // Not a number is not above 0 either.
+    return wished > 0 ? wished : kDefaultBroadcastClipDuration;
+}
+
+std::shared_ptr<SVMovieWriter> SVRecordingSession::_makeFragmentWriter(int32_t index) {
+    WindowSize size;
+    {
+        std::lock_guard lock(propertiesMutex_);
+        size = movieSize_;
+    }
+    auto writer = SVMovieWriter::initWithWindowSize(
+        size, fragmentPath(MovieStore::shared()._srTempPath(), bundleID(), index), storeInfo());
+    writer->setBroadcastConfig(broadcastConfiguration());
+    writer->setSystemRecording(isSystemRecording());
+    writer->setupFileWriter();
+    return writer;
+}
+
+void SVRecordingSession::_prepareFragmentWriter(int32_t index) {
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    const uint64_t recordingGeneration = recordingGeneration_.load();
+    DispatchQueue::global(QueuePriority::Background)->async([weak, index, recordingGeneration] {
+        auto self = weak.lock();
+        if (!self || !self->broadcastExtension_.load()) return;
+        auto prepared = std::make_shared<PreparedWriter>();
+        prepared->index = index;
+        prepared->writer = self->_makeFragmentWriter(index);
+        std::lock_guard control(self->controlMutex_);
+        if (self->recordingGeneration_.load() != recordingGeneration) {
+            // The broadcast ended meanwhile: this fragment never begins.
+            if (auto w = prepared->writer->fileWriter()) w->cancelWriting();
+            return;
+        }
+        self->preparedWriter_.store(std::move(prepared));
+    });
+}
+
 void SVRecordingSession::_processSampleBufferForStreaming(
     const std::shared_ptr<SampleBuffer>& sampleBuffer, uint32_t transformFlags) {
+    if (!sampleBuffer) return;
+    const MediaTime t = sampleBuffer->presentationTime();
+    MediaTime fragmentStart = broadcastFragmentStartTime();
+    if (!fragmentStart.isValid() && t.isValid()) {
+        setBroadcastFragmentStartTime(t);
+        fragmentStart = t;
+        log::info("setting sample time = %i", int32_t(t.seconds()));
+    }
+    const double limit = _broadcastClipDuration();
+    // Paused frames never reach a writer: they neither end a fragment nor
+    // begin one.
+    if (broadcastProcessMode() == kBroadcastProcessModeUpload && t.isValid() &&
+        fragmentStart.isValid() && !paused_.load() &&
+        subtract(t, fragmentStart).seconds() > limit) {
+        auto previous = movieWriter_.load();
+        if (previous) {
+            setBroadcastFragmentStartTime(t);
+            const int32_t index = broadcastFragmentIndex() + 1;
+            setBroadcastFragmentIndex(index);
+            log::info(
+                "SVRecordingSession: processSampleBufferForStreaming: fragment exceeded time "
+                "limit, uploading");
+            log::info("setting up new movie writer");
+            auto prepared = preparedWriter_.exchange(nullptr);
+            std::shared_ptr<SVMovieWriter> next;
+            if (prepared && prepared->index == index) {
+                next = prepared->writer;
+            } else {
+                // Not ready in time (a very short clip duration): made here.
+                log::error("SVRecordingSession: fragment %i was not prepared, making it now",
+                           index);
+                next = _makeFragmentWriter(index);
+            }
+            // An older fragment still open (a clip shorter than the grace)
+            // is finished first, so fragments reach the extension in order.
+            _finishPreviousFragment(nullptr);
+            {
+                std::lock_guard lock(seamMutex_);
+                previousFragment_ = PreviousFragment{previous, MediaTime::invalid()};
+            }
+            // This frame is the first of the new fragment: every later frame
+            // goes to the new writer; audio goes by its time (_appendAudio).
+            movieWriter_.store(next);
+            _prepareFragmentWriter(index + 1);
+            _processSampleBuffer(sampleBuffer, transformFlags);
+            const MediaTime boundary = next->lastVideoPresentationTime();
+            {
+                std::lock_guard lock(seamMutex_);
+                if (previousFragment_ && previousFragment_->writer == previous)
+                    previousFragment_->boundary = boundary.isValid() ? boundary : t;
+            }
+            std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+            DispatchQueue::global()->asyncAfter(kSeamGrace, [weak] {
+                if (auto self = weak.lock()) self->_finishPreviousFragment(nullptr);
+            });
+            return;
+        }
+    }
     _processSampleBuffer(sampleBuffer, transformFlags);
+}
+
+void SVRecordingSession::_finishPreviousFragment(std::function<void()> then) {
+    std::optional<PreviousFragment> previous;
+    {
+        std::lock_guard lock(seamMutex_);
+        previous.swap(previousFragment_);
+    }
+    if (!previous) {
+        if (then) then();
+        return;
+    }
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    previous->writer->finishWritingWithHandler([weak, then](std::optional<URL> url) {
+        if (auto self = weak.lock())
+            self->_notifyBroadcastExtensionOfCompletedMovieWithURL(url, false);
+        if (then) then();
+    });
 }
 
 void SVRecordingSession::_notifyExtensionOfAction(int32_t action, ActionCompletion completion) {
@@ -771,12 +972,110 @@ void SVRecordingSession::_notifyExtensionOfAudioSampleBuffer(const std::shared_p
 void SVRecordingSession::_notifyBroadcastExtensionOfCompletedMovieWithURL(
     const std::optional<URL>& movieURL, bool finished) {
     log::info("SVRecordingSession: notifyBroadcastExtensionOfCompletedMovieWithURL:");
-    if (!broadcastExtension_.load()) {
+    auto extension = broadcastExtension_.load();
+    if (!extension) {
         log::error("no broadcast extension found!");
         return;
     }
-    log::debug("SVRecordingSession: fragment %@ (finished %i) not sent: no extension requests",
-               movieURL, finished);
+    if (!movieURL) {
+        log::error("SVRecordingSession: the fragment has no file; nothing to hand over");
+        return;
+    }
+    std::vector<ExtensionItem> items;
+    items.push_back(ExtensionItem::itemWithTitle(kBroadcastExtensionKeyRequestedFinish,
+                                                 Value(finished ? "1" : "0")));
+    auto token = FileAccessToken::issueForPath(movieURL->path, kBroadcastFileTokenClass);
+    if (!token) {
+        log::error("file token is null!");
+        return;
+    }
+    items.push_back(
+        ExtensionItem::itemWithTitle(kBroadcastExtensionKeyExtensionSandboxToken, token->string()));
+    items.push_back(ExtensionItem::itemWithTitle(kBroadcastExtensionKeyExtensionUserInfo,
+                                                 broadcastUserInfo().value_or(Value(nullptr))));
+    items.push_back(ExtensionItem::itemWithTitle(kBroadcastExtensionKeyMovieClipURL,
+                                                 movieURL->absoluteString()));
+    // Each completion finds its own fragment by the request identifier, so
+    // replacing the handler for every fragment is harmless.
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    extension->setRequestCompletionBlock(
+        [weak](const std::string& id, std::vector<ExtensionItem> returned) {
+            if (auto self = weak.lock()) self->_broadcastRequestDidComplete(id, returned);
+        });
+    extension->setRequestCancellationBlock([weak](const std::string& id, const Error& error) {
+        if (auto self = weak.lock()) self->_broadcastRequestDidBreak(id, error);
+    });
+    log::info("begining extension request");
+    PendingFragment fragment{*movieURL, token, finished};
+    extension->beginExtensionRequestWithInputItems(
+        std::move(items), {token},
+        [weak, fragment = std::move(fragment)](std::string id, OptionalError error) mutable {
+            log::error("finished extension request with items with error code: %i)",
+                       int32_t(error ? error->code : 0));
+            auto self = weak.lock();
+            if (!self || error) return;  // no request: the fragment stays for the store's clean-up
+            std::lock_guard lock(self->fragmentsMutex_);
+            self->pendingFragments_.emplace(std::move(id), std::move(fragment));
+        });
+}
+
+void SVRecordingSession::_broadcastRequestDidComplete(const std::string& requestIdentifier,
+                                                      const std::vector<ExtensionItem>& items) {
+    std::optional<PendingFragment> fragment;
+    {
+        std::lock_guard lock(fragmentsMutex_);
+        auto it = pendingFragments_.find(requestIdentifier);
+        if (it != pendingFragments_.end()) {
+            fragment = std::move(it->second);
+            pendingFragments_.erase(it);
+        }
+    }
+    if (!fragment) {
+        log::error("SVRecordingSession: completion of unknown request %@ ignored",
+                   requestIdentifier);
+        return;
+    }
+    MovieStore::shared()._srRemoveFile(
+        fragment->url, [](OptionalError) { log::info("extension finished, clean up movie clip"); });
+    for (const auto& item : items) {
+        if (item.title == kBroadcastExtensionKeyBroadcastConfiguration) {
+            const Bytes* data = bytesOf(item.attachment);
+            if (!data) {
+                log::error("Error loading input item for type");
+                continue;
+            }
+            log::info("received updated broadcast configuration from extension");
+            setBroadcastConfiguration(SVBroadcastConfiguration::decodeFromData(*data));
+        } else if (item.title == kBroadcastExtensionKeyExtensionServiceInfo) {
+            if (!item.attachment.is_object()) {
+                log::error("Error loading input item for type");
+                continue;
+            }
+            log::debug("received service info from broadcast service");
+            if (auto d = delegate()) d->broadcastSessionDidUpdateServiceInfo(item.attachment);
+        }
+    }
+    if (fragment->finished)
+        if (auto extension = broadcastExtension_.load()) extension->_kill(SIGKILL);
+    // The token is released with `fragment`, once.
+}
+
+void SVRecordingSession::_broadcastRequestDidBreak(const std::string& requestIdentifier,
+                                                   const Error& error) {
+    std::optional<PendingFragment> fragment;
+    {
+        std::lock_guard lock(fragmentsMutex_);
+        auto it = pendingFragments_.find(requestIdentifier);
+        if (it != pendingFragments_.end()) {
+            fragment = std::move(it->second);
+            pendingFragments_.erase(it);
+        }
+    }
+    if (!fragment) return;
+    log::error("SVRecordingSession: fragment %@ was not uploaded: %@", fragment->url.path,
+               error.description());
+    // Nobody will take it any more.
+    MovieStore::shared()._srRemoveFile(fragment->url, [](OptionalError) {});
 }
 
 // --- Properties -------------------------------------------------------------------

@@ -47,8 +47,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -59,6 +61,7 @@
 #include "movie/movie_writer.h"
 #include "platform/dispatch.h"
 #include "platform/error.h"
+#include "platform/extension/app_extension.h"
 #include "platform/geometry.h"
 #include "platform/media_time.h"
 #include "platform/sample_buffer.h"
@@ -67,6 +70,7 @@
 #include "platform/url.h"
 #include "platform/value.h"
 #include "protocol/broadcast_configuration.h"
+#include "protocol/broadcast_extension.h"
 #include "session/recording_session_delegate.h"
 #include "session/sample_timing.h"
 #include "session/shared_slot.h"
@@ -76,7 +80,6 @@ namespace sv {
 
 class SVClientProxy;              // the application's connection (daemon/)
 class SVBroadcastExtensionProxy;  // the live link to a processing extension (broadcast/)
-class AppExtension;               // the platform's application-extension handle
 
 // Broadcast process modes.
 inline constexpr int32_t kBroadcastProcessModeUpload = 0;
@@ -90,6 +93,11 @@ inline constexpr int32_t kBroadcastActionFinish = 4;
 inline constexpr int32_t kBroadcastSampleTypeVideo = 1;
 inline constexpr int32_t kBroadcastSampleTypeAppAudio = 2;
 inline constexpr int32_t kBroadcastSampleTypeMicrophone = 3;
+
+// Length of an uploaded fragment when the configuration wishes none.
+inline constexpr double kDefaultBroadcastClipDuration = 5.0;
+// How long a finished fragment stays open for late audio of its time.
+inline constexpr std::chrono::milliseconds kSeamGrace{1500};
 
 class SVRecordingSession : public ScreenCaptureControllerDelegate,
                            public std::enable_shared_from_this<SVRecordingSession> {
@@ -175,9 +183,19 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     void _resumeOrStartSession();
 
     // --- Broadcast --------------------------------------------------------
-    // Until broadcasting exists these only keep their fields (mode 1 sets up
-    // no extension link yet). Never reports an error. A mode other than 0
-    // or 1 is logged and taken as 0.
+    // Upload mode (0): the recording is cut into fragments of the
+    // configuration's clip duration (kDefaultBroadcastClipDuration when it
+    // wishes none); each video frame more than that after the fragment's
+    // first frame starts the next fragment, whose writer was prepared ahead
+    // on a background queue, so the frame path never waits for one. Every
+    // finished fragment goes to the extension in a request of its own with
+    // a read-only token for its file; the request's completion (tied to its
+    // fragment by the request identifier) removes the file, releases the
+    // token, takes a returned configuration and passes returned service
+    // information to the delegate. The last fragment's completion ends the
+    // extension. Sample-buffer mode (1) sets up no extension link yet.
+    // Never reports an error. A mode other than 0 or 1 is logged and taken
+    // as 0.
     OptionalError enableBroadcastWithExtension(std::shared_ptr<AppExtension> extension,
                                                int32_t processMode, std::optional<Value> userInfo);
     void disableBroadcast();
@@ -185,9 +203,9 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // on to _processSampleBuffer.
     void _processSampleBufferForStreaming(const std::shared_ptr<SampleBuffer>& sampleBuffer,
                                           uint32_t transformFlags);
-    // The hand-overs to the extension. Until broadcasting exists they log at
-    // debug level, and the action's completion runs at once on the calling
-    // thread.
+    // The hand-overs to a processing extension. Until its link exists they
+    // log at debug level, and the action's completion runs at once on the
+    // calling thread. The fragment hand-over may run on any thread.
     void _notifyExtensionOfAction(int32_t action, ActionCompletion completion);
     void _notifyExtensionOfVideoSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer,
                                              int32_t type);
@@ -326,6 +344,45 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     void _appendAudio(const std::shared_ptr<SampleBuffer>& sample, int input);
     void _routeAppAudio(const std::shared_ptr<SampleBuffer>& sample);
     void _routeMicrophoneAudio(const std::shared_ptr<SampleBuffer>& sample);
+    // Broadcast fragments. The writer of fragment `index`, set up (file
+    // writer and encoders made) on the calling thread.
+    std::shared_ptr<SVMovieWriter> _makeFragmentWriter(int32_t index);
+    // Prepares the writer of fragment `index` on a background queue.
+    void _prepareFragmentWriter(int32_t index);
+    double _broadcastClipDuration() const;
+    void _broadcastRequestDidComplete(const std::string& requestIdentifier,
+                                      const std::vector<ExtensionItem>& items);
+    void _broadcastRequestDidBreak(const std::string& requestIdentifier, const Error& error);
+    // A fragment handed to the extension, until its request completes.
+    struct PendingFragment {
+        URL url;
+        std::shared_ptr<FileAccessToken> token;
+        bool finished = false;
+    };
+    std::mutex fragmentsMutex_;
+    std::map<std::string, PendingFragment> pendingFragments_;
+    // The next fragment's writer, prepared ahead (with its index).
+    struct PreparedWriter {
+        int32_t index = 0;
+        std::shared_ptr<SVMovieWriter> writer;
+    };
+    SharedSlot<PreparedWriter> preparedWriter_;
+    // The fragment before the current one, still open for the audio whose
+    // time lies before the current fragment's first frame (audio arrives
+    // later than the frames of its time); finished after kSeamGrace.
+    // `boundary` is the current fragment's first frame's time (invalid until
+    // that frame is in). Guarded by seamMutex_ (held only for an append).
+    struct PreviousFragment {
+        std::shared_ptr<SVMovieWriter> writer;
+        MediaTime boundary;
+    };
+    std::mutex seamMutex_;
+    std::optional<PreviousFragment> previousFragment_;
+    // Finishes the previous fragment (if any) and hands it over, then runs
+    // `then` (on the writer's finish queue, or at once without one).
+    void _finishPreviousFragment(std::function<void()> then);
+    WindowSize movieSize_;
+
     // The process's screen backend, taken when first needed and kept.
     std::shared_ptr<ScreenBackend> _screenBackend();
     std::string _localizedMovieName() const;

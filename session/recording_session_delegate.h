@@ -9,6 +9,7 @@
 
 #include "platform/error.h"
 #include "platform/url.h"
+#include "platform/value.h"
 
 namespace sv {
 
@@ -26,6 +27,13 @@ class SVRecordingSessionDelegate {
     // finish, on the thread that stopped the session.
     virtual void recordingSessionStoppedWithError(const Error& error,
                                                   const std::optional<URL>& movieURL) = 0;
+
+    // Service information from the session's broadcast extension (a
+    // dictionary), for the application. Called on the extension handle's
+    // queue; must not block.
+    virtual void broadcastSessionDidUpdateServiceInfo(const Value& serviceInfo) {
+        (void)serviceInfo;
+    }
 };
 
 }  // namespace sv

@@ -33,6 +33,7 @@
 #include "client/shell_client.h"
 #include "platform/ipc/ipc.h"
 #include "platform/log.h"
+#include "protocol/broadcast_configuration.h"
 #include "sorvel/recorder_client.h"
 
 namespace {
@@ -44,9 +45,13 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kUsage =
     "usage: sorvel record -o FILE [options]\n"
+    "       sorvel record --broadcast EXTENSION_ID [--user-info JSON] [options]\n"
     "\n"
     "Records through the screen-recording service, as the application\n"
-    "\"org.sorvel.recorder\", and writes the finished movie to FILE.\n"
+    "\"org.sorvel.recorder\", and writes the finished movie to FILE; or\n"
+    "broadcasts the recording through the broadcast extension EXTENSION_ID\n"
+    "(e.g. org.sorvel.hls.upload) and prints its service information, one\n"
+    "JSON object per line, as it arrives.\n"
     "\n"
     "options:\n"
     "  -o, --output FILE      where the movie goes (replaced if it exists)\n"
@@ -66,6 +71,11 @@ constexpr const char* kUsage =
     "                         else 1600x900)\n"
     "  --trim-start SECONDS   with --trim-end: cut whole seconds from the movie's start\n"
     "  --trim-end SECONDS     and end when it is finished\n"
+    "  --broadcast ID         broadcast through this extension instead of writing a movie\n"
+    "  --user-info JSON       with --broadcast: a JSON object for the extension (the HLS\n"
+    "                         extension wants {\"directory\": \"DIR\"})\n"
+    "  --clip-duration SECONDS  with --broadcast: the length of the uploaded fragments\n"
+    "                         (default: the service's, 5 s)\n"
     "  --runtime-dir DIR      directory of the service's sockets\n"
     "\n"
     "While recording, when standard input is a terminal:\n"
@@ -79,6 +89,8 @@ constexpr const char* kUsage =
 constexpr auto kStatusInterval = 250ms;
 constexpr auto kConsentHintDelay = 1500ms;
 constexpr auto kLayerWait = 3s;
+// How long a stopped broadcast waits for the last fragment's service information.
+constexpr auto kLastServiceInfoWait = 10s;
 
 int usageError(const std::string& message) {
     std::fprintf(stderr, "sorvel record: %s\n\n%s", message.c_str(), kUsage);
@@ -196,6 +208,9 @@ struct Options {
     std::vector<uint32_t> layers;
     std::optional<sv::SVWindowSize> size;
     std::optional<double> trimStart, trimEnd;
+    std::optional<std::string> broadcast;  // the extension's identifier
+    std::string userInfoJSON;
+    std::optional<double> clipDuration;
 };
 
 class Recorder : public sv::SVRecorderClientDelegate,
@@ -208,6 +223,7 @@ class Recorder : public sv::SVRecorderClientDelegate,
 
     void stopRecordingWithError(const std::optional<SVRecorderError>& error,
                                 const std::optional<std::string>& moviePath) override;
+    void updateBroadcastServiceInfo(const std::string& serviceInfoJSON) override;
 
   private:
     enum class Phase { Preparing, Starting, Recording, Stopping, Done };
@@ -250,6 +266,12 @@ class Recorder : public sv::SVRecorderClientDelegate,
     uint64_t localChanges_ = 0;  // key presses that changed pause or microphone
     bool statusLineShown_ = false;
     bool liveStatus_ = isatty(STDERR_FILENO);
+    bool broadcastSetUp_ = false;
+    // Broadcasts: the stop has been answered (with this exit status); the
+    // command waits a little for the last fragment's service information.
+    bool broadcastStopped_ = false;
+    int broadcastStatus_ = 0;
+    uint64_t serviceInfos_ = 0;
     uint64_t hintTimer_ = 0, pollTimer_ = 0, durationTimer_ = 0;
 };
 
@@ -369,7 +391,44 @@ void Recorder::findLayers(Clock::time_point deadline) {
         });
 }
 
+void Recorder::updateBroadcastServiceInfo(const std::string& serviceInfoJSON) {
+    clearStatusLine();
+    std::printf("%s\n", serviceInfoJSON.c_str());
+    std::fflush(stdout);
+    ++serviceInfos_;
+    // After the stop: the information of the last fragment ends the command
+    // (an extension marks it "finished": true).
+    auto info = sv::Value::parse(serviceInfoJSON, nullptr, false);
+    if (phase_ == Phase::Stopping && broadcastStopped_ && sv::boolAt(info, "finished") == true) {
+        phase_ = Phase::Done;
+        loop_->quit(broadcastStatus_);
+    }
+}
+
 void Recorder::start() {
+    if (options_.broadcast && !broadcastSetUp_) {
+        // The set-up comes first; the service keeps it for the next start.
+        std::optional<std::vector<uint8_t>> configuration;
+        if (options_.clipDuration) {
+            sv::SVBroadcastConfiguration c;
+            c.setClipDuration(*options_.clipDuration);
+            configuration = c.encodedData();
+        }
+        std::weak_ptr<Recorder> w = weak_from_this();
+        client_->setupBroadcastWithHostBundleID(
+            bundleID_, *options_.broadcast, std::move(configuration), options_.userInfoJSON,
+            [w](std::optional<SVRecorderError> error) {
+                auto self = w.lock();
+                if (!self) return;
+                if (error) {
+                    self->fail("sorvel record: broadcast set-up failed: " + error->description());
+                    return;
+                }
+                self->broadcastSetUp_ = true;
+                self->start();
+            });
+        return;
+    }
     phase_ = Phase::Starting;
     // Keys work from now on: q gives up while the user is being asked.
     terminal_ = std::make_unique<sv::cli::RawTerminal>(STDIN_FILENO);
@@ -396,7 +455,7 @@ void Recorder::start() {
     if (options_.desktopAudio) client_->setSystemRecordingDesktopAudio(true);
     client_->startRecordingWindowLayerContextIDs(
         options_.monitor ? std::vector<uint32_t>{*options_.monitor} : options_.layers, size,
-        options_.microphone, false, false, options_.system,
+        options_.microphone, false, options_.broadcast.has_value(), options_.system,
         [w](std::optional<SVRecorderError> error, bool microphone, bool) {
             if (auto self = w.lock()) self->started(std::move(error), microphone);
         });
@@ -565,6 +624,25 @@ void Recorder::stop(bool discard) {
 
 void Recorder::stopped(std::optional<std::string> movie, std::optional<SVRecorderError> error) {
     if (phase_ != Phase::Stopping) return;
+    if (options_.broadcast && !discard_) {
+        // A broadcast hands back no movie: its fragments went to the
+        // extension, whose answer to the last one may still come.
+        if (error) {
+            finish(std::nullopt, error, false);
+            return;
+        }
+        note("Broadcast stopped.");
+        broadcastStopped_ = true;
+        broadcastStatus_ = 0;
+        const uint64_t seen = serviceInfos_;
+        loop_->after(kLastServiceInfoWait, [this, seen] {
+            if (phase_ == Phase::Done) return;
+            if (serviceInfos_ == seen) note("sorvel record: no service information after the stop");
+            phase_ = Phase::Done;
+            loop_->quit(broadcastStatus_);
+        });
+        return;
+    }
     if (!discard_) {
         finish(movie, error, false);
         return;
@@ -660,6 +738,20 @@ int runRecord(int argc, char** argv) {
             auto size = (v = value()) ? parseSize(v) : std::nullopt;
             if (!size) return usageError("--size needs WIDTHxHEIGHT, each 16 to 16384");
             o.size = size;
+        } else if (a == "--broadcast") {
+            if (!(v = value()) || !*v)
+                return usageError("--broadcast needs an extension identifier");
+            o.broadcast = v;
+        } else if (a == "--user-info") {
+            if (!(v = value())) return usageError("--user-info needs a JSON object");
+            auto parsed = sv::Value::parse(v, nullptr, false);
+            if (!parsed.is_object()) return usageError("--user-info needs a JSON object");
+            o.userInfoJSON = v;
+        } else if (a == "--clip-duration") {
+            auto s = (v = value()) ? parseSeconds(v) : std::nullopt;
+            if (!s || *s <= 0)
+                return usageError("--clip-duration needs a number of seconds above 0");
+            o.clipDuration = s;
         } else if (a == "--runtime-dir") {
             if (!(v = value())) return usageError("--runtime-dir needs a directory");
             // Both the recorder library and the shell client read it.
@@ -669,7 +761,11 @@ int runRecord(int argc, char** argv) {
             return usageError("unknown option " + a);
         }
     }
-    if (o.output.empty()) return usageError("no output file given (-o FILE)");
+    if (!o.broadcast && (!o.userInfoJSON.empty() || o.clipDuration))
+        return usageError("--user-info and --clip-duration go with --broadcast");
+    if (o.broadcast && (!o.output.empty() || o.trimStart || o.trimEnd))
+        return usageError("a broadcast writes no movie: no -o, --trim-start or --trim-end");
+    if (o.output.empty() && !o.broadcast) return usageError("no output file given (-o FILE)");
     if (o.trimStart.has_value() != o.trimEnd.has_value())
         return usageError("--trim-start and --trim-end go together");
     if (o.system && !o.layers.empty()) return usageError("--system records every layer");
@@ -694,7 +790,7 @@ int runRecord(int argc, char** argv) {
             return 1;
         }
     }
-    {
+    if (!o.broadcast) {
         // Fail before recording, not after: the output must be writable.
         namespace fs = std::filesystem;
         std::error_code ec;

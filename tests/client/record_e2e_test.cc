@@ -11,6 +11,7 @@
 #include <cmath>
 #include <filesystem>
 #include <functional>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -442,6 +443,110 @@ TEST_F(RecordEndToEndTest, ASystemRecordingTakesTheDesktopsSoundWhenAsked) {
     sv::testing::PrivatePulseServer::reap(player);
     EXPECT_LT(level[0], 0.01) << "the frontmost application plays nothing";
     EXPECT_GT(level[1], 0.05) << "the desktop's tone";
+}
+
+// A broadcast through the shipped HLS upload extension: the fragments it is
+// cut into play back as one stream (every frame once, in order, none lost at
+// a seam; both audio tracks in sync), the service information reaches the
+// command, and the service keeps no fragment and no extension process.
+TEST_F(RecordEndToEndTest, BroadcastsALiveHLSStreamThroughTheUploadExtension) {
+    auto broadcast = [&](std::vector<std::string> args, const std::string& log) {
+        std::vector<std::string> argv{SORVEL, "record", "--broadcast"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return sv::test::spawnWithInput(argv, env_, "", dir_ + "/" + log);
+    };
+    auto lines = [&](const std::string& log, const std::string& part) {
+        std::vector<std::string> found;
+        std::istringstream in(sv::test::readFile(dir_ + "/" + log));
+        for (std::string line; std::getline(in, line);)
+            if (contains(line, part)) found.push_back(line);
+        return found;
+    };
+    auto extinf = [&](const std::string& playlist) {
+        std::vector<double> seconds;
+        std::istringstream in(sv::test::readFile(playlist));
+        for (std::string line; std::getline(in, line);)
+            if (line.rfind("#EXTINF:", 0) == 0) seconds.push_back(std::stod(line.substr(8)));
+        return seconds;
+    };
+
+    // No extension of that name: the set-up is taken, the start fails.
+    pid_t p = broadcast({"com.unknown.game.ui", "--duration", "1"}, "unknown.log");
+    EXPECT_EQ(sv::test::waitForExit(p, 60s), 1);
+    EXPECT_TRUE(contains(sv::test::readFile(dir_ + "/unknown.log"),
+                         "(org.sorvel.SVRecordingErrorDomain -5808)"))
+        << sv::test::readFile(dir_ + "/unknown.log");
+
+    // Made before the extension starts: a new entry in a directory above
+    // the movie store (here the test's root) is closed to the extension.
+    const std::string live = dir_ + "/live", playlist = live + "/index.m3u8";
+    std::filesystem::create_directories(live);
+    p = broadcast({"org.sorvel.hls.upload", "--user-info", R"({"directory": ")" + live + R"("})",
+                   "--clip-duration", "2", "--duration", "10", "--mic"},
+                  "broadcast.log");
+    // Killed between two fragments, the extension is started again for the
+    // next one and goes on with the stream.
+    const std::string started = "started extension org.sorvel.hls.upload (pid ";
+    ASSERT_TRUE(daemon_.logged(started));
+    ASSERT_TRUE(sv::test::eventually(
+        [&] { return lines("broadcast.log", R"("segments":2)").size() == 1; }, 60s));
+    const std::string log = daemon_.log();
+    const auto at = log.find(started) + started.size();
+    const pid_t extensionPid = std::stoi(log.substr(at, log.find(')', at) - at));
+    ASSERT_EQ(::kill(extensionPid, SIGKILL), 0);
+    ASSERT_EQ(sv::test::waitForExit(p, 180s), 0) << sv::test::readFile(dir_ + "/broadcast.log");
+    EXPECT_EQ(daemon_.logCount(started), 2u) << daemon_.log();
+    auto infos = lines("broadcast.log", R"("playlist":")" + playlist + R"(")");
+    ASSERT_GE(infos.size(), 5u) << sv::test::readFile(dir_ + "/broadcast.log");
+    EXPECT_TRUE(contains(infos.back(), R"("finished":true)"));
+    EXPECT_TRUE(contains(sv::test::readFile(playlist), "#EXT-X-ENDLIST"));
+    auto segments = extinf(playlist);
+    ASSERT_GE(segments.size(), 5u);
+    for (size_t i = 0; i + 1 < segments.size(); ++i)
+        EXPECT_NEAR(segments[i], 2.05, 0.06) << "segment " << i << " of a 2 s clip duration";
+
+    std::string error;
+    auto stream = inspectMovie(playlist, &error);
+    ASSERT_TRUE(stream) << error;
+    ASSERT_EQ(stream->movie.tracks.size(), 3u);
+    EXPECT_EQ(stream->movie.tracks[0].codec, "h264");
+    EXPECT_EQ(stream->movie.tracks[1].codec, "aac");
+    EXPECT_EQ(stream->movie.tracks[2].codec, "aac");
+    ASSERT_TRUE(stream->stamps);
+    EXPECT_GT(stream->stamps->stamped, 200);
+    EXPECT_EQ(stream->stamps->duplicates + stream->stamps->outOfOrder, 0);
+    double seam = stream->movie.tracks[0].startTime;
+    for (size_t i = 0; i + 1 < segments.size(); ++i) {
+        seam += segments[i];
+        for (const auto& drop : stream->stamps->drops)
+            EXPECT_GT(std::abs(drop.time - seam), 0.02)
+                << drop.count << " frames lost at the seam at " << seam;
+    }
+    ASSERT_EQ(stream->audioSync.size(), 2u);
+    for (const auto& track : stream->audioSync) {
+        EXPECT_GE(track.matched, 7) << "track " << track.track;
+        EXPECT_LT(std::abs(track.maxOffset), 0.03) << "track " << track.track;
+    }
+    // The fragments went to the extension and were removed; the extension
+    // was ended (and reaped) after the last one.
+    EXPECT_TRUE(daemon_.logged("ended by signal 9"));
+    EXPECT_TRUE(sv::test::eventually(
+        [&] {
+            for (const auto& e : std::filesystem::directory_iterator(daemon_.store))
+                if (contains(e.path().filename().string(), "SVMovie_")) return false;
+            return true;
+        },
+        10s));
+
+    // Without a clip duration the fragments last the default 5 s.
+    for (const auto& e : std::filesystem::directory_iterator(live)) std::filesystem::remove(e);
+    p = broadcast({"org.sorvel.hls.upload", "--user-info", R"({"directory": ")" + live + R"("})",
+                   "--duration", "7"},
+                  "default.log");
+    ASSERT_EQ(sv::test::waitForExit(p, 180s), 0) << sv::test::readFile(dir_ + "/default.log");
+    segments = extinf(playlist);
+    ASSERT_EQ(segments.size(), 2u) << sv::test::readFile(playlist);
+    EXPECT_NEAR(segments[0], 5.05, 0.06);
 }
 
 #ifdef SV_TEST_HAVE_XVFB

@@ -1,0 +1,81 @@
+// An extension for the tests, started by AppExtension. What it does depends
+// on the last component of its identifier:
+//   echo   answers each request with the items it got (titles in "titles"),
+//          the bytes of each granted file ("content"), whether the file's
+//          descriptor could be written to ("writable") and, for each item
+//          "probe" naming a path, whether it could open that path ("opened")
+//   crash  ends itself when a request arrives
+//   mute   never connects
+// Any other: answers every request with no items.
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+
+#include "platform/extension/app_extension.h"
+#include "platform/extension/extension_context.h"
+
+using namespace sv;
+
+int main() {
+    const char* idText = std::getenv(kExtensionIdentifierVariable);
+    const std::string id = idText ? idText : "";
+    const std::string role = id.substr(id.rfind('.') + 1);
+    if (role == "mute") {
+        for (;;) pause();
+    }
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool ended = false;
+    auto context = ExtensionContext::connectToHost(
+        [role](const std::string&, std::vector<ExtensionItem> items,
+               std::map<std::string, ipc::FileToken> files, ExtensionContext::Reply reply) {
+            if (role == "crash") ::_exit(3);
+            std::vector<ExtensionItem> returned;
+            if (role == "echo") {
+                Value titles = Value::array();
+                for (const auto& item : items) titles.push_back(item.title);
+                returned.push_back(ExtensionItem::itemWithTitle("titles", titles));
+                for (const auto& item : items)
+                    if (!item.object) returned.push_back(item);
+                for (const auto& [token, file] : files) {
+                    Bytes content;
+                    uint8_t buffer[4096];
+                    for (off_t at = 0;;) {
+                        const ssize_t n = ::pread(file.fd(), buffer, sizeof buffer, at);
+                        if (n <= 0) break;
+                        content.insert(content.end(), buffer, buffer + n);
+                        at += n;
+                    }
+                    returned.push_back(ExtensionItem::itemWithTitle("token", token));
+                    returned.push_back(
+                        ExtensionItem::itemWithTitle("content", bytesValue(content)));
+                    returned.push_back(ExtensionItem::itemWithTitle(
+                        "writable", ::pwrite(file.fd(), "x", 1, 0) == 1));
+                }
+                // Paths the extension tries to open itself.
+                Value opened = Value::array();
+                for (const auto& item : items) {
+                    if (item.title != "probe" || !item.attachment.is_string()) continue;
+                    const int fd = ::open(item.attachment.get<std::string>().c_str(), O_RDONLY);
+                    opened.push_back(fd >= 0);
+                    if (fd >= 0) ::close(fd);
+                }
+                returned.push_back(ExtensionItem::itemWithTitle("opened", opened));
+            }
+            reply(std::move(returned), std::nullopt);
+        },
+        [&] {
+            std::lock_guard lock(mutex);
+            ended = true;
+            cv.notify_all();
+        });
+    if (!context) return 2;
+    std::unique_lock lock(mutex);
+    cv.wait(lock, [&] { return ended; });
+    return 0;
+}
