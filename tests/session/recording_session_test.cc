@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <regex>
 
@@ -19,6 +20,20 @@
 
 namespace sv {
 namespace {
+
+// An upload extension of a bundle of its own (the session only keeps it and
+// hands its fragments to it).
+std::shared_ptr<AppExtension> anUploadExtension() {
+    static const std::string dir = [] {
+        std::string tmpl = (std::filesystem::temp_directory_path() / "sv-ext-XXXXXX").string();
+        if (!mkdtemp(tmpl.data())) std::abort();
+        std::ofstream(tmpl + "/bundle.json")
+            << R"({"identifier": "com.example.upload", "extension": {"point": )"
+               R"("org.sorvel.broadcast-services", "attributes": {}}})";
+        return tmpl;
+    }();
+    return AppExtension::extensionWithBundlePath(dir);
+}
 
 using namespace std::chrono_literals;
 using testing::hostTime;
@@ -137,9 +152,9 @@ TEST_F(RecordingSessionTest, MovieNamesStayInsideTheStore) {
         EXPECT_EQ(session->trimmedOutputURL().path, store + "/" + name + "_trimmed.mp4");
     }
     auto session = SVRecordingSession::initWithBundleID("com.example/a");
-    static int extension;  // only its presence counts
-    session->enableBroadcastWithExtension(
-        std::shared_ptr<AppExtension>(std::shared_ptr<void>(), (AppExtension*)&extension), 0, {});
+    auto extension = anUploadExtension();
+    ASSERT_TRUE(extension);
+    session->enableBroadcastWithExtension(extension, 0, {});
     EXPECT_TRUE(
         std::regex_match(session->outputPath(),
                          std::regex(store + "/SVMovie_com\\.example_a_[0-9]+\\.[0-9]{6}_1\\.mp4")));
@@ -433,8 +448,8 @@ TEST_F(RecordingSessionTest, OrientationSizesAndHostileSizes) {
 }
 
 TEST_F(RecordingSessionTest, SampleBufferBroadcastsWriteNoMovie) {
-    static int extension;
-    auto handle = std::shared_ptr<AppExtension>(std::shared_ptr<void>(), (AppExtension*)&extension);
+    auto handle = anUploadExtension();
+    ASSERT_TRUE(handle);
     EXPECT_FALSE(s->enableBroadcastWithExtension(handle, 1, Value::object()));
     auto c = start();
     EXPECT_EQ(c->minimumFrameInterval(), MediaTime::make(1, 30));
