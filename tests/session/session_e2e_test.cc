@@ -147,7 +147,10 @@ TEST_F(SessionEndToEndTest, PauseAndResumeMakeOneContinuousMovie) {
     ASSERT_EQ(movie.movie.tracks.size(), 3u);
     const double video = movie.movie.tracks[0].duration;
     const auto [firstCaptured, lastCaptured] = stampSpan(path);
-    EXPECT_NEAR(video, lastCaptured - firstCaptured - paused + kFrame, kFrame);
+    // Each deadline the screen skipped (a loaded machine) may move where the
+    // pause begins or ends in the stamps by a frame.
+    EXPECT_NEAR(video, lastCaptured - firstCaptured - paused + kFrame,
+                kFrame * double(1 + stamps.late));
     EXPECT_NEAR(video, stopped - first - paused, 0.25);  // the test's own delays
     // The pause is cut out of the sound as well: the clicks of both tracks
     // sound with the frames of their second, before and after the pause, and
