@@ -475,17 +475,17 @@ void SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
     if (broadcasting) {
         // The fragment before this last one goes to the extension first.
         _finishPreviousFragment([weak, handler] {
-            auto self = weak.lock();
-            auto writer = self ? self->movieWriter_.load() : nullptr;
-            if (!writer) {
+            auto owner = weak.lock();
+            auto last = owner ? owner->movieWriter_.load() : nullptr;
+            if (!last) {
                 if (handler) handler(std::nullopt, std::nullopt);
                 return;
             }
-            writer->finishWritingWithHandler([weak, writer, handler](std::optional<URL> movieURL) {
+            last->finishWritingWithHandler([weak, last, handler](std::optional<URL> movieURL) {
                 log::info("SVRecordingSession: finishWritingWithHandler");
-                if (auto self = weak.lock()) {
-                    self->movieWriter_.clearIf(writer);
-                    self->_notifyBroadcastExtensionOfCompletedMovieWithURL(movieURL, true);
+                if (auto session = weak.lock()) {
+                    session->movieWriter_.clearIf(last);
+                    session->_notifyBroadcastExtensionOfCompletedMovieWithURL(movieURL, true);
                 }
                 if (handler) handler(std::nullopt, std::nullopt);
             });

@@ -205,8 +205,9 @@ TEST_F(ExtensionTest, RequestHandsOverItemsAndExactlyTheGrantedFileReadOnly) {
                 auto titles = itemTitled(items, "titles");
                 ASSERT_TRUE(titles);
                 EXPECT_EQ(titles->attachment, Value({"flag", "token", "probe", "probe", "probe"}));
-                if (fileSystemSandboxVersion() > 0)
+                if (fileSystemSandboxVersion() > 0) {
                     EXPECT_EQ(itemTitled(items, "opened")->attachment, Value({false, false, true}));
+                }
                 EXPECT_EQ(itemTitled(items, "flag")->attachment, "0");
                 EXPECT_EQ(std::count_if(items.begin(), items.end(),
                                         [](const auto& item) { return item.title == "content"; }),

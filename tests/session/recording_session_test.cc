@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <regex>
 
@@ -16,9 +17,23 @@
 #include "tests/media/media_test_util.h"
 #include "tests/process/process_helpers.h"
 #include "tests/session/fake_screen.h"
+#include "tests/support/test_util.h"
 
 namespace sv {
 namespace {
+
+// An extension handle of a bundle made for the test (never started here).
+std::shared_ptr<AppExtension> uploadExtension() {
+    static test::TempDir root;  // removed at exit
+    const std::string dir = root.path();
+    std::filesystem::create_directories(dir + "/upload");
+    std::ofstream(dir + "/upload/bundle.json")
+        << R"({"identifier": "com.example.upload", "extension": {"point": )"
+        << R"("org.sorvel.broadcast-services", "executable": "upload"}})";
+    auto extension = AppExtension::extensionWithBundlePath(dir + "/upload");
+    EXPECT_TRUE(extension);
+    return extension;
+}
 
 using namespace std::chrono_literals;
 using testing::hostTime;
@@ -122,9 +137,7 @@ TEST_F(RecordingSessionTest, MovieNamesStayInsideTheStore) {
         EXPECT_EQ(session->trimmedOutputURL().path, store + "/" + name + "_trimmed.mp4");
     }
     auto session = SVRecordingSession::initWithBundleID("com.example/a");
-    static int extension;  // only its presence counts
-    session->enableBroadcastWithExtension(
-        std::shared_ptr<AppExtension>(std::shared_ptr<void>(), (AppExtension*)&extension), 0, {});
+    session->enableBroadcastWithExtension(uploadExtension(), 0, {});
     EXPECT_TRUE(
         std::regex_match(session->outputPath(),
                          std::regex(store + "/SVMovie_com\\.example_a_[0-9]+\\.[0-9]{6}_1\\.mp4")));
@@ -405,8 +418,7 @@ TEST_F(RecordingSessionTest, OrientationSizesAndHostileSizes) {
 }
 
 TEST_F(RecordingSessionTest, SampleBufferBroadcastsWriteNoMovie) {
-    static int extension;
-    auto handle = std::shared_ptr<AppExtension>(std::shared_ptr<void>(), (AppExtension*)&extension);
+    auto handle = uploadExtension();
     EXPECT_FALSE(s->enableBroadcastWithExtension(handle, 1, Value::object()));
     auto c = start();
     EXPECT_EQ(c->minimumFrameInterval(), MediaTime::make(1, 30));
