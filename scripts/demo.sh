@@ -6,13 +6,19 @@
 #   sorvel record -o <dir>/demo.mp4 --duration 5 --mic
 # prints the movie's path and its inspection, and stops what it started on
 # every way out (also Ctrl-C). The movie and the logs stay in <dir>.
-# Usage: scripts/demo.sh [SECONDS]
+# With --broadcast it broadcasts instead, through the shipped HLS extension:
+#   sorvel record --broadcast org.sorvel.hls.upload --user-info '{"directory": "<dir>/live"}'
+# printing the service information as it arrives, then the live stream's
+# inspection (<dir>/live/index.m3u8 plays with ffplay).
+# Usage: scripts/demo.sh [--broadcast] [SECONDS]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+broadcast=false
+if [ "${1:-}" = "--broadcast" ]; then broadcast=true; shift; fi
 seconds="${1:-5}"
 
 scripts/install-deps.sh
-scripts/build.sh release --target sorveld sorvel
+scripts/build.sh release --target sorveld sorvel hls-upload-extension
 build="$PWD/build/release"
 
 work="$(mktemp -d "${TMPDIR:-/tmp}/sorvel-demo-XXXXXX")"
@@ -48,6 +54,17 @@ for _ in $(seq 200); do
 done
 grep -q "registered with the service" "$work/consent-agent.log" ||
   { echo "the consent agent did not register; see $work/consent-agent.log" >&2; exit 1; }
+
+if $broadcast; then
+  mkdir -p "$work/live"
+  echo "== broadcasting $seconds seconds in 2-second fragments to $work/live (service information:)"
+  "$build/client/sorvel" record --broadcast org.sorvel.hls.upload --mic --duration "$seconds" \
+    --clip-duration 2 --user-info "{\"directory\": \"$work/live\"}"
+  echo
+  echo "== the live stream: $work/live/index.m3u8"
+  "$build/client/sorvel" inspect "$work/live/index.m3u8"
+  exit 0
+fi
 
 echo "== recording $seconds seconds (synthetic screen, application audio and microphone)"
 # Its own summary of the movie is what `sorvel inspect` prints below.

@@ -175,6 +175,7 @@ void SVRecordingSession::startSessionWithHandler(StartHandler handler) {
     paused_.store(false);
     framesWritten_.store(0);
     framesDropped_.store(0);
+    audioInputsSeen_.store(0);
     sessionHandler_.store(handler ? std::make_shared<StartHandler>(std::move(handler)) : nullptr);
     const uint64_t generation = ++captureGeneration_;
     const uint64_t recordingGeneration = ++recordingGeneration_;
@@ -531,17 +532,17 @@ bool SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
     if (broadcasting) {
         // The fragment before this last one goes to the extension first.
         _finishPreviousFragment([weak, handler] {
-            auto session = weak.lock();
-            auto last = session ? session->movieWriter_.load() : nullptr;
+            auto owner = weak.lock();
+            auto last = owner ? owner->movieWriter_.load() : nullptr;
             if (!last) {
                 if (handler) handler(std::nullopt, std::nullopt);
                 return;
             }
             last->finishWritingWithHandler([weak, last, handler](std::optional<URL> movieURL) {
                 log::info("SVRecordingSession: finishWritingWithHandler");
-                if (auto self = weak.lock()) {
-                    self->movieWriter_.clearIf(last);
-                    self->_notifyBroadcastExtensionOfCompletedMovieWithURL(movieURL, true);
+                if (auto session = weak.lock()) {
+                    session->movieWriter_.clearIf(last);
+                    session->_notifyBroadcastExtensionOfCompletedMovieWithURL(movieURL, true);
                 }
                 if (handler) handler(std::nullopt, std::nullopt);
             });
@@ -781,6 +782,9 @@ void SVRecordingSession::_appendAudio(const std::shared_ptr<SampleBuffer>& sampl
                                : shiftedAudioSampleBuffer(
                                      sample, MediaTime::make(offset, HostClock::kTimescale));
     if (!shifted) return;
+    const unsigned inputBit = input == 1 ? 1u : 2u;
+    audioInputsSeen_.fetch_or(inputBit);
+    std::shared_ptr<SVMovieWriter> seamDone;
     {
         // Audio of the time before the current fragment's first frame
         // belongs to the fragment before, while that is still open; a buffer
@@ -795,10 +799,18 @@ void SVRecordingSession::_appendAudio(const std::shared_ptr<SampleBuffer>& sampl
                 else
                     previousFragment_->writer->appendAudio2SampleBuffer(before);
             }
-            if (!after) return;
             shifted = after;
         }
+        if (shifted && previousFragment_ && previousFragment_->boundary.isValid()) {
+            // This input has reached the new fragment: nothing older comes.
+            previousFragment_->reached |= inputBit;
+            if ((previousFragment_->reached & previousFragment_->waitFor) ==
+                previousFragment_->waitFor)
+                seamDone = previousFragment_->writer;
+        }
     }
+    if (seamDone) _finishPreviousFragmentSoon(seamDone);
+    if (!shifted) return;
     if (input == 1)
         writer->appendAudio1SampleBuffer(shifted);
     else
@@ -913,7 +925,8 @@ void SVRecordingSession::_processSampleBufferForStreaming(
             _finishPreviousFragment(nullptr);
             {
                 std::lock_guard lock(seamMutex_);
-                previousFragment_ = PreviousFragment{previous, MediaTime::invalid()};
+                previousFragment_ =
+                    PreviousFragment{previous, MediaTime::invalid(), audioInputsSeen_.load(), 0};
             }
             // This frame is the first of the new fragment: every later frame
             // goes to the new writer; audio goes by its time (_appendAudio).
@@ -921,26 +934,44 @@ void SVRecordingSession::_processSampleBufferForStreaming(
             _prepareFragmentWriter(index + 1);
             _processSampleBuffer(sampleBuffer, transformFlags);
             const MediaTime boundary = next->lastVideoPresentationTime();
+            bool noAudio = false;
             {
                 std::lock_guard lock(seamMutex_);
-                if (previousFragment_ && previousFragment_->writer == previous)
+                if (previousFragment_ && previousFragment_->writer == previous) {
                     previousFragment_->boundary = boundary.isValid() ? boundary : t;
+                    noAudio = previousFragment_->waitFor == 0;
+                }
             }
-            std::weak_ptr<SVRecordingSession> weak = weak_from_this();
-            DispatchQueue::global()->asyncAfter(kSeamGrace, [weak] {
-                if (auto self = weak.lock()) self->_finishPreviousFragment(nullptr);
-            });
+            if (noAudio) {
+                _finishPreviousFragmentSoon(previous);
+            } else {
+                std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+                DispatchQueue::global()->asyncAfter(kSeamGrace, [weak, previous] {
+                    if (auto self = weak.lock()) self->_finishPreviousFragment(nullptr, previous);
+                });
+            }
             return;
         }
     }
     _processSampleBuffer(sampleBuffer, transformFlags);
 }
 
-void SVRecordingSession::_finishPreviousFragment(std::function<void()> then) {
+void SVRecordingSession::_finishPreviousFragmentSoon(const std::shared_ptr<SVMovieWriter>& writer) {
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    // Not on the audio or frame thread that noticed: finishing may take a
+    // moment.
+    DispatchQueue::global()->async([weak, writer] {
+        if (auto self = weak.lock()) self->_finishPreviousFragment(nullptr, writer);
+    });
+}
+
+void SVRecordingSession::_finishPreviousFragment(std::function<void()> then,
+                                                 const std::shared_ptr<SVMovieWriter>& onlyWriter) {
     std::optional<PreviousFragment> previous;
     {
         std::lock_guard lock(seamMutex_);
-        previous.swap(previousFragment_);
+        if (!onlyWriter || (previousFragment_ && previousFragment_->writer == onlyWriter))
+            previous.swap(previousFragment_);
     }
     if (!previous) {
         if (then) then();

@@ -96,7 +96,7 @@ inline constexpr int32_t kBroadcastSampleTypeMicrophone = 3;
 
 // Length of an uploaded fragment when the configuration wishes none.
 inline constexpr double kDefaultBroadcastClipDuration = 5.0;
-// How long a finished fragment stays open for late audio of its time.
+// How long a finished fragment stays open at most for late audio of its time.
 inline constexpr std::chrono::milliseconds kSeamGrace{1500};
 
 class SVRecordingSession : public ScreenCaptureControllerDelegate,
@@ -369,18 +369,30 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     SharedSlot<PreparedWriter> preparedWriter_;
     // The fragment before the current one, still open for the audio whose
     // time lies before the current fragment's first frame (audio arrives
-    // later than the frames of its time); finished after kSeamGrace.
-    // `boundary` is the current fragment's first frame's time (invalid until
-    // that frame is in). Guarded by seamMutex_ (held only for an append).
+    // later than the frames of its time). It is finished once every audio
+    // input that delivered anything in this recording (`waitFor`, a bit per
+    // input) has delivered audio of the new fragment's time (`reached`), or
+    // after kSeamGrace at the latest. `boundary` is the current fragment's
+    // first frame's time (invalid until that frame is in). Guarded by
+    // seamMutex_ (held only for an append).
     struct PreviousFragment {
         std::shared_ptr<SVMovieWriter> writer;
         MediaTime boundary;
+        unsigned waitFor = 0;
+        unsigned reached = 0;
     };
     std::mutex seamMutex_;
     std::optional<PreviousFragment> previousFragment_;
-    // Finishes the previous fragment (if any) and hands it over, then runs
-    // `then` (on the writer's finish queue, or at once without one).
-    void _finishPreviousFragment(std::function<void()> then);
+    // The audio inputs (bit 0: application, bit 1: microphone) that
+    // delivered audio since the start.
+    std::atomic<unsigned> audioInputsSeen_{0};
+    // Finishes the previous fragment (if any; only when its writer is
+    // `onlyWriter`, when given) and hands it over, then runs `then` (on the
+    // writer's finish queue, or at once without one).
+    void _finishPreviousFragment(std::function<void()> then,
+                                 const std::shared_ptr<SVMovieWriter>& onlyWriter = nullptr);
+    // Finishes the previous fragment of `writer` soon, on a global queue.
+    void _finishPreviousFragmentSoon(const std::shared_ptr<SVMovieWriter>& writer);
     WindowSize movieSize_;
 
     // The process's screen backend, taken when first needed and kept.

@@ -81,28 +81,41 @@ std::vector<std::string> allowedPaths(const std::vector<std::string>& denied) {
 }
 
 // In the child, between fork and exec: raw system calls only (nothing that
-// allocates or locks). Returns an errno value on failure.
+// allocates, locks, or goes through a sanitizer's interceptors). Returns an
+// errno value on failure.
+long sys(long number, long a = 0, long b = 0, long c = 0, long d = 0, long e = 0) {
+    return ::syscall(number, a, b, c, d, e);
+}
+
 int confine(const std::vector<const char*>& allowed, const Rights& rights) {
     landlock_ruleset_attr attr{};
     attr.handled_access_fs = rights.all;
-    const int ruleset = int(::syscall(SYS_landlock_create_ruleset, &attr, sizeof attr, 0));
+    const int ruleset = int(sys(SYS_landlock_create_ruleset, long(&attr), long(sizeof attr), 0));
     if (ruleset < 0) return errno;
     for (const char* path : allowed) {
-        const int fd = ::open(path, O_PATH | O_CLOEXEC);
+        const int fd = int(sys(SYS_openat, AT_FDCWD, long(path), O_PATH | O_CLOEXEC));
         if (fd < 0) continue;  // gone meanwhile
         struct stat st {};
         landlock_path_beneath_attr rule{};
         rule.parent_fd = fd;
         rule.allowed_access =
-            ::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode) ? rights.all : rights.file;
-        ::syscall(SYS_landlock_add_rule, ruleset, LANDLOCK_RULE_PATH_BENEATH, &rule, 0);
-        ::close(fd);
+            sys(SYS_fstat, fd, long(&st)) == 0 && S_ISDIR(st.st_mode) ? rights.all : rights.file;
+        sys(SYS_landlock_add_rule, ruleset, LANDLOCK_RULE_PATH_BENEATH, long(&rule), 0);
+        sys(SYS_close, fd);
     }
-    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return errno;
-    if (::syscall(SYS_landlock_restrict_self, ruleset, 0) != 0) return errno;
-    ::close(ruleset);
+    if (sys(SYS_prctl, PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return errno;
+    if (sys(SYS_landlock_restrict_self, ruleset, 0) != 0) return errno;
+    sys(SYS_close, ruleset);
     return 0;
 }
+
+// The kernel's form of a signal action (for rt_sigaction).
+struct KernelSigaction {
+    void (*handler)(int);
+    unsigned long flags;
+    void (*restorer)();
+    uint64_t mask;
+};
 
 }  // namespace
 
@@ -160,36 +173,33 @@ Result<pid_t> spawnSandboxed(const SandboxedSpawn& spawn) {
         return Error::make("org.sorvel.ExtensionErrorDomain", 1,
                            std::string("cannot fork: ") + std::strerror(errno));
     if (pid == 0) {
-        auto fail = [report](int error) {
-            (void)!::write(report, &error, sizeof error);
-            ::_exit(127);
-        };
-        struct sigaction dfl {};
-        dfl.sa_handler = SIG_DFL;
-        for (int s = 1; s < NSIG; ++s) ::sigaction(s, &dfl, nullptr);
-        sigset_t none;
-        sigemptyset(&none);
-        ::sigprocmask(SIG_SETMASK, &none, nullptr);
-        ::setpgid(0, 0);
+        // Caught signals return to their defaults with the exec; ignored
+        // ones (SIGPIPE, in a service) are reset here.
+        KernelSigaction dfl{SIG_DFL, 0, nullptr, 0};
+        for (int s = 1; s < 65; ++s)
+            if (s != SIGKILL && s != SIGSTOP) sys(SYS_rt_sigaction, s, long(&dfl), 0, 8);
+        const uint64_t none = 0;
+        sys(SYS_rt_sigprocmask, SIG_SETMASK, long(&none), 0, 8);
+        sys(SYS_setpgid, 0, 0);
         // The report descriptor and the passed one move above the target
         // first, so neither is lost to the moves that follow.
-        if (::dup3(report, high, O_CLOEXEC) < 0) ::_exit(127);
-        const int reportFd = high;
-        if (pass >= 0 && ::dup2(pass, high + 1) < 0) fail(errno);
-        const int devNull = ::open("/dev/null", O_RDONLY);
-        if (devNull < 0 || ::dup2(devNull, STDIN_FILENO) < 0) fail(errno);
-        if (pass >= 0 && ::dup2(high + 1, target) < 0) fail(errno);
-        // Nothing else of this process reaches the extension.
-        ::syscall(SYS_close_range, unsigned(std::max(target, 2) + 1), unsigned(high - 1), 0);
-        ::syscall(SYS_close_range, unsigned(high + 1), ~0u, 0);
-        auto failReport = [reportFd](int error) {
-            (void)!::write(reportFd, &error, sizeof error);
-            ::_exit(127);
+        if (sys(SYS_dup3, report, high, O_CLOEXEC) < 0) sys(SYS_exit_group, 127);
+        auto fail = [high](int error) {
+            sys(SYS_write, high, long(&error), long(sizeof error));
+            sys(SYS_exit_group, 127);
         };
+        if (pass >= 0 && sys(SYS_dup3, pass, high + 1, 0) < 0) fail(errno);
+        const int devNull = int(sys(SYS_openat, AT_FDCWD, long("/dev/null"), O_RDONLY));
+        if (devNull < 0 || (devNull != STDIN_FILENO && sys(SYS_dup3, devNull, STDIN_FILENO, 0) < 0))
+            fail(errno);
+        if (pass >= 0 && sys(SYS_dup3, high + 1, target, 0) < 0) fail(errno);
+        // Nothing else of this process reaches the extension.
+        sys(SYS_close_range, std::max(target, 2) + 1, high - 1, 0);
+        sys(SYS_close_range, high + 1, long(~0u), 0);
         if (sandboxed)
-            if (int e = confine(allowed, rights)) failReport(e);
-        ::execve(exe.c_str(), argv, envp.data());
-        failReport(errno);
+            if (int e = confine(allowed, rights)) fail(e);
+        sys(SYS_execve, long(exe.c_str()), long(argv), long(envp.data()));
+        fail(errno);
     }
     writeEnd.reset();
     int childError = 0;

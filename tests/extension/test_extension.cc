@@ -6,9 +6,13 @@
 //          "probe" naming a path, whether it could open that path ("opened")
 //   crash  ends itself when a request arrives
 //   mute   never connects
+//   config answers a broadcast fragment with a configuration of the clip
+//          duration in the user info's "nextClipDuration" and service
+//          information {"finished": the flag, "bytes": the fragment's size}
 // Any other: answers every request with no items.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <condition_variable>
@@ -18,6 +22,8 @@
 
 #include "platform/extension/app_extension.h"
 #include "platform/extension/extension_context.h"
+#include "protocol/broadcast_configuration.h"
+#include "protocol/broadcast_extension.h"
 
 using namespace sv;
 
@@ -36,6 +42,28 @@ int main() {
                std::map<std::string, ipc::FileToken> files, ExtensionContext::Reply reply) {
             if (role == "crash") ::_exit(3);
             std::vector<ExtensionItem> returned;
+            if (role == "config") {
+                // An upload extension that asks for the clip duration named by
+                // the user info's "nextClipDuration" and reports each fragment.
+                const ExtensionItem* info =
+                    itemTitled(items, kBroadcastExtensionKeyExtensionUserInfo);
+                const ExtensionItem* flag =
+                    itemTitled(items, kBroadcastExtensionKeyRequestedFinish);
+                SVBroadcastConfiguration configuration;
+                if (info)
+                    configuration.setClipDuration(
+                        numberAt(info->attachment, "nextClipDuration").value_or(0));
+                returned.push_back(
+                    ExtensionItem::itemWithTitle(kBroadcastExtensionKeyBroadcastConfiguration,
+                                                 bytesValue(configuration.encodedData())));
+                struct stat st {};
+                const bool readable =
+                    files.size() == 1 && ::fstat(files.begin()->second.fd(), &st) == 0;
+                returned.push_back(ExtensionItem::itemWithTitle(
+                    kBroadcastExtensionKeyExtensionServiceInfo,
+                    Value{{"finished", flag ? flag->attachment : Value()},
+                          {"bytes", readable ? int64_t(st.st_size) : -1}}));
+            }
             if (role == "echo") {
                 Value titles = Value::array();
                 for (const auto& item : items) titles.push_back(item.title);

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -17,22 +18,22 @@
 #include "tests/media/media_test_util.h"
 #include "tests/process/process_helpers.h"
 #include "tests/session/fake_screen.h"
+#include "tests/support/test_util.h"
 
 namespace sv {
 namespace {
 
-// An upload extension of a bundle of its own (the session only keeps it and
-// hands its fragments to it).
-std::shared_ptr<AppExtension> anUploadExtension() {
-    static const std::string dir = [] {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "sv-ext-XXXXXX").string();
-        if (!mkdtemp(tmpl.data())) std::abort();
-        std::ofstream(tmpl + "/bundle.json")
-            << R"({"identifier": "com.example.upload", "extension": {"point": )"
-               R"("org.sorvel.broadcast-services", "attributes": {}}})";
-        return tmpl;
-    }();
-    return AppExtension::extensionWithBundlePath(dir);
+// An extension handle of a bundle made for the test (never started here).
+std::shared_ptr<AppExtension> uploadExtension() {
+    static test::TempDir root;  // removed at exit
+    const std::string dir = root.path();
+    std::filesystem::create_directories(dir + "/upload");
+    std::ofstream(dir + "/upload/bundle.json")
+        << R"({"identifier": "com.example.upload", "extension": {"point": )"
+        << R"("org.sorvel.broadcast-services", "executable": "upload"}})";
+    auto extension = AppExtension::extensionWithBundlePath(dir + "/upload");
+    EXPECT_TRUE(extension);
+    return extension;
 }
 
 using namespace std::chrono_literals;
@@ -152,9 +153,7 @@ TEST_F(RecordingSessionTest, MovieNamesStayInsideTheStore) {
         EXPECT_EQ(session->trimmedOutputURL().path, store + "/" + name + "_trimmed.mp4");
     }
     auto session = SVRecordingSession::initWithBundleID("com.example/a");
-    auto extension = anUploadExtension();
-    ASSERT_TRUE(extension);
-    session->enableBroadcastWithExtension(extension, 0, {});
+    session->enableBroadcastWithExtension(uploadExtension(), 0, {});
     EXPECT_TRUE(
         std::regex_match(session->outputPath(),
                          std::regex(store + "/SVMovie_com\\.example_a_[0-9]+\\.[0-9]{6}_1\\.mp4")));
@@ -448,8 +447,7 @@ TEST_F(RecordingSessionTest, OrientationSizesAndHostileSizes) {
 }
 
 TEST_F(RecordingSessionTest, SampleBufferBroadcastsWriteNoMovie) {
-    auto handle = anUploadExtension();
-    ASSERT_TRUE(handle);
+    auto handle = uploadExtension();
     EXPECT_FALSE(s->enableBroadcastWithExtension(handle, 1, Value::object()));
     auto c = start();
     EXPECT_EQ(c->minimumFrameInterval(), MediaTime::make(1, 30));
@@ -461,6 +459,74 @@ TEST_F(RecordingSessionTest, SampleBufferBroadcastsWriteNoMovie) {
     EXPECT_EQ(s->broadcastProcessMode(), 0);
     s->disableBroadcast();
     EXPECT_FALSE(s->broadcastExtension());
+}
+
+// Upload mode through a real extension process: fragments rotate after the
+// clip duration (a frame exactly that long after the fragment's first one
+// stays in it), each reaches the extension with its file and the finished
+// flag, a configuration the extension returns changes the clip duration at
+// once, service information reaches the delegate, and every fragment file
+// is removed once its request completed.
+TEST_F(RecordingSessionTest, UploadBroadcastsRotateFragmentsAndTakeTheExtensionsAnswers) {
+    struct Delegate : Errors {
+        void broadcastSessionDidUpdateServiceInfo(const Value& info) override {
+            std::lock_guard lock(infoMutex);
+            infos.push_back(info);
+            cv.notify_all();
+        }
+        bool infosAtLeast(size_t n) {
+            std::unique_lock lock(infoMutex);
+            return cv.wait_for(lock, 30s, [&] { return infos.size() >= n; });
+        }
+        std::mutex infoMutex;
+        std::condition_variable cv;
+        std::vector<Value> infos;
+    };
+    auto delegate = std::make_shared<Delegate>();
+    s->setDelegate(delegate);
+    test::TempDir bundles;
+    std::filesystem::create_directories(bundles / "config");
+    std::filesystem::create_symlink(TEST_EXTENSION, bundles / "config/extension");
+    std::ofstream(bundles / "config/bundle.json")
+        << R"({"identifier": "com.example.test.config", "extension": {"point": )"
+        << R"("org.sorvel.broadcast-services", "executable": "extension"}})";
+    auto extension = AppExtension::extensionWithBundlePath(bundles / "config");
+    ASSERT_TRUE(extension);
+    auto configuration = std::make_shared<SVBroadcastConfiguration>();
+    configuration->setClipDuration(1.0);
+    s->setBroadcastConfiguration(configuration);
+    s->enableBroadcastWithExtension(extension, 0, Value{{"nextClipDuration", 0.5}});
+
+    auto c = start();
+    double t = 100.0;
+    auto deliverUntil = [&](double end) {
+        for (; t <= end + 1e-6; t += 1.0 / 30) c->deliver(frame(t));
+    };
+    deliverUntil(101.0);  // exactly 1.0 s after the first frame: still fragment 1
+    EXPECT_EQ(s->broadcastFragmentIndex(), 1);
+    deliverUntil(101.04);
+    EXPECT_EQ(s->broadcastFragmentIndex(), 2);
+    ASSERT_TRUE(delegate->infosAtLeast(1));  // fragment 1 answered: clip duration 0.5 now
+    deliverUntil(102.6);                     // new fragments at 101.567 and 102.1
+    EXPECT_EQ(s->broadcastFragmentIndex(), 4);
+    Finished f = finish();
+    EXPECT_FALSE(f.url || f.error);
+    ASSERT_TRUE(delegate->infosAtLeast(4));
+    std::lock_guard lock(delegate->infoMutex);
+    ASSERT_EQ(delegate->infos.size(), 4u);
+    for (size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(delegate->infos[i]["finished"], i == 3 ? "1" : "0") << i;
+        EXPECT_GT(delegate->infos[i]["bytes"].get<int64_t>(), 0) << i;
+    }
+    EXPECT_TRUE(test::eventually(
+        [&] {
+            for (const auto& e :
+                 std::filesystem::directory_iterator(MovieStore::shared()._srTempPath()))
+                if (e.path().filename().string().rfind("SVMovie_", 0) == 0) return false;
+            return true;
+        },
+        10s));
+    EXPECT_TRUE(delegate->list().empty());
 }
 
 }  // namespace
