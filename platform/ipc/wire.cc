@@ -162,10 +162,9 @@ std::string importObjects(const std::vector<Value>& args, std::vector<UniqueFd>&
     for (auto& [index, info] : refs) {
         UniqueFd& fd = fds[index];
         if (info.kind == kSurfaceKind) {
-            std::string why;
-            auto s = SharedSurface::importDescriptor(fd.release(), info.desc, &why);
-            if (!s) return "surface rejected: " + why;
-            objects[index] = Object(std::move(s));
+            auto s = SharedSurface::importDescriptor(fd.release(), info.desc);
+            if (!s) return "surface rejected: " + s.error().message();
+            objects[index] = Object(std::move(*s));
         } else if (info.kind == kEndpointKind) {
             if (!isSeqpacketUnixSocket(fd.get())) return "endpoint is not a listener socket";
             objects[index] = Object(Endpoint::adopt(fd.release()));

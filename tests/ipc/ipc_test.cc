@@ -334,7 +334,7 @@ TEST_F(IpcTest, EndpointLetsAChildConnectBack) {
 TEST_F(IpcTest, SurfaceCrossesWithoutCopyingItsPixels) {
     pid_t child = peer({"serve", service_});
     ASSERT_TRUE(eventually([&] { return access(servicePath(service_).c_str(), F_OK) == 0; }));
-    auto surface = SharedSurface::create(1600, 900);
+    auto surface = SharedSurface::create(1600, 900).value();
     ASSERT_TRUE(surface);
     uint64_t sum = 0;
     for (int32_t y = 0; y < 900; ++y) {
