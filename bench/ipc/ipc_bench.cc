@@ -63,7 +63,7 @@ std::shared_ptr<const Interface> benchInterface() {
             if (buf[0] == 'R') send(rawFd, buf.data(), size_t(n), MSG_NOSIGNAL);
         }
     }).detach();
-    auto listener = Listener::named(kService);
+    auto listener = Listener::named(kService).valueOr(nullptr);
     if (!listener) _exit(3);
     struct Delegate : ListenerDelegate {
         std::shared_ptr<MethodTable> object = std::make_shared<MethodTable>();
