@@ -11,13 +11,13 @@ int main() {
     {
         SurfacePool pool(1600, 900);
         bench::report("surface_pool_acquire_release_1600x900",
-                      bench::nsPerCall([&] { auto s = pool.acquire(); }), "ns");
-        bench::report("surface_create_destroy_1600x900",
-                      bench::nsPerCall([] { auto s = SharedSurface::create(1600, 900); }, 0.3),
-                      "ns");
+                      bench::nsPerCall([&] { auto s = pool.acquire().value(); }), "ns");
+        bench::report(
+            "surface_create_destroy_1600x900",
+            bench::nsPerCall([] { auto s = SharedSurface::create(1600, 900).value(); }, 0.3), "ns");
     }
     {
-        auto surface = SharedSurface::create(1600, 900);
+        auto surface = SharedSurface::create(1600, 900).value();
         auto frame =
             SampleBuffer::makeVideo(surface, MediaTime::make(600, 60), MediaTime::make(1, 60));
         bench::report("sample_timing_copy", bench::nsPerCall([&] {

@@ -254,13 +254,13 @@ int main(int argc, char** argv) {
         sv::log::flush();
         return 1;
     }
-    std::string error;
-    auto shell = sv::SVShellService::create(manager, agents, &error);
-    if (!shell) {
-        sv::log::error("sorveld: cannot open the shell channel: %@", error);
+    auto created = sv::SVShellService::create(manager, agents);
+    if (!created) {
+        sv::log::error("sorveld: cannot open the shell channel: %@", created.error().message());
         sv::log::flush();
         return 1;
     }
+    std::shared_ptr<sv::SVShellService> shell = std::move(*created);
     shell->resume();
     sv::PurgeableSpaceService::shared().startPeriodicCalls(std::chrono::hours(1));
     sv::KeepAlive::shared().armIdleExit(

@@ -106,14 +106,14 @@ void SVRecordingManager::showAcknowledgementAlert(
     } else {
         other = texts.string("ACKNOWLEDGEMENT_ALERT_ACCEPT_BUTTON_1_MICROPHONE_DISABLED");
     }
-    std::string why;
-    auto alert =
-        SystemAlert::create(title, message, decline, alternate, other, kAlertLevelDefault, &why);
-    if (!alert) {
+    auto created =
+        SystemAlert::create(title, message, decline, alternate, other, kAlertLevelDefault);
+    if (!created) {
         log::error("error showing acknowledgement alert");
         completion({});
         return;
     }
+    std::shared_ptr<SystemAlert> alert = std::move(*created);
     // The alert lives with the request until answered; the client's later
     // requests wait behind it. A client that goes away cancels it.
     client->pendingAlert = alert;

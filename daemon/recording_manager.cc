@@ -127,16 +127,17 @@ void SVRecordingManager::init() {
             if (auto self = weak.lock()) self->_handleLockButtonWasPressedNotification(n);
         });
 
-    std::string error;
-    publicListener_ = ipc::Listener::named(kDaemonServiceName, &error);
-    if (publicListener_) {
+    auto listener = ipc::Listener::named(kDaemonServiceName);
+    if (listener) {
+        publicListener_ = std::move(*listener);
         publicListener_->setDelegate(weak);
         // The only instance on this store: movies that an instance before it
         // could not finish are recovered before a recording can reuse their
         // names (the listener takes no request until finishStartup).
         recoverUnfinishedMovies(MovieStore::shared()._srTempPath());
     } else {
-        log::error("SVRecordingManager: cannot listen on %@: %@", kDaemonServiceName, error);
+        log::error("SVRecordingManager: cannot listen on %@: %@", kDaemonServiceName,
+                   listener.error().message());
     }
 
     exemptBundleIdentifiers_.clear();

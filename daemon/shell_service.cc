@@ -58,14 +58,14 @@ std::shared_ptr<const ipc::Interface> SVShellService::exportedInterface() {
     return i;
 }
 
-std::shared_ptr<SVShellService> SVShellService::create(
-    std::shared_ptr<SVRecordingManager> manager, std::shared_ptr<SVConsentAgentRegistry> agents,
-    std::string* error) {
+Result<std::shared_ptr<SVShellService>> SVShellService::create(
+    std::shared_ptr<SVRecordingManager> manager, std::shared_ptr<SVConsentAgentRegistry> agents) {
     auto s = std::make_shared<SVShellService>();
     s->manager_ = std::move(manager);
     s->agents_ = std::move(agents);
-    s->listener_ = ipc::Listener::named(kShellServiceName, error);
-    if (!s->listener_) return nullptr;
+    auto listener = ipc::Listener::named(kShellServiceName);
+    if (!listener) return listener.error();
+    s->listener_ = std::move(*listener);
     s->listener_->setDelegate(s);
     auto& purgeable = PurgeableSpaceService::shared();
     s->object_ = std::make_shared<ipc::MethodTable>();

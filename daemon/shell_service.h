@@ -26,10 +26,10 @@ namespace sv {
 class SVShellService : public ipc::ListenerDelegate,
                        public std::enable_shared_from_this<SVShellService> {
   public:
-    // Null (with `error`) when the listener cannot be created.
-    static std::shared_ptr<SVShellService> create(std::shared_ptr<SVRecordingManager> manager,
-                                                  std::shared_ptr<SVConsentAgentRegistry> agents,
-                                                  std::string* error = nullptr);
+    // An error (the listener's) when the listener cannot be created.
+    static Result<std::shared_ptr<SVShellService>> create(
+        std::shared_ptr<SVRecordingManager> manager,
+        std::shared_ptr<SVConsentAgentRegistry> agents);
     void resume();
     void invalidate();
 

@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                           {m::kVideoWidthKey, 1600},
                           {m::kVideoHeightKey, 900},
                           {m::kVideoCompressionPropertiesKey, compression}};
-    auto video = m::parseVideoSettings(settings, nullptr);
+    auto video = m::parseVideoSettings(settings);
     if (!video || video->width != 1600 || video->height != 900) std::abort();
     if (!(video->frameRate >= 1 && video->frameRate <= 480)) std::abort();
     if (video->averageBitRate < 10000 || video->averageBitRate > 200000000) std::abort();

@@ -12,6 +12,11 @@ std::string Error::description() const {
     return s;
 }
 
+std::string Error::message() const {
+    if (auto d = localizedDescription()) return *d;
+    return description();
+}
+
 Value Error::toValue() const {
     return Value{{"domain", domain}, {"code", code}, {"userInfo", userInfo}};
 }

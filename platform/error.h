@@ -25,6 +25,9 @@ struct Error {
     // The message under kLocalizedDescriptionKey, or nullopt.
     std::optional<std::string> localizedDescription() const;
     std::string description() const;
+    // The sentence for a log line or a user: the localized description, else
+    // description().
+    std::string message() const;
 
     // Wire form {"domain", "code", "userInfo"} and back (nullopt for a value
     // that is not such a record).

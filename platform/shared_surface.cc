@@ -14,8 +14,8 @@ namespace {
 
 std::atomic<uint64_t> gNextSurfaceID{1};
 
-void setError(std::string* error, std::string text) {
-    if (error) *error = std::move(text);
+Error surfaceError(SurfaceErrorCode code, const std::string& text) {
+    return Error::make(kSurfaceErrorDomain, code, text);
 }
 
 bool computeLayout(int32_t width, int32_t height, uint32_t bytesPerRow, size_t* size) {
@@ -42,62 +42,54 @@ SharedSurface::~SharedSurface() {
     if (base_) munmap(base_, size_);
 }
 
-std::unique_ptr<SharedSurface> SharedSurface::allocate(int32_t width, int32_t height,
-                                                       PixelFormat format, std::string* error) {
-    if (format != PixelFormat::BGRA) {
-        setError(error, "unsupported pixel format");
-        return nullptr;
-    }
+Result<std::unique_ptr<SharedSurface>> SharedSurface::allocate(int32_t width, int32_t height,
+                                                               PixelFormat format) {
+    if (format != PixelFormat::BGRA)
+        return surfaceError(kSurfaceErrorUnsupportedFormat, "unsupported pixel format");
     uint32_t bpr = (uint32_t(width > 0 ? width : 0) * 4 + 63) & ~63u;
     size_t size = 0;
-    if (!computeLayout(width, height, bpr, &size)) {
-        setError(error, "surface size out of range");
-        return nullptr;
-    }
+    if (!computeLayout(width, height, bpr, &size))
+        return surfaceError(kSurfaceErrorSizeOutOfRange, "surface size out of range");
     UniqueFd fd(memfd_create("sv-surface", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-    if (!fd.valid()) {
-        setError(error, std::string("memfd_create: ") + std::strerror(errno));
-        return nullptr;
-    }
+    if (!fd.valid())
+        return surfaceError(kSurfaceErrorSystem,
+                            std::string("memfd_create: ") + std::strerror(errno));
     if (ftruncate(fd.get(), static_cast<off_t>(size)) != 0 ||
-        fcntl(fd.get(), F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL) != 0) {
-        setError(error, std::string("sealing surface: ") + std::strerror(errno));
-        return nullptr;
-    }
+        fcntl(fd.get(), F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL) != 0)
+        return surfaceError(kSurfaceErrorSystem,
+                            std::string("sealing surface: ") + std::strerror(errno));
     void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-    if (base == MAP_FAILED) {
-        setError(error, std::string("mmap: ") + std::strerror(errno));
-        return nullptr;
-    }
+    if (base == MAP_FAILED)
+        return surfaceError(kSurfaceErrorSystem, std::string("mmap: ") + std::strerror(errno));
     return std::unique_ptr<SharedSurface>(new SharedSurface(
         std::move(fd), static_cast<uint8_t*>(base), size, {width, height, bpr, format}, false));
 }
 
-std::shared_ptr<SharedSurface> SharedSurface::create(int32_t width, int32_t height,
-                                                     PixelFormat format, std::string* error) {
-    return allocate(width, height, format, error);
+Result<std::shared_ptr<SharedSurface>> SharedSurface::create(int32_t width, int32_t height,
+                                                             PixelFormat format) {
+    auto surface = allocate(width, height, format);
+    if (!surface) return surface.error();
+    return std::shared_ptr<SharedSurface>(std::move(*surface));
 }
 
-std::shared_ptr<SharedSurface> SharedSurface::importDescriptor(int descriptor,
-                                                               const SurfaceDescriptor& desc,
-                                                               std::string* error) {
+Result<std::shared_ptr<SharedSurface>> SharedSurface::importDescriptor(
+    int descriptor, const SurfaceDescriptor& desc) {
     UniqueFd fd(descriptor);  // owned from here on, whatever happens
-    auto fail = [&](const char* why) -> std::shared_ptr<SharedSurface> {
-        setError(error, why);
-        return nullptr;
-    };
+    auto fail = [](const char* why) { return surfaceError(kSurfaceErrorBadDescriptor, why); };
     if (!fd.valid()) return fail("no descriptor");
-    if (desc.pixelFormat != PixelFormat::BGRA) return fail("unsupported pixel format");
+    if (desc.pixelFormat != PixelFormat::BGRA)
+        return surfaceError(kSurfaceErrorUnsupportedFormat, "unsupported pixel format");
     size_t size = 0;
     if (!computeLayout(desc.width, desc.height, desc.bytesPerRow, &size))
-        return fail("surface size out of range");
+        return surfaceError(kSurfaceErrorSizeOutOfRange, "surface size out of range");
     int seals = fcntl(fd.get(), F_GET_SEALS);
     if (seals < 0 || !(seals & F_SEAL_SHRINK)) return fail("surface is not a sealed memfd");
     struct stat st {};
     if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || uint64_t(st.st_size) < size)
         return fail("surface descriptor smaller than its image");
     void* base = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd.get(), 0);
-    if (base == MAP_FAILED) return fail("mmap of received surface failed");
+    if (base == MAP_FAILED)
+        return surfaceError(kSurfaceErrorSystem, "mmap of received surface failed");
     return std::shared_ptr<SharedSurface>(
         new SharedSurface(std::move(fd), static_cast<uint8_t*>(base), size, desc, true));
 }
@@ -125,7 +117,7 @@ SurfacePool::SurfacePool(int32_t width, int32_t height, PixelFormat format, size
 
 SurfacePool::~SurfacePool() = default;
 
-std::shared_ptr<SharedSurface> SurfacePool::acquire(std::string* error) {
+Result<std::shared_ptr<SharedSurface>> SurfacePool::acquire() {
     std::unique_ptr<SharedSurface> s;
     {
         std::lock_guard lock(state_->mutex);
@@ -135,8 +127,9 @@ std::shared_ptr<SharedSurface> SurfacePool::acquire(std::string* error) {
         }
     }
     if (!s) {
-        s = SharedSurface::allocate(width_, height_, format_, error);
-        if (!s) return nullptr;
+        auto allocated = SharedSurface::allocate(width_, height_, format_);
+        if (!allocated) return allocated.error();
+        s = std::move(*allocated);
         std::lock_guard lock(state_->mutex);
         ++state_->allocated;
     }

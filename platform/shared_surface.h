@@ -16,9 +16,19 @@
 #include <vector>
 
 #include "platform/audio_format.h"
+#include "platform/error.h"
 #include "platform/unique_fd.h"
 
 namespace sv {
+
+// Errors of creating, importing and pooling surfaces.
+inline constexpr const char* kSurfaceErrorDomain = "org.sorvel.SurfaceErrorDomain";
+enum SurfaceErrorCode : int64_t {
+    kSurfaceErrorUnsupportedFormat = 1,
+    kSurfaceErrorSizeOutOfRange = 2,
+    kSurfaceErrorSystem = 3,         // the kernel refused memory or a mapping
+    kSurfaceErrorBadDescriptor = 4,  // a received descriptor is missing, unsealed or too small
+};
 
 enum class PixelFormat : uint32_t {
     BGRA = fourCC('B', 'G', 'R', 'A'),
@@ -37,16 +47,15 @@ class SharedSurface {
     // Largest surface accepted from anyone: 16384 x 16384 BGRA.
     static constexpr size_t kMaxBytes = size_t(16384) * 16384 * 4;
 
-    // A new writable surface; rows are aligned to 64 bytes. Null (with
-    // `error` set) when the size is out of range or the kernel refuses.
-    static std::shared_ptr<SharedSurface> create(int32_t width, int32_t height,
-                                                 PixelFormat format = PixelFormat::BGRA,
-                                                 std::string* error = nullptr);
+    // A new writable surface; rows are aligned to 64 bytes. An error when
+    // the size is out of range or the kernel refuses.
+    static Result<std::shared_ptr<SharedSurface>> create(int32_t width, int32_t height,
+                                                         PixelFormat format = PixelFormat::BGRA);
     // Maps a surface received from another process, read-only. Takes
     // ownership of `fd` in every case (closes it on failure). Refuses a
     // descriptor that is not a sealed memfd large enough for `desc`.
-    static std::shared_ptr<SharedSurface> importDescriptor(int fd, const SurfaceDescriptor& desc,
-                                                           std::string* error = nullptr);
+    static Result<std::shared_ptr<SharedSurface>> importDescriptor(int fd,
+                                                                   const SurfaceDescriptor& desc);
 
     ~SharedSurface();
     SharedSurface(const SharedSurface&) = delete;
@@ -78,8 +87,8 @@ class SharedSurface {
     std::string description() const;
 
     // Used by SurfacePool; everyone else uses create().
-    static std::unique_ptr<SharedSurface> allocate(int32_t width, int32_t height,
-                                                   PixelFormat format, std::string* error);
+    static Result<std::unique_ptr<SharedSurface>> allocate(int32_t width, int32_t height,
+                                                           PixelFormat format);
 
   private:
     SharedSurface(UniqueFd fd, uint8_t* base, size_t size, SurfaceDescriptor desc, bool readOnly);
@@ -102,7 +111,7 @@ class SurfacePool {
                 size_t maxFree = 8);
     ~SurfacePool();
 
-    std::shared_ptr<SharedSurface> acquire(std::string* error = nullptr);
+    Result<std::shared_ptr<SharedSurface>> acquire();
 
     int32_t width() const { return width_; }
     int32_t height() const { return height_; }

@@ -63,7 +63,7 @@ std::shared_ptr<const Interface> benchInterface() {
             if (buf[0] == 'R') send(rawFd, buf.data(), size_t(n), MSG_NOSIGNAL);
         }
     }).detach();
-    auto listener = Listener::named(kService);
+    auto listener = Listener::named(kService).valueOr(nullptr);
     if (!listener) _exit(3);
     struct Delegate : ListenerDelegate {
         std::shared_ptr<MethodTable> object = std::make_shared<MethodTable>();
@@ -165,7 +165,7 @@ int main() {
 
     // One-way frames carrying a surface; every kWindow frames the sender
     // waits for an answer, so both runs keep the same number in flight.
-    auto surface = SharedSurface::create(1600, 900);
+    auto surface = SharedSurface::create(1600, 900).value();
     if (!surface) return 1;
     auto t0 = Clock::now();
     for (int i = 0; i < kFrames; ++i) {

@@ -68,7 +68,7 @@ std::vector<std::shared_ptr<sv::SharedSurface>> makeFrames() {
     std::vector<uint8_t> glyphs(size_t(kWidth) * (kHeight + kRing * 8));
     for (auto& g : glyphs) g = rng() % 5 == 0 ? 40 : 230;
     for (int i = 0; i < kRing; ++i) {
-        auto s = sv::SharedSurface::create(kWidth, kHeight);
+        auto s = sv::SharedSurface::create(kWidth, kHeight).value();
         for (int y = 0; y < kHeight; ++y) {
             uint8_t* row = s->mutableRow(y);
             const uint8_t* text = &glyphs[size_t(y + i * 8) * kWidth];

@@ -41,7 +41,7 @@ void benchSyntheticDraw() {
     std::vector<double> ms;
     const double cpu0 = threadCpuSeconds();
     for (uint64_t i = 0; i < 600; ++i) {
-        auto surface = pool.acquire();
+        auto surface = pool.acquire().value();
         uint64_t t0 = HostClock::now();
         drawSyntheticFrame(*surface, scene, {i, t0});
         ms.push_back(double(HostClock::now() - t0) / 1e6);

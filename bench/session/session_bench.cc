@@ -171,7 +171,7 @@ Ffmpeg encodeWithFfmpeg(const SyntheticDisplay& display, int64_t frames, const s
     bool writing = true;
     const uint64_t start = HostClock::now();
     for (int64_t i = 0; i < frames && writing; ++i) {
-        auto surface = pool.acquire();
+        auto surface = pool.acquire().value();
         const double cpu0 = threadCpuSeconds();
         drawSyntheticFrame(*surface, scene, {uint64_t(i), start + uint64_t(double(i) * 1e9 / 60)});
         result.drawCpu += threadCpuSeconds() - cpu0;

@@ -23,7 +23,7 @@ constexpr int32_t kNs = 1000000000;
 void benchFramePath() {
     auto backend = std::make_shared<SyntheticScreenBackend>();
     auto controller = backend->makeCaptureController({1600, 900}, MediaTime::make(1, 60));
-    auto surface = SharedSurface::create(1600, 900);
+    auto surface = SharedSurface::create(1600, 900).value();
     int64_t t = 0;
     auto frame = [&] {
         return SampleBuffer::makeVideo(surface, MediaTime::make(t += kNs / 60, kNs),

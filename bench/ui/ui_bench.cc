@@ -179,7 +179,7 @@ void alertCost() {
     r.defaultButton = "Don't Allow";
     r.otherButton = "Record Screen";
     double ns = bench::nsPerCall([&] {
-        auto alert = SystemAlert::create(r, presenter);
+        auto alert = SystemAlert::create(r, presenter).value();
         if (!alert || alert->waitForResponse() != AlertResponse::Other) std::abort();
     });
     bench::report("alert_scripted_round_trip", ns / 1000.0, "us");

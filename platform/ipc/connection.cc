@@ -625,11 +625,10 @@ void ReplyHandler::operator()(const Arguments& args) const {
     }
     auto c = state_->connection.lock();
     if (!c || c->isInvalidated()) return;
-    std::string error;
-    auto m = encodeReply(state_->replyId, state_->signature, args, &error);
+    auto m = encodeReply(state_->replyId, state_->signature, args);
     if (!m) {
         static log::RateLimit limit;
-        log::error(limit, "ipc: reply on %@ not sent: %@", c->name(), error);
+        log::error(limit, "ipc: reply on %@ not sent: %@", c->name(), m.error().message());
         return;
     }
     Connection::Impl::enqueue(c, std::move(*m), nullptr, 0);
@@ -683,11 +682,10 @@ void RemoteProxy::call(const std::string& method, const Arguments& args, ReplyCl
         replyId = s.nextReplyId++;
         s.pending[replyId] = PendingCall{std::move(reply), error, signature->replyArguments};
     }
-    std::string why;
-    auto m = encodeCall(*signature, args, replyId, &why);
+    auto m = encodeCall(*signature, args, replyId);
     if (!m) {
         static log::RateLimit limit;
-        log::error(limit, "ipc: call not sent on %@: %@", c->name(), why);
+        log::error(limit, "ipc: call not sent on %@: %@", c->name(), m.error().message());
         Connection::Impl::dropPending(s, replyId);
         Connection::Impl::fire(c, error, kErrorMessageRejected, false);
         return;

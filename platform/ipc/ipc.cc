@@ -46,6 +46,12 @@ Error makeError(int64_t code) {
         case kErrorTooManyPendingReplies:
             what = "too many calls wait for a reply";
             break;
+        case kErrorCannotListen:
+            what = "cannot listen";
+            break;
+        case kErrorCannotOpenFile:
+            what = "cannot open the file";
+            break;
     }
     Value info = Value::object();
     info[kLocalizedDescriptionKey] = what;

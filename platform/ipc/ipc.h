@@ -59,6 +59,8 @@ enum ErrorCode : int64_t {
     kErrorSendQueueFull = 4003,          // the peer reads too slowly; the message was not sent
     kErrorMessageRejected = 4004,        // the call does not fit the interface or a limit
     kErrorTooManyPendingReplies = 4005,  // too many calls wait for a reply from this peer
+    kErrorCannotListen = 4006,           // a listener's socket cannot be made
+    kErrorCannotOpenFile = 4007,         // a file to hand on cannot be opened
 };
 Error makeError(int64_t code);
 
@@ -291,13 +293,13 @@ class Listener : public std::enable_shared_from_this<Listener> {
     using Options = ListenerOptions;
     // Binds "<runtime directory>/<serviceName>" with mode 0600 (or adopts
     // the socket systemd passed under that name). Accepts nothing until
-    // resume(). Null (with `error`) when the name is taken by a running
-    // service or the socket cannot be created.
-    static std::shared_ptr<Listener> named(const std::string& serviceName,
-                                           std::string* error = nullptr, Options options = {});
+    // resume(). An error (kErrorCannotListen) when the name is taken by a
+    // running service or the socket cannot be created.
+    static Result<std::shared_ptr<Listener>> named(const std::string& serviceName,
+                                                   Options options = {});
     // A listener reachable only through endpoint(); `options.allowedUsers`
     // does not apply (the endpoint is the capability), the other options do.
-    static std::shared_ptr<Listener> anonymous(std::string* error = nullptr, Options options = {});
+    static Result<std::shared_ptr<Listener>> anonymous(Options options = {});
     ~Listener();
     // The listener owns its socket's path (its destructor unlinks it): one
     // owner, never copied.

@@ -368,12 +368,10 @@ void applyOptions(Listener::Impl& s, const std::string& name, Listener::Options&
 
 }  // namespace
 
-std::shared_ptr<Listener> Listener::named(const std::string& serviceName, std::string* error,
-                                          Options options) {
-    auto fail = [&](std::string why) -> std::shared_ptr<Listener> {
+Result<std::shared_ptr<Listener>> Listener::named(const std::string& serviceName, Options options) {
+    auto fail = [&](const std::string& why) {
         log::error("ipc: cannot listen on %@: %@", serviceName, why);
-        if (error) *error = std::move(why);
-        return nullptr;
+        return Error::make(kIPCErrorDomain, kErrorCannotListen, why);
     };
     if (serviceName.empty() || serviceName.find('/') != std::string::npos || serviceName[0] == '.')
         return fail("bad service name");
@@ -393,12 +391,10 @@ std::shared_ptr<Listener> Listener::named(const std::string& serviceName, std::s
     return l;
 }
 
-std::shared_ptr<Listener> Listener::anonymous(std::string* error, Options options) {
+Result<std::shared_ptr<Listener>> Listener::anonymous(Options options) {
     int pair[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
-        if (error) *error = std::strerror(errno);
-        return nullptr;
-    }
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
+        return Error::make(kIPCErrorDomain, kErrorCannotListen, std::strerror(errno));
     auto l = std::make_shared<Listener>("anonymous", "");
     applyOptions(*l->impl_, "anonymous", options);
     l->impl_->anonymous = true;

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <map>
 
+#include "platform/ipc/ipc.h"
+
 namespace sv::ipc {
 namespace {
 
@@ -162,10 +164,9 @@ std::string importObjects(const std::vector<Value>& args, std::vector<UniqueFd>&
     for (auto& [index, info] : refs) {
         UniqueFd& fd = fds[index];
         if (info.kind == kSurfaceKind) {
-            std::string why;
-            auto s = SharedSurface::importDescriptor(fd.release(), info.desc, &why);
-            if (!s) return "surface rejected: " + why;
-            objects[index] = Object(std::move(s));
+            auto s = SharedSurface::importDescriptor(fd.release(), info.desc);
+            if (!s) return "surface rejected: " + s.error().message();
+            objects[index] = Object(std::move(*s));
         } else if (info.kind == kEndpointKind) {
             if (!isSeqpacketUnixSocket(fd.get())) return "endpoint is not a listener socket";
             objects[index] = Object(Endpoint::adopt(fd.release()));
@@ -177,12 +178,12 @@ std::string importObjects(const std::vector<Value>& args, std::vector<UniqueFd>&
     return {};
 }
 
-std::optional<EncodedMessage> encodeEnvelope(Value envelope, const Arguments& args,
-                                             std::string* error) {
-    auto fail = [&](std::string why) -> std::optional<EncodedMessage> {
-        if (error) *error = std::move(why);
-        return std::nullopt;
-    };
+Error rejected(const std::string& why) {
+    return Error::make(kIPCErrorDomain, kErrorMessageRejected, why);
+}
+
+Result<EncodedMessage> encodeEnvelope(Value envelope, const Arguments& args) {
+    auto fail = [](const std::string& why) { return rejected(why); };
     if (args.objects().size() > kMaxObjectsPerMessage)
         return fail("too many objects in one message");
     EncodedMessage m;
@@ -207,12 +208,11 @@ Endpoint Endpoint::adopt(int fd) {
     return e;
 }
 
-std::optional<FileToken> FileToken::openForReading(const std::string& path, std::string* error) {
+Result<FileToken> FileToken::openForReading(const std::string& path) {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) {
-        if (error) *error = "cannot open " + path + ": " + std::strerror(errno);
-        return std::nullopt;
-    }
+    if (fd < 0)
+        return Error::make(kIPCErrorDomain, kErrorCannotOpenFile,
+                           "cannot open " + path + ": " + std::strerror(errno));
     return adopt(fd);
 }
 
@@ -347,41 +347,34 @@ std::string checkArguments(const std::vector<ArgSpec>& signature, const std::vec
     return {};
 }
 
-std::optional<EncodedMessage> encodeCall(const MethodSpec& method, const Arguments& args,
-                                         uint64_t replyId, std::string* error) {
+Result<EncodedMessage> encodeCall(const MethodSpec& method, const Arguments& args,
+                                  uint64_t replyId) {
     std::vector<Value> wire = args.values();
     int h = method.handlerIndex();
     if (h >= 0) {
-        if (size_t(h) > wire.size()) {
-            if (error) *error = "too few arguments for " + method.name;
-            return std::nullopt;
-        }
+        if (size_t(h) > wire.size()) return rejected("too few arguments for " + method.name);
         wire.insert(wire.begin() + h, Value(replyId));
     }
-    if (auto err = checkArguments(method.arguments, wire); !err.empty()) {
-        if (error) *error = method.name + ": " + err;
-        return std::nullopt;
-    }
+    if (auto err = checkArguments(method.arguments, wire); !err.empty())
+        return rejected(method.name + ": " + err);
     Value env = Value::object();
     env["v"] = kWireVersion;
     env["t"] = int64_t(MessageType::Call);
     env["m"] = method.name;
     env["a"] = Value(std::move(wire));
-    return encodeEnvelope(std::move(env), args, error);
+    return encodeEnvelope(std::move(env), args);
 }
 
-std::optional<EncodedMessage> encodeReply(uint64_t replyId, const std::vector<ArgSpec>& signature,
-                                          const Arguments& args, std::string* error) {
-    if (auto err = checkArguments(signature, args.values()); !err.empty()) {
-        if (error) *error = "reply: " + err;
-        return std::nullopt;
-    }
+Result<EncodedMessage> encodeReply(uint64_t replyId, const std::vector<ArgSpec>& signature,
+                                   const Arguments& args) {
+    if (auto err = checkArguments(signature, args.values()); !err.empty())
+        return rejected("reply: " + err);
     Value env = Value::object();
     env["v"] = kWireVersion;
     env["t"] = int64_t(MessageType::Reply);
     env["r"] = replyId;
     env["a"] = Value(args.values());
-    return encodeEnvelope(std::move(env), args, error);
+    return encodeEnvelope(std::move(env), args);
 }
 
 EncodedMessage encodeConnect(UniqueFd socket) {

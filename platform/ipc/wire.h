@@ -19,6 +19,7 @@
 #include <variant>
 #include <vector>
 
+#include "platform/error.h"
 #include "platform/shared_surface.h"
 #include "platform/unique_fd.h"
 #include "platform/value.h"
@@ -55,9 +56,9 @@ class Endpoint {
 class FileToken {
   public:
     FileToken() = default;
-    // Opens `path` read-only; nullopt (with `error`) when it cannot be opened.
-    static std::optional<FileToken> openForReading(const std::string& path,
-                                                   std::string* error = nullptr);
+    // Opens `path` read-only; an error (kIPCErrorDomain, kErrorCannotOpenFile)
+    // when it cannot be opened.
+    static Result<FileToken> openForReading(const std::string& path);
     // Takes ownership of `fd`, which must be open read-only.
     static FileToken adopt(int fd);
     bool valid() const { return fd_ && fd_->valid(); }
@@ -192,12 +193,12 @@ struct EncodedMessage {
 
 // Encodes a call of `method` with `args` (the handler left out); the reply
 // identifier goes where the method's handler is (0 = no reply wanted). The
-// arguments are checked against the method first. nullopt with `error` set
-// when they do not match or a limit is broken.
-std::optional<EncodedMessage> encodeCall(const MethodSpec& method, const Arguments& args,
-                                         uint64_t replyId, std::string* error);
-std::optional<EncodedMessage> encodeReply(uint64_t replyId, const std::vector<ArgSpec>& signature,
-                                          const Arguments& args, std::string* error);
+// arguments are checked against the method first. An error (kIPCErrorDomain,
+// kErrorMessageRejected) when they do not match or a limit is broken.
+Result<EncodedMessage> encodeCall(const MethodSpec& method, const Arguments& args,
+                                  uint64_t replyId);
+Result<EncodedMessage> encodeReply(uint64_t replyId, const std::vector<ArgSpec>& signature,
+                                   const Arguments& args);
 // The message that hands a connected socket to an unnamed listener.
 EncodedMessage encodeConnect(UniqueFd socket);
 

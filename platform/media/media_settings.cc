@@ -7,47 +7,38 @@
 namespace sv::media {
 namespace {
 
-// Sets `error` and gives the empty result of either parser.
-std::nullopt_t fail(std::string* error, std::string text) {
-    if (error) *error = std::move(text);
-    return std::nullopt;
+Error fail(const std::string& text) {
+    return Error::make(kMediaSettingsErrorDomain, kMediaSettingsErrorInvalid, text);
 }
 
 // Compression properties named one by one in the log when ignored.
 constexpr size_t kMaxLoggedProperties = 8;
 
-// A whole number in [lo, hi] under `key`, or the default when absent.
-bool readInt(const Value& dict, const char* key, int64_t lo, int64_t hi, int64_t* out,
-             std::string* error) {
+// A whole number in [lo, hi] under `key`, or `fallback` when absent.
+Result<int64_t> readInt(const Value& dict, const char* key, int64_t lo, int64_t hi,
+                        int64_t fallback) {
     auto it = dict.find(key);
-    if (it == dict.end()) return true;
-    if (!it->is_number()) {
-        fail(error, std::string(key) + " is not a number");
-        return false;
-    }
+    if (it == dict.end()) return fallback;
+    if (!it->is_number()) return fail(std::string(key) + " is not a number");
     double v = it->get<double>();
-    if (!std::isfinite(v) || v < double(lo) || v > double(hi)) {
-        fail(error, std::string(key) + " is out of range");
-        return false;
-    }
-    *out = int64_t(v);
-    return true;
+    if (!std::isfinite(v) || v < double(lo) || v > double(hi))
+        return fail(std::string(key) + " is out of range");
+    return int64_t(v);
 }
 
 }  // namespace
 
-std::optional<VideoSettings> parseVideoSettings(const Value& settings, std::string* error) {
-    if (!settings.is_object()) return fail(error, "video settings are not a dictionary");
+Result<VideoSettings> parseVideoSettings(const Value& settings) {
+    if (!settings.is_object()) return fail("video settings are not a dictionary");
     VideoSettings s;
-    if (auto codec = stringAt(settings, kVideoCodecKey); !codec || *codec != kVideoCodecH264) {
-        fail(error, "video codec must be h264");
-        return std::nullopt;
-    }
-    int64_t w = 0, h = 0;
-    if (!readInt(settings, kVideoWidthKey, 2, 8192, &w, error) ||
-        !readInt(settings, kVideoHeightKey, 2, 8192, &h, error))
-        return std::nullopt;
-    if (w == 0 || h == 0) return fail(error, "video width and height are required");
+    if (auto codec = stringAt(settings, kVideoCodecKey); !codec || *codec != kVideoCodecH264)
+        return fail("video codec must be h264");
+    auto width = readInt(settings, kVideoWidthKey, 2, 8192, 0);
+    if (!width) return width.error();
+    auto height = readInt(settings, kVideoHeightKey, 2, 8192, 0);
+    if (!height) return height.error();
+    const int64_t w = *width, h = *height;
+    if (w == 0 || h == 0) return fail("video width and height are required");
     // 4:2:0 needs even sizes; the writer's caller already rounds up.
     s.width = int((w + 1) / 2 * 2);
     s.height = int((h + 1) / 2 * 2);
@@ -112,21 +103,23 @@ std::optional<VideoSettings> parseVideoSettings(const Value& settings, std::stri
     return s;
 }
 
-std::optional<AudioSettings> parseAudioSettings(const Value& settings, std::string* error) {
-    if (!settings.is_object()) return fail(error, "audio settings are not a dictionary");
+Result<AudioSettings> parseAudioSettings(const Value& settings) {
+    if (!settings.is_object()) return fail("audio settings are not a dictionary");
     AudioSettings s;
     if (auto f = stringAt(settings, kAudioFormatKey); !f || *f != kAudioFormatAAC)
-        return fail(error, "audio format must be aac");
-    int64_t ch = s.channels, rate = s.sampleRate, br = s.bitRate;
-    if (!readInt(settings, kAudioNumberOfChannelsKey, 1, 2, &ch, error) ||
-        !readInt(settings, kAudioSampleRateKey, 8000, 96000, &rate, error) ||
-        !readInt(settings, kAudioEncoderBitRateKey, 8000, 512000, &br, error))
-        return std::nullopt;
+        return fail("audio format must be aac");
+    auto channels = readInt(settings, kAudioNumberOfChannelsKey, 1, 2, s.channels);
+    if (!channels) return channels.error();
+    auto sampleRate = readInt(settings, kAudioSampleRateKey, 8000, 96000, s.sampleRate);
+    if (!sampleRate) return sampleRate.error();
+    auto bitRate = readInt(settings, kAudioEncoderBitRateKey, 8000, 512000, s.bitRate);
+    if (!bitRate) return bitRate.error();
+    const int64_t ch = *channels, rate = *sampleRate, br = *bitRate;
     if (auto layout = stringAt(settings, kAudioChannelLayoutKey)) {
         if ((*layout == kChannelLayoutStereo && ch != 2) ||
             (*layout == kChannelLayoutMono && ch != 1) ||
             (*layout != kChannelLayoutStereo && *layout != kChannelLayoutMono))
-            return fail(error, "channel layout does not match the channel count");
+            return fail("channel layout does not match the channel count");
     }
     s.channels = int(ch);
     s.sampleRate = int(rate);

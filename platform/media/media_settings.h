@@ -8,9 +8,15 @@
 #include <optional>
 #include <string>
 
+#include "platform/error.h"
 #include "platform/value.h"
 
 namespace sv::media {
+
+// Errors of settings that cannot be encoded: one code, the sentence says
+// which key is wrong.
+inline constexpr const char* kMediaSettingsErrorDomain = "org.sorvel.MediaSettingsErrorDomain";
+inline constexpr int64_t kMediaSettingsErrorInvalid = 1;
 
 // Video output settings.
 inline constexpr const char* kVideoCodecKey = "SVVideoCodecKey";  // string, kVideoCodecH264
@@ -50,8 +56,8 @@ inline constexpr const char* kChannelLayoutStereo = "stereo";
 // frames per second well inside real time on two cores (see README).
 inline constexpr const char* kDefaultX264Preset = "superfast";
 
-// Video settings after validation; nullopt with `error` set when the
-// dictionary cannot be encoded.
+// Video settings after validation; an error when the dictionary cannot be
+// encoded.
 struct VideoSettings {
     int width = 0;
     int height = 0;
@@ -61,13 +67,13 @@ struct VideoSettings {
     int maxKeyFrameInterval = 120;
     std::string preset = kDefaultX264Preset;
 };
-std::optional<VideoSettings> parseVideoSettings(const Value& settings, std::string* error);
+Result<VideoSettings> parseVideoSettings(const Value& settings);
 
 struct AudioSettings {
     int channels = 2;
     int sampleRate = 44100;
     int64_t bitRate = 128000;
 };
-std::optional<AudioSettings> parseAudioSettings(const Value& settings, std::string* error);
+Result<AudioSettings> parseAudioSettings(const Value& settings);
 
 }  // namespace sv::media

@@ -142,20 +142,19 @@ std::shared_ptr<MovieWriterInput> MovieWriterInput::createHere(MediaType type,
     auto core = std::make_shared<Core>();
     core->type = type;
     core->settings = outputSettings;
-    std::string why;
     if (type == MediaType::Video) {
-        auto s = parseVideoSettings(outputSettings, &why);
+        auto s = parseVideoSettings(outputSettings);
         if (!s) {
-            if (error) *error = {AVERROR(EINVAL), "video settings: " + why};
+            if (error) *error = {AVERROR(EINVAL), "video settings: " + s.error().message()};
             return nullptr;
         }
         core->video = *s;
         core->enc = openVideoEncoder(*s, error);
         core->capacity = kVideoQueueCapacity;
     } else {
-        auto s = parseAudioSettings(outputSettings, &why);
+        auto s = parseAudioSettings(outputSettings);
         if (!s) {
-            if (error) *error = {AVERROR(EINVAL), "audio settings: " + why};
+            if (error) *error = {AVERROR(EINVAL), "audio settings: " + s.error().message()};
             return nullptr;
         }
         core->audio = *s;

@@ -280,16 +280,15 @@ class SyntheticFrameSource final : public FrameSource {
         }
         GrabResult result;
         if (mode_ != kCloneMirroringModeMirror && mode_ != kCloneMirroringModeClone) return result;
-        std::string error;
-        auto surface = pool.acquire(&error);
+        auto surface = pool.acquire();
         if (!surface) {
-            log::error("Synthetic screen: no surface for a frame: %@", error);
+            log::error("Synthetic screen: no surface for a frame: %@", surface.error().message());
             result.failure =
                 CaptureFailure{CaptureFailure::Kind::Failed, kScreenCaptureSurfaceUnavailable};
             return result;
         }
-        drawSyntheticFrame(*surface, scene_, FrameStamp{request.frameIndex, request.deadline});
-        result.surface = std::move(surface);
+        drawSyntheticFrame(**surface, scene_, FrameStamp{request.frameIndex, request.deadline});
+        result.surface = std::move(*surface);
         result.presentationTime = request.deadline;
         result.transformFlags = scene_.transformFlags;
         return result;

@@ -346,15 +346,14 @@ class X11FrameSource final : public FrameSource {
         }
         if (result.failure || !composedValid_) return result;
 
-        std::string error;
-        auto surface = pool.acquire(&error);
+        auto surface = pool.acquire();
         if (!surface) {
-            log::error("Screen capture: no surface for a frame: %@", error);
+            log::error("Screen capture: no surface for a frame: %@", surface.error().message());
             return failed(CaptureFailure::Kind::Failed, kScreenCaptureSurfaceUnavailable);
         }
-        fitInto(composed_, composedStride_, composedWidth_, composedHeight_, *surface);
-        setOpaque(*surface);
-        result.surface = std::move(surface);
+        fitInto(composed_, composedStride_, composedWidth_, composedHeight_, **surface);
+        setOpaque(**surface);
+        result.surface = std::move(*surface);
         // The root window is laid out the way the user sees it (RandR turns
         // the scan-out of a rotated output, not the root): no turn to apply.
         result.transformFlags = 0;

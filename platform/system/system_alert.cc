@@ -126,18 +126,19 @@ std::string safeText(std::string_view s, bool multiline) {
     return out;
 }
 
-std::optional<std::string> textField(const Value& v, const char* key, bool optional,
-                                     std::string* error) {
+Error invalidRequest(const std::string& why) {
+    return Error::make(kSystemAlertErrorDomain, kSystemAlertErrorInvalidRequest, why);
+}
+
+// The text under `key`; nullopt when an optional key is absent or null.
+Result<std::optional<std::string>> textField(const Value& v, const char* key, bool optional) {
     auto it = v.find(key);
     if (it == v.end() || it->is_null()) {
-        if (!optional && error) *error = std::string("alert without \"") + key + "\"";
-        return std::nullopt;
+        if (!optional) return invalidRequest(std::string("alert without \"") + key + "\"");
+        return std::optional<std::string>();
     }
-    if (!it->is_string()) {
-        if (error) *error = std::string("alert's \"") + key + "\" is not text";
-        return std::nullopt;
-    }
-    return it->get<std::string>();
+    if (!it->is_string()) return invalidRequest(std::string("alert's \"") + key + "\" is not text");
+    return std::optional<std::string>(it->get<std::string>());
 }
 
 }  // namespace
@@ -187,33 +188,25 @@ Value AlertRequest::toValue() const {
     return v;
 }
 
-std::optional<AlertRequest> AlertRequest::fromValue(const Value& value, std::string* error) {
-    if (!value.is_object()) {
-        if (error) *error = "alert is not a dictionary";
-        return std::nullopt;
-    }
-    std::string why;
+Result<AlertRequest> AlertRequest::fromValue(const Value& value) {
+    if (!value.is_object()) return invalidRequest("alert is not a dictionary");
+    auto title = textField(value, kAlertTitleKey, false);
+    if (!title) return title.error();
+    auto message = textField(value, kAlertMessageKey, false);
+    if (!message) return message.error();
+    auto def = textField(value, kAlertDefaultButtonKey, false);
+    if (!def) return def.error();
+    auto alternate = textField(value, kAlertAlternateButtonKey, true);
+    if (!alternate) return alternate.error();
+    auto other = textField(value, kAlertOtherButtonKey, true);
+    if (!other) return other.error();
     AlertRequest r;
-    auto title = textField(value, kAlertTitleKey, false, &why);
-    auto message = title ? textField(value, kAlertMessageKey, false, &why) : std::nullopt;
-    auto def = message ? textField(value, kAlertDefaultButtonKey, false, &why) : std::nullopt;
-    if (!def) {
-        if (error) *error = why;
-        return std::nullopt;
-    }
-    r.title = *title;
-    r.message = *message;
-    r.defaultButton = *def;
-    r.alternateButton = textField(value, kAlertAlternateButtonKey, true, &why);
-    r.otherButton = textField(value, kAlertOtherButtonKey, true, &why);
-    if (!why.empty()) {
-        if (error) *error = why;
-        return std::nullopt;
-    }
-    if (auto invalid = r.validationError()) {
-        if (error) *error = *invalid;
-        return std::nullopt;
-    }
+    r.title = **title;
+    r.message = **message;
+    r.defaultButton = **def;
+    r.alternateButton = *alternate;
+    r.otherButton = *other;
+    if (auto invalid = r.validationError()) return invalidRequest(*invalid);
     return r;
 }
 
@@ -336,12 +329,10 @@ SystemAlert::~SystemAlert() {
     state_->withdraw();
 }
 
-std::shared_ptr<SystemAlert> SystemAlert::create(const std::string& title,
-                                                 const std::string& message,
-                                                 const std::string& defaultButton,
-                                                 const std::optional<std::string>& alternateButton,
-                                                 const std::optional<std::string>& otherButton,
-                                                 uint32_t options, std::string* error) {
+Result<std::shared_ptr<SystemAlert>> SystemAlert::create(
+    const std::string& title, const std::string& message, const std::string& defaultButton,
+    const std::optional<std::string>& alternateButton,
+    const std::optional<std::string>& otherButton, uint32_t options) {
     AlertRequest r;
     r.title = title;
     r.message = message;
@@ -349,24 +340,23 @@ std::shared_ptr<SystemAlert> SystemAlert::create(const std::string& title,
     r.alternateButton = alternateButton;
     r.otherButton = otherButton;
     r.options = options;
-    return create(std::move(r), error);
+    return create(std::move(r));
 }
 
-std::shared_ptr<SystemAlert> SystemAlert::create(AlertRequest request, std::string* error) {
-    return create(std::move(request), alertPresenter(), error);
+Result<std::shared_ptr<SystemAlert>> SystemAlert::create(AlertRequest request) {
+    return create(std::move(request), alertPresenter());
 }
 
-std::shared_ptr<SystemAlert> SystemAlert::create(AlertRequest request,
-                                                 const std::shared_ptr<AlertPresenter>& presenter,
-                                                 std::string* error) {
-    auto fail = [&](std::string why) -> std::shared_ptr<SystemAlert> {
+Result<std::shared_ptr<SystemAlert>> SystemAlert::create(
+    AlertRequest request, const std::shared_ptr<AlertPresenter>& presenter) {
+    auto fail = [&](SystemAlertErrorCode code, const std::string& why) {
         log::error("SystemAlert: cannot show %@: %@", request.description(), why);
-        if (error) *error = std::move(why);
-        return nullptr;
+        return Error::make(kSystemAlertErrorDomain, code, why);
     };
     request = request.sanitized();
-    if (auto invalid = request.validationError()) return fail(*invalid);
-    if (!presenter) return fail("no alert presenter is installed");
+    if (auto invalid = request.validationError())
+        return fail(kSystemAlertErrorInvalidRequest, *invalid);
+    if (!presenter) return fail(kSystemAlertErrorNoPresenter, "no alert presenter is installed");
 
     auto state = std::make_shared<State>();
     state->id = gNextAlertID.fetch_add(1);
@@ -376,7 +366,7 @@ std::shared_ptr<SystemAlert> SystemAlert::create(AlertRequest request,
         // Whatever the presenter kept of the reply must not answer an alert
         // that was never shown as Cancelled later on: mark it answered now.
         state->finish(AlertResponse::Cancelled);
-        return fail("the alert presenter cannot show alerts now");
+        return fail(kSystemAlertErrorUnavailable, "the alert presenter cannot show alerts now");
     }
     log::debug("SystemAlert: showing alert %lu %@", state->id, request.description());
     auto alert = std::shared_ptr<SystemAlert>(new SystemAlert(request, state));

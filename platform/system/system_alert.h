@@ -29,9 +29,19 @@
 #include <utility>
 #include <vector>
 
+#include "platform/error.h"
+
 #include "platform/value.h"
 
 namespace sv {
+
+// Errors of alerts that cannot be shown.
+inline constexpr const char* kSystemAlertErrorDomain = "org.sorvel.SystemAlertErrorDomain";
+enum SystemAlertErrorCode : int64_t {
+    kSystemAlertErrorInvalidRequest = 1,  // not a valid request (missing or too long texts, ...)
+    kSystemAlertErrorNoPresenter = 2,     // no presenter is installed
+    kSystemAlertErrorUnavailable = 3,     // the presenter cannot show alerts now
+};
 
 // Which button answered an alert. Cancelled: dismissed without a button, timed
 // out, withdrawn, or its presenter went away.
@@ -89,9 +99,9 @@ struct AlertRequest {
     // or null), "otherButton" (text or null)}. Options and time-out stay with
     // the daemon.
     Value toValue() const;
-    // Nullopt (with the reason in `error`) for anything but such a dictionary
-    // with texts within the limits. Unknown keys are ignored.
-    static std::optional<AlertRequest> fromValue(const Value& value, std::string* error = nullptr);
+    // An error (kSystemAlertErrorInvalidRequest) for anything but such a
+    // dictionary with texts within the limits. Unknown keys are ignored.
+    static Result<AlertRequest> fromValue(const Value& value);
 
     std::string description() const;
     friend bool operator==(const AlertRequest&, const AlertRequest&) = default;
@@ -135,19 +145,17 @@ std::shared_ptr<AlertPresenter> alertPresenter();
 
 class SystemAlert {
   public:
-    // Presents the alert through the installed presenter. Null, with the
-    // reason in `error`, when the request is invalid, no presenter is
+    // Presents the alert through the installed presenter. An error
+    // (SystemAlertErrorCode) when the request is invalid, no presenter is
     // installed, or the presenter cannot show alerts now.
-    static std::shared_ptr<SystemAlert> create(const std::string& title, const std::string& message,
-                                               const std::string& defaultButton,
-                                               const std::optional<std::string>& alternateButton,
-                                               const std::optional<std::string>& otherButton,
-                                               uint32_t options, std::string* error = nullptr);
-    static std::shared_ptr<SystemAlert> create(AlertRequest request, std::string* error = nullptr);
+    static Result<std::shared_ptr<SystemAlert>> create(
+        const std::string& title, const std::string& message, const std::string& defaultButton,
+        const std::optional<std::string>& alternateButton,
+        const std::optional<std::string>& otherButton, uint32_t options);
+    static Result<std::shared_ptr<SystemAlert>> create(AlertRequest request);
     // Through `presenter` instead of the installed one.
-    static std::shared_ptr<SystemAlert> create(AlertRequest request,
-                                               const std::shared_ptr<AlertPresenter>& presenter,
-                                               std::string* error = nullptr);
+    static Result<std::shared_ptr<SystemAlert>> create(
+        AlertRequest request, const std::shared_ptr<AlertPresenter>& presenter);
 
     // Releasing an unanswered alert withdraws it.
     ~SystemAlert();

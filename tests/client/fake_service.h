@@ -48,10 +48,10 @@ class FakeService : public ipc::ListenerDelegate, public std::enable_shared_from
         s->exported_ = std::move(exported);
         s->remote_ = std::move(remote);
         s->script_ = std::move(script);
-        std::string error;
-        s->listener_ = ipc::Listener::named(name, &error);
-        EXPECT_TRUE(s->listener_) << error;
-        if (!s->listener_) return nullptr;
+        auto listener = ipc::Listener::named(name);
+        EXPECT_TRUE(listener) << listener.error().description();
+        if (!listener) return nullptr;
+        s->listener_ = std::move(*listener);
         s->listener_->setDelegate(s);
         s->listener_->resume();
         return s;

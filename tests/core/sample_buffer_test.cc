@@ -8,7 +8,7 @@ namespace sv {
 namespace {
 
 TEST(SampleBuffer, TimingCopySharesTheMedia) {
-    auto surface = SharedSurface::create(64, 32);
+    auto surface = SharedSurface::create(64, 32).value();
     auto frame =
         SampleBuffer::makeVideo(surface, MediaTime::make(15000, 1000), MediaTime::make(1, 60));
     ASSERT_TRUE(frame);

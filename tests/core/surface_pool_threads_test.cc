@@ -19,7 +19,7 @@ TEST(SurfacePoolThreads, ReleaseOnOtherThreadsReturnsToPool) {
     auto consumerB = DispatchQueue::serial("org.sorvel.test.consumerB");
     std::atomic<int> inFlight{0}, maxInFlight{0};
     for (int i = 0; i < 2000; ++i) {
-        auto surface = pool.acquire();
+        auto surface = pool.acquire().value();
         ASSERT_TRUE(surface);
         surface->mutableRow(0)[0] = static_cast<uint8_t>(i);
         auto frame = SampleBuffer::makeVideo(surface, MediaTime::make(i, 60));

@@ -10,9 +10,9 @@ namespace sv {
 namespace {
 
 TEST(SharedSurface, CreateSealAndImportReadOnly) {
-    std::string error;
-    auto s = SharedSurface::create(1601, 901, PixelFormat::BGRA, &error);
-    ASSERT_TRUE(s) << error;
+    auto created = SharedSurface::create(1601, 901, PixelFormat::BGRA);
+    ASSERT_TRUE(created) << created.error().description();
+    auto s = *created;
     EXPECT_EQ(s->bytesPerRow() % 64, 0u);
     EXPECT_GE(s->bytesPerRow(), 1601u * 4);
     s->mutableRow(900)[1600 * 4] = 0x5a;
@@ -21,8 +21,9 @@ TEST(SharedSurface, CreateSealAndImportReadOnly) {
     EXPECT_TRUE(seals & F_SEAL_SHRINK);
     EXPECT_NE(ftruncate(s->fd(), 16), 0);  // nobody can shrink it under a reader
 
-    auto imported = SharedSurface::importDescriptor(s->duplicateFd(), s->descriptor(), &error);
-    ASSERT_TRUE(imported) << error;
+    auto importedResult = SharedSurface::importDescriptor(s->duplicateFd(), s->descriptor());
+    ASSERT_TRUE(importedResult) << importedResult.error().description();
+    auto imported = *importedResult;
     EXPECT_TRUE(imported->isReadOnly());
     EXPECT_EQ(imported->mutableData(), nullptr);
     EXPECT_EQ(imported->row(900)[1600 * 4], 0x5a);  // same pages, not a copy
@@ -32,48 +33,53 @@ TEST(SharedSurface, CreateSealAndImportReadOnly) {
 }
 
 TEST(SharedSurface, ImportRefusesDescriptorsThatDoNotFit) {
-    auto s = SharedSurface::create(64, 64);
-    ASSERT_TRUE(s);
+    auto s = SharedSurface::create(64, 64).value();
     SurfaceDescriptor tooTall = s->descriptor();
     tooTall.height = 65;
-    std::string error;
-    EXPECT_FALSE(SharedSurface::importDescriptor(s->duplicateFd(), tooTall, &error));
-    EXPECT_NE(error.find("smaller"), std::string::npos);
+    auto refused = SharedSurface::importDescriptor(s->duplicateFd(), tooTall);
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().domain, kSurfaceErrorDomain);
+    EXPECT_EQ(refused.error().code, kSurfaceErrorBadDescriptor);
+    EXPECT_NE(refused.error().message().find("smaller"), std::string::npos);
 
     SurfaceDescriptor narrowRows = s->descriptor();
     narrowRows.bytesPerRow = 10;
-    EXPECT_FALSE(SharedSurface::importDescriptor(s->duplicateFd(), narrowRows, &error));
+    EXPECT_FALSE(SharedSurface::importDescriptor(s->duplicateFd(), narrowRows));
 
     // An unsealed memfd could be truncated under the reader.
     int raw = memfd_create("unsealed", MFD_CLOEXEC);
     ASSERT_GE(raw, 0);
     ASSERT_EQ(ftruncate(raw, 64 * 256), 0);
-    EXPECT_FALSE(SharedSurface::importDescriptor(raw, s->descriptor(), &error));
-    EXPECT_NE(error.find("sealed"), std::string::npos);
+    refused = SharedSurface::importDescriptor(raw, s->descriptor());
+    ASSERT_FALSE(refused);
+    EXPECT_NE(refused.error().message().find("sealed"), std::string::npos);
 
-    EXPECT_FALSE(SharedSurface::importDescriptor(-1, s->descriptor(), &error));
-    EXPECT_FALSE(SharedSurface::create(0, 10));
-    EXPECT_FALSE(SharedSurface::create(20000, 10));
+    EXPECT_FALSE(SharedSurface::importDescriptor(-1, s->descriptor()));
+    for (auto [width, height] : {std::pair{0, 10}, std::pair{20000, 10}}) {
+        auto tooBig = SharedSurface::create(width, height);
+        ASSERT_FALSE(tooBig) << width;
+        EXPECT_EQ(tooBig.error().code, kSurfaceErrorSizeOutOfRange) << width;
+    }
 }
 
 TEST(SurfacePool, ReusesSurfacesNobodyReferences) {
     SurfacePool pool(320, 240, PixelFormat::BGRA, 2);
     uint64_t firstID;
     {
-        auto a = pool.acquire();
-        auto b = pool.acquire();
+        auto a = pool.acquire().value();
+        auto b = pool.acquire().value();
         ASSERT_TRUE(a && b);
         firstID = a->surfaceID();
         EXPECT_EQ(pool.allocatedCount(), 2u);
     }
     EXPECT_EQ(pool.freeCount(), 2u);
-    auto c = pool.acquire();
-    auto d = pool.acquire();
+    auto c = pool.acquire().value();
+    auto d = pool.acquire().value();
     EXPECT_EQ(pool.allocatedCount(), 2u);
     EXPECT_TRUE(c->surfaceID() == firstID || d->surfaceID() == firstID);
     auto keep = c;  // still referenced: not handed out again
     c.reset();
-    auto e = pool.acquire();
+    auto e = pool.acquire().value();
     EXPECT_NE(e->surfaceID(), keep->surfaceID());
     EXPECT_EQ(pool.allocatedCount(), 3u);
 }
@@ -82,7 +88,7 @@ TEST(SurfacePool, SurfacesOutliveThePool) {
     std::shared_ptr<SharedSurface> held;
     {
         SurfacePool pool(16, 16);
-        held = pool.acquire();
+        held = pool.acquire().value();
     }
     ASSERT_TRUE(held);
     held->mutableRow(15)[0] = 1;  // still mapped; freed when `held` goes

@@ -137,7 +137,7 @@ class IpcTest : public ::testing::Test {
     }
 
     void listen(ListenerOptions options = {}) {
-        listener_ = Listener::named(service_, nullptr, std::move(options));
+        listener_ = Listener::named(service_, std::move(options)).valueOr(nullptr);
         ASSERT_TRUE(listener_);
         listener_->setDelegate(server_);
         listener_->resume();
@@ -175,7 +175,7 @@ TEST_F(IpcTest, RefusedConnectionDeliversNothing) {
 }
 
 TEST_F(IpcTest, NoConnectionBeforeResume) {
-    listener_ = Listener::named(service_);
+    listener_ = Listener::named(service_).valueOr(nullptr);
     ASSERT_TRUE(listener_);
     listener_->setDelegate(server_);
     pid_t child = peer({"client", service_, "hello"});
@@ -308,7 +308,7 @@ TEST_F(IpcTest, ServiceConnectionIsInterruptedAndUsedAgain) {
 }
 
 TEST_F(IpcTest, EndpointLetsAChildConnectBack) {
-    server_->anonymous = Listener::anonymous();
+    server_->anonymous = Listener::anonymous().valueOr(nullptr);
     ASSERT_TRUE(server_->anonymous);
     EXPECT_TRUE(server_->anonymous->path().empty());
     server_->anonymous->setDelegate(server_);
@@ -334,7 +334,7 @@ TEST_F(IpcTest, EndpointLetsAChildConnectBack) {
 TEST_F(IpcTest, SurfaceCrossesWithoutCopyingItsPixels) {
     pid_t child = peer({"serve", service_});
     ASSERT_TRUE(eventually([&] { return access(servicePath(service_).c_str(), F_OK) == 0; }));
-    auto surface = SharedSurface::create(1600, 900);
+    auto surface = SharedSurface::create(1600, 900).value();
     ASSERT_TRUE(surface);
     uint64_t sum = 0;
     for (int32_t y = 0; y < 900; ++y) {
@@ -585,7 +585,7 @@ TEST_F(IpcTest, ServiceRunningAsAnotherUserIsNotConnectedTo) {
 // meanwhile, and the connection is made once the listener reads.
 TEST_F(IpcTest, EndpointConnectWaitsForRoomWithoutBlockingOthers) {
     listen();
-    auto anonymous = Listener::anonymous();
+    auto anonymous = Listener::anonymous().valueOr(nullptr);
     ASSERT_TRUE(anonymous);
     anonymous->setDelegate(server_);
     // Not resumed: nothing reads the endpoint. Fill its queue.

@@ -132,7 +132,7 @@ int runClient(const std::string& service, const std::string& mode, int argc, cha
 }
 
 int runServer(const std::string& service) {
-    auto listener = Listener::named(service);
+    auto listener = Listener::named(service).valueOr(nullptr);
     if (!listener) return 7;
     struct Delegate : ListenerDelegate {
         bool listenerShouldAcceptNewConnection(Listener&,

@@ -22,9 +22,8 @@ DecodeResult decode(const EncodedMessage& m, const ReplySpecLookup& replies = nu
 
 TEST(WireTest, CallsCarryTheReplyIdentifierWhereTheHandlerIs) {
     const MethodSpec* echo = ipctest::testInterface()->method("echo:withReply:");
-    std::string error;
-    auto m = encodeCall(*echo, Arguments().add(Value{{"k", 1}}), 77, &error);
-    ASSERT_TRUE(m) << error;
+    auto m = encodeCall(*echo, Arguments().add(Value{{"k", 1}}), 77);
+    ASSERT_TRUE(m) << m.error().description();
     auto r = decode(*m);
     ASSERT_TRUE(r.message) << r.error;
     EXPECT_EQ(r.message->method, "echo:withReply:");
@@ -33,21 +32,19 @@ TEST(WireTest, CallsCarryTheReplyIdentifierWhereTheHandlerIs) {
     EXPECT_TRUE(r.message->arguments.at(1).is_null());  // the handler slot
 
     // The sender checks its own arguments too.
-    EXPECT_FALSE(encodeCall(*echo, Arguments(), 1, &error));
-    EXPECT_FALSE(
-        encodeCall(*ipctest::testInterface()->method("hello:"), Arguments().add("x"), 0, &error));
+    EXPECT_FALSE(encodeCall(*echo, Arguments(), 1));
+    EXPECT_FALSE(encodeCall(*ipctest::testInterface()->method("hello:"), Arguments().add("x"), 0));
 }
 
 TEST(WireTest, RepliesAreCheckedAgainstTheOutstandingCall) {
     std::vector<ArgSpec> signature{{ArgKind::Bytes}};
-    std::string error;
-    auto good = encodeReply(5, signature, Arguments().add(bytesValue(Bytes{1, 2})), &error);
-    ASSERT_TRUE(good) << error;
+    auto good = encodeReply(5, signature, Arguments().add(bytesValue(Bytes{1, 2})));
+    ASSERT_TRUE(good) << good.error().description();
     auto lookup = [&](uint64_t id) { return id == 5 ? &signature : nullptr; };
     EXPECT_TRUE(decode(*good, lookup).message);
     EXPECT_EQ(decode(*good, nullptr).error, "reply to no outstanding call");
     std::vector<ArgSpec> other{{ArgKind::String}};
-    auto wrong = encodeReply(5, other, Arguments().add("text"), &error);
+    auto wrong = encodeReply(5, other, Arguments().add("text"));
     ASSERT_TRUE(wrong);
     EXPECT_FALSE(decode(*wrong, lookup).message);
 }
@@ -58,9 +55,8 @@ TEST(WireTest, ObjectsAreCheckedAndRefusedDescriptorsClosed) {
     int rw = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
     auto token = FileToken::adopt(rw);
     const MethodSpec* read = ipctest::testInterface()->method("readFile:withReply:");
-    std::string error;
-    auto m = encodeCall(*read, Arguments().add(token), 1, &error);
-    ASSERT_TRUE(m) << error;
+    auto m = encodeCall(*read, Arguments().add(token), 1);
+    ASSERT_TRUE(m) << m.error().description();
     auto ok = decode(*m);
     ASSERT_TRUE(ok.message) << ok.error;
     EXPECT_TRUE(ok.message->arguments.fileTokenAt(0));
@@ -87,7 +83,7 @@ TEST(WireTest, ObjectsAreCheckedAndRefusedDescriptorsClosed) {
 
     ok.message.reset();
     token = FileToken();
-    m.reset();
+    m = EncodedMessage();
     bad.fds.clear();
     twice.fds.clear();
     // Earlier tests may still be closing sockets on the I/O thread: fewer is fine.
@@ -125,17 +121,17 @@ TEST(WireTest, IntegerKindsHoldOnlyTheirRange) {
     EXPECT_TRUE(Arguments().add(true).values()[0].is_boolean());
     EXPECT_EQ(Arguments().add(uint64_t(UINT64_MAX)).values()[0], Value(UINT64_MAX));
     // The sender refuses what does not fit.
-    std::string error;
-    auto wide =
-        encodeCall(widths.methods()[0],
-                   Arguments().add(int32_t(-1)).add(uint32_t(7)).add(int64_t(1) << 40), 0, &error);
-    ASSERT_TRUE(wide) << error;
+    auto wide = encodeCall(widths.methods()[0],
+                           Arguments().add(int32_t(-1)).add(uint32_t(7)).add(int64_t(1) << 40), 0);
+    ASSERT_TRUE(wide) << wide.error().description();
     auto back = decodeMessage(wide->bytes, {}, &widths, nullptr);
     ASSERT_TRUE(back.message) << back.error;
     EXPECT_EQ(back.message->arguments.integerAt<int64_t>(2), int64_t(1) << 40);
-    EXPECT_FALSE(encodeCall(widths.methods()[0], Arguments().add(int64_t(1) << 40).add(0).add(0), 0,
-                            &error));
-    EXPECT_EQ(error, "int32:uint32:int64:: argument 0 is not a int32");
+    auto narrowed =
+        encodeCall(widths.methods()[0], Arguments().add(int64_t(1) << 40).add(0).add(0), 0);
+    ASSERT_FALSE(narrowed);
+    EXPECT_EQ(narrowed.error(), Error::make(kIPCErrorDomain, kErrorMessageRejected,
+                                            "int32:uint32:int64:: argument 0 is not a int32"));
 }
 
 TEST(WireTest, EnvelopesThatLieAreRefused) {

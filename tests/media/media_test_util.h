@@ -39,7 +39,7 @@ inline MediaTime hostTime(double seconds) {
 
 // 16 cells (2 rows of 8 columns), black or white by the bits of `index`.
 inline std::shared_ptr<SampleBuffer> makeFrame(SurfacePool& pool, int index, MediaTime pts) {
-    auto s = pool.acquire();
+    auto s = pool.acquire().value();
     const int w = s->width(), h = s->height();
     for (int y = 0; y < h; ++y) {
         uint8_t* row = s->mutableRow(y);

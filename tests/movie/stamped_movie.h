@@ -80,14 +80,14 @@ inline void drawPicture(SharedSurface& s, uint64_t frame) {
 
 inline std::shared_ptr<SampleBuffer> scriptedVideo(const ScriptedFrame& f,
                                                    const StampedMovieOptions& o) {
-    auto s = SharedSurface::create(o.width, o.height);
+    auto s = SharedSurface::create(o.width, o.height).value();
     if (!o.stamps) {
         for (int32_t y = 0; y < o.height; ++y) {
             uint32_t* row = reinterpret_cast<uint32_t*>(s->mutableRow(y));
             std::fill(row, row + o.width, 0xFF3060A0u + uint32_t(f.stamp.frameIndex % 64));
         }
     } else if (o.drawnSize) {
-        auto big = SharedSurface::create(o.drawnSize->first, o.drawnSize->second);
+        auto big = SharedSurface::create(o.drawnSize->first, o.drawnSize->second).value();
         drawPicture(*big, f.stamp.frameIndex);
         drawFrameStamp(*big, f.stamp);
         libyuv::ARGBScale(big->data(), int(big->bytesPerRow()), big->width(), big->height(),

@@ -35,7 +35,7 @@ Luma lumaOf(const SharedSurface& s) {
 
 // A busy picture (gradient and speckles) under the stamp.
 std::shared_ptr<SharedSurface> busySurface(int32_t w, int32_t h, uint32_t seed = 1) {
-    auto s = SharedSurface::create(w, h);
+    auto s = SharedSurface::create(w, h).value();
     std::mt19937 rng(seed);
     for (int32_t y = 0; y < h; ++y) {
         uint8_t* row = s->mutableRow(y);
@@ -90,7 +90,7 @@ TEST(FrameStamp, SurvivesScalingAndNoise) {
     };
     for (Target t : {Target{1600, 1200}, Target{1600, 1198}, Target{320, 240}}) {
         for (auto filter : {libyuv::kFilterBilinear, libyuv::kFilterBox, libyuv::kFilterNone}) {
-            auto small = SharedSurface::create(t.w, t.h);
+            auto small = SharedSurface::create(t.w, t.h).value();
             libyuv::ARGBScale(big->data(), int(big->bytesPerRow()), big->width(), big->height(),
                               small->mutableData(), int(small->bytesPerRow()), t.w, t.h, filter);
             EXPECT_EQ(lumaOf(*small).read(), stamp) << t.w << "x" << t.h << " filter " << filter;
@@ -133,10 +133,10 @@ TEST(FrameStamp, RejectsWhatIsNotAStamp) {
     EXPECT_FALSE(flipCell(60, 0).read());
 
     // Too small, read-only or missing planes are refused without touching memory.
-    auto tiny = SharedSurface::create(63, 32);
+    auto tiny = SharedSurface::create(63, 32).value();
     EXPECT_FALSE(drawFrameStamp(*tiny, {1, 1}));
     EXPECT_EQ(frameStampHeight(64, 31), 0);
-    auto ro = SharedSurface::importDescriptor(s->duplicateFd(), s->descriptor());
+    auto ro = SharedSurface::importDescriptor(s->duplicateFd(), s->descriptor()).value();
     ASSERT_TRUE(ro);
     EXPECT_FALSE(drawFrameStamp(*ro, {1, 1}));
     EXPECT_FALSE(readFrameStamp(nullptr, 640, 480, 640));

@@ -179,7 +179,8 @@ TEST(SyntheticScreen, DrawingIsDeterministicAndFramesDiffer) {
     display.addLayer({7, 1, "a", 0, 0, 0, 1600, 900});
     display.addLayer({9, 2, "b", 0, 800, 450, 700, 400});
     SyntheticScene scene = display.scene(kCloneMirroringModeMirror, {});
-    auto one = SharedSurface::create(800, 450), two = SharedSurface::create(800, 450);
+    auto one = SharedSurface::create(800, 450).value(),
+         two = SharedSurface::create(800, 450).value();
     ASSERT_TRUE(drawSyntheticFrame(*one, scene, {5, 1'000'000}));
     ASSERT_TRUE(drawSyntheticFrame(*two, scene, {5, 1'000'000}));
     EXPECT_EQ(std::memcmp(one->data(), two->data(), one->byteSize()), 0);
@@ -459,7 +460,7 @@ TEST(SyntheticDisplay, LayersObserversAndLimits) {
     EXPECT_EQ(calls.load(), 4);
     EXPECT_EQ(seen, (std::vector<size_t>{1, 2, 2, 1}));
     // A layer far beyond the display is clipped, not drawn out of bounds.
-    auto s = SharedSurface::create(64, 64);
+    auto s = SharedSurface::create(64, 64).value();
     EXPECT_TRUE(drawSyntheticFrame(*s, display.scene(kCloneMirroringModeMirror, {}), {}));
 
     display.removeLayersObserver(counting);

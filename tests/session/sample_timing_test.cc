@@ -37,7 +37,7 @@ TEST(SampleTiming, PausedGapsAddUpAndTheRawTimeStartsTheAudio) {
 
     // The re-timed frame goes on, and its raw time is the capture start.
     auto captureManager = SVCaptureManager::make(std::make_shared<SyntheticAudioBackend>());
-    auto frame = SampleBuffer::makeVideo(SharedSurface::create(16, 16), at(30.016));
+    auto frame = SampleBuffer::makeVideo(SharedSurface::create(16, 16).value(), at(30.016));
     MediaTime handedOn;
     _updateSampleBufferWithOffset(frame, t.sampleTimeOffset, captureManager.get(),
                                   [&](const auto& s) { handedOn = s->presentationTime(); });
@@ -51,7 +51,7 @@ TEST(SampleTiming, PausedGapsAddUpAndTheRawTimeStartsTheAudio) {
 }
 
 TEST(SampleTiming, RetimedCopySharesTheImageAndReplacesEveryEntry) {
-    auto surface = SharedSurface::create(16, 16);
+    auto surface = SharedSurface::create(16, 16).value();
     auto source = SampleBuffer::makeVideo(surface, {{MediaTime::make(1, 60), at(5.0), at(4.9)},
                                                     {MediaTime::make(1, 30), at(5.1), at(5.0)}});
     auto copy = _copySampleBufferFromSourceBuffer(source, at(1.0));

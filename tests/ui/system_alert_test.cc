@@ -43,9 +43,9 @@ TEST(SystemAlertTest, AnswersReachTheWaiterAndThePresenterSeesEveryAlertInOrder)
 
     std::vector<AlertResponse> answers;
     for (int i = 0; i < 4; ++i) {
-        std::string error;
-        auto alert = SystemAlert::create(consentRequest(i % 2 == 0), &error);
-        ASSERT_TRUE(alert) << error;
+        auto created = SystemAlert::create(consentRequest(i % 2 == 0));
+        ASSERT_TRUE(created) << created.error().description();
+        auto alert = *created;
         answers.push_back(alert->waitForResponse());
         EXPECT_EQ(alert->waitForResponse(), answers.back());  // the same answer every time
     }
@@ -68,7 +68,8 @@ TEST(SystemAlertTest, AnswersReachTheWaiterAndThePresenterSeesEveryAlertInOrder)
     // The convenience form with option flags builds the same request.
     p.enqueueResponse(AlertResponse::Other);
     auto alert =
-        SystemAlert::create("T", "M", "No", std::nullopt, std::string("Yes"), kAlertLevelWarning);
+        SystemAlert::create("T", "M", "No", std::nullopt, std::string("Yes"), kAlertLevelWarning)
+            .valueOr(nullptr);
     ASSERT_TRUE(alert);
     EXPECT_EQ(alert->waitForResponse(), AlertResponse::Other);
     EXPECT_EQ(p.shownAlerts().back().options, kAlertLevelWarning);
@@ -76,14 +77,17 @@ TEST(SystemAlertTest, AnswersReachTheWaiterAndThePresenterSeesEveryAlertInOrder)
 
 TEST(SystemAlertTest, CreationFailsWithoutAPresenterForUnshowableAlertsAndForBadRequests) {
     setAlertPresenter(nullptr);
-    std::string error;
-    EXPECT_FALSE(SystemAlert::create(consentRequest(true), &error));
-    EXPECT_EQ(error, "no alert presenter is installed");
+    auto refused = SystemAlert::create(consentRequest(true));
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error(), Error::make(kSystemAlertErrorDomain, kSystemAlertErrorNoPresenter,
+                                           "no alert presenter is installed"));
 
     InstalledPresenter installed;
     installed.presenter->setAvailable(false);  // as with no consent agent registered
-    EXPECT_FALSE(SystemAlert::create(consentRequest(true), &error));
-    EXPECT_EQ(error, "the alert presenter cannot show alerts now");
+    refused = SystemAlert::create(consentRequest(true));
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error(), Error::make(kSystemAlertErrorDomain, kSystemAlertErrorUnavailable,
+                                           "the alert presenter cannot show alerts now"));
     installed.presenter->setAvailable(true);
 
     auto noDefault = consentRequest(false);
@@ -95,9 +99,10 @@ TEST(SystemAlertTest, CreationFailsWithoutAPresenterForUnshowableAlertsAndForBad
     auto longButton = consentRequest(true);
     longButton.alternateButton = std::string(kAlertMaxButtonBytes + 1, 'x');
     for (const auto& bad : {noDefault, unknownOption, longTitle, longButton}) {
-        error.clear();
-        EXPECT_FALSE(SystemAlert::create(bad, &error));
-        EXPECT_FALSE(error.empty());
+        refused = SystemAlert::create(bad);
+        ASSERT_FALSE(refused);
+        EXPECT_EQ(refused.error().code, kSystemAlertErrorInvalidRequest);
+        EXPECT_FALSE(refused.error().message().empty());
     }
     // None reached the user: unavailable presenters refuse before showing,
     // invalid requests never get to the presenter.
@@ -107,7 +112,7 @@ TEST(SystemAlertTest, CreationFailsWithoutAPresenterForUnshowableAlertsAndForBad
 TEST(SystemAlertTest, AWaitEndsCancelledWhenThePresenterGoesAwayOrDropsTheAlert) {
     {
         auto presenter = std::make_shared<ScriptedAlertPresenter>();  // never answers by itself
-        auto alert = SystemAlert::create(consentRequest(true), presenter);
+        auto alert = SystemAlert::create(consentRequest(true), presenter).valueOr(nullptr);
         ASSERT_TRUE(alert);
         auto waiter = std::async(std::launch::async, [&] { return alert->waitForResponse(); });
         ASSERT_TRUE(presenter->waitForPending(1, kGenerous));
@@ -121,7 +126,8 @@ TEST(SystemAlertTest, AWaitEndsCancelledWhenThePresenterGoesAwayOrDropsTheAlert)
         struct Forgetful : AlertPresenter {
             bool presentAlert(uint64_t, const AlertRequest&, AlertReply) override { return true; }
         };
-        auto alert = SystemAlert::create(consentRequest(false), std::make_shared<Forgetful>());
+        auto alert = SystemAlert::create(consentRequest(false), std::make_shared<Forgetful>())
+                         .valueOr(nullptr);
         ASSERT_TRUE(alert);
         EXPECT_EQ(alert->waitForResponseFor(kGenerous), AlertResponse::Cancelled);
     }
@@ -132,7 +138,7 @@ TEST(SystemAlertTest, TheFirstAnswerFromAnyThreadCountsAndUnwantedAlertsAreWithd
 
     // Answered from another thread while the caller waits; later answers are
     // ignored.
-    auto answered = SystemAlert::create(consentRequest(true), presenter);
+    auto answered = SystemAlert::create(consentRequest(true), presenter).valueOr(nullptr);
     ASSERT_TRUE(answered);
     EXPECT_EQ(answered->waitForResponseFor(10ms), std::nullopt);
     std::thread user([&] {
@@ -147,11 +153,11 @@ TEST(SystemAlertTest, TheFirstAnswerFromAnyThreadCountsAndUnwantedAlertsAreWithd
 
     // Cancelled by the caller, released unanswered, timed out: each one
     // answers Cancelled and is taken off the presenter.
-    auto cancelled = SystemAlert::create(consentRequest(true), presenter);
-    auto released = SystemAlert::create(consentRequest(true), presenter);
+    auto cancelled = SystemAlert::create(consentRequest(true), presenter).valueOr(nullptr);
+    auto released = SystemAlert::create(consentRequest(true), presenter).valueOr(nullptr);
     auto timedRequest = consentRequest(true);
     timedRequest.timeout = 30ms;
-    auto timed = SystemAlert::create(timedRequest, presenter);
+    auto timed = SystemAlert::create(timedRequest, presenter).valueOr(nullptr);
     ASSERT_TRUE(cancelled && released && timed);
     EXPECT_EQ(presenter->pendingCount(), 3u);
     uint64_t releasedID = released->identifier();
@@ -179,7 +185,7 @@ TEST(SystemAlertTest, ManyCallersBlockedAtOnceAllGetTheirOwnAnswer) {
         callers.push_back(std::async(std::launch::async, [&, i] {
             AlertRequest r = consentRequest(false);
             r.title = "app " + std::to_string(i);
-            auto alert = SystemAlert::create(r, presenter);
+            auto alert = SystemAlert::create(r, presenter).valueOr(nullptr);
             return std::make_pair(r.title,
                                   alert ? alert->waitForResponse() : AlertResponse::Cancelled);
         }));
@@ -214,7 +220,7 @@ TEST(SystemAlertTest, TextsAreMadeSafeForATerminalBeforeTheyAreShown) {
     r.message = "First line\r\nSecond\tline\rThird \xC3\xA9\xC0\xAF";
     r.defaultButton = "OK\n";
     r.otherButton = "";  // empty: no such button
-    auto alert = SystemAlert::create(r, presenter);
+    auto alert = SystemAlert::create(r, presenter).valueOr(nullptr);
     ASSERT_TRUE(alert);
     const auto shown = presenter->shownAlerts().at(0);
     const std::string bad = "\xEF\xBF\xBD";
@@ -234,23 +240,24 @@ TEST(SystemAlertTest, WireFormRoundTripsAndRejectsMalformedAlerts) {
         "message": "Screen recordings may contain private information.",
         "defaultButton": "Don't Allow", "alternateButton": "Record Screen and Microphone",
         "otherButton": "Record Screen Only"})"));
-    EXPECT_EQ(AlertRequest::fromValue(v), r);
+    EXPECT_EQ(AlertRequest::fromValue(v).valueOr({}), r);
     v["extra"] = 1;  // unknown keys are ignored
-    EXPECT_EQ(AlertRequest::fromValue(v), r);
+    EXPECT_EQ(AlertRequest::fromValue(v).valueOr({}), r);
 
-    std::string error;
     for (const char* bad : {R"([1, 2])", R"({"message": "m", "defaultButton": "d"})",
                             R"({"title": "t", "message": "m", "defaultButton": 3})",
                             R"({"title": "t", "message": "m", "defaultButton": "d",
                                 "otherButton": ["x"]})",
                             R"({"title": "t", "message": "m", "defaultButton": ""})"}) {
-        error.clear();
-        EXPECT_FALSE(AlertRequest::fromValue(Value::parse(bad), &error)) << bad;
-        EXPECT_FALSE(error.empty()) << bad;
+        auto refused = AlertRequest::fromValue(Value::parse(bad));
+        ASSERT_FALSE(refused) << bad;
+        EXPECT_EQ(refused.error().domain, kSystemAlertErrorDomain) << bad;
+        EXPECT_EQ(refused.error().code, kSystemAlertErrorInvalidRequest) << bad;
+        EXPECT_FALSE(refused.error().message().empty()) << bad;
     }
     auto huge = consentRequest(false).toValue();
     huge[kAlertMessageKey] = std::string(kAlertMaxMessageBytes + 1, 'm');
-    EXPECT_FALSE(AlertRequest::fromValue(huge, &error));
+    EXPECT_FALSE(AlertRequest::fromValue(huge));
 
     for (auto response : {AlertResponse::Default, AlertResponse::Alternate, AlertResponse::Other,
                           AlertResponse::Cancelled})
