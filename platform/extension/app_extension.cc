@@ -263,9 +263,11 @@ struct AppExtension::Impl : ipc::ListenerDelegate, std::enable_shared_from_this<
         if (executable.empty() || ::access(executable.c_str(), X_OK) != 0)
             return extensionError(kExtensionErrorCannotStart,
                                   "no executable for extension " + identifier);
-        std::string why;
-        auto listener = ipc::Listener::anonymous(&why);
-        if (!listener) return extensionError(kExtensionErrorCannotStart, "no listener: " + why);
+        auto made = ipc::Listener::anonymous();
+        if (!made)
+            return extensionError(kExtensionErrorCannotStart,
+                                  "no listener: " + made.error().description());
+        std::shared_ptr<ipc::Listener> listener = *made;
         listener->setDelegate(std::weak_ptr<ipc::ListenerDelegate>(shared_from_this()));
         listener->resume();
         // Above the standard descriptors and the target, so the child's dup2
