@@ -63,6 +63,12 @@ bool SVConsentAgentRegistry::hasAgent() const {
     return agent && !agent->isInvalidated();
 }
 
+pid_t SVConsentAgentRegistry::agentProcessIdentifier() const {
+    std::lock_guard lock(mutex_);
+    auto agent = agent_.lock();
+    return agent ? agent->processIdentifier() : 0;
+}
+
 std::vector<std::string> SVConsentAgentRegistry::preferredLanguages() const {
     std::lock_guard lock(mutex_);
     return agent_.expired() ? std::vector<std::string>{} : languages_;

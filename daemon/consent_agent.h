@@ -60,6 +60,8 @@ class SVConsentAgentRegistry : public AlertPresenter,
     void connectionEnded(const ipc::Connection* connection);
 
     bool hasAgent() const;
+    // The process of the registered agent (0 without one).
+    pid_t agentProcessIdentifier() const;
     // The current agent's preferred languages, most preferred first (empty
     // without an agent).
     std::vector<std::string> preferredLanguages() const;

@@ -11,11 +11,13 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "daemon/consent_agent.h"
 #include "daemon/daemon_platform.h"
 #include "daemon/recording_manager.h"
 #include "daemon/shell_service.h"
+#include "daemon/trust.h"
 #include "platform/audio/audio_backend.h"
 #include "platform/dispatch.h"
 #include "platform/ipc/ipc.h"
@@ -59,6 +61,14 @@ void usage(FILE* out) {
         "                        before the recording is refused (default: 0)\n"
         "  --test-clock          let the shell channel move the clock of consent\n"
         "                        exemptions forward (advanceClockBy:); for tests only\n"
+        "  --trusted-agent PATH  also trust this executable as consent agent and for system\n"
+        "                        recordings without asking (repeatable; besides the sorvel\n"
+        "                        built or installed beside sorveld and the entries of\n"
+        "                        /etc/sorvel/trusted-agents)\n"
+        "  --trusted-bundle-dir DIR\n"
+        "                        take the manifests of bundles below DIR at their word even\n"
+        "                        when others may write DIR or a directory above it\n"
+        "                        (repeatable; build trees, tests)\n"
         "  -h, --help            show this help\n\n"
         "Services: org.sorvel.sorveld (applications), org.sorvel.sorveld.shell (the\n"
         "operating system's side; see `sorvel shell --help`), sockets in the runtime\n"
@@ -83,6 +93,7 @@ struct Options {
     long idleExitSeconds = 60;
     long agentWaitSeconds = 0;
     bool testClock = false;
+    std::vector<std::string> trustedAgents, trustedBundleDirectories;
 };
 
 // 0: go on; otherwise the exit status.
@@ -116,6 +127,10 @@ int parse(int argc, char** argv, Options& o) {
                 std::fprintf(stderr, "sorveld: unknown screen backend '%s'\n", v);
                 return 2;
             }
+        } else if (a == "--trusted-agent" && (v = value())) {
+            o.trustedAgents.push_back(v);
+        } else if (a == "--trusted-bundle-dir" && (v = value())) {
+            o.trustedBundleDirectories.push_back(v);
         } else if (a == "--test-clock") {
             o.testClock = true;
         } else if ((a == "--idle-exit" || a == "--agent-wait") && (v = value())) {
@@ -210,6 +225,9 @@ int main(int argc, char** argv) {
     sv::SVRecordingManager::Options managerOptions;
     managerOptions.consentAgents = agents;
     managerOptions.adjustableClock = options.testClock;
+    managerOptions.trust = sv::SVTrustedExecutables::create(
+        {.executables = options.trustedAgents,
+         .trustedBundleDirectories = options.trustedBundleDirectories});
     if (options.testClock)
         sv::log::info("sorveld: the clock may be moved through the shell channel");
     sv::startRecordingManager(managerOptions);

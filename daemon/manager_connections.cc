@@ -21,13 +21,10 @@ constexpr size_t kMaxContextIDs = 1024;
 // Longest bundle identifier taken from a request.
 constexpr size_t kMaxBundleIDBytes = 255;
 
-// A request whose values do not make sense: the error its handler gets.
-Error malformedRequestError(const std::string& why) {
-    Error e = ipc::makeError(ipc::kErrorMessageRejected);
-    e.userInfo[kLocalizedDescriptionKey] = "The request was not carried out: " + why + ".";
-    return e;
-}
-
+// A request whose values do not make sense is dropped like a message that
+// does not fit the interface: logged, never answered. Errors of the IPC layer
+// are never sent on the wire, and a recording error would claim the request
+// was considered.
 void logMalformed(const ipc::Invocation& inv, const std::string& why) {
     static log::RateLimit limit;
     log::error(limit, "SVRecordingManager: malformed %@ from pid %i dropped: %@", inv.method(),
@@ -97,15 +94,36 @@ std::shared_ptr<Bundle> SVRecordingManager::bundleWithPID(pid_t pid) {
     return Bundle::bundleWithPath(bundleURL->path);
 }
 
+std::pair<std::string, bool> SVRecordingManager::identityOfProcess(pid_t pid, int pidfd) const {
+    const auto& trust = options_.trust;
+    if (!trust) {
+        auto bundle = bundleWithPID(pid);
+        return {bundle ? bundle->bundleIdentifier().value_or("") : "", false};
+    }
+    auto identity = SVProcessIdentity::ofProcess(pid, pidfd);
+    if (!identity) {
+        static log::RateLimit limit;
+        log::error(limit,
+                   "SVRecordingManager: the executable of pid %i cannot be read; taken as no "
+                   "application",
+                   int32_t(pid));
+        return {"", false};
+    }
+    return {trust->bundleIdentityForExecutable(identity->executable), trust->isTrusted(*identity)};
+}
+
 bool SVRecordingManager::listenerShouldAcceptNewConnection(
     ipc::Listener&, const std::shared_ptr<ipc::Connection>& connection) {
     log::info("SVRecordingManager: shouldAcceptNewConnection:");
     const pid_t pid = connection->processIdentifier();
     if (pid == 0) return false;
     // The file system is read here, on the listener's queue, not on the
-    // manager's.
-    auto bundle = bundleWithPID(pid);
-    std::string bundleID = bundle ? bundle->bundleIdentifier().value_or("") : "";
+    // manager's. The identity is the process that connected, read through
+    // its process descriptor, never a later holder of its number.
+    UniqueFd pidfd = connection->peerProcessDescriptor();
+    auto identity = identityOfProcess(pid, pidfd.get());
+    std::string bundleID = std::move(identity.first);
+    const bool trusted = identity.second;
     if (bundleID.size() > kMaxBundleIDBytes) {
         log::error("SVRecordingManager: pid %i has a bundle identifier of %lu bytes; taken as none",
                    int32_t(pid), bundleID.size());
@@ -118,6 +136,7 @@ bool SVRecordingManager::listenerShouldAcceptNewConnection(
         client->connection = connection;
         client->pid = pid;
         client->bundleID = bundleID;
+        client->trusted = trusted;
         accepted = true;
 
         connection->setExportedObject(makeExportedObject(client));
@@ -206,14 +225,7 @@ std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
         std::string why;
         auto ids = contextIDsOf(inv.at(0), &why);
         auto size = ids ? windowSizeOf(inv.at(1), &why) : std::nullopt;
-        if (!ids || !size) {
-            logMalformed(inv, why);
-            reply(ipc::Arguments()
-                      .add(malformedRequestError(why).toValue())
-                      .add(Value(false))
-                      .add(Value(false)));
-            return;
-        }
+        if (!ids || !size) return logMalformed(inv, why);
         const bool mic = inv.at(2).get<bool>(), camera = inv.at(3).get<bool>(),
                    broadcast = inv.at(4).get<bool>(), system = inv.at(5).get<bool>();
         StartHandler handler = [reply](OptionalError error, bool m, bool c) {
@@ -228,12 +240,8 @@ std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
         ipc::ReplyHandler reply = inv.handler();
         auto host = bundleIDOf(inv.at(0));
         auto extension = bundleIDOf(inv.at(1));
-        if (!host || !extension) {
-            logMalformed(inv, "bundle identifiers of at most 255 bytes");
-            reply(ipc::Arguments().add(
-                malformedRequestError("bundle identifiers have at most 255 bytes").toValue()));
-            return;
-        }
+        if (!host || !extension)
+            return logMalformed(inv, "bundle identifiers of at most 255 bytes");
         SetupHandler handler = [reply](OptionalError error) {
             reply(ipc::Arguments().add(errorValue(error)));
         };
@@ -258,13 +266,8 @@ std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
     });
     table->on(method::kStopRecordingWithClip, [run, client, stopHandler](ipc::Invocation& inv) {
         auto start = inv.at(0).get<double>(), end = inv.at(1).get<double>();
-        if (!std::isfinite(start) || !std::isfinite(end)) {
-            logMalformed(inv, "clip durations are finite numbers");
-            if (auto h = stopHandler(inv.handler()))
-                h(std::nullopt,
-                  malformedRequestError("clip durations are finite numbers of seconds"));
-            return;
-        }
+        if (!std::isfinite(start) || !std::isfinite(end))
+            return logMalformed(inv, "clip durations are finite numbers");
         StopHandler handler = stopHandler(inv.handler());
         run([=](SVRecordingManager& m) {
             m.stopRecordingWithStartClipDuration(client, start, end, handler);

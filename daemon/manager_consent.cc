@@ -55,30 +55,53 @@ class AlertTexts {
 
 void SVRecordingManager::showAcknowledgementAlert(
     const std::shared_ptr<SVClientConnection>& client,
-    const std::shared_ptr<SVRecordingSession>& session,
-    std::function<void(bool allowed)> completion) {
+    const std::shared_ptr<SVRecordingSession>& session, bool systemRecording,
+    std::function<void(ConsentAnswer answer)> completion) {
     log::info("SVRecordingManager:showAcknowledgementAlert");
-    if (isExemptFromAcknowledgementAlert(session)) {
-        completion(true);
+    const bool microphone = isMicrophoneRecording(), camera = isCameraRecording();
+    if (!systemRecording && isExemptFromAcknowledgementAlert(session)) {
+        completion({true, microphone, camera});
         return;
     }
     const std::string bundleID = session->bundleID();
+    if (auto it = lastDeclineDateByBundleIdentifier_.find(bundleID);
+        it != lastDeclineDateByBundleIdentifier_.end()) {
+        const double since = std::chrono::duration<double>(now() - it->second).count();
+        if (since < kReaskAfterDeclineSeconds) {
+            static log::RateLimit limit;
+            log::error(limit,
+                       "SVRecordingManager: %@ asked again %f s after the user declined; refused "
+                       "without asking",
+                       bundleID, since);
+            completion({});
+            return;
+        }
+        lastDeclineDateByBundleIdentifier_.erase(it);
+    }
+    // The consent agent answers for the user, never for itself.
+    if (options_.consentAgents && options_.consentAgents->agentProcessIdentifier() == client->pid) {
+        log::error(
+            "SVRecordingManager: %@ (pid %i) is the consent agent; it cannot answer for "
+            "its own recording",
+            bundleID, int32_t(client->pid));
+        completion({});
+        return;
+    }
     AlertTexts texts(options_.consentAgents ? options_.consentAgents->preferredLanguages()
                                             : std::vector<std::string>{},
                      bundleID);
     const std::string title =
         log::format(texts.string("ACKNOWLEDGEMENT_ALERT_TITLE"), texts.appName());
     std::string message = texts.string("ACKNOWLEDGEMENT_ALERT_BODY");
-    if (isCameraRecording())
+    if (camera)
         message += " " + texts.string("ACKNOWLEDGEMENT_ALERT_BODY_CAMERA");
-    else if (isMicrophoneRecording())
+    else if (microphone)
         message += " " + texts.string("ACKNOWLEDGEMENT_ALERT_BODY_MIC");
     const std::string decline = texts.string("ACKNOWLEDGEMENT_ALERT_DECLINE_BUTTON");
     std::optional<std::string> alternate, other;
-    if (isMicrophoneRecording() || isCameraRecording()) {
-        alternate =
-            texts.string(isCameraRecording() ? "ACKNOWLEDGEMENT_ALERT_ACCEPT_BUTTON_1_CAMERA"
-                                             : "ACKNOWLEDGEMENT_ALERT_ACCEPT_BUTTON_1");
+    if (microphone || camera) {
+        alternate = texts.string(camera ? "ACKNOWLEDGEMENT_ALERT_ACCEPT_BUTTON_1_CAMERA"
+                                        : "ACKNOWLEDGEMENT_ALERT_ACCEPT_BUTTON_1");
         other = texts.string("ACKNOWLEDGEMENT_ALERT_ACCEPT_BUTTON_2");
     } else {
         other = texts.string("ACKNOWLEDGEMENT_ALERT_ACCEPT_BUTTON_1_MICROPHONE_DISABLED");
@@ -88,44 +111,51 @@ void SVRecordingManager::showAcknowledgementAlert(
         SystemAlert::create(title, message, decline, alternate, other, kAlertLevelDefault, &why);
     if (!alert) {
         log::error("error showing acknowledgement alert");
-        completion(false);
+        completion({});
         return;
     }
     // The alert lives with the request until answered; the client's later
     // requests wait behind it. A client that goes away cancels it.
     client->pendingAlert = alert;
     std::weak_ptr<SVRecordingManager> weak = weak_from_this();
-    alert->notifyOnResponse([weak, client, session, alert = alert.get(),
+    alert->notifyOnResponse([weak, client, session, alert = alert.get(), microphone, camera,
+                             systemRecording,
                              completion = std::move(completion)](AlertResponse response) {
         auto self = weak.lock();
         if (!self) return;
-        self->queue_->async([self, client, session, alert, response, completion] {
+        self->queue_->async([self, client, session, alert, response, microphone, camera,
+                             systemRecording, completion] {
             if (client->pendingAlert.get() == alert) client->pendingAlert.reset();
-            bool allowed = false;
+            ConsentAnswer answer{false, microphone, camera};
             switch (response) {
                 case AlertResponse::Alternate:
                     log::info("user acknowledged recording");
-                    self->updateExemptionList(session);
-                    allowed = true;
+                    answer.allowed = true;
                     break;
                 case AlertResponse::Other:
-                    if (self->isCameraRecording()) {
+                    if (camera) {
                         log::info("user acknowledged recording, but camera recording is disabled");
-                        self->setCameraRecording(false);
+                        answer.camera = false;
                     } else {
                         log::info(
                             "user acknowledged recording, but microphone recording is disabled");
                     }
-                    self->setMicrophoneRecording(false);
-                    self->updateExemptionList(session);
-                    allowed = true;
+                    answer.microphone = false;
+                    answer.allowed = true;
                     break;
                 case AlertResponse::Default:
                 case AlertResponse::Cancelled:
                     log::info("user refused recording");
+                    // Only the user's own decline holds the next question
+                    // back; a question withdrawn or left by a vanished agent
+                    // does not.
+                    if (response == AlertResponse::Default)
+                        self->lastDeclineDateByBundleIdentifier_[session->bundleID()] = self->now();
                     break;
             }
-            completion(allowed);
+            if (answer.allowed && !systemRecording)
+                self->updateExemptionList(session, answer.microphone);
+            completion(answer);
         });
     });
 }
@@ -135,9 +165,10 @@ bool SVRecordingManager::isExemptFromAcknowledgementAlert(
     return exemptBundleIdentifiers().count(session->bundleID()) > 0;
 }
 
-void SVRecordingManager::updateExemptionList(const std::shared_ptr<SVRecordingSession>& session) {
+void SVRecordingManager::updateExemptionList(const std::shared_ptr<SVRecordingSession>& session,
+                                             bool microphone) {
     const std::string bundleID = session->bundleID();
-    if (isMicrophoneRecording()) exemptWithMicRecordingEnabledBundleIdentifiers_.insert(bundleID);
+    if (microphone) exemptWithMicRecordingEnabledBundleIdentifiers_.insert(bundleID);
     exemptBundleIdentifiers_.insert(bundleID);
 }
 

@@ -33,11 +33,12 @@ void SVRecordingManager::clientDidBecomeActiveWithBundleID(
     auto session = recordingSessionForBundleID(bundleID);
     setCurrentRecordingSession(session);
     expireAcknowledgementExemptionsForBundleID(bundleID);
-    // The report of an interruption by another application's start waits for
-    // the application to come back. That start finished and reset this
-    // session, so the report is owed while the session does not record; a
-    // recording started since has cleared the movie.
-    if (auto movie = session->interruptedMovieURL(); movie && !session->isRecording()) {
+    // An application whose recording another application's start ended got
+    // that movie at once; once it records again, coming back to the
+    // foreground tells it, once, that the earlier movie was cut short by
+    // another application. A session that does not record keeps the movie
+    // for that moment.
+    if (auto movie = session->interruptedMovieURL(); movie && session->isRecording()) {
         log::info("current session was interrupted - notify client app of error");
         recordingSessionStoppedWithError(
             _svUserErrorForCode(kSVRecordingErrorInterruptedByOtherApp), movie, session);
@@ -100,7 +101,7 @@ void SVRecordingManager::layoutMonitorDidUpdateDisplayLayout(const DisplayLayout
     const uint64_t generation = generationOf(session);
     beginFinishing(session);
     std::weak_ptr<SVRecordingManager> weak = weak_from_this();
-    session->finishSessionWithHandler(
+    const bool taken = session->finishSessionWithHandler(
         [weak, session, generation](std::optional<URL> movieURL, OptionalError) {
             auto self = weak.lock();
             if (!self) return;
@@ -113,6 +114,9 @@ void SVRecordingManager::layoutMonitorDidUpdateDisplayLayout(const DisplayLayout
                 self->endFinishing(session);
             });
         });
+    // Stopped itself on a capture failure an instant ago: its own report
+    // tells the application.
+    if (!taken) endFinishing(session);
 }
 
 bool SVRecordingManager::isApplicationInForegroundWithBundleIdentifier(

@@ -73,16 +73,20 @@ void SVRecordingManager::startRecordingWindowLayerContextIDs(
     }
     setMicrophoneRecording(microphoneEnabled);
     setCameraRecording(cameraEnabled);
-    if (broadcast || systemRecording) {
+    // A system recording goes without asking only for a trusted executable
+    // (the operating system's own side); anyone else's is asked about like
+    // any recording, and every time.
+    const bool askForSystem = systemRecording && !client->trusted;
+    if (broadcast || (systemRecording && !askForSystem)) {
         continueStart(client, session, std::move(contextIDs), windowSize, broadcast,
                       systemRecording, std::move(handler));
         return;
     }
     std::weak_ptr<SVRecordingManager> weak = weak_from_this();
     showAcknowledgementAlert(
-        client, session,
+        client, session, askForSystem,
         [weak, client, session, contextIDs = std::move(contextIDs), windowSize, broadcast,
-         systemRecording, handler = std::move(handler)](bool allowed) mutable {
+         systemRecording, handler = std::move(handler)](ConsentAnswer answer) mutable {
             auto self = weak.lock();
             if (!self) return;
             if (client->ended) {
@@ -93,11 +97,15 @@ void SVRecordingManager::startRecordingWindowLayerContextIDs(
                     "while the user was asked");
                 return;
             }
-            if (!allowed) {
+            if (!answer.allowed) {
                 log::info("user declined");
                 if (handler)
                     handler(_svUserErrorForCode(kSVRecordingErrorUserDeclined), false, false);
             } else {
+                // This request's sources as the user allowed them, whatever
+                // other starts set meanwhile.
+                self->setMicrophoneRecording(answer.microphone);
+                self->setCameraRecording(answer.camera);
                 self->continueStart(client, session, std::move(contextIDs), windowSize, broadcast,
                                     systemRecording, std::move(handler));
             }
@@ -142,9 +150,6 @@ void SVRecordingManager::continueStart(const std::shared_ptr<SVClientConnection>
     }
 
     session->setRecording(true);
-    // The movie of an earlier interruption was reported then; a new
-    // recording makes it old news.
-    session->setInterruptedMovieURL(std::nullopt);
     b.microphoneAllowed = isMicrophoneRecording();
     interruptOtherRecordingSessions(session);
     session->setSystemRecording(systemRecording);
@@ -153,31 +158,35 @@ void SVRecordingManager::continueStart(const std::shared_ptr<SVClientConnection>
     session->setMicrophoneEnabled(isMicrophoneRecording());
     session->setDelegate(book(session).delegate);
 
+    // The answer names this recording's sources, not the flags of whatever
+    // start comes last.
+    const bool microphone = isMicrophoneRecording(), camera = isCameraRecording();
     std::weak_ptr<SVRecordingManager> weak = weak_from_this();
-    frontmostApplicationPID(session, [weak, session, systemRecording, generation,
-                                      handler = std::move(handler)](int32_t pid) {
+    frontmostApplicationPID(session, [weak, session, systemRecording, generation, microphone,
+                                      camera, handler = std::move(handler)](int32_t pid) {
         auto self = weak.lock();
         if (!self) return;
         // Stopped (or stopped and started again) before the process was
         // known: this start has nothing left to do.
         if (!session->isRecording() || self->generationOf(session) != generation) return;
         session->setFrontmostPIDForAudioTap(pid);
-        session->startSessionWithHandler([weak, session, systemRecording, generation, handler] {
-            // On the delivery thread of the first frame: never blocked.
-            auto manager = weak.lock();
-            if (!manager) return;
-            manager->queue_->async([manager, session, systemRecording, generation, handler] {
-                log::info("recording session started");
-                if (handler)
-                    handler(std::nullopt, manager->isMicrophoneRecording(),
-                            manager->isCameraRecording());
-                if (manager->generationOf(session) != generation || !session->isRecording()) return;
-                if (systemRecording)
-                    manager->startFollowingFrontmostApplication();
-                else if (manager->applicationStateMonitor_)
-                    manager->applicationStateMonitor_->setChangeHandler(nullptr);
+        session->startSessionWithHandler(
+            [weak, session, systemRecording, generation, microphone, camera, handler] {
+                // On the delivery thread of the first frame: never blocked.
+                auto manager = weak.lock();
+                if (!manager) return;
+                manager->queue_->async(
+                    [manager, session, systemRecording, generation, microphone, camera, handler] {
+                        log::info("recording session started");
+                        if (handler) handler(std::nullopt, microphone, camera);
+                        if (manager->generationOf(session) != generation || !session->isRecording())
+                            return;
+                        if (systemRecording)
+                            manager->startFollowingFrontmostApplication();
+                        else if (manager->applicationStateMonitor_)
+                            manager->applicationStateMonitor_->setChangeHandler(nullptr);
+                    });
             });
-        });
     });
 }
 
@@ -279,7 +288,7 @@ void SVRecordingManager::interruptOtherRecordingSessions(
     for (const auto& session : others) {
         const uint64_t generation = generationOf(session);
         beginFinishing(session);
-        session->finishSessionWithHandler(
+        const bool taken = session->finishSessionWithHandler(
             [weak, session, generation](std::optional<URL> movieURL, OptionalError error) {
                 auto self = weak.lock();
                 if (!self) return;
@@ -292,6 +301,9 @@ void SVRecordingManager::interruptOtherRecordingSessions(
                     self->endFinishing(session);
                 });
             });
+        // It stopped itself on a capture failure since the check above: its
+        // own report tells the application; nothing is left to finish.
+        if (!taken) endFinishing(session);
     }
 }
 
@@ -345,7 +357,7 @@ void SVRecordingManager::stopRecordingSession(const std::shared_ptr<SVRecordingS
         });
         return;
     }
-    session->finishSessionWithStartClipDuration(
+    const bool taken = session->finishSessionWithStartClipDuration(
         startClipDuration, endClipDuration,
         [weak, session, generation, handler](std::optional<URL> movieURL, OptionalError error) {
             auto self = weak.lock();
@@ -357,6 +369,11 @@ void SVRecordingManager::stopRecordingSession(const std::shared_ptr<SVRecordingS
                 self->endFinishing(session);
             });
         });
+    // The session stopped itself on a capture failure between the check
+    // above and now: like a stop after that failure, it is not answered, and
+    // the application's later requests must not wait for a finish that never
+    // comes.
+    if (!taken) endFinishing(session);
 }
 
 void SVRecordingManager::resetStatesForSession(const std::shared_ptr<SVRecordingSession>& session) {

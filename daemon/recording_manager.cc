@@ -7,6 +7,8 @@
 
 #include <pthread.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <mutex>
@@ -413,10 +415,11 @@ OptionalError SVRecordingManager::advanceClockBy(double seconds) {
 // ---- Status
 
 Value SVRecordingManager::recordingStatusForProcess(pid_t pid) {
-    // The bundle is read off the queue: it touches the file system.
-    auto bundle = bundleWithPID(pid);
-    auto bundleID = bundle ? bundle->bundleIdentifier() : std::nullopt;
-    if (!bundleID || bundleID->empty()) return Value(nullptr);
+    // The bundle is read off the queue: it touches the file system. The
+    // caller is asked about as it would be identified connecting now.
+    UniqueFd pidfd(int(syscall(SYS_pidfd_open, pid, 0)));
+    const std::optional<std::string> bundleID = identityOfProcess(pid, pidfd.get()).first;
+    if (bundleID->empty()) return Value(nullptr);
     std::shared_ptr<SVRecordingSession> session;
     queue_->sync([&] {
         auto it = bundleIDToRecordingSessionLookup_.find(*bundleID);

@@ -53,11 +53,13 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "daemon/client_proxy.h"
 #include "daemon/consent_agent.h"
 #include "daemon/daemon_platform.h"
+#include "daemon/trust.h"
 #include "platform/dispatch.h"
 #include "platform/extension/app_extension.h"
 #include "platform/geometry.h"
@@ -87,6 +89,9 @@ enum SVRecordingErrorCode : int64_t {
 
 // Background time after which a consent exemption expires (strictly more).
 inline constexpr double kAcknowledgementExemptionThreshold = 480.0;
+// After the user declined, how long the same application's starts are
+// refused without asking again (seconds, the manager's clock).
+inline constexpr double kReaskAfterDeclineSeconds = 10.0;
 // Requests one application may have waiting while its start waits for the
 // user or its last recording is being finished; one more ends its connection.
 inline constexpr size_t kMaxHeldRequests = 256;
@@ -96,7 +101,10 @@ inline constexpr size_t kMaxHeldRequests = 256;
 struct SVClientConnection {
     std::weak_ptr<ipc::Connection> connection;
     pid_t pid = 0;
-    std::string bundleID;  // empty: the process lies in no bundle
+    std::string bundleID;  // empty: the process lies in no bundle (or is not trusted to name it)
+    // Its executable is a trusted one (SVTrustedExecutables): it may start
+    // a system recording without asking the user.
+    bool trusted = false;
     // The connection has ended, or was replaced by a newer one.
     bool ended = false;
     // A start request of this connection waits for the user's answer.
@@ -135,6 +143,9 @@ struct SVRecordingManagerOptions {
     std::shared_ptr<SVConsentAgentRegistry> consentAgents;
     // Whether advanceClockBy is allowed (tests).
     bool adjustableClock = false;
+    // Trusted executables and bundle manifests; null: no executable is
+    // trusted and every bundle manifest is taken at its word.
+    std::shared_ptr<const SVTrustedExecutables> trust;
 };
 
 class SVRecordingManager : public ipc::ListenerDelegate,
@@ -171,6 +182,8 @@ class SVRecordingManager : public ipc::ListenerDelegate,
     // The manager's serial queue.
     const std::shared_ptr<DispatchQueue>& queue() const { return queue_; }
     const std::shared_ptr<SVDaemonPlatform>& platform() const { return platform_; }
+    // The trusted executables (null: none).
+    const std::shared_ptr<const SVTrustedExecutables>& trust() const { return options_.trust; }
 
     // The lock-button observer (notification ignored); any thread, returns
     // once the manager has acted.
@@ -194,6 +207,10 @@ class SVRecordingManager : public ipc::ListenerDelegate,
         ipc::Listener& listener, const std::shared_ptr<ipc::Connection>& connection) override;
     // The bundle enclosing the executable of `pid`, or null. Any thread.
     static std::shared_ptr<Bundle> bundleWithPID(pid_t pid);
+    // The application identity of the process `pidfd` describes (number
+    // `pid`): its trusted bundle's identifier, "" for none; with it, whether
+    // its executable is a trusted one. Reads the file system; any thread.
+    std::pair<std::string, bool> identityOfProcess(pid_t pid, int pidfd) const;
     // On the queue: the application of `client` went away.
     void applicationDisconnectedWithBundleID(const std::shared_ptr<SVClientConnection>& client);
 
@@ -277,14 +294,31 @@ class SVRecordingManager : public ipc::ListenerDelegate,
                                      const std::optional<URL>& movieURL);
 
     // --- Consent (on the queue) ------------------------------------------
-    // Asks the user about `session`'s recording unless it is exempt;
-    // `completion` (on the queue) gets whether the recording may go ahead.
-    // The alert is kept in `client` until answered.
+    // What the user allowed for one request.
+    struct ConsentAnswer {
+        bool allowed = false;
+        bool microphone = false;
+        bool camera = false;
+    };
+    // Asks the user about `session`'s recording unless it is exempt. The
+    // question is about the sources asked for when it is called (the
+    // manager's microphone and camera flags at that moment): other
+    // applications' starts while the user thinks change nothing of it.
+    // `completion` (on the queue) gets whether the recording may go ahead
+    // and with which of those sources. The alert is kept in `client` until
+    // answered.
+    // A system recording asked for by an untrusted process is asked about
+    // every time (`systemRecording`): no exemption answers for it and its
+    // answer exempts nothing. After a decline the same application is not
+    // asked again for kReaskAfterDeclineSeconds (refused at once), and the
+    // consent agent's own process is never asked about its own recording.
     void showAcknowledgementAlert(const std::shared_ptr<SVClientConnection>& client,
                                   const std::shared_ptr<SVRecordingSession>& session,
-                                  std::function<void(bool allowed)> completion);
+                                  bool systemRecording,
+                                  std::function<void(ConsentAnswer answer)> completion);
     bool isExemptFromAcknowledgementAlert(const std::shared_ptr<SVRecordingSession>& session);
-    void updateExemptionList(const std::shared_ptr<SVRecordingSession>& session);
+    // Exempts `session`'s application, with the microphone when `microphone`.
+    void updateExemptionList(const std::shared_ptr<SVRecordingSession>& session, bool microphone);
     void expireAcknowledgementExemptionsForBundleID(const std::string& bundleID);
 
     // --- Foreground (on the queue, except the observer) --------------------
@@ -432,6 +466,8 @@ class SVRecordingManager : public ipc::ListenerDelegate,
     std::atomic<int64_t> clockOffsetNanoseconds_{0};
     // The newest connection of each application (bundle identifier).
     std::map<std::string, std::shared_ptr<SVClientConnection>> clients_;
+    // When the user last declined each application's recording.
+    std::map<std::string, Date> lastDeclineDateByBundleIdentifier_;
     // Registered sessions, and removed ones still finishing or holding a
     // transaction.
     std::map<std::shared_ptr<SVRecordingSession>, SessionBook> books_;

@@ -113,13 +113,26 @@ bool SVShellService::listenerShouldAcceptNewConnection(
     log::debug(limit, "shell connection from pid %i", int(connection->processIdentifier()));
     connection->setExportedInterface(exportedInterface());
     connection->setExportedObject(object_);
-    // Any shell connection may register as the consent agent, which exports
-    // SVConsentAgentProtocol on it.
+    // A shell connection of a trusted executable may register as the
+    // consent agent, which exports SVConsentAgentProtocol on it. Whether it
+    // is trusted is decided now, by the process that connected.
     connection->setRemoteObjectInterface(consentAgentProtocolInterface());
-    std::weak_ptr<SVConsentAgentRegistry> agents = agents_;
     const ipc::Connection* key = connection.get();
-    connection->setInvalidationHandler([agents, key] {
+    if (auto trust = manager_ ? manager_->trust() : nullptr) {
+        UniqueFd pidfd = connection->peerProcessDescriptor();
+        auto identity = SVProcessIdentity::ofProcess(connection->processIdentifier(), pidfd.get());
+        if (identity && trust->isTrusted(*identity)) {
+            std::lock_guard lock(*trustedMutex_);
+            trusted_->insert(key);
+        }
+    }
+    std::weak_ptr<SVConsentAgentRegistry> agents = agents_;
+    auto trustedMutex = trustedMutex_;
+    auto trusted = trusted_;
+    connection->setInvalidationHandler([agents, key, trustedMutex, trusted] {
         if (auto a = agents.lock()) a->connectionEnded(key);
+        std::lock_guard lock(*trustedMutex);
+        trusted->erase(key);
     });
     connection->resume();
     return true;
@@ -139,12 +152,30 @@ void SVShellService::addRecordingMethods(ipc::MethodTable& table) {
         return shellError(kSVShellErrorInvalidArgument, why);
     };
 
+    auto trustedMutex = trustedMutex_;
+    auto trusted = trusted_;
     table.on("registerConsentAgentWithPreferredLanguages:handler:",
-             [weakAgents, answerError](ipc::Invocation& inv) {
+             [weakAgents, answerError, trustedMutex, trusted](ipc::Invocation& inv) {
                  auto agents = weakAgents.lock();
                  if (!agents || !inv.connection()) {
                      answerError(inv, shellError(kSVShellErrorNotAllowed,
                                                  "This daemon takes no consent agents."));
+                     return;
+                 }
+                 bool isTrusted = false;
+                 {
+                     std::lock_guard lock(*trustedMutex);
+                     isTrusted = trusted->count(inv.connection().get()) > 0;
+                 }
+                 if (!isTrusted) {
+                     static log::RateLimit limit;
+                     log::error(limit,
+                                "shell: pid %i is no trusted consent agent; registration refused",
+                                int32_t(inv.connection()->processIdentifier()));
+                     answerError(inv, shellError(kSVShellErrorNotAllowed,
+                                                 "Only a trusted consent agent may register: the "
+                                                 "service's own, or one listed in " +
+                                                     std::string(kTrustedAgentsFile) + "."));
                      return;
                  }
                  std::vector<std::string> languages;

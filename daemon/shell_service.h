@@ -13,6 +13,8 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 
 #include "daemon/consent_agent.h"
@@ -44,6 +46,11 @@ class SVShellService : public ipc::ListenerDelegate,
     std::shared_ptr<ipc::MethodTable> object_;
     std::shared_ptr<SVRecordingManager> manager_;
     std::shared_ptr<SVConsentAgentRegistry> agents_;
+    // Shell connections whose process is a trusted executable (the only
+    // ones that may register as the consent agent), until they end.
+    std::shared_ptr<std::mutex> trustedMutex_ = std::make_shared<std::mutex>();
+    std::shared_ptr<std::set<const ipc::Connection*>> trusted_ =
+        std::make_shared<std::set<const ipc::Connection*>>();
 };
 
 }  // namespace sv

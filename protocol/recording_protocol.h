@@ -143,6 +143,7 @@ enum SVShellErrorCode : int64_t {
 // error on a real display.
 //   registerConsentAgentWithPreferredLanguages:handler: (array of text) -> (error?)
 //       the calling connection becomes the consent agent (the newest one wins)
+//       when its process is a trusted executable; others get error 3
 //   layerContextIDsForCallerWithHandler:      -> (array of ints, error?)
 //       the synthetic window system's layers of the calling process
 //   setApplicationState:foreground:processIdentifier:handler: (text, bool, int32) -> (error?)

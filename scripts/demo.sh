@@ -41,7 +41,8 @@ export SORVEL_RUNTIME_DIR="$work/run"
 export SORVEL_BUNDLE_PATH="$build/bundles"
 
 "$build/daemon/sorveld" --runtime-dir "$work/run" --home "$work/home" \
-  --screen-backend synthetic --audio-backend synthetic >"$work/sorveld.log" 2>&1 &
+  --screen-backend synthetic --audio-backend synthetic \
+  --trusted-bundle-dir "$build/bundles" >"$work/sorveld.log" 2>&1 &
 pids+=($!)
 "$build/client/sorvel" consent-agent --answer accept >"$work/consent-agent.log" 2>&1 &
 pids+=($!)

@@ -434,14 +434,14 @@ void SVRecordingSession::stopWithError(const Error& error) {
     if (auto d = delegate()) d->recordingSessionStoppedWithError(error);
 }
 
-void SVRecordingSession::finishSessionWithHandler(FinishHandler handler) {
-    finishSessionWithStartClipDuration(0.0, 0.0, std::move(handler));
+bool SVRecordingSession::finishSessionWithHandler(FinishHandler handler) {
+    return finishSessionWithStartClipDuration(0.0, 0.0, std::move(handler));
 }
 
-void SVRecordingSession::finishSessionWithStartClipDuration(double startClipDuration,
+bool SVRecordingSession::finishSessionWithStartClipDuration(double startClipDuration,
                                                             double endClipDuration,
                                                             FinishHandler handler) {
-    if (!recording_.exchange(false)) return;
+    if (!recording_.exchange(false)) return false;
     log::info("SVRecordingSession: finishSessionWithHandler");
     stopAllCapture();
 
@@ -459,7 +459,7 @@ void SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
             // The link to the extension ends with the broadcast.
             if (auto self = weak.lock()) self->setBroadcastUploadExtensionProxy(nullptr);
         });
-        return;
+        return true;
     }
 
     auto writer = movieWriter_.load();
@@ -467,7 +467,7 @@ void SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
         // Stopped before the writer was ready: there is no movie.
         log::error("SVRecordingSession: no movie, the recording had not started");
         if (handler) handler(std::nullopt, _svUserErrorForCode(kErrorFailedToStart));
-        return;
+        return true;
     }
     using Status = media::MovieFileWriter::Status;
     const bool wroteFrames = writer->fileWriterStatus() != int(Status::Unknown);
@@ -532,6 +532,7 @@ void SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
         }
         if (handler) handler(std::move(movieURL), std::nullopt);
     });
+    return true;
 }
 
 void SVRecordingSession::finishAndCleanupSessionFilesWithHandler(CleanupHandler handler) {

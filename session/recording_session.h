@@ -149,8 +149,10 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // (pid < 1: no application audio any more).
     void updateAudioCaptureToProcessWithPID(int32_t pid);
     // finishSessionWithStartClipDuration(0, 0, handler).
-    void finishSessionWithHandler(FinishHandler handler);
-    // Only while recording (otherwise `handler` is never called): stops
+    bool finishSessionWithHandler(FinishHandler handler);
+    // Only while recording (otherwise `handler` is never called and the
+    // result is false: the session may have stopped itself on a capture
+    // failure an instant before, whatever the caller checked first): stops
     // capture, resets the timeline, finishes the movie and, when both
     // durations are above zero, trims that many seconds off its start and
     // end into trimmedOutputURL. The handler gets the movie (the untrimmed
@@ -158,7 +160,8 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // when no frame was ever written, -5804 when the movie could not be
     // written. A broadcasting session hands the movie to its extension and
     // answers (nothing, nothing).
-    void finishSessionWithStartClipDuration(double startClipDuration, double endClipDuration,
+    // True when the handler was taken (it is then called once).
+    bool finishSessionWithStartClipDuration(double startClipDuration, double endClipDuration,
                                             FinishHandler handler);
     // Stops the screen controller, the capture manager's sources and clone
     // mirroring. Also aborts any start chain in progress.

@@ -27,33 +27,9 @@ namespace sv {
 namespace {
 
 using bench::percentile;
+using bench::processCpuSeconds;
 using bench::report;
-
-double threadCpuSeconds() {
-    timespec ts{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
-}
-
-// CPU seconds (user + system) of another process so far.
-double processCpuSeconds(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    std::getline(in, line);
-    auto close = line.rfind(')');
-    if (close == std::string::npos) return 0;
-    std::istringstream fields(line.substr(close + 2));
-    std::string f;
-    double utime = 0, stime = 0;
-    for (int i = 3; fields >> f; ++i) {
-        if (i == 14) utime = std::stod(f);
-        if (i == 15) {
-            stime = std::stod(f);
-            break;
-        }
-    }
-    return (utime + stime) / double(sysconf(_SC_CLK_TCK));
-}
+using bench::threadCpuSeconds;
 
 void benchSyntheticDraw() {
     SyntheticDisplay display({.width = 1600, .height = 900});

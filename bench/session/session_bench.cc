@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "bench/bench_util.h"
+#include "bench/session/timed_delegate.h"
 #include "movie/movie_inspector.h"
 #include "platform/audio/synthetic_audio.h"
 #include "platform/dispatch.h"
@@ -46,6 +47,10 @@ namespace {
 
 using bench::percentile;
 using bench::report;
+using bench::Resident;
+using bench::resident;
+using bench::threadCpuSeconds;
+using bench::TimedDelegate;
 
 constexpr int32_t kWidth = 1600, kHeight = 900;
 constexpr int32_t kPID = 4242;
@@ -56,98 +61,6 @@ constexpr double kMaxDeliveryP99Ms = 1.0;
 constexpr double kMaxCpuRatio = 0.8;
 constexpr double kMaxPeakRssMiB = 150;
 constexpr double kMaxAVOffsetMs = 1000.0 / 60;
-
-double threadCpuSeconds() {
-    timespec ts{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
-}
-
-double seconds(const rusage& u) {
-    return double(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
-           double(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
-}
-
-// Stands between the screen capture controller and the session and times
-// the session's handling of each frame on the delivery thread.
-class TimedDelegate : public ScreenCaptureControllerDelegate {
-  public:
-    explicit TimedDelegate(std::shared_ptr<SVRecordingSession> session, size_t expectedFrames)
-        : session_(std::move(session)) {
-        ms_.reserve(expectedFrames);
-        cpuMs_.reserve(expectedFrames);
-    }
-    void screenCaptureControllerDidReceiveSampleBuffer(ScreenCaptureController& controller,
-                                                       const std::shared_ptr<SampleBuffer>& sample,
-                                                       uint32_t flags) override {
-        rusage u0{}, u1{};
-        getrusage(RUSAGE_THREAD, &u0);
-        const double cpu0 = threadCpuSeconds();
-        const auto t0 = std::chrono::steady_clock::now();
-        session_->screenCaptureControllerDidReceiveSampleBuffer(controller, sample, flags);
-        const double ms =
-            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0)
-                .count();
-        const double cpuMs = (threadCpuSeconds() - cpu0) * 1e3;
-        getrusage(RUSAGE_THREAD, &u1);
-        std::lock_guard lock(mutex_);
-        ms_.push_back(ms);
-        cpuMs_.push_back(cpuMs);
-        // Why a slow frame was slow: it blocked (a lock, a full queue) or
-        // it was preempted by another thread of the machine.
-        if (u1.ru_nvcsw > u0.ru_nvcsw) ++blocked_;
-        if (u1.ru_nivcsw > u0.ru_nivcsw) ++preempted_;
-    }
-    void screenCaptureControllerDidFailWithStatus(ScreenCaptureController& c,
-                                                  int32_t status) override {
-        std::fprintf(stderr, "session_bench: screen capture failed (%d)\n", status);
-        session_->screenCaptureControllerDidFailWithStatus(c, status);
-    }
-    void screenCaptureControllerWasPreempted(ScreenCaptureController& c) override {
-        session_->screenCaptureControllerWasPreempted(c);
-    }
-    void screenCaptureControllerMediaServicesWereReset(ScreenCaptureController& c) override {
-        session_->screenCaptureControllerMediaServicesWereReset(c);
-    }
-    // Frames during whose handling the thread blocked, or was preempted.
-    std::pair<size_t, size_t> switches() {
-        std::lock_guard lock(mutex_);
-        return {blocked_, preempted_};
-    }
-    // Wall-clock and thread-CPU milliseconds of each frame's handling.
-    std::pair<std::vector<double>, std::vector<double>> times() {
-        std::lock_guard lock(mutex_);
-        return {ms_, cpuMs_};
-    }
-
-  private:
-    std::shared_ptr<SVRecordingSession> session_;
-    std::mutex mutex_;
-    std::vector<double> ms_, cpuMs_;
-    size_t blocked_ = 0, preempted_ = 0;
-};
-
-// Resident memory of this process by kind (MiB), from /proc/self/status:
-// shared surfaces are memfd pages (shmem), libraries file pages.
-struct Resident {
-    double total = 0, anon = 0, file = 0, shmem = 0;
-};
-Resident resident() {
-    Resident r;
-    std::ifstream in("/proc/self/status");
-    std::string line;
-    while (std::getline(in, line)) {
-        char key[32] = {};
-        double kb = 0;
-        if (std::sscanf(line.c_str(), "%31[^:]: %lf", key, &kb) != 2) continue;
-        const std::string k = key;
-        if (k == "VmRSS") r.total = kb / 1024;
-        if (k == "RssAnon") r.anon = kb / 1024;
-        if (k == "RssFile") r.file = kb / 1024;
-        if (k == "RssShmem") r.shmem = kb / 1024;
-    }
-    return r;
-}
 
 struct Recording {
     std::string movie;
@@ -210,7 +123,7 @@ Recording record(double seconds) {
     Recording r;
     r.movie = url->path;
     r.seconds = seconds;
-    r.cpu = sv::seconds(after) - sv::seconds(before);
+    r.cpu = bench::cpuSeconds(after) - bench::cpuSeconds(before);
     r.peakRssMiB = double(after.ru_maxrss) / 1024.0;
     r.largest = largest;
     std::tie(r.deliveryMs, r.deliveryCpuMs) = timed->times();
@@ -280,7 +193,7 @@ Ffmpeg encodeWithFfmpeg(const SyntheticDisplay& display, int64_t frames, const s
     int status = 0;
     rusage child{};
     wait4(pid, &status, 0, &child);
-    result.cpu = sv::seconds(child);
+    result.cpu = bench::cpuSeconds(child);
     result.peakRssMiB = double(child.ru_maxrss) / 1024.0;
     result.ok = writing && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     return result;

@@ -2,6 +2,7 @@
 // the connection's queue, sending with back-pressure, and ending.
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -718,6 +719,22 @@ std::shared_ptr<Connection> Connection::toEndpoint(Endpoint endpoint) {
 pid_t Connection::processIdentifier() const {
     std::lock_guard lock(impl_->mutex);
     return impl_->creds.pid;
+}
+
+UniqueFd Connection::peerProcessDescriptor() const {
+#ifndef SO_PEERPIDFD
+    constexpr int SO_PEERPIDFD = 77;  // Linux 6.5; older headers lack it
+#endif
+    std::lock_guard lock(impl_->mutex);
+    if (impl_->acceptedFd.valid()) {
+        int pidfd = -1;
+        socklen_t len = sizeof pidfd;
+        if (getsockopt(impl_->acceptedFd.get(), SOL_SOCKET, SO_PEERPIDFD, &pidfd, &len) == 0 &&
+            pidfd >= 0)
+            return UniqueFd(pidfd);
+    }
+    if (impl_->creds.pid <= 0) return UniqueFd();
+    return UniqueFd(int(syscall(SYS_pidfd_open, impl_->creds.pid, 0)));
 }
 
 uid_t Connection::effectiveUserIdentifier() const {

@@ -47,6 +47,7 @@
 #include "platform/dispatch.h"
 #include "platform/error.h"
 #include "platform/ipc/wire.h"
+#include "platform/unique_fd.h"
 
 namespace sv::ipc {
 
@@ -202,6 +203,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
     // the connection is made.
     pid_t processIdentifier() const;
     uid_t effectiveUserIdentifier() const;
+    // A process descriptor (pidfd) of the peer process of an accepted
+    // connection, which names that process for as long as it is held, not
+    // its number: from the socket (SO_PEERPIDFD), else pidfd_open of the
+    // process identifier. Invalid when neither works. Only before resume(),
+    // as the listener's delegate deciding on the connection.
+    UniqueFd peerProcessDescriptor() const;
     const std::string& name() const { return name_; }
 
     // Set these before resume(). The exported object is held strongly until

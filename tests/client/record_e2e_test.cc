@@ -52,9 +52,10 @@ class RecordEndToEndTest : public ::testing::Test {
     }
 
     void startDaemon() {
-        ASSERT_TRUE(daemon_.start(
-            SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend", "synthetic"},
-                      .env = env_}))
+        ASSERT_TRUE(
+            daemon_.start(SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend",
+                                             "synthetic", "--trusted-bundle-dir", BUNDLES_DIR},
+                                    .env = env_}))
             << daemon_.log();
     }
     // A consent agent that answers every question with `answer`.
@@ -294,9 +295,9 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
     ASSERT_TRUE(window) << error;
     daemon_.stop(SIGTERM);
     env_.push_back("DISPLAY=" + x->displayName());
-    ASSERT_TRUE(daemon_.start(
-        SORVELD,
-        {.args = {"--screen-backend", "x11", "--audio-backend", "synthetic"}, .env = env_}))
+    ASSERT_TRUE(daemon_.start(SORVELD, {.args = {"--screen-backend", "x11", "--audio-backend",
+                                                 "synthetic", "--trusted-bundle-dir", BUNDLES_DIR},
+                                        .env = env_}))
         << daemon_.log();
 
     pid_t p = record({"--system", "--mic", "--duration", "2"});

@@ -372,6 +372,8 @@ TEST_F(RecorderClientTest, ReconnectingRepeatsTheLastActivityReport) {
     EXPECT_EQ(discard()->code, SVRecorderError::kClientServiceNotRunning);
     startDaemon(answerDiscard);
     EXPECT_FALSE(discard());
+    // The script answers before the call is recorded.
+    ASSERT_TRUE(daemon_->waitForCall(kDiscard));
     EXPECT_EQ(daemon_->methods(), (std::vector<std::string>{kBecomeActive, kDiscard}));
 }
 

@@ -232,11 +232,24 @@ class RecordingTest : public ::testing::Test {
   protected:
     void SetUp() override {
         log::setOutputEnabled(false);
-        ASSERT_TRUE(
-            daemon.start(SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend",
-                                            "synthetic", "--test-clock"},
-                                   .env = {std::string("SORVEL_BUNDLE_PATH=") + TEST_BUNDLES_DIR}}))
-            << daemon.log();
+        ASSERT_TRUE(startDaemon({"--test-clock"})) << daemon.log();
+    }
+    // The synthetic platform, the test bundles, and this test's own process
+    // (the consent agent) trusted as such.
+    bool startDaemon(std::vector<std::string> extra) {
+        char self[4096];
+        const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+        std::vector<std::string> args{"--screen-backend", "synthetic", "--audio-backend",
+                                      "synthetic", "--trusted-agent",
+                                      n > 0 ? std::string(self, size_t(n)) : "",
+                                      // an interpreter, which is never trusted
+                                      "--trusted-agent", "/bin/sh",
+                                      // whatever the umask made of the build tree
+                                      "--trusted-bundle-dir", TEST_BUNDLES_DIR};
+        args.insert(args.end(), extra.begin(), extra.end());
+        return daemon.start(SORVELD,
+                            {.args = std::move(args),
+                             .env = {std::string("SORVEL_BUNDLE_PATH=") + TEST_BUNDLES_DIR}});
     }
     void TearDown() override {
         apps_.clear();
@@ -377,22 +390,31 @@ TEST_F(RecordingTest, StartRefusalsInTheirOrder) {
     EXPECT_EQ(a.alerts().size(), 1u);
 
     // Back in front: a broadcast without set-up fails without a message and
-    // without an alert; a system recording is not asked about either.
+    // without an alert.
     ASSERT_FALSE(setApp(kAlpha, true));
     alpha.send("start 0 0 1 0 own");
     EXPECT_EQ(alpha.expect("started "), "-5808 0 0");
     EXPECT_TRUE(logged("attempted to start broadcast without a session, bailing out"));
     EXPECT_EQ(a.alerts().size(), 1u);
+    // An application's system recording is asked about like any other; so
+    // soon after the decline, it is refused without asking.
+    alpha.send("start 0 0 0 1");
+    EXPECT_EQ(alpha.expect("started "), "-5801 0 0");
+    EXPECT_TRUE(logged("after the user declined; refused without asking"));
+    EXPECT_EQ(a.alerts().size(), 1u);
+    ASSERT_FALSE(shellCall("advanceClockBy:handler:",
+                           ipc::Arguments().add(Value(10.0))));  // the time a decline holds
+    a.script({ConsentResponse::Other});
     alpha.send("start 0 0 0 1");
     EXPECT_EQ(alpha.expect("started "), "0 0 0");
-    EXPECT_EQ(a.alerts().size(), 1u);
+    EXPECT_EQ(a.alerts().size(), 2u);
     auto movie = stop(alpha);
     ASSERT_TRUE(movie);
     EXPECT_EQ(movie->code, 0);
     EXPECT_TRUE(exists(movie->path));
     // The keep-alive transactions of the failed broadcast and of the
     // recording are both closed: nothing is reported unbalanced.
-    EXPECT_EQ(logCount("without a matching begin"), 0u);
+    EXPECT_EQ(logCount("keep-alive transaction ended without being begun"), 0u);
 }
 
 // Started by systemd, the consent agent comes up beside the service: with
@@ -400,11 +422,7 @@ TEST_F(RecordingTest, StartRefusalsInTheirOrder) {
 // and goes to the first that does; with none in time the start is refused.
 TEST_F(RecordingTest, AQuestionWaitsForTheAgentStartedWithTheService) {
     ASSERT_GE(daemon.stop(SIGTERM), 0);
-    ASSERT_TRUE(
-        daemon.start(SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend",
-                                        "synthetic", "--agent-wait", "5"},
-                               .env = {std::string("SORVEL_BUNDLE_PATH=") + TEST_BUNDLES_DIR}}))
-        << daemon.log();
+    ASSERT_TRUE(startDaemon({"--agent-wait", "5"})) << daemon.log();
     auto& alpha = launch("alpha");
     alpha.send("start 0 0 0 0 own");
     ASSERT_TRUE(logged("waits for a consent agent"));
@@ -476,8 +494,35 @@ TEST_F(RecordingTest, ConsentIsRememberedUntilLongInTheBackground) {
     EXPECT_TRUE(shellCall("advanceClockBy:handler:", ipc::Arguments().add(Value(-1.0))));
 }
 
+// The user's answer is about the request it was asked for: another
+// application's start while the question is up changes neither what the
+// first one is granted nor what it is exempt for.
+TEST_F(RecordingTest, ConsentAnswersTheRequestItWasAskedFor) {
+    auto& a = agent();
+    auto& alpha = launch("alpha");
+    alpha.send("start 1 0 0 0 own");
+    ASSERT_TRUE(a.waitForHeld(1));
+    auto& beta = launch("beta");
+    beta.send("start 0 0 0 0 own");  // without the microphone
+    ASSERT_TRUE(a.waitForHeld(2));
+    a.answerHeld(ConsentResponse::Alternate);  // alpha: screen and microphone
+    EXPECT_EQ(alpha.expect("started "), "0 1 0");
+    a.answerHeld(ConsentResponse::Default);
+    EXPECT_EQ(beta.expect("started "), "-5801 0 0");
+    ASSERT_TRUE(recorded(alpha, 5));
+    ASSERT_TRUE(stop(alpha));
+    // Exempt with the microphone: not asked again.
+    ASSERT_FALSE(setApp(kAlpha, true));
+    EXPECT_EQ(start(alpha, true), 0);
+    ASSERT_TRUE(stop(alpha));
+    EXPECT_EQ(a.alerts().size(), 2u);
+}
+
 // Another application's start ends the recording: the first application gets
-// its movie at once and the -5806 report when it comes back.
+// its movie at once; coming back while it records again, it is told once
+// (-5806, with that movie) that another application cut it short. Callbacks
+// and answers reach the application in the order they were sent, so a
+// callback missing before an answer was never sent.
 TEST_F(RecordingTest, AnotherApplicationsStartInterrupts) {
     auto& a = agent();
     a.script({ConsentResponse::Other, ConsentResponse::Other});
@@ -497,29 +542,31 @@ TEST_F(RecordingTest, AnotherApplicationsStartInterrupts) {
     ASSERT_TRUE(movie && movie->stamps);
     EXPECT_GE(movie->stamps->stamped, 10);
     EXPECT_LE(movie->stamps->dropped, framesDropped(alpha));
-    EXPECT_EQ(logCount("-5807"), 0u);
 
-    // Alpha comes back: told once, with the same movie.
+    // Alpha comes back without recording: nothing yet. Its start (exempt
+    // now) interrupts beta in turn.
     ASSERT_FALSE(setApp(kAlpha, true));
+    alpha.send("active");
+    EXPECT_EQ(start(alpha), 0);
+    EXPECT_FALSE(alpha.has("callback "));
+    auto betaMovie = parseStop(beta.expect("callback "));
+    ASSERT_TRUE(betaMovie);
+    EXPECT_EQ(betaMovie->code, 0);
+
+    // Active while recording: told once, with the earlier movie; the
+    // recording goes on and its stop hands over the new movie.
     alpha.send("active");
     auto report = parseStop(alpha.expect("callback "));
     ASSERT_TRUE(report);
     EXPECT_EQ(report->code, -5806);
     EXPECT_EQ(report->path, interrupted->path);
     alpha.send("active");
-    ASSERT_TRUE(logged("SVRecordingManager:clientDidBecomeActiveWithBundleID:", 2));
-    alpha.send("status");
-    ASSERT_TRUE(alpha.expect("status "));
+    ASSERT_TRUE(recorded(alpha, 5));
+    auto second = stop(alpha);
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->code, 0);
+    EXPECT_TRUE(exists(second->path));
     EXPECT_FALSE(alpha.has("callback "));
-
-    // Beta records on, untouched, and alpha's stop finds nothing to stop.
-    beta.send("status");
-    auto status = beta.expect("status ");
-    ASSERT_TRUE(status);
-    EXPECT_NE(status->find("\"recording\":true"), std::string::npos) << *status;
-    auto betaMovie = stop(beta);
-    ASSERT_TRUE(betaMovie);
-    EXPECT_EQ(betaMovie->code, 0);
 }
 
 // Layout changes: an overlay shares the screen, another window takes it
@@ -533,8 +580,10 @@ TEST_F(RecordingTest, LayoutChangesInterruptApplicationRecordings) {
     ASSERT_FALSE(setLayout(std::vector<int64_t>{1, 4}));  // a notification over the app
     ASSERT_FALSE(setLayout(std::vector<int64_t>{1}));     // gone again
     ASSERT_FALSE(setLayout(std::vector<int64_t>{1, 2}));  // a dialog
+    // Layout updates reach the manager on their own queue: watched for a
+    // while, not looked at once.
+    EXPECT_TRUE(sv::test::stays([&] { return alpha.has("callback "); }, 1500ms));
     ASSERT_TRUE(recorded(alpha, 15));
-    EXPECT_FALSE(alpha.has("callback "));
     ASSERT_FALSE(setLayout(std::vector<int64_t>{0, 1}));  // two windows below the overlays
     auto report = parseStop(alpha.expect("callback "));
     ASSERT_TRUE(report);
@@ -545,15 +594,19 @@ TEST_F(RecordingTest, LayoutChangesInterruptApplicationRecordings) {
 
     // A system recording stays through an empty layout and two windows.
     ASSERT_FALSE(setLayout(std::nullopt));
+    a.script({ConsentResponse::Other});
     alpha.send("start 0 0 0 1");
     EXPECT_EQ(alpha.expect("started "), "0 0 0");
+    // Asked although alpha is exempt for its own windows: it is no trusted
+    // executable.
+    EXPECT_EQ(a.alerts().size(), 2u);
     ASSERT_FALSE(setLayout(std::vector<int64_t>{}));
     ASSERT_FALSE(setLayout(std::vector<int64_t>{1, 1}));
     ASSERT_TRUE(recorded(alpha, 10));
     auto system = stop(alpha);
     ASSERT_TRUE(system);
     EXPECT_EQ(system->code, 0);
-    EXPECT_EQ(logCount("-5807"), 0u);
+    EXPECT_FALSE(alpha.has("callback "));  // a report would have come before the answer
 }
 
 // The lock button stops with -5809 and hands over the movie; storage
@@ -732,55 +785,120 @@ TEST_F(RecordingTest, ApplicationsCannotReachBeyondThemselves) {
     ASSERT_TRUE(stop(beta));
 }
 
+// Who the service trusts: an application's identity comes only from a
+// bundle nobody else may change and that no other bundle names, and only a
+// trusted executable registers as the consent agent (a copy of the
+// project's own agent elsewhere is not it).
+TEST_F(RecordingTest, IdentityAndAgentsMustBeTrusted) {
+    namespace fs = std::filesystem;
+    auto& a = agent();
+    auto bundleCopy = [&](const std::string& dir, const std::string& manifest) {
+        fs::create_directories(dir);
+        std::ofstream(dir + "/bundle.json") << manifest;
+        // Closed to others whatever the umask: only the directory a case
+        // opens on purpose is open.
+        using P = fs::perms;
+        fs::permissions(
+            dir, P::owner_all | P::group_read | P::group_exec | P::others_read | P::others_exec);
+        fs::permissions(dir + "/bundle.json",
+                        P::owner_read | P::owner_write | P::group_read | P::others_read);
+        fs::copy_file(TEST_APP, dir + "/sorvel_test_app");
+        return dir + "/sorvel_test_app";
+    };
+    // A copy of alpha's manifest: alpha's identifier belongs to alpha's bundle.
+    const std::string fake = bundleCopy(root_ + "/fake", R"({"identifier": ")" + kAlpha + R"("})");
+    // A bundle in a directory anyone may write.
+    const std::string open =
+        bundleCopy(root_ + "/open/gamma", R"({"identifier": "org.sorvel.tests.gamma"})");
+    fs::permissions(root_ + "/open", fs::perms::all);
+    for (const auto& [exe, why] :
+         {std::pair{fake, "that identifier belongs to"}, {open, "is writable by others"}}) {
+        apps_.push_back(std::make_unique<App>(exe, run_, root_ + "/apps.log"));
+        apps_.back()->send("start 0 0 0 1");
+        EXPECT_EQ(apps_.back()->expect("started "), "-5803 0 0") << exe;
+        EXPECT_TRUE(logged(why)) << exe;
+    }
+    EXPECT_TRUE(a.alerts().empty());
+
+    // The project's agent, copied elsewhere, is refused; the registered
+    // agent stays.
+    const std::string copy = root_ + "/agent/sorvel";
+    fs::create_directories(root_ + "/agent");
+    fs::copy_file(SORVEL, copy);
+    std::vector<std::string> env = daemon.clientEnvironment();
+    pid_t pid = sv::test::spawnProcess({copy, "consent-agent", "--answer", "accept"}, env,
+                                       root_ + "/copy.log");
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(waitForExit(pid, kAnswer), 1);
+    std::stringstream output;
+    output << std::ifstream(root_ + "/copy.log").rdbuf();
+    EXPECT_NE(output.str().find("refused"), std::string::npos) << output.str();
+    EXPECT_TRUE(logged("is no trusted consent agent; registration refused"));
+    EXPECT_TRUE(logged("/bin/sh (--trusted-agent) is an interpreter or a script"));
+    a.script({ConsentResponse::Other});
+    auto& alpha = launch("alpha");
+    EXPECT_EQ(start(alpha), 0);
+    EXPECT_EQ(a.alerts().size(), 1u);
+    ASSERT_TRUE(stop(alpha));
+}
+
 // Values a client library would never send, from a raw connection: each
-// request is answered with an error, and the daemon serves on.
-TEST_F(RecordingTest, MalformedRequestsAreAnsweredWithErrors) {
+// such request is logged and dropped, never answered (an out-of-range layer
+// identifier like any other malformed value), and the daemon serves on. A
+// well-formed request sent after them is answered first: had the dropped
+// ones been answered, their replies would have come before it.
+TEST_F(RecordingTest, MalformedRequestsAreDropped) {
     auto connection = ipc::Connection::toService(kDaemonServiceName);
     connection->setRemoteObjectInterface(daemonProtocolInterface());
     connection->setExportedInterface(clientProtocolInterface());
     connection->setExportedObject(std::make_shared<ipc::MethodTable>());
     connection->resume();
-    auto call = [&](const std::string& method, ipc::Arguments args) {
-        auto done = std::make_shared<Semaphore>();
-        auto answer = std::make_shared<Value>();
-        connection->remoteObjectProxyWithErrorHandler([done](const Error&) { done->signal(); })
-            .call(method, args, [done, answer](const ipc::Received& r) {
-                *answer = Value::array();
-                for (const auto& v : r.values()) answer->push_back(v);
-                done->signal();
+    std::mutex mutex;
+    std::vector<std::string> answered;  // methods in the order they were answered
+    auto call = [&](const std::string& name, const std::string& method, ipc::Arguments args) {
+        connection->remoteObjectProxyWithErrorHandler([](const Error&) {})
+            .call(method, args, [&, name](const ipc::Received&) {
+                std::lock_guard lock(mutex);
+                answered.push_back(name);
             });
-        EXPECT_TRUE(done->waitFor(kAnswer)) << method;
-        return *answer;
     };
-    const std::string startMethod =
-        "startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:"
-        "broadcast:systemRecording:withHandler:";
-    auto answer = call(startMethod, ipc::Arguments()
-                                        .add(Value::array({1, 2}))
-                                        .add(Value{{"width", "wide"}})
-                                        .add(Value(false))
-                                        .add(Value(false))
-                                        .add(Value(false))
-                                        .add(Value(false)));
-    ASSERT_TRUE(answer.is_array() && answer.size() == 3) << answer.dump();
-    auto error = Error::fromValue(answer[0]);
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code, ipc::kErrorMessageRejected);
-    EXPECT_TRUE(error->localizedDescription());
-    answer = call(startMethod, ipc::Arguments()
-                                   .add(Value::array({-1}))
-                                   .add(Value{{"width", 10}, {"height", 10}})
-                                   .add(Value(false))
-                                   .add(Value(false))
-                                   .add(Value(false))
-                                   .add(Value(false)));
-    ASSERT_TRUE(answer.is_array() && answer.size() == 3) << answer.dump();
-    EXPECT_TRUE(Error::fromValue(answer[0]));
-    answer = call("stopRecordingWithStartClipDuration:endClipDuration:handler:",
-                  ipc::Arguments().add(Value(std::nan(""))).add(Value(1.0)));
-    ASSERT_TRUE(answer.is_array() && answer.size() == 2) << answer.dump();
-    EXPECT_TRUE(answer[0].is_null());
-    EXPECT_TRUE(Error::fromValue(answer[1]));
+    auto startArgs = [](Value ids, Value size) {
+        return ipc::Arguments()
+            .add(std::move(ids))
+            .add(std::move(size))
+            .add(Value(false))
+            .add(Value(false))
+            .add(Value(false))
+            .add(Value(false));
+    };
+    const Value size{{"width", 10}, {"height", 10}};
+    call("wide", method::kStartRecording,
+         startArgs(Value::array({1, 2}), Value{{"width", "wide"}}));
+    call("2^32", method::kStartRecording, startArgs(Value::array({int64_t(1) << 32}), size));
+    call("-1", method::kStartRecording, startArgs(Value::array({-1}), size));
+    call("nan", method::kStopRecordingWithClip,
+         ipc::Arguments().add(Value(std::nan(""))).add(Value(1.0)));
+    call("long", method::kSetupBroadcast,
+         ipc::Arguments()
+             .add(Value(std::string(300, 'a')))
+             .add(Value("x"))
+             .add(Value(nullptr))
+             .add(Value(nullptr)));
+    // Well-formed: this process lies in no bundle, so it is refused -5803.
+    call("last", method::kStartRecording, startArgs(Value::array({1}), size));
+    ASSERT_TRUE(eventually(
+        [&] {
+            std::lock_guard lock(mutex);
+            return !answered.empty();
+        },
+        kAnswer));
+    {
+        std::lock_guard lock(mutex);
+        EXPECT_EQ(answered, std::vector<std::string>{"last"});
+    }
+    EXPECT_TRUE(
+        logged("dropped: a layer context identifier is an integer from 0 to 4294967295", 2));
+    EXPECT_TRUE(logged("dropped: clip durations are finite numbers"));
     connection->invalidate();
 
     // Still serving.

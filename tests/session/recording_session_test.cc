@@ -293,7 +293,12 @@ TEST_F(RecordingSessionTest, FinishTrimsOnlyWithBothDurationsAndCleanupRemoves) 
     EXPECT_FALSE(s->isRecording());
     EXPECT_FALSE(screen->controller()->isCapturing());
     EXPECT_FALSE(std::filesystem::exists(s->outputPath()));
-    s->finishSessionWithHandler([](std::optional<URL>, OptionalError) { FAIL(); });
+    // Nothing to finish: the handler is refused at once, never kept.
+    auto called = std::make_shared<std::atomic<bool>>(false);
+    EXPECT_FALSE(s->finishSessionWithHandler(
+        [called](std::optional<URL>, OptionalError) { called->store(true); }));
+    EXPECT_EQ(called.use_count(), 1);
+    EXPECT_FALSE(*called);
 }
 
 TEST_F(RecordingSessionTest, ScreenFailuresStopTheSessionAndTellTheDelegate) {
