@@ -550,18 +550,11 @@ bool SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
         return true;
     }
     writer->finishWritingWithHandler([weak, writer, handler, startClipDuration, endClipDuration,
-                                      trimmedURL, broadcasting,
-                                      wroteFrames](std::optional<URL> movieURL) {
+                                      trimmedURL, wroteFrames](std::optional<URL> movieURL) {
         log::info("SVRecordingSession: finishWritingWithHandler");
         // The finished writer's encoders and buffers are of no use any more:
         // released with this closure rather than held until the next start.
         if (auto self = weak.lock()) self->movieWriter_.clearIf(writer);
-        if (broadcasting) {
-            if (auto self = weak.lock())
-                self->_notifyBroadcastExtensionOfCompletedMovieWithURL(movieURL, true);
-            if (handler) handler(std::nullopt, std::nullopt);
-            return;
-        }
         if (!wroteFrames || !writer->hasPlayableMovie() || !movieURL ||
             !fileExists(movieURL->path)) {
             const int64_t code = wroteFrames ? kSVRecordingErrorFailedDuringRecording
