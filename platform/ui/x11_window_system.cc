@@ -303,11 +303,11 @@ std::vector<uint32_t> serverPidsOf(xcb_connection_t* c, uint32_t resourceIdMask,
     std::unordered_map<uint32_t, uint32_t> pidByClient;
     for (auto it = xcb_res_query_client_ids_ids_iterator(reply.get()); it.rem;
          xcb_res_client_id_value_next(&it)) {
-        if (!(it.data->spec.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID) ||
-            xcb_res_client_id_value_value_length(it.data) < 1)
+        const auto& [asked, valueBytes] = *it.data;  // what was asked, for whom
+        if (!(asked.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID) ||
+            valueBytes < sizeof(uint32_t))
             continue;
-        pidByClient[it.data->spec.client & ~resourceIdMask] =
-            *xcb_res_client_id_value_value(it.data);
+        pidByClient[asked.client & ~resourceIdMask] = *xcb_res_client_id_value_value(it.data);
     }
     for (size_t i = 0; i < windows.size(); ++i)
         if (auto found = pidByClient.find(windows[i] & ~resourceIdMask); found != pidByClient.end())
