@@ -58,12 +58,24 @@ class RecordEndToEndTest : public ::testing::Test {
         if (HasFailure()) daemon_.keep();
     }
 
-    void startDaemon() {
+    void startDaemon(const std::string& audio = "synthetic") {
         ASSERT_TRUE(
             daemon_.start(SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend",
-                                             "synthetic", "--trusted-bundle-dir", BUNDLES_DIR},
+                                             audio, "--trusted-bundle-dir", BUNDLES_DIR},
                                     .env = env_}))
             << daemon_.log();
+    }
+    // A private PulseAudio server (a 700 Hz microphone) in pulse_, with the
+    // daemon started again on it; pulse_ stays null when none can start (the
+    // test is then skipped, or fails under CI, and returns).
+    void restartDaemonOnPulse() {
+        std::string why;
+        pulse_ = sv::testing::PrivatePulseServer::start({700.0}, &why);
+        if (!pulse_ && sv::testing::PrivatePulseServer::required()) FAIL() << why;
+        if (!pulse_) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
+        daemon_.stop(SIGTERM);
+        env_.push_back("PULSE_SERVER=" + pulse_->address());
+        startDaemon("pulse");
     }
     // A consent agent that answers every question with `answer`.
     void startAgent(const std::string& answer) {
@@ -95,6 +107,7 @@ class RecordEndToEndTest : public ::testing::Test {
     const std::string& dir_ = daemon_.root;
     std::vector<std::string> env_;
     pid_t agent_ = -1;
+    std::unique_ptr<sv::testing::PrivatePulseServer> pulse_;
 };
 
 TEST_F(RecordEndToEndTest, RecordsAMovieWithBothAudioTracks) {
@@ -343,16 +356,9 @@ double rmsOf(const std::vector<float>& x, size_t from, size_t to) {
 // run the video's length with silence from the loss on; once the server is
 // back the next recording starts at once and records sound again.
 TEST_F(RecordEndToEndTest, TheAudioServerCrashesMidRecordingAndComesBack) {
-    std::string why;
-    auto pulse = sv::testing::PrivatePulseServer::start({700.0}, &why);
-    if (!pulse && sv::testing::PrivatePulseServer::required()) FAIL() << why;
-    if (!pulse) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
-    daemon_.stop(SIGTERM);
-    env_.push_back("PULSE_SERVER=" + pulse->address());
-    ASSERT_TRUE(daemon_.start(
-        SORVELD,
-        {.args = {"--screen-backend", "synthetic", "--audio-backend", "pulse"}, .env = env_}))
-        << daemon_.log();
+    restartDaemonOnPulse();
+    if (!pulse_ || HasFatalFailure() || IsSkipped()) return;
+    auto& pulse = pulse_;
     startAgent("accept");
 
     pid_t p = record({"--duration", "4", "--mic"});
@@ -375,6 +381,7 @@ TEST_F(RecordEndToEndTest, TheAudioServerCrashesMidRecordingAndComesBack) {
     ASSERT_GT(mic.size(), 44100u * 3);
     EXPECT_LT(rmsOf(mic, mic.size() - 44100 * 2, mic.size()), 0.001) << "silence after the loss";
 
+    std::string why;
     ASSERT_TRUE(pulse->restart(&why)) << why;
     std::filesystem::remove(output());
     p = record({"--duration", "3", "--mic"});
@@ -388,16 +395,9 @@ TEST_F(RecordEndToEndTest, TheAudioServerCrashesMidRecordingAndComesBack) {
 // starts: the recording starts all the same (the picture does not wait for
 // sound) and `sorvel record` says the sound could not start.
 TEST_F(RecordEndToEndTest, ARecordingStartsWithoutItsAudioServerAndSaysSo) {
-    std::string why;
-    auto pulse = sv::testing::PrivatePulseServer::start({700.0}, &why);
-    if (!pulse && sv::testing::PrivatePulseServer::required()) FAIL() << why;
-    if (!pulse) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
-    daemon_.stop(SIGTERM);
-    env_.push_back("PULSE_SERVER=" + pulse->address());
-    ASSERT_TRUE(daemon_.start(SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend",
-                                                 "pulse", "--trusted-bundle-dir", BUNDLES_DIR},
-                                        .env = env_}))
-        << daemon_.log();
+    restartDaemonOnPulse();
+    if (!pulse_ || HasFatalFailure() || IsSkipped()) return;
+    auto& pulse = pulse_;
     startAgent("accept");
     pulse->killServer();
     EXPECT_EQ(sv::test::waitForExit(record({"--duration", "2", "--mic"}), 120s), 0)
@@ -415,16 +415,9 @@ TEST_F(RecordEndToEndTest, ARecordingStartsWithoutItsAudioServerAndSaysSo) {
 // application's sound (here none plays), with --desktop-audio everything the
 // desktop plays (a tone from a process that is no application at all).
 TEST_F(RecordEndToEndTest, ASystemRecordingTakesTheDesktopsSoundWhenAsked) {
-    std::string why;
-    auto pulse = sv::testing::PrivatePulseServer::start({700.0}, &why);
-    if (!pulse && sv::testing::PrivatePulseServer::required()) FAIL() << why;
-    if (!pulse) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
-    daemon_.stop(SIGTERM);
-    env_.push_back("PULSE_SERVER=" + pulse->address());
-    ASSERT_TRUE(daemon_.start(SORVELD, {.args = {"--screen-backend", "synthetic", "--audio-backend",
-                                                 "pulse", "--trusted-bundle-dir", BUNDLES_DIR},
-                                        .env = env_}))
-        << daemon_.log();
+    restartDaemonOnPulse();
+    if (!pulse_ || HasFatalFailure() || IsSkipped()) return;
+    auto& pulse = pulse_;
     pid_t player = pulse->playTones({880.0}, 60.0);
     ASSERT_GT(player, 0);
     ASSERT_TRUE(pulse->waitForPlaybackStreams(player, 1, 10s));
