@@ -232,6 +232,8 @@ class Recorder : public sv::SVRecorderClientDelegate,
     void start();
     void started(std::optional<SVRecorderError> error, bool microphone);
     void pollStatus();
+    // Stops the recording `seconds` from now (replacing an earlier timer).
+    void armDurationTimer(double seconds);
     void onKey(char key);
     void onSignal(int signal);
     void togglePause();
@@ -478,15 +480,18 @@ void Recorder::started(std::optional<SVRecorderError> error, bool microphone) {
     else
         note("Recording.");
     pollStatus();
-    if (options_.duration) {
-        std::weak_ptr<Recorder> w = weak_from_this();
-        // Re-armed on resume, since pauses do not count.
-        durationTimer_ = loop_->after(std::chrono::duration_cast<Clock::duration>(
-                                          std::chrono::duration<double>(*options_.duration)),
-                                      [w] {
-                                          if (auto s = w.lock()) s->stop(false);
-                                      });
-    }
+    // Re-armed on resume (pauses do not count) and by every status answer.
+    if (options_.duration) armDurationTimer(*options_.duration);
+}
+
+void Recorder::armDurationTimer(double seconds) {
+    loop_->cancel(durationTimer_);
+    std::weak_ptr<Recorder> w = weak_from_this();
+    durationTimer_ = loop_->after(std::chrono::duration_cast<Clock::duration>(
+                                      std::chrono::duration<double>(std::max(seconds, 0.0))),
+                                  [w] {
+                                      if (auto s = w.lock()) s->stop(false);
+                                  });
 }
 
 void Recorder::pollStatus() {
@@ -506,6 +511,10 @@ void Recorder::pollStatus() {
                     self->status_ = status;
                     self->paused_ = status->paused;
                     self->microphoneOn_ = status->microphoneEnabled;
+                    // --duration counts the service's recorded time: the
+                    // start's answer may reach this process late.
+                    if (self->options_.duration && !self->paused_)
+                        self->armDurationTimer(*self->options_.duration - status->elapsed);
                 }
                 self->render();
                 self->pollTimer_ = self->loop_->after(kStatusInterval, [w] {
@@ -553,15 +562,7 @@ void Recorder::togglePause() {
         client_->resumeRecordingWithWindowLayerContextID(options_.layers.front());
         paused_ = false;
         segmentStart_ = Clock::now();
-        if (options_.duration) {
-            double left = *options_.duration - recordedSeconds();
-            std::weak_ptr<Recorder> w = weak_from_this();
-            durationTimer_ = loop_->after(std::chrono::duration_cast<Clock::duration>(
-                                              std::chrono::duration<double>(std::max(left, 0.0))),
-                                          [w] {
-                                              if (auto s = w.lock()) s->stop(false);
-                                          });
-        }
+        if (options_.duration) armDurationTimer(*options_.duration - recordedSeconds());
     } else {
         client_->pauseRecording();
         recorded_ += Clock::now() - segmentStart_;
