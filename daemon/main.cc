@@ -189,13 +189,13 @@ int main(int argc, char** argv) {
     if (options.audioBackend && *options.audioBackend != sv::AudioBackendKind::Automatic)
         sv::setProcessAudioBackend(sv::makeAudioBackend(*options.audioBackend));
     if (options.screenBackend && *options.screenBackend != sv::ScreenBackendKind::Automatic) {
-        std::string why;
-        auto screen = sv::makeScreenBackend(*options.screenBackend, &why);
+        auto screen = sv::makeScreenBackend(*options.screenBackend);
         if (!screen) {
-            std::fprintf(stderr, "sorveld: cannot use the screen backend: %s\n", why.c_str());
+            std::fprintf(stderr, "sorveld: cannot use the screen backend: %s\n",
+                         screen.error().message().c_str());
             return 1;
         }
-        sv::setProcessScreenBackend(std::move(screen));
+        sv::setProcessScreenBackend(std::move(*screen));
     }
     // The window system follows the screen: the synthetic one on the
     // synthetic screen's display, X11 with the X11 screen.
@@ -203,14 +203,14 @@ int main(int argc, char** argv) {
         auto screen = sv::processScreenBackend();
         const bool synthetic =
             std::dynamic_pointer_cast<sv::SyntheticScreenBackend>(screen) != nullptr;
-        std::string why;
-        auto ui = sv::makeUiBackend(
-            synthetic ? sv::UiBackendKind::Synthetic : sv::UiBackendKind::X11, nullptr, &why);
+        auto ui =
+            sv::makeUiBackend(synthetic ? sv::UiBackendKind::Synthetic : sv::UiBackendKind::X11);
         if (!ui) {
-            std::fprintf(stderr, "sorveld: cannot use the window system: %s\n", why.c_str());
+            std::fprintf(stderr, "sorveld: cannot use the window system: %s\n",
+                         ui.error().message().c_str());
             return 1;
         }
-        sv::setProcessUiBackend(std::move(ui));
+        sv::setProcessUiBackend(std::move(*ui));
     }
 
     sv::log::info("sorveld Starting!");

@@ -390,12 +390,11 @@ TEST_F(RecordEndToEndTest, TheAudioServerCrashesMidRecordingAndComesBack) {
 // screen, and the microphone track runs the length of the video.
 TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
     if (!sv::testing::XvfbServer::available()) GTEST_SKIP() << "no Xvfb";
-    std::string error;
-    auto x = sv::testing::XvfbServer::start(640, 360, &error);
-    ASSERT_TRUE(x) << error;
-    auto window =
-        sv::testing::XTestWindow::create(x->displayName(), 400, 40, 160, 160, 0xFFFFFF, &error);
-    ASSERT_TRUE(window) << error;
+    auto started = sv::testing::XvfbServer::start(640, 360);
+    ASSERT_TRUE(started) << started.error().message();
+    auto x = std::move(*started);
+    auto window = sv::testing::XTestWindow::create(x->displayName(), 400, 40, 160, 160, 0xFFFFFF);
+    ASSERT_TRUE(window) << window.error().message();
     daemon_.stop(SIGTERM);
     env_.push_back("DISPLAY=" + x->displayName());
     ASSERT_TRUE(daemon_.start(SORVELD, {.args = {"--screen-backend", "x11", "--audio-backend",
@@ -464,9 +463,9 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
 // recording.
 TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
     if (!sv::testing::XvfbServer::available()) GTEST_SKIP() << "no Xvfb";
-    std::string error;
-    auto x = sv::testing::XvfbServer::start(1280, 720, &error);
-    ASSERT_TRUE(x) << error;
+    auto started = sv::testing::XvfbServer::start(1280, 720);
+    ASSERT_TRUE(started) << started.error().message();
+    auto x = std::move(*started);
     env_.push_back("DISPLAY=" + x->displayName());
     pid_t wm = sv::test::spawnWithInput({"/usr/bin/openbox"}, env_, "", dir_ + "/openbox.log");
     ASSERT_GT(wm, 0) << "openbox is not installed (scripts/install-deps.sh installs it)";
@@ -482,9 +481,9 @@ TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
     ASSERT_TRUE(sv::test::eventually(
         [&] { return contains(sv::test::readFile(appLog), "x11-recorder: recording"); }, 60s))
         << sv::test::readFile(appLog) << daemon_.log();
-    auto cover =
-        sv::testing::XTestWindow::create(x->displayName(), 0, 0, 1280, 720, 0xFFFFFF, &error);
-    ASSERT_TRUE(cover) << error;
+    auto created = sv::testing::XTestWindow::create(x->displayName(), 0, 0, 1280, 720, 0xFFFFFF);
+    ASSERT_TRUE(created) << created.error().message();
+    auto cover = std::move(*created);
     unsigned window = 0;
     std::sscanf(sv::test::readFile(appLog).c_str(), "x11-recorder: asking to record window 0x%x",
                 &window);
