@@ -342,10 +342,12 @@ double rmsOf(const std::vector<float>& x, size_t from, size_t to) {
 // run the video's length with silence from the loss on; once the server is
 // back the next recording starts at once and records sound again.
 TEST_F(RecordEndToEndTest, TheAudioServerCrashesMidRecordingAndComesBack) {
-    std::string why;
-    auto pulse = sv::testing::PrivatePulseServer::start({700.0}, &why);
-    if (!pulse && sv::testing::PrivatePulseServer::required()) FAIL() << why;
-    if (!pulse) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
+    auto started = sv::testing::PrivatePulseServer::start({700.0});
+    if (!started && sv::testing::PrivatePulseServer::required())
+        FAIL() << started.error().message();
+    if (!started)
+        GTEST_SKIP() << "cannot start a private PulseAudio server: " << started.error().message();
+    auto pulse = std::move(*started);
     daemon_.stop(SIGTERM);
     env_.push_back("PULSE_SERVER=" + pulse->address());
     ASSERT_TRUE(daemon_.start(
@@ -374,7 +376,8 @@ TEST_F(RecordEndToEndTest, TheAudioServerCrashesMidRecordingAndComesBack) {
     ASSERT_GT(mic.size(), 44100u * 3);
     EXPECT_LT(rmsOf(mic, mic.size() - 44100 * 2, mic.size()), 0.001) << "silence after the loss";
 
-    ASSERT_TRUE(pulse->restart(&why)) << why;
+    auto restarted = pulse->restart();
+    ASSERT_TRUE(restarted) << restarted.error().message();
     std::filesystem::remove(output());
     p = record({"--duration", "3", "--mic"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
