@@ -311,13 +311,11 @@ AudioSyncReport matchClicks(int track, const std::vector<double>& clickTimes,
     return r;
 }
 
-std::optional<MovieInspection> inspectMovie(const std::string& path, std::string* error) {
+Result<MovieInspection> inspectMovie(const std::string& path) {
     media::MediaError e;
+    auto failed = [&] { return Error::make(media::kMovieWriterErrorDomain, e.code, e.message); };
     auto reader = media::MovieReader::open(path, &e);
-    if (!reader) {
-        if (error) *error = e.message;
-        return std::nullopt;
-    }
+    if (!reader) return failed();
     MovieInspection inspection;
     inspection.path = path;
     inspection.movie = reader->info();
@@ -352,10 +350,7 @@ std::optional<MovieInspection> inspectMovie(const std::string& path, std::string
             it->second.feed(b.channels[0], b.frames, b.time);
         return true;
     };
-    if (!reader->decode(onVideo, onAudio, &e)) {
-        if (error) *error = e.message;
-        return std::nullopt;
-    }
+    if (!reader->decode(onVideo, onAudio, &e)) return failed();
     if (stampedFrames == 0) return inspection;
 
     // A reference frame that a cut movie keeps only for decoding is shown

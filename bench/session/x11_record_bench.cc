@@ -141,10 +141,10 @@ struct Movie {
     int width = 0, height = 0;
 };
 Movie videoOf(const std::string& path) {
-    std::string error;
-    auto inspection = inspectMovie(path, &error);
+    auto inspection = inspectMovie(path);
     if (!inspection)
-        std::fprintf(stderr, "x11_record_bench: %s: %s\n", path.c_str(), error.c_str());
+        std::fprintf(stderr, "x11_record_bench: %s: %s\n", path.c_str(),
+                     inspection.error().message().c_str());
     if (inspection)
         for (const auto& t : inspection->movie.tracks)
             if (t.kind == media::TrackKind::Video)

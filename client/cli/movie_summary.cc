@@ -22,12 +22,12 @@ void printMovieSummary(const std::string& path, FILE* out) {
     }
     if (reader->info().duration <= kLongestFullInspection) {
         reader.reset();
-        std::string why;
-        if (auto inspection = inspectMovie(path, &why)) {
+        auto inspection = inspectMovie(path);
+        if (inspection) {
             std::fputs(inspectionToText(*inspection).c_str(), out);
             return;
         }
-        std::fprintf(out, "(%s)\n", why.c_str());
+        std::fprintf(out, "(%s)\n", inspection.error().message().c_str());
         return;
     }
     MovieInspection tracksOnly;

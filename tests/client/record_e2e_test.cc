@@ -100,9 +100,8 @@ TEST_F(RecordEndToEndTest, RecordsAMovieWithBothAudioTracks) {
     startAgent("accept");
     pid_t p = record({"--duration", "2", "--mic"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
-    std::string error;
-    auto movie = inspectMovie(output(), &error);
-    ASSERT_TRUE(movie) << error;
+    auto movie = inspectMovie(output());
+    ASSERT_TRUE(movie) << movie.error().message();
     ASSERT_EQ(movie->movie.tracks.size(), 3u);  // video, application audio, microphone
     EXPECT_EQ(movie->movie.tracks[0].kind, media::TrackKind::Video);
     EXPECT_NEAR(movie->movie.duration, 2.0, 0.5);
@@ -130,8 +129,8 @@ TEST_F(RecordEndToEndTest, AnInterruptionKeepsTheMovie) {
                          "Recording interrupted by multitasking and content resizing "
                          "(org.sorvel.SVRecordingErrorDomain -5807)"))
         << recordLog();
-    std::string error;
-    EXPECT_TRUE(inspectMovie(output(), &error)) << error;
+    auto inspected = inspectMovie(output());
+    EXPECT_TRUE(inspected) << inspected.error().message();
 
     std::filesystem::remove(output());
     p = record({});
@@ -139,7 +138,8 @@ TEST_F(RecordEndToEndTest, AnInterruptionKeepsTheMovie) {
     EXPECT_EQ(daemon_.stop(SIGTERM, 60s), 255);
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 1) << recordLog();
     EXPECT_TRUE(contains(recordLog(), "(org.sorvel.SVRecordingErrorDomain -5809)")) << recordLog();
-    EXPECT_TRUE(inspectMovie(output(), &error)) << error;
+    inspected = inspectMovie(output());
+    EXPECT_TRUE(inspected) << inspected.error().message();
 }
 
 TEST_F(RecordEndToEndTest, DecliningOrNoAgentFailsWithTheUsersAnswer) {
@@ -180,9 +180,8 @@ TEST_F(RecordEndToEndTest, ADaemonKilledMidRecordingLeavesAMovieItsNextStartReco
     for (const auto& e : std::filesystem::directory_iterator(daemon_.store))
         if (contains(e.path().filename().string(), "(recovered ")) recovered.push_back(e.path());
     ASSERT_EQ(recovered.size(), 1u) << daemon_.log();
-    std::string error;
-    auto movie = inspectMovie(recovered[0], &error);
-    ASSERT_TRUE(movie) << error;
+    auto movie = inspectMovie(recovered[0]);
+    ASSERT_TRUE(movie) << movie.error().message();
     EXPECT_NEAR(movie->movie.duration, recorded, 1.0);
     ASSERT_TRUE(movie->stamps);
     EXPECT_EQ(movie->stamps->duplicates + movie->stamps->outOfOrder, 0);
@@ -248,9 +247,8 @@ TEST_F(RecordEndToEndTest, AFullDiskStopsTheRecordingAndKeepsWhatWasRecorded) {
                          "Insufficient storage for recording "
                          "(org.sorvel.SVRecordingErrorDomain -5805)"))
         << recordLog();
-    std::string error;
-    auto movie = inspectMovie(output(), &error);
-    ASSERT_TRUE(movie) << error;
+    auto movie = inspectMovie(output());
+    ASSERT_TRUE(movie) << movie.error().message();
     EXPECT_GT(movie->movie.duration, 0.2);  // at least the fragment on disk before
     for (const auto& e : std::filesystem::directory_iterator(store))
         EXPECT_NE(e.path().extension(), ".mp4") << "left in the store: " << e.path();
@@ -364,9 +362,8 @@ TEST_F(RecordEndToEndTest, TheAudioServerCrashesMidRecordingAndComesBack) {
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
     EXPECT_TRUE(contains(recordLog(), "sorvel record: warning: The audio server went away"))
         << recordLog();
-    std::string error;
-    auto movie = inspectMovie(output(), &error);
-    ASSERT_TRUE(movie) << error;
+    auto movie = inspectMovie(output());
+    ASSERT_TRUE(movie) << movie.error().message();
     ASSERT_EQ(movie->movie.tracks.size(), 3u);
     const double video = movie->movie.tracks[0].duration;
     EXPECT_GT(video, 3.0);

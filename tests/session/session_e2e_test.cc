@@ -28,10 +28,9 @@ using namespace std::chrono_literals;
 constexpr double kFrame = 1.0 / 60;
 
 MovieInspection inspect(const std::string& path) {
-    std::string error;
-    auto inspection = inspectMovie(path, &error);
-    EXPECT_TRUE(inspection) << error;
-    return inspection ? *inspection : MovieInspection{};
+    auto inspection = inspectMovie(path);
+    EXPECT_TRUE(inspection) << inspection.error().message();
+    return inspection.valueOr(MovieInspection{});
 }
 
 // Capture times (host seconds) of the movie's first and last frame.
