@@ -312,10 +312,9 @@ AudioSyncReport matchClicks(int track, const std::vector<double>& clickTimes,
 }
 
 Result<MovieInspection> inspectMovie(const std::string& path) {
-    media::MediaError e;
-    auto failed = [&] { return Error::make(media::kMovieWriterErrorDomain, e.code, e.message); };
-    auto reader = media::MovieReader::open(path, &e);
-    if (!reader) return failed();
+    auto opened = media::MovieReader::open(path);
+    if (!opened) return opened.error();
+    auto reader = std::move(*opened);
     MovieInspection inspection;
     inspection.path = path;
     inspection.movie = reader->info();
@@ -350,7 +349,7 @@ Result<MovieInspection> inspectMovie(const std::string& path) {
             it->second.feed(b.channels[0], b.frames, b.time);
         return true;
     };
-    if (!reader->decode(onVideo, onAudio, &e)) return failed();
+    if (auto decoded = reader->decode(onVideo, onAudio); !decoded) return decoded.error();
     if (stampedFrames == 0) return inspection;
 
     // A reference frame that a cut movie keeps only for decoding is shown

@@ -14,12 +14,12 @@ constexpr double kLongestFullInspection = 120;  // seconds
 }  // namespace
 
 void printMovieSummary(const std::string& path, FILE* out) {
-    media::MediaError error;
-    auto reader = media::MovieReader::open(path, &error);
-    if (!reader) {
+    auto opened = media::MovieReader::open(path);
+    if (!opened) {
         std::fprintf(out, "(not a readable movie)\n");
         return;
     }
+    auto reader = std::move(*opened);
     if (reader->info().duration <= kLongestFullInspection) {
         reader.reset();
         auto inspection = inspectMovie(path);

@@ -319,9 +319,9 @@ TEST_F(RecordEndToEndTest, GivingUpWhileTheUserIsAskedWithdrawsTheQuestion) {
 // Mono PCM of one audio track of `path` (the first channel).
 std::vector<float> trackAudio(const std::string& path, int track) {
     std::vector<float> out;
-    auto reader = media::MovieReader::open(path);
+    auto reader = media::MovieReader::open(path).valueOr(nullptr);
     if (!reader) return out;
-    reader->decode(nullptr, [&](const media::PCMBlock& b) {
+    (void)reader->decode(nullptr, [&](const media::PCMBlock& b) {
         if (b.track == track) out.insert(out.end(), b.channels[0], b.channels[0] + b.frames);
         return true;
     });
@@ -404,7 +404,7 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
 
     pid_t p = record({"--system", "--mic", "--duration", "2"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
-    auto reader = media::MovieReader::open(output());
+    auto reader = media::MovieReader::open(output()).valueOr(nullptr);
     ASSERT_TRUE(reader);
     ASSERT_FALSE(reader->info().tracks.empty());
     const media::TrackInfo& video = reader->info().tracks[0];
@@ -415,7 +415,7 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
     ASSERT_EQ(reader->info().tracks.size(), 3u);
     EXPECT_GT(reader->info().tracks[2].duration, video.duration - 0.5);
     int bright = -1, dark = -1;
-    reader->decode(
+    (void)reader->decode(
         [&](const media::LumaFrame& f) {
             if (f.width != 640 || f.height != 360) return false;
             bright = f.data[120 * f.bytesPerRow + 480];  // inside the white window
@@ -439,12 +439,12 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
         << sv::test::readFile(dir_ + "/monitors.log");
     p = record({"--system", "--monitor", "SV-RIGHT", "--duration", "1"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
-    reader = media::MovieReader::open(output());
+    reader = media::MovieReader::open(output()).valueOr(nullptr);
     ASSERT_TRUE(reader);
     EXPECT_EQ(reader->info().tracks.at(0).width, 320);
     EXPECT_EQ(reader->info().tracks.at(0).height, 360);
     bright = dark = -1;
-    reader->decode(
+    (void)reader->decode(
         [&](const media::LumaFrame& f) {
             bright = f.data[120 * f.bytesPerRow + 160];  // the white window, moved left
             dark = f.data[300 * f.bytesPerRow + 20];
@@ -494,7 +494,7 @@ TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
     kill(wm, SIGTERM);
     EXPECT_GE(sv::test::waitForExit(wm, 20s), 0);
 
-    auto reader = media::MovieReader::open(movie);
+    auto reader = media::MovieReader::open(movie).valueOr(nullptr);
     ASSERT_TRUE(reader);
     const media::TrackInfo& video = reader->info().tracks.at(0);
     EXPECT_EQ(video.width, 640);
@@ -502,7 +502,7 @@ TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
     EXPECT_GT(video.duration, 2.5);
     // The window is black with one white 80x80 square moving over it.
     size_t frames = 0, wrong = 0;
-    reader->decode(
+    (void)reader->decode(
         [&](const media::LumaFrame& f) {
             size_t bright = 0;
             for (int32_t y = 0; y < f.height; ++y)

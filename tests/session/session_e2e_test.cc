@@ -36,9 +36,9 @@ MovieInspection inspect(const std::string& path) {
 // Capture times (host seconds) of the movie's first and last frame.
 std::pair<double, double> stampSpan(const std::string& path) {
     std::pair<double, double> span{-1, -1};
-    auto reader = media::MovieReader::open(path);
+    auto reader = media::MovieReader::open(path).valueOr(nullptr);
     if (!reader) return span;
-    reader->decode(
+    (void)reader->decode(
         [&](const media::LumaFrame& f) {
             if (auto s = readFrameStamp(f.data, f.width, f.height, f.bytesPerRow)) {
                 if (span.first < 0) span.first = HostClock::toSeconds(s->hostTime);
