@@ -179,10 +179,9 @@ int main(int argc, char** argv) {
     if (!options.runtimeDirectory.empty()) sv::ipc::setRuntimeDirectory(options.runtimeDirectory);
     if (!options.home.empty()) sv::MovieStore::shared().setHomeDirectory(options.home);
     // Never a shared directory for the movies: without a home, refuse to start.
-    sv::OptionalError homeError;
-    if (!sv::MovieStore::shared().homeDirectory(&homeError)) {
+    if (auto home = sv::MovieStore::shared().homeDirectory(); !home) {
         std::fprintf(stderr, "sorveld: %s; pass --home DIR\n",
-                     homeError->localizedDescription().value_or("no home directory").c_str());
+                     home.error().localizedDescription().value_or("no home directory").c_str());
         return 1;
     }
     // Without the option the backend is chosen when capture is first used.
