@@ -94,14 +94,14 @@ void SVMovieWriter::setupFileWriter() {
     video[media::kVideoCompressionPropertiesKey] = compression;
 
     auto makeInput = [this](media::MediaType type, const Value& settings) {
-        auto created = media::MovieWriterInput::create(type, settings);
-        if (!created) {
+        auto made = media::MovieWriterInput::create(type, settings);
+        if (!made) {
             log::error("SVMovieWriter: setupFileWriter input error: %i",
-                       int32_t(created.error().code));
-            log::error("SVMovieWriter: %@", created.error().message());
+                       int32_t(made.error().code));
+            log::error("SVMovieWriter: %@", made.error().message());
             return std::shared_ptr<media::MovieWriterInput>();
         }
-        auto input = std::move(*created);
+        auto input = std::move(*made);
         input->setExpectsMediaDataInRealTime(true);
         if (fileWriter_) fileWriter_->addInput(input);
         return input;
