@@ -116,10 +116,9 @@ SVCaptureManager::SVCaptureManager(std::shared_ptr<AudioBackend> backend, DateSo
     : backend_(std::move(backend)), now_(std::move(now)) {
     if (!now_) now_ = [] { return std::chrono::system_clock::now(); };
     audioBasicDescription_ = AudioStreamFormat::pcm16(44100.0, 1, true);
-    std::string error;
     // Recording only, mixing with other audio; a refusal changes nothing here.
-    AudioSession::sharedInstance().setCategory(AudioSessionCategory::Record,
-                                               AudioSessionCategoryOptionMixWithOthers, &error);
+    (void)AudioSession::sharedInstance().setCategory(AudioSessionCategory::Record,
+                                                     AudioSessionCategoryOptionMixWithOthers);
 }
 
 SVCaptureManager::~SVCaptureManager() = default;

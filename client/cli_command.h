@@ -8,6 +8,15 @@
 
 namespace sv::cli {
 
+// Errors of the tool's own steps (finding the X display's monitors, saving a
+// movie).
+inline constexpr const char* kCLIErrorDomain = "org.sorvel.sorvel";
+enum CLIErrorCode : int64_t {
+    kCLIErrorNoDisplay = 1,        // no X display, or one that cannot be used
+    kCLIErrorNoMonitors = 2,       // the X server does not list its monitors
+    kCLIErrorCannotSaveMovie = 3,  // the movie cannot be put where it was asked
+};
+
 struct Command {
     const char* name;     // "trim", "shell", ...
     const char* summary;  // one line for `sorvel --help`

@@ -105,12 +105,8 @@ OptionalError SVDaemonPlatform::notSynthetic() const {
                           "); only the synthetic platform takes this call.");
 }
 
-std::optional<std::vector<uint32_t>> SVDaemonPlatform::layerContextIDsForProcess(
-    pid_t pid, OptionalError* error) const {
-    if (!windowSystem_) {
-        if (error) *error = notSynthetic();
-        return std::nullopt;
-    }
+Result<std::vector<uint32_t>> SVDaemonPlatform::layerContextIDsForProcess(pid_t pid) const {
+    if (!windowSystem_) return *notSynthetic();
     return windowSystem_->layerContextIDsForProcess(int32_t(pid));
 }
 

@@ -66,9 +66,9 @@ class SVDaemonPlatform {
     std::vector<uint32_t> layerContextIDsOwnedByProcess(pid_t pid,
                                                         const std::vector<uint32_t>& contextIDs,
                                                         std::vector<uint32_t>* dropped) const;
-    // The synthetic window system's layers of `pid` (on the display or not).
-    std::optional<std::vector<uint32_t>> layerContextIDsForProcess(pid_t pid,
-                                                                   OptionalError* error) const;
+    // The synthetic window system's layers of `pid` (on the display or not);
+    // an error (kSVShellErrorNotSynthetic) on a real display.
+    Result<std::vector<uint32_t>> layerContextIDsForProcess(pid_t pid) const;
 
     // The shell channel's synthetic platform. Nothing on error.
     OptionalError setApplicationState(const std::string& bundleID, bool foreground, int32_t pid);

@@ -179,23 +179,22 @@ int main(int argc, char** argv) {
     if (!options.runtimeDirectory.empty()) sv::ipc::setRuntimeDirectory(options.runtimeDirectory);
     if (!options.home.empty()) sv::MovieStore::shared().setHomeDirectory(options.home);
     // Never a shared directory for the movies: without a home, refuse to start.
-    sv::OptionalError homeError;
-    if (!sv::MovieStore::shared().homeDirectory(&homeError)) {
+    if (auto home = sv::MovieStore::shared().homeDirectory(); !home) {
         std::fprintf(stderr, "sorveld: %s; pass --home DIR\n",
-                     homeError->localizedDescription().value_or("no home directory").c_str());
+                     home.error().localizedDescription().value_or("no home directory").c_str());
         return 1;
     }
     // Without the option the backend is chosen when capture is first used.
     if (options.audioBackend && *options.audioBackend != sv::AudioBackendKind::Automatic)
         sv::setProcessAudioBackend(sv::makeAudioBackend(*options.audioBackend));
     if (options.screenBackend && *options.screenBackend != sv::ScreenBackendKind::Automatic) {
-        std::string why;
-        auto screen = sv::makeScreenBackend(*options.screenBackend, &why);
+        auto screen = sv::makeScreenBackend(*options.screenBackend);
         if (!screen) {
-            std::fprintf(stderr, "sorveld: cannot use the screen backend: %s\n", why.c_str());
+            std::fprintf(stderr, "sorveld: cannot use the screen backend: %s\n",
+                         screen.error().message().c_str());
             return 1;
         }
-        sv::setProcessScreenBackend(std::move(screen));
+        sv::setProcessScreenBackend(std::move(*screen));
     }
     // The window system follows the screen: the synthetic one on the
     // synthetic screen's display, X11 with the X11 screen.
@@ -203,14 +202,14 @@ int main(int argc, char** argv) {
         auto screen = sv::processScreenBackend();
         const bool synthetic =
             std::dynamic_pointer_cast<sv::SyntheticScreenBackend>(screen) != nullptr;
-        std::string why;
-        auto ui = sv::makeUiBackend(
-            synthetic ? sv::UiBackendKind::Synthetic : sv::UiBackendKind::X11, nullptr, &why);
+        auto ui =
+            sv::makeUiBackend(synthetic ? sv::UiBackendKind::Synthetic : sv::UiBackendKind::X11);
         if (!ui) {
-            std::fprintf(stderr, "sorveld: cannot use the window system: %s\n", why.c_str());
+            std::fprintf(stderr, "sorveld: cannot use the window system: %s\n",
+                         ui.error().message().c_str());
             return 1;
         }
-        sv::setProcessUiBackend(std::move(ui));
+        sv::setProcessUiBackend(std::move(*ui));
     }
 
     sv::log::info("sorveld Starting!");

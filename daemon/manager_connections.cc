@@ -39,19 +39,20 @@ Value urlValue(const std::optional<URL>& url) {
     return url ? Value(url->absoluteString()) : Value(nullptr);
 }
 
-std::optional<std::vector<uint32_t>> contextIDsOf(const Value& v, std::string* why) {
-    if (!v.is_array() || v.size() > kMaxContextIDs) {
-        *why = "layer context identifiers are a list of at most 1024 entries";
-        return std::nullopt;
-    }
+// Values of a request that do not make sense: rejected like a message that
+// does not fit the interface.
+Error malformed(const std::string& why) {
+    return Error::make(ipc::kIPCErrorDomain, ipc::kErrorMessageRejected, why);
+}
+
+Result<std::vector<uint32_t>> contextIDsOf(const Value& v) {
+    if (!v.is_array() || v.size() > kMaxContextIDs)
+        return malformed("layer context identifiers are a list of at most 1024 entries");
     std::vector<uint32_t> ids;
     ids.reserve(v.size());
     for (const auto& id : v) {
         auto n = integerOf<uint32_t>(id);
-        if (!n) {
-            *why = "a layer context identifier is an integer from 0 to 4294967295";
-            return std::nullopt;
-        }
+        if (!n) return malformed("a layer context identifier is an integer from 0 to 4294967295");
         ids.push_back(*n);
     }
     return ids;
@@ -59,13 +60,11 @@ std::optional<std::vector<uint32_t>> contextIDsOf(const Value& v, std::string* w
 
 // Sides that are no finite positive numbers are left to the session, which
 // records the display's size instead; only the form is checked here.
-std::optional<WindowSize> windowSizeOf(const Value& v, std::string* why) {
+Result<WindowSize> windowSizeOf(const Value& v) {
     auto width = numberAt(v, "width");
     auto height = numberAt(v, "height");
-    if (!width || !height) {
-        *why = "a window size is {\"width\": number, \"height\": number}";
-        return std::nullopt;
-    }
+    if (!width || !height)
+        return malformed("a window size is {\"width\": number, \"height\": number}");
     auto toFloat = [](double d) {
         if (std::isnan(d)) return std::numeric_limits<float>::quiet_NaN();
         if (d > std::numeric_limits<float>::max()) return std::numeric_limits<float>::infinity();
@@ -222,10 +221,10 @@ std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
     auto table = std::make_shared<ipc::MethodTable>();
     table->on(method::kStartRecording, [run, client](ipc::Invocation& inv) {
         ipc::ReplyHandler reply = inv.handler();
-        std::string why;
-        auto ids = contextIDsOf(inv.at(0), &why);
-        auto size = ids ? windowSizeOf(inv.at(1), &why) : std::nullopt;
-        if (!ids || !size) return logMalformed(inv, why);
+        auto ids = contextIDsOf(inv.at(0));
+        if (!ids) return logMalformed(inv, ids.error().message());
+        auto size = windowSizeOf(inv.at(1));
+        if (!size) return logMalformed(inv, size.error().message());
         const bool mic = inv.at(2).get<bool>(), camera = inv.at(3).get<bool>(),
                    broadcast = inv.at(4).get<bool>(), system = inv.at(5).get<bool>();
         StartHandler handler = [reply](OptionalError error, bool m, bool c) {

@@ -246,7 +246,7 @@ void SVRecordingManager::endTransaction() {
 
 int64_t SVRecordingManager::purgeableSpaceCallback(int32_t) {
     log::info("SVRecordingManager: cache delete purgeable space callback");
-    return MovieStore::shared()._srSizeOfTempDir();
+    return MovieStore::shared()._srSizeOfTempDir().valueOr(0);
 }
 
 namespace {

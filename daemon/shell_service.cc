@@ -191,11 +191,15 @@ void SVShellService::addRecordingMethods(ipc::MethodTable& table) {
     table.on("layerContextIDsForCallerWithHandler:", [platform, errorValue](ipc::Invocation& inv) {
         OptionalError error;
         std::optional<std::vector<uint32_t>> layers;
-        if (!platform)
+        if (!platform) {
             error = shellError(kSVShellErrorNotSynthetic, "No recording service runs here.");
-        else if (inv.connection())
-            layers =
-                platform->layerContextIDsForProcess(inv.connection()->processIdentifier(), &error);
+        } else if (inv.connection()) {
+            auto found = platform->layerContextIDsForProcess(inv.connection()->processIdentifier());
+            if (found)
+                layers = std::move(*found);
+            else
+                error = found.error();
+        }
         Value list = Value(nullptr);
         if (layers) {
             list = Value::array();

@@ -311,13 +311,10 @@ AudioSyncReport matchClicks(int track, const std::vector<double>& clickTimes,
     return r;
 }
 
-std::optional<MovieInspection> inspectMovie(const std::string& path, std::string* error) {
-    media::MediaError e;
-    auto reader = media::MovieReader::open(path, &e);
-    if (!reader) {
-        if (error) *error = e.message;
-        return std::nullopt;
-    }
+Result<MovieInspection> inspectMovie(const std::string& path) {
+    auto opened = media::MovieReader::open(path);
+    if (!opened) return opened.error();
+    auto reader = std::move(*opened);
     MovieInspection inspection;
     inspection.path = path;
     inspection.movie = reader->info();
@@ -352,10 +349,7 @@ std::optional<MovieInspection> inspectMovie(const std::string& path, std::string
             it->second.feed(b.channels[0], b.frames, b.time);
         return true;
     };
-    if (!reader->decode(onVideo, onAudio, &e)) {
-        if (error) *error = e.message;
-        return std::nullopt;
-    }
+    if (auto decoded = reader->decode(onVideo, onAudio); !decoded) return decoded.error();
     if (stampedFrames == 0) return inspection;
 
     // A reference frame that a cut movie keeps only for decoding is shown

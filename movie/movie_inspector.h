@@ -30,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/error.h"
 #include "platform/media/movie_reader.h"
 #include "platform/screen/frame_stamp.h"
 
@@ -105,9 +106,9 @@ struct MovieInspection {
 };
 
 // Reads the movie at `path` (decoding it frame by frame when its frames
-// carry stamps). nullopt with `error` set when the file cannot be read or
-// is broken (truncated, undecodable).
-std::optional<MovieInspection> inspectMovie(const std::string& path, std::string* error = nullptr);
+// carry stamps). An error (the media layer's, kMovieWriterErrorDomain) when
+// the file cannot be read or is broken (truncated, undecodable).
+Result<MovieInspection> inspectMovie(const std::string& path);
 
 nlohmann::ordered_json inspectionToJSON(const MovieInspection& inspection);
 std::string inspectionToText(const MovieInspection& inspection);

@@ -66,9 +66,10 @@ void SVMovieWriter::setupFileWriter() {
     audio1End_ = std::numeric_limits<double>::quiet_NaN();
     audio2End_ = std::numeric_limits<double>::quiet_NaN();
 
-    media::MediaError error;
-    fileWriter_ = MovieFileWriter::create(outputURL(), media::FileType::MPEG4, &error);
-    if (!fileWriter_) log::error("SVMovieWriter: setupFileWriter error: %i", error.code);
+    auto created = MovieFileWriter::create(outputURL(), media::FileType::MPEG4);
+    fileWriter_ = created.valueOr(nullptr);
+    if (!created)
+        log::error("SVMovieWriter: setupFileWriter error: %i", int32_t(created.error().code));
     if (fileWriter_ && failureHandler_) fileWriter_->setFailureHandler(failureHandler_);
 
     if (auto metadata = assetMetadata(); metadata && fileWriter_)
@@ -93,13 +94,14 @@ void SVMovieWriter::setupFileWriter() {
     video[media::kVideoCompressionPropertiesKey] = compression;
 
     auto makeInput = [this](media::MediaType type, const Value& settings) {
-        media::MediaError e;
-        auto input = media::MovieWriterInput::create(type, settings, &e);
-        if (!input) {
-            log::error("SVMovieWriter: setupFileWriter input error: %i", e.code);
-            log::error("SVMovieWriter: %@", e.message);
-            return input;
+        auto made = media::MovieWriterInput::create(type, settings);
+        if (!made) {
+            log::error("SVMovieWriter: setupFileWriter input error: %i",
+                       int32_t(made.error().code));
+            log::error("SVMovieWriter: %@", made.error().message());
+            return std::shared_ptr<media::MovieWriterInput>();
         }
+        auto input = std::move(*made);
         input->setExpectsMediaDataInRealTime(true);
         if (fileWriter_) fileWriter_->addInput(input);
         return input;
@@ -197,7 +199,7 @@ void SVMovieWriter::finishWritingWithHandler(URLHandler handler) {
     }
     log::info("not writing, returning video url set on file writer (most likely null)");
     auto error = fileWriter_ ? fileWriter_->error() : std::nullopt;
-    log::error("file writer error = %i", error ? error->code : 0);
+    log::error("file writer error = %i", error ? int32_t(error->code) : 0);
     // Failed while writing (the disk filled): the fragments written before
     // are closed into a movie that plays.
     if (status == int(Status::Failed)) return finish();
@@ -250,7 +252,7 @@ void SVMovieWriter::trimMovieWithURL(const URL& url, double startClipDuration,
                     case media::MovieExporter::Status::Failed: {
                         auto error = exporter->error();
                         log::info("SVMovieWriter: Export Trim Video Failed, due to error: %i",
-                                  error ? error->code : 0);
+                                  error ? int32_t(error->code) : 0);
                         if (handler) handler(std::nullopt);
                         return;
                     }

@@ -66,6 +66,7 @@ class [[nodiscard]] Result {
     T* operator->() { return &value(); }
     const T* operator->() const { return &value(); }
     T valueOr(T fallback) const& { return ok() ? value() : std::move(fallback); }
+    T valueOr(T fallback) && { return ok() ? std::move(*this).value() : std::move(fallback); }
     // Only when !ok().
     const Error& error() const { return std::get<1>(v_); }
     // nullopt when ok().

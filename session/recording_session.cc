@@ -25,8 +25,8 @@ namespace {
 
 // The recording error for a movie that could not be written: the disk (or
 // the user's quota, or the file size limit) is full, or anything else.
-int64_t recordingErrorCodeForWriteFailure(const media::MediaError& error) {
-    const int err = -error.code;  // FFmpeg's codes are negated errno values
+int64_t recordingErrorCodeForWriteFailure(const Error& error) {
+    const int64_t err = -error.code;  // FFmpeg's codes are negated errno values
     return err == ENOSPC || err == EDQUOT || err == EFBIG ? kSVRecordingErrorInsufficientStorage
                                                           : kSVRecordingErrorFailedDuringRecording;
 }
@@ -229,8 +229,9 @@ void SVRecordingSession::_startWithStoreInfo(std::shared_ptr<SVStoreInfo> info, 
     // recording at once, with what was written kept. The writer holds this
     // handler, so it refers to the writer weakly.
     std::weak_ptr<SVMovieWriter> weakWriter = writer;
-    writer->setFailureHandler([weak, weakWriter](const media::MediaError& error) {
-        log::error("SVRecordingSession: the movie cannot be written: %@", error.description());
+    writer->setFailureHandler([weak, weakWriter](const Error& error) {
+        log::error("SVRecordingSession: the movie cannot be written: %@",
+                   media::mediaErrorText(error));
         const int64_t code = recordingErrorCodeForWriteFailure(error);
         // On the writer's worker, which the stop's finish waits for.
         DispatchQueue::global()->async([weak, weakWriter, code] {

@@ -65,7 +65,7 @@ void MovieStore::setPasswordLookup(PasswordLookup lookup) {
     passwordLookup_ = std::move(lookup);
 }
 
-std::optional<std::string> MovieStore::homeDirectory(OptionalError* error) const {
+Result<std::string> MovieStore::homeDirectory() const {
     PasswordLookup lookup;
     {
         std::lock_guard lock(mutex_);
@@ -75,14 +75,9 @@ std::optional<std::string> MovieStore::homeDirectory(OptionalError* error) const
     if (const char* h = std::getenv("HOME"); h && h[0] == '/') return std::string(h);
     const uid_t uid = geteuid();
     auto home = lookup ? lookup(uid) : passwordDatabaseHome(uid);
-    if (isAbsolute(home)) return home;
-    if (error) {
-        Value info = Value::object();
-        info[kLocalizedDescriptionKey] =
-            "cannot find a home directory for uid " + std::to_string(uid);
-        *error = Error{kPOSIXErrorDomain, ENOENT, std::move(info)};
-    }
-    return std::nullopt;
+    if (isAbsolute(home)) return *home;
+    return Error::make(kPOSIXErrorDomain, ENOENT,
+                       "cannot find a home directory for uid " + std::to_string(uid));
 }
 
 void MovieStore::setFreeSpaceProvider(FreeSpaceProvider provider) {
@@ -102,9 +97,7 @@ void MovieStore::_srSetupTempDirectory() {
     log::info("_srSetupTempDirectory");
     std::string path = _srTempPath();
     if (path.empty()) {
-        OptionalError error;
-        homeDirectory(&error);
-        log::console("error: %@", *error);
+        log::console("error: %@", homeDirectory().error());
         log::error("error creating temp directory");
         return;
     }
@@ -130,17 +123,11 @@ void MovieStore::_srSetupTempDirectory() {
     }
 }
 
-int64_t MovieStore::_srSizeOfTempDir(OptionalError* error) {
+Result<int64_t> MovieStore::_srSizeOfTempDir() {
     const std::string path = _srTempPath();
     struct stat st {};
-    if (path.empty()) {
-        if (error) homeDirectory(error);
-        return 0;
-    }
-    if (stat(path.c_str(), &st) != 0) {
-        if (error) *error = posixError(errno, "stat");
-        return 0;
-    }
+    if (path.empty()) return homeDirectory().error();
+    if (stat(path.c_str(), &st) != 0) return posixError(errno, "stat");
     return static_cast<int64_t>(st.st_size);
 }
 
@@ -156,12 +143,9 @@ void reportPurgeError(const Error& e) {
     log::console("error = %@", e);
 }
 
-std::optional<std::vector<std::string>> listNames(const std::string& dir, OptionalError* error) {
+Result<std::vector<std::string>> listNames(const std::string& dir) {
     DIR* d = opendir(dir.c_str());
-    if (!d) {
-        if (error) *error = posixError(errno, "opendir " + dir);
-        return std::nullopt;
-    }
+    if (!d) return posixError(errno, "opendir " + dir);
     std::vector<std::string> names;
     while (dirent* e = readdir(d)) {
         if (!std::strcmp(e->d_name, ".") || !std::strcmp(e->d_name, "..")) continue;
@@ -184,11 +168,10 @@ int64_t MovieStore::_srDeleteFilesOlderThanTimeToLiveInSeconds(double ttl) {
     log::info("_srDeleteFilesOlderThanTimeToLiveInSeconds: %i",
               std::isfinite(ttl) ? static_cast<int32_t>(std::trunc(ttl)) : 0);
     std::string dir = _srTempPath();
-    OptionalError listError;
-    auto names = dir.empty() ? std::nullopt : listNames(dir, &listError);
-    if (dir.empty()) homeDirectory(&listError);
+    auto names =
+        dir.empty() ? Result<std::vector<std::string>>(homeDirectory().error()) : listNames(dir);
     if (!names) {
-        reportPurgeError(*listError);
+        reportPurgeError(names.error());
         return 0;
     }
     int64_t total = 0;
@@ -247,7 +230,11 @@ void MovieStore::_srDeleteFilesWithPrefix(const std::string& prefix,
                                           std::function<void()> completion) {
     std::string dir = _srTempPath();
     DispatchQueue::global(QueuePriority::Default)->async([dir, prefix, completion] {
-        auto names = dir.empty() ? std::nullopt : listNames(dir, nullptr);
+        if (dir.empty()) {
+            if (completion) completion();
+            return;
+        }
+        auto names = listNames(dir);
         if (!names) {
             if (completion) completion();
             return;

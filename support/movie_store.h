@@ -43,10 +43,10 @@ class MovieStore {
     // The home directory under which the store lives, the first of: the one
     // set here (the daemon's --home; an empty string unsets it), $HOME, the
     // password database's entry for the effective uid (these two only when
-    // they are absolute paths). Without any, nullopt with `error` set (POSIX domain, ENOENT,
+    // they are absolute paths). Without any, an error (POSIX domain, ENOENT,
     // "cannot find a home directory for uid N").
     void setHomeDirectory(std::string home);
-    std::optional<std::string> homeDirectory(OptionalError* error = nullptr) const;
+    Result<std::string> homeDirectory() const;
     // Replaces the getpwuid_r-based lookup (tests); nullptr restores it.
     void setPasswordLookup(PasswordLookup lookup);
     // Replaces the statvfs-based free-space reading (tests); nullptr restores it.
@@ -59,8 +59,8 @@ class MovieStore {
     // (mode 0700 for each directory it creates).
     void _srSetupTempDirectory();
     // Size attribute of the store directory entry itself (not its contents);
-    // 0 with `error` set when it cannot be read.
-    int64_t _srSizeOfTempDir(OptionalError* error = nullptr);
+    // an error when it cannot be read.
+    Result<int64_t> _srSizeOfTempDir();
     int64_t _srDeleteAllTempFiles();
     // Removes entries whose modification is more than `ttl` seconds ago (all
     // with ttl 0); returns the bytes removed.

@@ -29,20 +29,22 @@ void SVStoreManager::loadItemDetailsForBundleIdentifier(const std::string& bundl
     request.localizationStyle = 1;
     request.bundleIdentifiers = {bundleID};
     // Runs on the lookup service's thread: only builds the record, then hands
-    // over to the main queue. The error is not examined: a failed lookup
-    // yields the same fallback record as one without results.
-    request.start(
-        [bundleID, completionHandler](const StoreLookupResponse& response, std::error_code) {
-            const StoreItem* item = response.results.empty() ? nullptr : &response.results.front();
-            auto info = std::make_shared<SVStoreInfo>();
-            info->bundleID = bundleID;
-            info->appName = item && item->displayName ? item->displayName
-                                                      : _svLocalizedAppNameFromBundleID(bundleID);
-            info->author = item && item->artistName ? *item->artistName : std::string();
-            info->itemURL = item && item->shortProductURL ? *item->shortProductURL : std::string();
-            if (item) info->categories = item->genreNames;
-            DispatchQueue::main()->async([completionHandler, info] { completionHandler(info); });
-        });
+    // over to the main queue. A failed lookup is logged and yields the same
+    // fallback record as one without results.
+    request.start([bundleID, completionHandler](const StoreLookupResponse& response,
+                                                OptionalError error) {
+        if (error)
+            log::info("SVStoreManager: store lookup for %@ failed: %@", bundleID, error->message());
+        const StoreItem* item = response.results.empty() ? nullptr : &response.results.front();
+        auto info = std::make_shared<SVStoreInfo>();
+        info->bundleID = bundleID;
+        info->appName = item && item->displayName ? item->displayName
+                                                  : _svLocalizedAppNameFromBundleID(bundleID);
+        info->author = item && item->artistName ? *item->artistName : std::string();
+        info->itemURL = item && item->shortProductURL ? *item->shortProductURL : std::string();
+        if (item) info->categories = item->genreNames;
+        DispatchQueue::main()->async([completionHandler, info] { completionHandler(info); });
+    });
 }
 
 namespace {

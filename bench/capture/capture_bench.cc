@@ -118,12 +118,13 @@ int main() {
         report("capture_mic_synthetic", run(realTime, true, 0, 3.0, 10s), true);
     }
 
-    std::string why;
-    auto server = sv::testing::PrivatePulseServer::start({}, &why);
-    if (!server) {
-        std::fprintf(stderr, "# no private PulseAudio server: %s\n", why.c_str());
+    auto started = sv::testing::PrivatePulseServer::start({});
+    if (!started) {
+        std::fprintf(stderr, "# no private PulseAudio server: %s\n",
+                     started.error().message().c_str());
         return 0;
     }
+    auto server = std::move(*started);
     auto pulse = std::make_shared<sv::PulseAudioBackend>(server->address());
     pid_t player = server->playTones({440, 660}, 9.0);
     std::this_thread::sleep_for(300ms);

@@ -135,14 +135,16 @@ void benchSyntheticDelivery() {
 
 #if SV_HAVE_XCB
 void benchX11() {
-    std::string error;
-    auto server = testing::XvfbServer::start(1600, 900, &error);
-    if (!server) {
-        std::printf("# X11 figures skipped: %s\n", error.c_str());
+    auto started = testing::XvfbServer::start(1600, 900);
+    if (!started) {
+        std::printf("# X11 figures skipped: %s\n", started.error().message().c_str());
         return;
     }
-    auto a = testing::XTestWindow::create(server->displayName(), 100, 100, 900, 600, 0xC03020);
-    auto b = testing::XTestWindow::create(server->displayName(), 600, 300, 800, 500, 0x2040C0);
+    auto server = std::move(*started);
+    auto a =
+        testing::XTestWindow::create(server->displayName(), 100, 100, 900, 600, 0xC03020).value();
+    auto b =
+        testing::XTestWindow::create(server->displayName(), 600, 300, 800, 500, 0x2040C0).value();
     a->warpPointer(800, 450);
     struct Mode {
         const char* name;
@@ -152,12 +154,13 @@ void benchX11() {
     for (Mode m : {Mode{"mirror", true, kCloneMirroringModeMirror},
                    Mode{"clone", true, kCloneMirroringModeClone},
                    Mode{"mirror_socket", false, kCloneMirroringModeMirror}}) {
-        auto backend = X11ScreenBackend::connect(server->displayName(),
-                                                 {.sharedMemory = m.sharedMemory}, &error);
-        if (!backend) {
-            std::printf("# X11 figures skipped: %s\n", error.c_str());
+        auto connected =
+            X11ScreenBackend::connect(server->displayName(), {.sharedMemory = m.sharedMemory});
+        if (!connected) {
+            std::printf("# X11 figures skipped: %s\n", connected.error().message().c_str());
             return;
         }
+        auto backend = *connected;
         backend->mirroringService()->setLayerContextsToClone({a->id()});
         backend->mirroringService()->setCloneMirroringMode(m.mode);
         const double server0 = processCpuSeconds(server->pid());

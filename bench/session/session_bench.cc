@@ -227,11 +227,10 @@ int run(double seconds, const std::optional<std::string>& keep) {
     const Recording rec = record(seconds);
     report("session_seconds", rec.seconds, "s");
 
-    std::string error;
-    auto inspection = inspectMovie(rec.movie, &error);
+    auto inspection = inspectMovie(rec.movie);
     if (!inspection || !inspection->stamps) {
         std::fprintf(stderr, "session_bench: %s: %s\n", rec.movie.c_str(),
-                     inspection ? "no frame stamps" : error.c_str());
+                     inspection ? "no frame stamps" : inspection.error().message().c_str());
         return 1;
     }
     const FrameStampReport& s = *inspection->stamps;

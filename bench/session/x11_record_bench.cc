@@ -141,10 +141,10 @@ struct Movie {
     int width = 0, height = 0;
 };
 Movie videoOf(const std::string& path) {
-    std::string error;
-    auto inspection = inspectMovie(path, &error);
+    auto inspection = inspectMovie(path);
     if (!inspection)
-        std::fprintf(stderr, "x11_record_bench: %s: %s\n", path.c_str(), error.c_str());
+        std::fprintf(stderr, "x11_record_bench: %s: %s\n", path.c_str(),
+                     inspection.error().message().c_str());
     if (inspection)
         for (const auto& t : inspection->movie.tracks)
             if (t.kind == media::TrackKind::Video)
@@ -264,12 +264,12 @@ void check(const char* name, bool pass) {
 
 int run(double seconds, const std::optional<std::string>& keep) {
     log::setOutputEnabled(false);
-    std::string error;
-    auto server = testing::XvfbServer::start(kWidth, kHeight, &error);
-    if (!server) {
-        std::fprintf(stderr, "x11_record_bench: %s\n", error.c_str());
+    auto started = testing::XvfbServer::start(kWidth, kHeight);
+    if (!started) {
+        std::fprintf(stderr, "x11_record_bench: %s\n", started.error().message().c_str());
         return 1;
     }
+    auto server = std::move(*started);
     int ready[2];
     if (pipe2(ready, O_CLOEXEC) != 0) return 1;
     UniqueFd readyIn(ready[0]), readyOut(ready[1]);
@@ -296,12 +296,12 @@ int run(double seconds, const std::optional<std::string>& keep) {
     SVReachability::setFlagsProvider(
         [](const std::string&) -> std::optional<uint32_t> { return std::nullopt; });
     setProcessAudioBackend(std::make_shared<SyntheticAudioBackend>());
-    auto backend = X11ScreenBackend::connect(server->displayName(), &error);
+    auto backend = X11ScreenBackend::connect(server->displayName());
     if (!backend) {
-        std::fprintf(stderr, "x11_record_bench: %s\n", error.c_str());
+        std::fprintf(stderr, "x11_record_bench: %s\n", backend.error().message().c_str());
         return 1;
     }
-    setProcessScreenBackend(backend);
+    setProcessScreenBackend(*backend);
 
     const Recording rec = record(seconds, server->pid(), animator);
     const double recorded = rec.movie.seconds > 0 ? rec.movie.seconds : seconds;

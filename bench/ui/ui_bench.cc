@@ -89,8 +89,8 @@ double threadCpuSeconds(const char* name) {
 // `bare`: the background windows carry no properties, so each one is
 // searched for a client inside it as if it were a window manager's frame.
 void x11Latency(const std::string& display, int background, bool bare, const char* name) {
-    auto client = testing::X11TestClient::connect(display);
-    auto system = X11WindowSystem::connect(display);
+    auto client = testing::X11TestClient::connect(display).valueOr(nullptr);
+    auto system = X11WindowSystem::connect(display).valueOr(nullptr);
     if (!client || !system) return;
     testing::TestWindowOptions options;
     options.width = options.height = 100;
@@ -124,8 +124,8 @@ void x11Latency(const std::string& display, int background, bool bare, const cha
 }
 
 void x11Flood(const std::string& display) {
-    auto client = testing::X11TestClient::connect(display);
-    auto system = X11WindowSystem::connect(display);
+    auto client = testing::X11TestClient::connect(display).valueOr(nullptr);
+    auto system = X11WindowSystem::connect(display).valueOr(nullptr);
     if (!client || !system) return;
     testing::TestWindowOptions options;
     std::vector<uint32_t> windows;
@@ -192,12 +192,12 @@ int main() {
     alertCost();
     syntheticLatency();
 #if SV_UI_BENCH_X11
-    std::string why;
-    auto server = testing::XvfbServer::start(1280, 800, &why);
-    if (!server) {
-        std::fprintf(stderr, "ui_bench: no X11 figures: %s\n", why.c_str());
+    auto started = testing::XvfbServer::start(1280, 800);
+    if (!started) {
+        std::fprintf(stderr, "ui_bench: no X11 figures: %s\n", started.error().message().c_str());
         return 0;
     }
+    auto server = std::move(*started);
     x11Latency(server->displayName(), 4, false, "x11_layout_latency_5_windows");
     x11Latency(server->displayName(), 300, false, "x11_layout_latency_300_windows");
     x11Latency(server->displayName(), 300, true, "x11_layout_latency_300_bare_windows");

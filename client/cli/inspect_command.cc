@@ -48,10 +48,9 @@ int runInspect(int argc, char** argv) {
     // FFmpeg's complaints about a broken file go to the log; the command
     // prints one message of its own instead.
     sv::log::setOutputEnabled(false);
-    std::string error;
-    auto inspection = sv::inspectMovie(*movie, &error);
+    auto inspection = sv::inspectMovie(*movie);
     if (!inspection) {
-        std::fprintf(stderr, "sorvel inspect: %s\n", error.c_str());
+        std::fprintf(stderr, "sorvel inspect: %s\n", inspection.error().message().c_str());
         return 1;
     }
     if (json)

@@ -14,20 +14,20 @@ constexpr double kLongestFullInspection = 120;  // seconds
 }  // namespace
 
 void printMovieSummary(const std::string& path, FILE* out) {
-    media::MediaError error;
-    auto reader = media::MovieReader::open(path, &error);
-    if (!reader) {
+    auto opened = media::MovieReader::open(path);
+    if (!opened) {
         std::fprintf(out, "(not a readable movie)\n");
         return;
     }
+    auto reader = std::move(*opened);
     if (reader->info().duration <= kLongestFullInspection) {
         reader.reset();
-        std::string why;
-        if (auto inspection = inspectMovie(path, &why)) {
+        auto inspection = inspectMovie(path);
+        if (inspection) {
             std::fputs(inspectionToText(*inspection).c_str(), out);
             return;
         }
-        std::fprintf(out, "(%s)\n", why.c_str());
+        std::fprintf(out, "(%s)\n", inspection.error().message().c_str());
         return;
     }
     MovieInspection tracksOnly;

@@ -176,22 +176,20 @@ std::string formatTime(double seconds) {
 // names is only copied, and only when it is a regular file, so that a
 // process standing in for the service cannot make this command move or
 // stream arbitrary files.
-bool saveMovie(const std::string& movie, const std::string& output, std::string& why) {
+sv::Result<void> saveMovie(const std::string& movie, const std::string& output) {
     namespace fs = std::filesystem;
+    auto fail = [](const std::string& why) {
+        return sv::Error::make(sv::cli::kCLIErrorDomain, sv::cli::kCLIErrorCannotSaveMovie, why);
+    };
     std::error_code ec;
-    if (!fs::is_regular_file(movie, ec)) {
-        why = movie + " is not a movie file";
-        return false;
-    }
-    if (fs::equivalent(movie, output, ec)) return true;
+    if (!fs::is_regular_file(movie, ec)) return fail(movie + " is not a movie file");
+    if (fs::equivalent(movie, output, ec)) return {};
     const bool inStore = fs::path(movie).parent_path().string().ends_with("/Library/Sorvel");
-    if (inStore && std::rename(movie.c_str(), output.c_str()) == 0) return true;
-    if (!fs::copy_file(movie, output, fs::copy_options::overwrite_existing, ec)) {
-        why = ec.message();
-        return false;
-    }
+    if (inStore && std::rename(movie.c_str(), output.c_str()) == 0) return {};
+    if (!fs::copy_file(movie, output, fs::copy_options::overwrite_existing, ec))
+        return fail(ec.message());
     if (inStore) fs::remove(movie, ec);
-    return true;
+    return {};
 }
 
 struct Options {
@@ -687,14 +685,13 @@ void Recorder::finish(const std::optional<std::string>& movie,
         note(std::string("sorvel record: ") + (interrupted ? "recording interrupted: " : "") +
              error->description());
     if (movie) {
-        std::string why;
-        if (saveMovie(*movie, options_.output, why)) {
+        if (auto saved = saveMovie(*movie, options_.output)) {
             if (error) note("sorvel record: the movie recorded so far is in " + options_.output);
             std::printf("%s\n", options_.output.c_str());
             std::fflush(stdout);
             sv::cli::printMovieSummary(options_.output, stdout);
         } else {
-            note("sorvel record: cannot write " + options_.output + ": " + why +
+            note("sorvel record: cannot write " + options_.output + ": " + saved.error().message() +
                  "; the movie is still at " + *movie);
             status = 1;
         }

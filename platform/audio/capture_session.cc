@@ -253,7 +253,7 @@ AudioSession& AudioSession::sharedInstance() {
     return *session;
 }
 
-bool AudioSession::setCategory(AudioSessionCategory category, uint32_t options, std::string*) {
+Result<void> AudioSession::setCategory(AudioSessionCategory category, uint32_t options) {
     static const char* names[] = {"ambient", "playback", "record", "play-and-record"};
     {
         std::lock_guard lock(mutex_);
@@ -262,7 +262,7 @@ bool AudioSession::setCategory(AudioSessionCategory category, uint32_t options, 
     }
     log::debug("AudioSession: category %@ options %u (no audio policy on this platform)",
                names[int(category)], options);
-    return true;
+    return {};
 }
 
 AudioSessionCategory AudioSession::category() const {

@@ -156,8 +156,8 @@ enum AudioSessionCategoryOptions : uint32_t { AudioSessionCategoryOptionMixWithO
 class AudioSession {
   public:
     static AudioSession& sharedInstance();
-    // Always succeeds here; returns false with `error` set on platforms that refuse.
-    bool setCategory(AudioSessionCategory category, uint32_t options, std::string* error);
+    // Always succeeds here; an error on platforms that refuse.
+    Result<void> setCategory(AudioSessionCategory category, uint32_t options);
     AudioSessionCategory category() const;
     uint32_t categoryOptions() const;
 

@@ -306,28 +306,22 @@ Listener::~Listener() {
 namespace {
 
 // Binds and listens on `path` (mode 0600), replacing a socket left behind
-// by a process that ended; -1 with `why` when the name is taken by a running
-// service or the socket cannot be made.
-int bindServiceSocket(const std::string& serviceName, const std::string& path, std::string& why) {
+// by a process that ended; an error (kErrorCannotListen) when the name is
+// taken by a running service or the socket cannot be made.
+Result<int> bindServiceSocket(const std::string& serviceName, const std::string& path) {
+    auto fail = [](const std::string& why) {
+        return Error::make(kIPCErrorDomain, kErrorCannotListen, why);
+    };
     sockaddr_un addr;
-    if (!fillAddress(path, addr)) {
-        why = "socket path too long: " + path;
-        return -1;
-    }
+    if (!fillAddress(path, addr)) return fail("socket path too long: " + path);
     struct stat st {};
     if (lstat(path.c_str(), &st) == 0) {
-        if (!S_ISSOCK(st.st_mode)) {
-            why = path + " exists and is not a socket";
-            return -1;
-        }
+        if (!S_ISSOCK(st.st_mode)) return fail(path + " exists and is not a socket");
         UniqueFd probe(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         bool live = probe.valid() &&
                     (::connect(probe.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 ||
                      errno == EAGAIN);  // a full backlog still means someone listens
-        if (live) {
-            why = "service " + serviceName + " is already running";
-            return -1;
-        }
+        if (live) return fail("service " + serviceName + " is already running");
         ::unlink(path.c_str());
     }
     // The socket is made under a temporary name in the same directory and
@@ -339,22 +333,16 @@ int bindServiceSocket(const std::string& serviceName, const std::string& path, s
     const std::string dir = path.substr(0, path.rfind('/') + 1);
     const std::string temporary = dir + ".sv-" + std::to_string(getpid()) + "-" + serviceName;
     sockaddr_un tmpAddr;
-    if (!fillAddress(temporary, tmpAddr)) {
-        why = "socket path too long: " + temporary;
-        return -1;
-    }
+    if (!fillAddress(temporary, tmpAddr)) return fail("socket path too long: " + temporary);
     ::unlink(temporary.c_str());
     UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd.valid() ||
-        ::bind(fd.get(), reinterpret_cast<sockaddr*>(&tmpAddr), sizeof tmpAddr) != 0) {
-        why = std::strerror(errno);
-        return -1;
-    }
+    if (!fd.valid() || ::bind(fd.get(), reinterpret_cast<sockaddr*>(&tmpAddr), sizeof tmpAddr) != 0)
+        return fail(std::strerror(errno));
     if (::chmod(temporary.c_str(), 0600) != 0 || ::listen(fd.get(), 128) != 0 ||
         ::rename(temporary.c_str(), path.c_str()) != 0) {
-        why = std::strerror(errno);
+        const std::string why = std::strerror(errno);
         ::unlink(temporary.c_str());
-        return -1;
+        return fail(why);
     }
     return fd.release();
 }
@@ -381,9 +369,9 @@ Result<std::shared_ptr<Listener>> Listener::named(const std::string& serviceName
 
     int fd = takeActivatedSocket(serviceName);
     if (fd < 0) {
-        std::string why;
-        fd = bindServiceSocket(serviceName, path, why);
-        if (fd < 0) return fail(why);
+        auto bound = bindServiceSocket(serviceName, path);
+        if (!bound) return fail(bound.error().message());
+        fd = *bound;
         l->impl_->ownsPath = true;
     }
     setNonBlocking(fd);

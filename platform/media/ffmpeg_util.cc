@@ -41,8 +41,16 @@ std::string avErrorString(int code) {
     return buf;
 }
 
-MediaError makeError(int code, const std::string& what) {
-    return MediaError{code, what + ": " + avErrorString(code)};
+Error mediaError(int64_t code, const std::string& message) {
+    return Error::make(kMovieWriterErrorDomain, code, message);
+}
+
+std::string mediaErrorText(const Error& error) {
+    return error.message() + " (" + std::to_string(error.code) + ")";
+}
+
+Error makeError(int code, const std::string& what) {
+    return mediaError(code, what + ": " + avErrorString(code));
 }
 
 void displayMatrixFor(const AffineTransform& t, int32_t m[9]) {
@@ -105,7 +113,7 @@ std::optional<int64_t> toTicks(const MediaTime& t, AVRational tb) {
 
 void MovieFileWriter::Muxer::failLocked(int code, const std::string& what) {
     if (!error) error = makeError(code, what);
-    log::error("MovieFileWriter: %@", error->description());
+    log::error("MovieFileWriter: %@", mediaErrorText(*error));
     status = int(Status::Failed);
 }
 
@@ -152,7 +160,7 @@ bool MovieFileWriter::Muxer::ensureHeaderLocked() {
 
 bool MovieFileWriter::Muxer::writePacket(AVPacket* packet, int streamIndex, AVRational tb) {
     FailureHandler report;
-    MediaError failure;
+    Error failure;
     {
         std::lock_guard lock(mu);
         if (status != int(Status::Writing)) return false;

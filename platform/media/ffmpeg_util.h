@@ -138,7 +138,8 @@ inline PacketPtr clonePacket(const AVPacket* packet) {
 // Routes FFmpeg's error messages to the system log; idempotent.
 void installLogForwarding();
 std::string avErrorString(int code);
-MediaError makeError(int code, const std::string& what);
+// mediaError(code, "<what>: <FFmpeg's text of code>").
+Error makeError(int code, const std::string& what);
 
 // The MP4 display matrix (16.16 fixed point, last column 2.30) of `t`.
 void displayMatrixFor(const AffineTransform& t, int32_t matrix[9]);
@@ -195,7 +196,7 @@ struct MovieFileWriter::Muxer {
     int pendingInputs = 0;
     std::optional<MediaTime> start;
     MetadataList metadata;
-    std::optional<MediaError> error;
+    OptionalError error;
     std::function<void()> completion;
     // Taken by the first failure while writing.
     MovieFileWriter::FailureHandler failureHandler;

@@ -329,7 +329,7 @@ std::shared_ptr<MovieAsset> MovieAsset::assetWithURL(const URL& url) {
     for (unsigned i = 0; i < in->nb_streams; ++i)
         if (isCopiedType(in->streams[i]->codecpar->codec_type)) ++asset->tracks_;
     if (asset->tracks_ == 0 || in->duration == AV_NOPTS_VALUE || in->duration <= 0) {
-        asset->error_ = MediaError{AVERROR_INVALIDDATA, url.path + " is not a movie"};
+        asset->error_ = mediaError(AVERROR_INVALIDDATA, url.path + " is not a movie");
         return asset;
     }
     // The timeline starts at the first video frame (the format's start when
@@ -371,7 +371,7 @@ void MovieExporter::setTimeRange(MediaTime start, MediaTime duration) {
     start_ = start;
     duration_ = duration;
 }
-std::optional<MediaError> MovieExporter::error() const {
+OptionalError MovieExporter::error() const {
     std::lock_guard lock(mu_);
     return error_;
 }
@@ -386,7 +386,7 @@ void MovieExporter::fail(int code, const std::string& what) {
     {
         std::lock_guard lock(mu_);
         error_ = makeError(code, what);
-        log::error("MovieExporter: %@", error_->description());
+        log::error("MovieExporter: %@", mediaErrorText(*error_));
     }
     status_ = int(Status::Failed);
 }
@@ -420,7 +420,7 @@ void MovieExporter::run() {
     if (!asset_->isReadable()) {
         std::lock_guard lock(mu_);
         error_ = asset_->error();
-        log::error("MovieExporter: %@", error_->description());
+        log::error("MovieExporter: %@", mediaErrorText(*error_));
         status_ = int(Status::Failed);
         return;
     }

@@ -48,14 +48,14 @@ class MovieAsset {
     // written in one piece).
     MediaTime timelineStart() const { return timelineStart_; }
     int trackCount() const { return tracks_; }
-    const std::optional<MediaError>& error() const { return error_; }
+    const OptionalError& error() const { return error_; }
 
   private:
     URL url_;
     MediaTime duration_;
     MediaTime timelineStart_ = MediaTime::zero();
     int tracks_ = 0;
-    std::optional<MediaError> error_;
+    OptionalError error_;
 };
 
 class MovieExporter : public std::enable_shared_from_this<MovieExporter> {
@@ -86,7 +86,7 @@ class MovieExporter : public std::enable_shared_from_this<MovieExporter> {
     void cancelExport();
 
     Status status() const { return Status(status_.load()); }
-    std::optional<MediaError> error() const;
+    OptionalError error() const;
 
   private:
     explicit MovieExporter(std::shared_ptr<MovieAsset> asset) : asset_(std::move(asset)) {}
@@ -98,7 +98,7 @@ class MovieExporter : public std::enable_shared_from_this<MovieExporter> {
     std::optional<URL> output_;
     FileType type_ = FileType::MPEG4;
     std::optional<MediaTime> start_, duration_;
-    std::optional<MediaError> error_;
+    OptionalError error_;
     std::atomic<int> status_{int(Status::Unknown)};
     std::atomic<bool> cancelled_{false};
 };

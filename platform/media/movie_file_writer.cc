@@ -15,12 +15,8 @@ namespace {
 using Status = MovieFileWriter::Status;
 }
 
-std::shared_ptr<MovieFileWriter> MovieFileWriter::create(const URL& url, FileType type,
-                                                         MediaError* error) {
-    auto fail = [&](int code, const std::string& what) -> std::shared_ptr<MovieFileWriter> {
-        if (error) *error = makeError(code, what);
-        return nullptr;
-    };
+Result<std::shared_ptr<MovieFileWriter>> MovieFileWriter::create(const URL& url, FileType type) {
+    auto fail = [](int code, const std::string& what) { return makeError(code, what); };
     if (type != FileType::MPEG4) return fail(AVERROR(EINVAL), "unsupported file type");
     if (url.path.empty() || url.path.back() == '/')
         return fail(AVERROR(EINVAL), "not a file URL: " + url.path);
@@ -101,7 +97,7 @@ bool MovieFileWriter::startWriting() {
     std::lock_guard lock(muxer_->mu);
     if (muxer_->status != int(Status::Unknown)) return false;
     if (inputs_.empty()) {
-        muxer_->error = MediaError{AVERROR(EINVAL), "a movie needs at least one input"};
+        muxer_->error = mediaError(AVERROR(EINVAL), "a movie needs at least one input");
         muxer_->status = int(Status::Failed);
         return false;
     }
@@ -132,7 +128,7 @@ MovieFileWriter::Status MovieFileWriter::status() const {
     return Status(muxer_->status.load());
 }
 
-std::optional<MediaError> MovieFileWriter::error() const {
+OptionalError MovieFileWriter::error() const {
     std::lock_guard lock(muxer_->mu);
     return muxer_->error;
 }

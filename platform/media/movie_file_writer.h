@@ -32,6 +32,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/error.h"
 #include "platform/geometry.h"
 #include "platform/media/metadata_item.h"
 #include "platform/media_time.h"
@@ -46,13 +47,12 @@ inline constexpr const char* kMovieWriterErrorDomain = "org.sorvel.MovieWriterEr
 enum class MediaType { Video, Audio };
 enum class FileType { MPEG4 };
 
-// An error of this layer: its code is an FFmpeg error code (negative; a
-// negated errno for system errors) and its message says what failed.
-struct MediaError {
-    int code = 0;
-    std::string message;
-    std::string description() const { return message + " (" + std::to_string(code) + ")"; }
-};
+// An error of this layer: kMovieWriterErrorDomain, an FFmpeg error code
+// (negative; a negated errno for system errors) and a sentence saying what
+// failed.
+Error mediaError(int64_t code, const std::string& message);
+// "<sentence> (<code>)": how this layer's log lines show one of its errors.
+std::string mediaErrorText(const Error& error);
 
 class MovieFileWriter;
 
@@ -60,10 +60,10 @@ class MovieWriterInput {
   public:
     // Opens the encoder for the settings (media_settings.h) and starts the
     // input's worker thread (at normal priority, even when called from a
-    // background-priority queue). Null with `error` set when the settings
-    // cannot be encoded.
-    static std::shared_ptr<MovieWriterInput> create(MediaType type, const Value& outputSettings,
-                                                    MediaError* error = nullptr);
+    // background-priority queue). An error when the settings cannot be
+    // encoded.
+    static Result<std::shared_ptr<MovieWriterInput>> create(MediaType type,
+                                                            const Value& outputSettings);
     // Stops the worker and drops queued samples, unless the owning writer is
     // finishing: then the worker completes the finish on its own.
     ~MovieWriterInput();
@@ -104,8 +104,8 @@ class MovieWriterInput {
   private:
     friend class MovieFileWriter;
     explicit MovieWriterInput(std::shared_ptr<Core> core);
-    static std::shared_ptr<MovieWriterInput> createHere(MediaType type, const Value& outputSettings,
-                                                        MediaError* error);
+    static Result<std::shared_ptr<MovieWriterInput>> createHere(MediaType type,
+                                                                const Value& outputSettings);
     std::shared_ptr<Core> core_;
 };
 
@@ -115,13 +115,12 @@ class MovieFileWriter {
     // Told the error when writing fails (the disk is full, the file went
     // away); on an input's worker thread, at most once, never after a
     // finish or cancel.
-    using FailureHandler = std::function<void(const MediaError& error)>;
+    using FailureHandler = std::function<void(const Error& error)>;
 
-    // A writer for `url`. Fails (null, `error` set) when the type is not
-    // MPEG-4 or the file cannot be created in its directory. The file itself
-    // is opened by the first worker that writes, never on the caller's thread.
-    static std::shared_ptr<MovieFileWriter> create(const URL& url, FileType type,
-                                                   MediaError* error = nullptr);
+    // A writer for `url`. An error when the type is not MPEG-4 or the file
+    // cannot be created in its directory. The file itself is opened by the
+    // first worker that writes, never on the caller's thread.
+    static Result<std::shared_ptr<MovieFileWriter>> create(const URL& url, FileType type);
     // Cancels an unfinished movie (the partial file is removed); a finish in
     // progress completes on its own.
     ~MovieFileWriter();
@@ -148,7 +147,7 @@ class MovieFileWriter {
 
     Status status() const;
     // Null unless the status is failed.
-    std::optional<MediaError> error() const;
+    OptionalError error() const;
 
     // Before startWriting.
     void setFailureHandler(FailureHandler handler);

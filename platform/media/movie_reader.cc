@@ -37,35 +37,22 @@ using CodecPtr = CodecContextPtr;
 // Undecodable packets in a row after which a track counts as broken.
 constexpr int kMaxConsecutiveErrors = 64;
 
-void setError(MediaError* error, int code, const std::string& what) {
-    if (error) *error = makeError(code, what);
-}
-
 // Opens `path` with the limits of a hostile file and reads its stream
-// parameters. Null with `error` set on failure.
-FormatPtr openFormat(const std::string& path, MediaError* error) {
+// parameters. An error on failure.
+Result<FormatPtr> openFormat(const std::string& path) {
     AVFormatContext* raw = avformat_alloc_context();
-    if (!raw) {
-        setError(error, AVERROR(ENOMEM), "opening " + path);
-        return nullptr;
-    }
+    if (!raw) return makeError(AVERROR(ENOMEM), "opening " + path);
     raw->max_streams = MovieReader::kMaxTracks;
     // avformat_open_input frees the context when it fails.
     int r = avformat_open_input(&raw, path.c_str(), nullptr, nullptr);
-    if (r < 0) {
-        setError(error, r, path + " is not a readable movie");
-        return nullptr;
-    }
+    if (r < 0) return makeError(r, path + " is not a readable movie");
     FormatPtr ctx(raw);
     // The probe decodes a few frames: it gets the same size limit.
     std::vector<AVDictionary*> options(ctx->nb_streams, nullptr);
     for (auto& o : options) av_dict_set_int(&o, "max_pixels", MovieReader::kMaxPixels, 0);
     r = avformat_find_stream_info(ctx.get(), options.data());
     for (auto& o : options) av_dict_free(&o);
-    if (r < 0) {
-        setError(error, r, path + ": reading the stream parameters");
-        return nullptr;
-    }
+    if (r < 0) return makeError(r, path + ": reading the stream parameters");
     return ctx;
 }
 
@@ -213,10 +200,11 @@ bool toFloat(const AVFrame& f, Track& t) {
 
 }  // namespace
 
-std::unique_ptr<MovieReader> MovieReader::open(const std::string& path, MediaError* error) {
+Result<std::unique_ptr<MovieReader>> MovieReader::open(const std::string& path) {
     installLogForwarding();
-    FormatPtr ctx = openFormat(path, error);
-    if (!ctx) return nullptr;
+    auto opened = openFormat(path);
+    if (!opened) return opened.error();
+    FormatPtr ctx = std::move(*opened);
     std::unique_ptr<MovieReader> reader(new MovieReader(path));
     MovieInfo& info = reader->info_;
     info.format = ctx->iformat ? ctx->iformat->name : "";
@@ -229,10 +217,10 @@ std::unique_ptr<MovieReader> MovieReader::open(const std::string& path, MediaErr
 
 MovieReader::~MovieReader() = default;
 
-bool MovieReader::decode(const VideoCallback& onVideo, const AudioCallback& onAudio,
-                         MediaError* error) {
-    FormatPtr ctx = openFormat(path_, error);
-    if (!ctx) return false;
+Result<void> MovieReader::decode(const VideoCallback& onVideo, const AudioCallback& onAudio) {
+    auto opened = openFormat(path_);
+    if (!opened) return opened.error();
+    FormatPtr ctx = std::move(*opened);
 
     std::vector<Track> tracks(ctx->nb_streams);
     for (unsigned i = 0; i < ctx->nb_streams; ++i) {
@@ -244,17 +232,12 @@ bool MovieReader::decode(const VideoCallback& onVideo, const AudioCallback& onAu
             continue;
         }
         const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
-        if (!codec) {
-            setError(error, AVERROR_DECODER_NOT_FOUND,
-                     "track " + std::to_string(i) + ": no decoder for " +
-                         avcodec_get_name(st->codecpar->codec_id));
-            return false;
-        }
+        if (!codec)
+            return makeError(AVERROR_DECODER_NOT_FOUND,
+                             "track " + std::to_string(i) + ": no decoder for " +
+                                 avcodec_get_name(st->codecpar->codec_id));
         CodecPtr dec(avcodec_alloc_context3(codec));
-        if (!dec) {
-            setError(error, AVERROR(ENOMEM), "allocating a decoder");
-            return false;
-        }
+        if (!dec) return makeError(AVERROR(ENOMEM), "allocating a decoder");
         int r = avcodec_parameters_to_context(dec.get(), st->codecpar);
         if (r >= 0) {
             dec->max_pixels = kMaxPixels;
@@ -268,33 +251,25 @@ bool MovieReader::decode(const VideoCallback& onVideo, const AudioCallback& onAu
             dec->pkt_timebase = st->time_base;
             r = avcodec_open2(dec.get(), codec, nullptr);
         }
-        if (r < 0) {
-            setError(error, r, "track " + std::to_string(i) + ": opening the decoder");
-            return false;
-        }
+        if (r < 0) return makeError(r, "track " + std::to_string(i) + ": opening the decoder");
         tracks[i].decoder = std::move(dec);
     }
 
     PacketPtr packet(av_packet_alloc());
     FramePtr frame(av_frame_alloc());
-    if (!packet || !frame) {
-        setError(error, AVERROR(ENOMEM), "allocating a packet and a frame");
-        return false;
-    }
+    if (!packet || !frame) return makeError(AVERROR(ENOMEM), "allocating a packet and a frame");
 
     bool stopped = false;
-    // Hands every frame the decoder has ready to the callbacks. False on a
-    // failure (with `error` set); `stopped` when a callback asked to end.
-    auto drain = [&](Track& t) -> bool {
+    // Hands every frame the decoder has ready to the callbacks. An error on
+    // a failure; `stopped` when a callback asked to end.
+    auto drain = [&](Track& t) -> Result<void> {
         for (;;) {
             int r = avcodec_receive_frame(t.decoder.get(), frame.get());
-            if (r == AVERROR(EAGAIN) || r == AVERROR_EOF) return true;
+            if (r == AVERROR(EAGAIN) || r == AVERROR_EOF) return {};
             if (r < 0) {
-                if (++t.errors > kMaxConsecutiveErrors) {
-                    setError(error, r,
-                             "track " + std::to_string(t.stream->index) + " cannot be decoded");
-                    return false;
-                }
+                if (++t.errors > kMaxConsecutiveErrors)
+                    return makeError(
+                        r, "track " + std::to_string(t.stream->index) + " cannot be decoded");
                 continue;
             }
             t.errors = 0;
@@ -324,7 +299,7 @@ bool MovieReader::decode(const VideoCallback& onVideo, const AudioCallback& onAu
             av_frame_unref(frame.get());
             if (!keepGoing) {
                 stopped = true;
-                return true;
+                return {};
             }
         }
     };
@@ -332,10 +307,7 @@ bool MovieReader::decode(const VideoCallback& onVideo, const AudioCallback& onAu
     for (;;) {
         int r = av_read_frame(ctx.get(), packet.get());
         if (r == AVERROR_EOF) break;
-        if (r < 0) {
-            setError(error, r, "reading " + path_);
-            return false;
-        }
+        if (r < 0) return makeError(r, "reading " + path_);
         const int index = packet->stream_index;
         Track* t = index >= 0 && index < int(tracks.size()) ? &tracks[size_t(index)] : nullptr;
         if (t) ++t->packets;
@@ -346,33 +318,29 @@ bool MovieReader::decode(const VideoCallback& onVideo, const AudioCallback& onAu
         r = avcodec_send_packet(t->decoder.get(), packet.get());
         av_packet_unref(packet.get());
         if (r < 0 && r != AVERROR(EAGAIN)) {
-            if (++t->errors > kMaxConsecutiveErrors) {
-                setError(error, r, "track " + std::to_string(index) + " cannot be decoded");
-                return false;
-            }
+            if (++t->errors > kMaxConsecutiveErrors)
+                return makeError(r, "track " + std::to_string(index) + " cannot be decoded");
             continue;
         }
-        if (!drain(*t)) return false;
-        if (stopped) return true;
+        if (auto drained = drain(*t); !drained) return drained;
+        if (stopped) return {};
     }
     for (Track& t : tracks) {
         if (!t.decoder) continue;
         avcodec_send_packet(t.decoder.get(), nullptr);
-        if (!drain(t)) return false;
-        if (stopped) return true;
+        if (auto drained = drain(t); !drained) return drained;
+        if (stopped) return {};
     }
     // A track whose index names more samples than the file holds was cut off.
     for (const Track& t : tracks) {
         const int expected = avformat_index_get_entries_count(t.stream);
-        if (t.decoder && t.packets < expected) {
-            setError(error, AVERROR_INVALIDDATA,
-                     path_ + " is truncated: track " + std::to_string(t.stream->index) +
-                         " ends after " + std::to_string(t.packets) + " of " +
-                         std::to_string(expected) + " samples");
-            return false;
-        }
+        if (t.decoder && t.packets < expected)
+            return makeError(AVERROR_INVALIDDATA,
+                             path_ + " is truncated: track " + std::to_string(t.stream->index) +
+                                 " ends after " + std::to_string(t.packets) + " of " +
+                                 std::to_string(expected) + " samples");
     }
-    return true;
+    return {};
 }
 
 }  // namespace sv::media

@@ -83,9 +83,9 @@ class MovieReader {
     static constexpr int64_t kMaxPixels = int64_t(8192) * 8192;
     static constexpr int kMaxTracks = 64;
 
-    // Opens `path` and reads what it holds. Null with `error` set when the
+    // Opens `path` and reads what it holds. An error (this layer's) when the
     // file cannot be read as a movie.
-    static std::unique_ptr<MovieReader> open(const std::string& path, MediaError* error = nullptr);
+    static Result<std::unique_ptr<MovieReader>> open(const std::string& path);
     ~MovieReader();
     MovieReader(const MovieReader&) = delete;
     MovieReader& operator=(const MovieReader&) = delete;
@@ -99,10 +99,9 @@ class MovieReader {
     // Decodes the whole movie once, start to end, in file order: every
     // video track when `onVideo` is set, every audio track when `onAudio` is
     // set. Frames come in presentation order per track; frames the edit list
-    // hides are left out. False with `error` set when the movie is broken;
-    // may be called again for another pass.
-    bool decode(const VideoCallback& onVideo, const AudioCallback& onAudio,
-                MediaError* error = nullptr);
+    // hides are left out. An error when the movie is broken; may be called
+    // again for another pass.
+    Result<void> decode(const VideoCallback& onVideo, const AudioCallback& onAudio);
 
   private:
     explicit MovieReader(std::string path) : path_(std::move(path)) {}

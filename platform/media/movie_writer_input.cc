@@ -24,17 +24,11 @@ constexpr size_t kAudioQueueCapacity = 64;  // ~1.5 s of 1024-frame buffers
 constexpr int64_t kAudioJitterSamples = 1024;
 constexpr int64_t kMaxSilenceSeconds = 600;
 
-CodecContextPtr openVideoEncoder(const VideoSettings& s, MediaError* error) {
+Result<CodecContextPtr> openVideoEncoder(const VideoSettings& s) {
     const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
-    if (!codec) {
-        if (error) *error = {AVERROR_ENCODER_NOT_FOUND, "libx264 is not available"};
-        return nullptr;
-    }
+    if (!codec) return mediaError(AVERROR_ENCODER_NOT_FOUND, "libx264 is not available");
     CodecContextPtr enc(avcodec_alloc_context3(codec));
-    if (!enc) {
-        if (error) *error = makeError(AVERROR(ENOMEM), "allocating the H.264 encoder");
-        return nullptr;
-    }
+    if (!enc) return makeError(AVERROR(ENOMEM), "allocating the H.264 encoder");
     AVCodecContext* c = enc.get();
     c->width = s.width;
     c->height = s.height;
@@ -59,24 +53,15 @@ CodecContextPtr openVideoEncoder(const VideoSettings& s, MediaError* error) {
     int r = av_opt_set(c->priv_data, "preset", s.preset.c_str(), 0);
     if (r >= 0) r = av_opt_set(c->priv_data, "profile", profile, 0);
     if (r >= 0) r = avcodec_open2(c, codec, nullptr);
-    if (r < 0) {
-        if (error) *error = makeError(r, "opening the H.264 encoder");
-        return nullptr;
-    }
+    if (r < 0) return makeError(r, "opening the H.264 encoder");
     return enc;
 }
 
-CodecContextPtr openAudioEncoder(const AudioSettings& s, MediaError* error) {
+Result<CodecContextPtr> openAudioEncoder(const AudioSettings& s) {
     const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
-    if (!codec) {
-        if (error) *error = {AVERROR_ENCODER_NOT_FOUND, "AAC encoder is not available"};
-        return nullptr;
-    }
+    if (!codec) return mediaError(AVERROR_ENCODER_NOT_FOUND, "AAC encoder is not available");
     CodecContextPtr enc(avcodec_alloc_context3(codec));
-    if (!enc) {
-        if (error) *error = makeError(AVERROR(ENOMEM), "allocating the AAC encoder");
-        return nullptr;
-    }
+    if (!enc) return makeError(AVERROR(ENOMEM), "allocating the AAC encoder");
     AVCodecContext* c = enc.get();
     c->sample_fmt = AV_SAMPLE_FMT_FLTP;
     c->sample_rate = s.sampleRate;
@@ -86,10 +71,7 @@ CodecContextPtr openAudioEncoder(const AudioSettings& s, MediaError* error) {
     c->time_base = {1, s.sampleRate};
     c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     int r = avcodec_open2(c, codec, nullptr);
-    if (r < 0) {
-        if (error) *error = makeError(r, "opening the AAC encoder");
-        return nullptr;
-    }
+    if (r < 0) return makeError(r, "opening the AAC encoder");
     return enc;
 }
 
@@ -116,9 +98,8 @@ AVSampleFormat sampleFormatOf(const AudioStreamFormat& f) {
 
 // --- MovieWriterInput -------------------------------------------------------
 
-std::shared_ptr<MovieWriterInput> MovieWriterInput::create(MediaType type,
-                                                           const Value& outputSettings,
-                                                           MediaError* error) {
+Result<std::shared_ptr<MovieWriterInput>> MovieWriterInput::create(MediaType type,
+                                                                   const Value& outputSettings) {
     // Threads inherit the nice value of the thread that creates them: the
     // encoder's threads and the worker must not run at the low priority of
     // a background queue that sets a writer up, or recordings drop frames
@@ -126,51 +107,43 @@ std::shared_ptr<MovieWriterInput> MovieWriterInput::create(MediaType type,
     errno = 0;
     const int nice = getpriority(PRIO_PROCESS, id_t(syscall(SYS_gettid)));
     if (errno == 0 && nice > 0) {
-        std::shared_ptr<MovieWriterInput> input;
-        MediaError e;
-        DispatchQueue::global()->sync([&] { input = createHere(type, outputSettings, &e); });
-        if (!input && error) *error = e;
+        Result<std::shared_ptr<MovieWriterInput>> input = std::shared_ptr<MovieWriterInput>();
+        DispatchQueue::global()->sync([&] { input = createHere(type, outputSettings); });
         return input;
     }
-    return createHere(type, outputSettings, error);
+    return createHere(type, outputSettings);
 }
 
-std::shared_ptr<MovieWriterInput> MovieWriterInput::createHere(MediaType type,
-                                                               const Value& outputSettings,
-                                                               MediaError* error) {
+Result<std::shared_ptr<MovieWriterInput>> MovieWriterInput::createHere(
+    MediaType type, const Value& outputSettings) {
     installLogForwarding();
     auto core = std::make_shared<Core>();
     core->type = type;
     core->settings = outputSettings;
     if (type == MediaType::Video) {
         auto s = parseVideoSettings(outputSettings);
-        if (!s) {
-            if (error) *error = {AVERROR(EINVAL), "video settings: " + s.error().message()};
-            return nullptr;
-        }
+        if (!s) return mediaError(AVERROR(EINVAL), "video settings: " + s.error().message());
         core->video = *s;
-        core->enc = openVideoEncoder(*s, error);
+        auto enc = openVideoEncoder(*s);
+        if (!enc) return enc.error();
+        core->enc = std::move(*enc);
         core->capacity = kVideoQueueCapacity;
     } else {
         auto s = parseAudioSettings(outputSettings);
-        if (!s) {
-            if (error) *error = {AVERROR(EINVAL), "audio settings: " + s.error().message()};
-            return nullptr;
-        }
+        if (!s) return mediaError(AVERROR(EINVAL), "audio settings: " + s.error().message());
         core->audio = *s;
-        core->enc = openAudioEncoder(*s, error);
+        auto enc = openAudioEncoder(*s);
+        if (!enc) return enc.error();
+        core->enc = std::move(*enc);
         core->capacity = kAudioQueueCapacity;
     }
-    if (!core->enc) return nullptr;
     core->packet.reset(av_packet_alloc());
     core->frame.reset(av_frame_alloc());
     if (type == MediaType::Audio)
         core->fifo.reset(av_audio_fifo_alloc(AV_SAMPLE_FMT_FLTP, core->audio.channels,
                                              core->enc->frame_size * 4));
-    if (!core->packet || !core->frame || (type == MediaType::Audio && !core->fifo)) {
-        if (error) *error = makeError(AVERROR(ENOMEM), "allocating the encoder's buffers");
-        return nullptr;
-    }
+    if (!core->packet || !core->frame || (type == MediaType::Audio && !core->fifo))
+        return makeError(AVERROR(ENOMEM), "allocating the encoder's buffers");
     if (type == MediaType::Video) {
         AVFrame* f = core->frame.get();
         f->format = AV_PIX_FMT_YUV420P;

@@ -18,7 +18,7 @@ std::optional<ScreenBackendKind> parseScreenBackendKind(std::string_view text) {
     return std::nullopt;
 }
 
-std::shared_ptr<ScreenBackend> makeScreenBackend(ScreenBackendKind kind, std::string* error) {
+Result<std::shared_ptr<ScreenBackend>> makeScreenBackend(ScreenBackendKind kind) {
     if (kind == ScreenBackendKind::Automatic) {
         if (const char* env = std::getenv("SORVEL_SCREEN_BACKEND"); env && *env) {
             if (auto parsed = parseScreenBackendKind(env))
@@ -34,22 +34,20 @@ std::shared_ptr<ScreenBackend> makeScreenBackend(ScreenBackendKind kind, std::st
     if (kind == ScreenBackendKind::X11 ||
         (kind == ScreenBackendKind::Automatic && !displayName.empty())) {
 #if SV_HAVE_XCB
-        std::string why;
         // A named display is a real desktop even while its server is not up
         // yet: capture starts when it answers, and recordings fail until
         // then, rather than a synthetic display standing in for it.
-        backend = X11ScreenBackend::connect(displayName, {.waitForServer = true}, &why);
-        if (!backend) {
-            log::error("Screen: the X11 backend cannot be used: %@", why);
-            if (error) *error = why;
-            return nullptr;
+        auto x11 = X11ScreenBackend::connect(displayName, {.waitForServer = true});
+        if (!x11) {
+            log::error("Screen: the X11 backend cannot be used: %@", x11.error().message());
+            return x11.error();
         }
+        backend = std::move(*x11);
 #else
         if (kind == ScreenBackendKind::X11) {
             const char* why = "this build has no X11 support";
             log::error("Screen: %@", why);
-            if (error) *error = why;
-            return nullptr;
+            return Error::make(kScreenErrorDomain, kScreenErrorNoDisplay, why);
         }
 #endif
     }
@@ -72,7 +70,7 @@ std::shared_ptr<ScreenBackend>& processBackendSlot() {
 std::shared_ptr<ScreenBackend> processScreenBackend() {
     std::lock_guard lock(gBackendMutex);
     auto& slot = processBackendSlot();
-    if (!slot) slot = makeScreenBackend(ScreenBackendKind::Automatic);
+    if (!slot) slot = makeScreenBackend(ScreenBackendKind::Automatic).valueOr(nullptr);
     return slot;
 }
 

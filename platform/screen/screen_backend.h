@@ -9,12 +9,21 @@
 #include <string>
 #include <string_view>
 
+#include "platform/error.h"
 #include "platform/geometry.h"
 #include "platform/media_time.h"
 #include "platform/screen/display_mirroring.h"
 #include "platform/screen/screen_capture.h"
 
 namespace sv {
+
+// Errors of choosing and connecting a screen backend.
+inline constexpr const char* kScreenErrorDomain = "org.sorvel.ScreenErrorDomain";
+enum ScreenErrorCode : int64_t {
+    kScreenErrorNoDisplay = 1,          // no X display named, or the build has no X11 support
+    kScreenErrorCannotConnect = 2,      // the X server cannot be reached or does not answer
+    kScreenErrorUnsupportedServer = 3,  // no such screen, or pixels that are not 32-bit BGRX
+};
 
 class ScreenBackend {
   public:
@@ -46,10 +55,10 @@ std::optional<ScreenBackendKind> parseScreenBackendKind(std::string_view text);
 // Automatic: SORVEL_SCREEN_BACKEND (x11|synthetic) when set, otherwise X11
 // when $DISPLAY names a display, otherwise synthetic. X11: the server named
 // by $DISPLAY, used once it answers (X11ScreenBackend::Options::
-// waitForServer); null (with `error`) when no display is named or the build
-// has no X11 support. Logs the choice.
-std::shared_ptr<ScreenBackend> makeScreenBackend(
-    ScreenBackendKind kind = ScreenBackendKind::Automatic, std::string* error = nullptr);
+// waitForServer); an error (kScreenErrorDomain) when no display is named or
+// the build has no X11 support. Logs the choice.
+Result<std::shared_ptr<ScreenBackend>> makeScreenBackend(
+    ScreenBackendKind kind = ScreenBackendKind::Automatic);
 
 // The backend of the process (what recording sessions use): the one set with
 // setProcessScreenBackend, else makeScreenBackend(Automatic) made on first

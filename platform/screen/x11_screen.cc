@@ -91,16 +91,18 @@ int bitsPerPixelOfDepth(const xcb_setup_t* setup, uint8_t depth) {
     return 0;
 }
 
-// Opens a connection and learns the screen; null with `error` when the
-// server is unreachable or its pixels are not 32-bit BGRX.
-Connection openConnection(const std::string& displayName, ScreenInfo& info, std::string* error) {
+Error screenError(ScreenErrorCode code, const std::string& message) {
+    return Error::make(kScreenErrorDomain, code, message);
+}
+
+// Opens a connection and learns the screen; an error when the server is
+// unreachable or its pixels are not 32-bit BGRX.
+Result<Connection> openConnection(const std::string& displayName, ScreenInfo& info) {
     int screenNumber = 0;
     Connection c(
         connectToXServer(displayName.empty() ? nullptr : displayName.c_str(), &screenNumber));
-    if (!c || xcb_connection_has_error(c.get())) {
-        if (error) *error = "cannot connect to the X server";
-        return nullptr;
-    }
+    if (!c || xcb_connection_has_error(c.get()))
+        return screenError(kScreenErrorCannotConnect, "cannot connect to the X server");
     const xcb_setup_t* setup = xcb_get_setup(c.get());
     xcb_screen_t* screen = nullptr;
     for (auto it = xcb_setup_roots_iterator(setup); it.rem; xcb_screen_next(&it), --screenNumber) {
@@ -109,10 +111,8 @@ Connection openConnection(const std::string& displayName, ScreenInfo& info, std:
             break;
         }
     }
-    if (!screen) {
-        if (error) *error = "the X server has no such screen";
-        return nullptr;
-    }
+    if (!screen)
+        return screenError(kScreenErrorUnsupportedServer, "the X server has no such screen");
     xcb_visualtype_t* visual = nullptr;
     for (auto d = xcb_screen_allowed_depths_iterator(screen); d.rem && !visual; xcb_depth_next(&d))
         for (auto v = xcb_depth_visuals_iterator(d.data); v.rem; xcb_visualtype_next(&v))
@@ -122,10 +122,9 @@ Connection openConnection(const std::string& displayName, ScreenInfo& info, std:
             }
     if (setup->image_byte_order != XCB_IMAGE_ORDER_LSB_FIRST ||
         bitsPerPixelOfDepth(setup, screen->root_depth) != 32 || !visual ||
-        visual->red_mask != 0xFF0000 || visual->green_mask != 0xFF00 || visual->blue_mask != 0xFF) {
-        if (error) *error = "the root window's pixels are not 32-bit BGRX";
-        return nullptr;
-    }
+        visual->red_mask != 0xFF0000 || visual->green_mask != 0xFF00 || visual->blue_mask != 0xFF)
+        return screenError(kScreenErrorUnsupportedServer,
+                           "the root window's pixels are not 32-bit BGRX");
     info.root = screen->root;
     info.rootDepth = screen->root_depth;
     info.width = screen->width_in_pixels;
@@ -176,10 +175,8 @@ Connection openConnection(const std::string& displayName, ScreenInfo& info, std:
             xcb_shm_query_version_reply(conn, shmCookie, nullptr));
         info.shm = r && (r->major_version > 1 || r->minor_version >= 2) && isLocalSocket(conn);
     }
-    if (xcb_connection_has_error(conn)) {
-        if (error) *error = "the X server closed the connection";
-        return nullptr;
-    }
+    if (xcb_connection_has_error(conn))
+        return screenError(kScreenErrorCannotConnect, "the X server closed the connection");
     return c;
 }
 
@@ -187,47 +184,40 @@ Connection openConnection(const std::string& displayName, ScreenInfo& info, std:
 // accepted the socket but does not answer (stopped, hung). The attempt goes
 // on in a thread of its own, which disposes of the connection when it is
 // given up.
-Connection openConnectionWithin(const std::string& displayName, ScreenInfo& info,
-                                std::string* error, std::chrono::milliseconds timeout) {
+Result<Connection> openConnectionWithin(const std::string& displayName, ScreenInfo& info,
+                                        std::chrono::milliseconds timeout) {
     struct Attempt {
         std::mutex mutex;
         std::condition_variable cv;
         bool done = false;
         bool abandoned = false;
-        Connection connection;
+        Result<Connection> connection = Connection();
         ScreenInfo info;
-        std::string error;
     };
     auto attempt = std::make_shared<Attempt>();
     try {
         std::thread([attempt, displayName] {
             ScreenInfo i;
-            std::string e;
-            Connection c = openConnection(displayName, i, &e);
+            Result<Connection> c = openConnection(displayName, i);
             std::lock_guard lock(attempt->mutex);
             if (attempt->abandoned) return;
             attempt->connection = std::move(c);
             attempt->info = i;
-            attempt->error = std::move(e);
             attempt->done = true;
             attempt->cv.notify_all();
         }).detach();
     } catch (const std::system_error& e) {
-        if (error) *error = std::string("cannot start a thread: ") + e.what();
-        return nullptr;
+        return screenError(kScreenErrorCannotConnect,
+                           std::string("cannot start a thread: ") + e.what());
     }
     std::unique_lock lock(attempt->mutex);
     if (!attempt->cv.wait_for(lock, timeout, [&] { return attempt->done; })) {
         attempt->abandoned = true;
-        if (error) *error = "the X server does not answer";
-        return nullptr;
+        return screenError(kScreenErrorCannotConnect, "the X server does not answer");
     }
-    if (!attempt->connection) {
-        if (error) *error = attempt->error;
-        return nullptr;
-    }
+    if (!attempt->connection) return attempt->connection.error();
     info = attempt->info;
-    return std::move(attempt->connection);
+    return std::move(*attempt->connection);
 }
 
 constexpr std::chrono::milliseconds kConnectTimeout{2000};
@@ -374,16 +364,15 @@ class X11FrameSource final : public FrameSource {
     };
 
     bool reconnect() {
-        std::string error;
         ScreenInfo info;
-        Connection c = openConnectionWithin(displayName_, info, &error, kConnectTimeout);
+        auto c = openConnectionWithin(displayName_, info, kConnectTimeout);
         if (!c) {
-            log::error("Screen capture: X server \"%@\": %@", displayName_, error);
+            log::error("Screen capture: X server \"%@\": %@", displayName_, c.error().message());
             return false;
         }
         {
             std::lock_guard lock(connMutex_);
-            conn_ = std::move(c);
+            conn_ = std::move(*c);
         }
         info_ = info;
         segment_.unmap();
@@ -821,9 +810,9 @@ struct X11ScreenBackend::Impl {
         if (now - lastAttempt < std::chrono::seconds(5)) return nullptr;
         lastAttempt = now;
         ScreenInfo fresh;
-        Connection c = openConnectionWithin(displayName, fresh, nullptr, kConnectTimeout);
+        auto c = openConnectionWithin(displayName, fresh, kConnectTimeout);
         if (!c) return nullptr;
-        connection = std::move(c);
+        connection = std::move(*c);
         info = fresh;
         return connection.get();
     }
@@ -832,13 +821,13 @@ struct X11ScreenBackend::Impl {
 X11ScreenBackend::X11ScreenBackend(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 X11ScreenBackend::~X11ScreenBackend() = default;
 
-std::shared_ptr<X11ScreenBackend> X11ScreenBackend::connect(const std::string& displayName,
-                                                            std::string* error) {
-    return connect(displayName, Options{}, error);
+Result<std::shared_ptr<X11ScreenBackend>> X11ScreenBackend::connect(
+    const std::string& displayName) {
+    return connect(displayName, Options{});
 }
 
-std::shared_ptr<X11ScreenBackend> X11ScreenBackend::connect(const std::string& displayName,
-                                                            Options options, std::string* error) {
+Result<std::shared_ptr<X11ScreenBackend>> X11ScreenBackend::connect(const std::string& displayName,
+                                                                    Options options) {
     auto impl = std::make_unique<Impl>();
     impl->options = options;
     if (displayName.empty()) {
@@ -847,23 +836,18 @@ std::shared_ptr<X11ScreenBackend> X11ScreenBackend::connect(const std::string& d
     } else {
         impl->displayName = displayName;
     }
-    if (impl->displayName.empty()) {
-        if (error) *error = "no X display named (DISPLAY is not set)";
-        return nullptr;
-    }
-    std::string why;
-    impl->connection = openConnectionWithin(impl->displayName, impl->info, &why, kConnectTimeout);
-    if (!impl->connection) {
-        if (!options.waitForServer) {
-            if (error) *error = why;
-            return nullptr;
-        }
+    if (impl->displayName.empty())
+        return screenError(kScreenErrorNoDisplay, "no X display named (DISPLAY is not set)");
+    auto connection = openConnectionWithin(impl->displayName, impl->info, kConnectTimeout);
+    if (!connection) {
+        if (!options.waitForServer) return connection.error();
         log::info(
             "Screen: X server \"%@\" not reachable yet (%@); recording from it once it answers",
-            impl->displayName, why);
+            impl->displayName, connection.error().message());
         impl->lastAttempt = std::chrono::steady_clock::now();
         return std::make_shared<X11ScreenBackend>(std::move(impl));
     }
+    impl->connection = std::move(*connection);
     if (!impl->info.composite)
         log::error("Screen: X server \"%@\" has no Composite 0.2; clone mode will fail",
                    impl->displayName);

@@ -60,12 +60,11 @@ class X11ScreenBackend final : public ScreenBackend {
         bool waitForServer = false;
     };
     // Connects to `displayName` (empty: $DISPLAY) and checks that the root
-    // window's pixels are 32-bit BGRX, the only layout captured. Null with
-    // `error` when the server cannot be reached or is unsuitable.
-    static std::shared_ptr<X11ScreenBackend> connect(const std::string& displayName,
-                                                     std::string* error = nullptr);
-    static std::shared_ptr<X11ScreenBackend> connect(const std::string& displayName,
-                                                     Options options, std::string* error);
+    // window's pixels are 32-bit BGRX, the only layout captured. An error
+    // (kScreenErrorDomain) when the server cannot be reached or is unsuitable.
+    static Result<std::shared_ptr<X11ScreenBackend>> connect(const std::string& displayName);
+    static Result<std::shared_ptr<X11ScreenBackend>> connect(const std::string& displayName,
+                                                             Options options);
     ~X11ScreenBackend() override;
 
     std::string name() const override { return "x11"; }

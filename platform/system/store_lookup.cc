@@ -59,7 +59,7 @@ void StoreLookupRequest::start(ResponseHandler handler) const {
     if (!handler) return;
     serviceQueue()->async([ids = bundleIdentifiers, handler = std::move(handler)] {
         StoreLookupResponse response;
-        std::error_code error;
+        OptionalError error;
         if (auto path = catalogPath()) {
             if (auto catalog = readDictionaryFromFile(*path)) {
                 for (const auto& id : ids) {
@@ -68,7 +68,8 @@ void StoreLookupRequest::start(ResponseHandler handler) const {
                         response.results.push_back(itemFromValue(*it));
                 }
             } else {
-                error = std::make_error_code(std::errc::io_error);
+                error = Error::make(kStoreLookupErrorDomain, kStoreLookupErrorCatalogUnreadable,
+                                    "the store catalog " + *path + " cannot be read");
             }
         }
         handler(response, error);

@@ -15,10 +15,15 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <vector>
 
+#include "platform/error.h"
+
 namespace sv {
+
+// Errors of a lookup: the catalog exists but cannot be read or parsed.
+inline constexpr const char* kStoreLookupErrorDomain = "org.sorvel.StoreLookupErrorDomain";
+inline constexpr int64_t kStoreLookupErrorCatalogUnreadable = 1;
 
 struct StoreItem {
     std::optional<std::string> shortProductURL;
@@ -38,7 +43,7 @@ class StoreLookupRequest {
     // (never the caller's, never the main thread). The response is owned by
     // the service and valid for the duration of the call.
     using ResponseHandler =
-        std::function<void(const StoreLookupResponse& response, std::error_code error)>;
+        std::function<void(const StoreLookupResponse& response, OptionalError error)>;
 
     KeyProfile keyProfile = KeyProfile::Product;
     int localizationStyle = 1;

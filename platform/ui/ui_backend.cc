@@ -19,9 +19,8 @@ std::optional<UiBackendKind> parseUiBackendKind(std::string_view text) {
     return std::nullopt;
 }
 
-std::shared_ptr<UiBackend> makeUiBackend(UiBackendKind kind,
-                                         std::shared_ptr<SyntheticDisplay> display,
-                                         std::string* error) {
+Result<std::shared_ptr<UiBackend>> makeUiBackend(UiBackendKind kind,
+                                                 std::shared_ptr<SyntheticDisplay> display) {
     if (kind == UiBackendKind::Automatic) {
         if (const char* env = std::getenv("SORVEL_SCREEN_BACKEND"); env && *env) {
             if (auto parsed = parseUiBackendKind(env))
@@ -40,13 +39,12 @@ std::shared_ptr<UiBackend> makeUiBackend(UiBackendKind kind,
     }
     std::shared_ptr<UiBackend> backend;
     if (kind == UiBackendKind::X11) {
-        std::string why;
-        backend = X11WindowSystem::connect({}, &why, /*waitForServer=*/true);
-        if (!backend) {
-            log::error("UI: cannot use the X11 window system: %@", why);
-            if (error) *error = why;
-            return nullptr;
+        auto x11 = X11WindowSystem::connect({}, /*waitForServer=*/true);
+        if (!x11) {
+            log::error("UI: cannot use the X11 window system: %@", x11.error().message());
+            return x11.error();
         }
+        backend = std::move(*x11);
     } else {
         if (!display) {
             // The process's screen backend follows the same choice, so in a
@@ -74,10 +72,10 @@ std::shared_ptr<UiBackend> processUiBackend() {
     std::lock_guard lock(gBackendMutex);
     auto& slot = processBackendSlot();
     if (!slot) {
-        slot = makeUiBackend(UiBackendKind::Automatic);
+        slot = makeUiBackend(UiBackendKind::Automatic).valueOr(nullptr);
         // The server went away between the check and the connection: the
         // window system without a server is the synthetic one.
-        if (!slot) slot = makeUiBackend(UiBackendKind::Synthetic);
+        if (!slot) slot = makeUiBackend(UiBackendKind::Synthetic).valueOr(nullptr);
     }
     return slot;
 }

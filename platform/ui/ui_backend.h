@@ -12,7 +12,18 @@
 #include <string>
 #include <string_view>
 
+#include "platform/error.h"
+
 namespace sv {
+
+// Errors of choosing and connecting a window system.
+inline constexpr const char* kUIErrorDomain = "org.sorvel.UIErrorDomain";
+enum UIErrorCode : int64_t {
+    kUIErrorNoDisplay = 1,          // no X display is named
+    kUIErrorCannotConnect = 2,      // the X server cannot be reached
+    kUIErrorUnsupportedServer = 3,  // the server has no such screen
+    kUIErrorSetupFailed = 4,        // the window system's own resources cannot be made
+};
 
 class ApplicationStateMonitor;
 class DisplayLayoutMonitor;
@@ -54,13 +65,13 @@ std::optional<UiBackendKind> parseUiBackendKind(std::string_view text);
 // window system always matches the screen that is recorded; otherwise X11
 // when $DISPLAY names a display, otherwise synthetic. X11: the server named
 // by $DISPLAY, tracked once it answers (X11WindowSystem::connect with
-// waitForServer); null (with `error`) when no display is named. Synthetic: a window system on
+// waitForServer); an error (kUIErrorDomain) when no display is named. Synthetic: a window system on
 // `display`; when null, on the display of the process's screen backend if that is synthetic (so
 // that the recorded screen and the window system show the same layers), else on a new display. Logs
 // the choice.
-std::shared_ptr<UiBackend> makeUiBackend(UiBackendKind kind = UiBackendKind::Automatic,
-                                         std::shared_ptr<SyntheticDisplay> display = nullptr,
-                                         std::string* error = nullptr);
+Result<std::shared_ptr<UiBackend>> makeUiBackend(
+    UiBackendKind kind = UiBackendKind::Automatic,
+    std::shared_ptr<SyntheticDisplay> display = nullptr);
 
 // The backend of the process (what ApplicationStateMonitor::create,
 // DisplayLayoutMonitor::mainDisplayMonitor and

@@ -48,22 +48,21 @@ struct EventFd {
     }
 };
 
-Connection openConnection(const std::string& displayName, int* screenNumber, std::string* error) {
+Error uiError(UIErrorCode code, const std::string& message) {
+    return Error::make(kUIErrorDomain, code, message);
+}
+
+Result<Connection> openConnection(const std::string& displayName, int* screenNumber) {
     const char* name = displayName.empty() ? nullptr : displayName.c_str();
     if (!name) {
         const char* env = std::getenv("DISPLAY");
-        if (!env || !*env) {
-            if (error) *error = "DISPLAY is not set";
-            return nullptr;
-        }
+        if (!env || !*env) return uiError(kUIErrorNoDisplay, "DISPLAY is not set");
     }
     Connection c(xcb_connect(name, screenNumber));
-    if (!c || xcb_connection_has_error(c.get())) {
-        if (error)
-            *error = "cannot connect to X server " +
-                     (name ? std::string(name) : std::string(std::getenv("DISPLAY")));
-        return nullptr;
-    }
+    if (!c || xcb_connection_has_error(c.get()))
+        return uiError(kUIErrorCannotConnect,
+                       "cannot connect to X server " +
+                           (name ? std::string(name) : std::string(std::getenv("DISPLAY"))));
     return c;
 }
 
@@ -373,7 +372,7 @@ struct X11WindowSystem::Core {
     // (Re)connects, learns the screen, selects its events and scans it.
     // Event thread (or before it starts). False, with the reason, when the
     // server cannot be reached.
-    bool attach(std::string* error);
+    Result<void> attach();
     size_t currentElementCount() const;
     // Handles events until the connection breaks or stopping is set.
     void track();
@@ -858,8 +857,7 @@ void X11WindowSystem::Core::run() {
         }
         waitForServer();
         if (stopping.load()) break;
-        std::string why;
-        if (!attach(&why)) continue;
+        if (!attach()) continue;
         // Waiters that asked before the server came back see it now.
         releaseSyncWaiters();
     }
@@ -957,24 +955,21 @@ void X11WindowSystem::Core::track() {
 
 bool X11WindowSystem::serverAnswers(const std::string& displayName) {
     int screen = 0;
-    return openConnection(displayName, &screen, nullptr) != nullptr;
+    return openConnection(displayName, &screen).ok();
 }
 
-bool X11WindowSystem::Core::attach(std::string* error) {
+Result<void> X11WindowSystem::Core::attach() {
     int screenNumber = 0;
-    Connection fresh = openConnection(displayName, &screenNumber, error);
-    if (!fresh) return false;
+    auto opened = openConnection(displayName, &screenNumber);
+    if (!opened) return opened.error();
+    Connection fresh = std::move(*opened);
     xcb_connection_t* c = fresh.get();
     auto it = xcb_setup_roots_iterator(xcb_get_setup(c));
     for (int i = 0; i < screenNumber && it.rem; ++i) xcb_screen_next(&it);
-    if (!it.rem || !it.data) {
-        if (error) *error = "the X server has no such screen";
-        return false;
-    }
-    if (!internAtoms(c, atoms)) {
-        if (error) *error = "cannot set up the X11 window system";
-        return false;
-    }
+    if (!it.rem || !it.data)
+        return uiError(kUIErrorUnsupportedServer, "the X server has no such screen");
+    if (!internAtoms(c, atoms))
+        return uiError(kUIErrorSetupFailed, "cannot set up the X11 window system");
     root = it.data->root;
     resourceIdMask = xcb_get_setup(c)->resource_id_mask;
     serverKnowsPids = false;
@@ -1001,7 +996,7 @@ bool X11WindowSystem::Core::attach(std::string* error) {
     scan();
     log::info("X11WindowSystem: tracking screen %i (%ix%i), %lu layout elements", screenNumber,
               screenWidth, screenHeight, currentElementCount());
-    return true;
+    return {};
 }
 
 size_t X11WindowSystem::Core::currentElementCount() const {
@@ -1009,22 +1004,17 @@ size_t X11WindowSystem::Core::currentElementCount() const {
     return layout.elements.size();
 }
 
-std::shared_ptr<X11WindowSystem> X11WindowSystem::connect(const std::string& displayName,
-                                                          std::string* error, bool waitForServer) {
+Result<std::shared_ptr<X11WindowSystem>> X11WindowSystem::connect(const std::string& displayName,
+                                                                  bool waitForServer) {
     auto core = std::make_shared<Core>();
     core->displayName = displayName;
-    if (core->wake.fd < 0) {
-        if (error) *error = "cannot set up the X11 window system";
-        return nullptr;
-    }
-    std::string why;
-    if (!core->attach(&why)) {
+    if (core->wake.fd < 0)
+        return uiError(kUIErrorSetupFailed, "cannot set up the X11 window system");
+    if (auto attached = core->attach(); !attached) {
         const char* d = std::getenv("DISPLAY");
-        if (!waitForServer || (displayName.empty() && (!d || !*d))) {
-            if (error) *error = why;
-            return nullptr;
-        }
-        log::info("X11WindowSystem: %@; tracking starts once the X server answers", why);
+        if (!waitForServer || (displayName.empty() && (!d || !*d))) return attached.error();
+        log::info("X11WindowSystem: %@; tracking starts once the X server answers",
+                  attached.error().message());
         std::lock_guard lock(core->mutex);
         core->connected = false;
     }

@@ -92,15 +92,14 @@ inline constexpr size_t kX11MaxScannedWindows = 4096;
 class X11WindowSystem : public UiBackend, public std::enable_shared_from_this<X11WindowSystem> {
   public:
     // Connects to `displayName` (empty: $DISPLAY), reads the screen once and
-    // starts the event thread. Null, with the reason in `error`, when the
-    // server cannot be reached, unless `waitForServer`: then (a display is
+    // starts the event thread. An error (kUIErrorDomain) when the server
+    // cannot be reached, unless `waitForServer`: then (a display is
     // named) tracking starts once the server answers. A server that goes
     // away is tried again every kX11ReconnectInterval, and tracking resumes
     // with a fresh scan when it is back; meanwhile nothing is foreground and
     // the layout is empty.
-    static std::shared_ptr<X11WindowSystem> connect(const std::string& displayName = {},
-                                                    std::string* error = nullptr,
-                                                    bool waitForServer = false);
+    static Result<std::shared_ptr<X11WindowSystem>> connect(const std::string& displayName = {},
+                                                            bool waitForServer = false);
     // True when `displayName` (empty: $DISPLAY) names a server that accepts a
     // connection.
     static bool serverAnswers(const std::string& displayName = {});

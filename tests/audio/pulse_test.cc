@@ -27,9 +27,11 @@ constexpr AudioStreamFormat kTapFormat = AudioStreamFormat::pcm16(44100.0, 1, tr
 class PulseTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        std::string why;
-        server_ = testing::PrivatePulseServer::start({kSineSourceHz}, &why).release();
-        if (!server_) whyNot_ = new std::string(why);
+        auto started = testing::PrivatePulseServer::start({kSineSourceHz});
+        if (started)
+            server_ = started->release();
+        else
+            whyNot_ = new std::string(started.error().message());
     }
     static void TearDownTestSuite() {
         delete server_;
@@ -252,10 +254,11 @@ TEST_F(PulseTest, TapOfAProcessThatPlaysNothingIsSilent) {
 // failure, the backend tells of the loss and the return, the microphone
 // records sound again, and a new recording opens at once.
 TEST(PulseBackend, SourcesOutliveTheirServerWithSilenceAndRecordAgain) {
-    std::string why;
-    auto server = testing::PrivatePulseServer::start({kSineSourceHz}, &why);
-    if (!server && testing::PrivatePulseServer::required()) FAIL() << why;
-    if (!server) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
+    auto started = testing::PrivatePulseServer::start({kSineSourceHz});
+    if (!started && testing::PrivatePulseServer::required()) FAIL() << started.error().message();
+    if (!started)
+        GTEST_SKIP() << "cannot start a private PulseAudio server: " << started.error().message();
+    auto server = std::move(*started);
     auto backend = std::make_shared<PulseAudioBackend>(server->address());
     std::mutex mutex;
     std::condition_variable cv;
@@ -302,7 +305,8 @@ TEST(PulseBackend, SourcesOutliveTheirServerWithSilenceAndRecordAgain) {
     ASSERT_TRUE(tap.waitForBuffers(tapAtLoss + 15));
     const size_t micBeforeReturn = micCount(), tapBeforeReturn = tap.count();
 
-    ASSERT_TRUE(server->restart(&why)) << why;
+    auto restarted = server->restart();
+    ASSERT_TRUE(restarted) << restarted.error().message();
     ASSERT_TRUE(waitFor([&] { return states.size() >= 2; }));
     // Sound again within a few seconds of the return.
     auto soundSince = [&](size_t from) {

@@ -19,11 +19,12 @@ namespace sv {
 namespace {
 
 TEST(CaptureManagerPulse, MicrophoneAndTapOfOneProcess) {
-    std::string why;
-    auto server = testing::PrivatePulseServer::start({.sineFrequency = 700}, &why);
-    if (!server && testing::PrivatePulseServer::required())
-        FAIL() << "cannot start a private PulseAudio server: " << why;
-    if (!server) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
+    auto started = testing::PrivatePulseServer::start({.sineFrequency = 700});
+    if (!started && testing::PrivatePulseServer::required())
+        FAIL() << "cannot start a private PulseAudio server: " << started.error().message();
+    if (!started)
+        GTEST_SKIP() << "cannot start a private PulseAudio server: " << started.error().message();
+    auto server = std::move(*started);
     auto m = SVCaptureManager::make(std::make_shared<PulseAudioBackend>(server->address()));
 
     pid_t tapped = server->playTones({440}, 8.0);

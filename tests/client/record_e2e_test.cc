@@ -69,10 +69,13 @@ class RecordEndToEndTest : public ::testing::Test {
     // daemon started again on it; pulse_ stays null when none can start (the
     // test is then skipped, or fails under CI, and returns).
     void restartDaemonOnPulse() {
-        std::string why;
-        pulse_ = sv::testing::PrivatePulseServer::start({700.0}, &why);
-        if (!pulse_ && sv::testing::PrivatePulseServer::required()) FAIL() << why;
-        if (!pulse_) GTEST_SKIP() << "cannot start a private PulseAudio server: " << why;
+        auto started = sv::testing::PrivatePulseServer::start({700.0});
+        if (!started && sv::testing::PrivatePulseServer::required())
+            FAIL() << started.error().message();
+        if (!started)
+            GTEST_SKIP() << "cannot start a private PulseAudio server: "
+                         << started.error().message();
+        pulse_ = std::move(*started);
         daemon_.stop(SIGTERM);
         env_.push_back("PULSE_SERVER=" + pulse_->address());
         startDaemon("pulse");
@@ -114,9 +117,8 @@ TEST_F(RecordEndToEndTest, RecordsAMovieWithBothAudioTracks) {
     startAgent("accept");
     pid_t p = record({"--duration", "2", "--mic"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
-    std::string error;
-    auto movie = inspectMovie(output(), &error);
-    ASSERT_TRUE(movie) << error;
+    auto movie = inspectMovie(output());
+    ASSERT_TRUE(movie) << movie.error().message();
     ASSERT_EQ(movie->movie.tracks.size(), 3u);  // video, application audio, microphone
     EXPECT_EQ(movie->movie.tracks[0].kind, media::TrackKind::Video);
     EXPECT_NEAR(movie->movie.duration, 2.0, 0.5);
@@ -144,8 +146,8 @@ TEST_F(RecordEndToEndTest, AnInterruptionKeepsTheMovie) {
                          "Recording interrupted by multitasking and content resizing "
                          "(org.sorvel.SVRecordingErrorDomain -5807)"))
         << recordLog();
-    std::string error;
-    EXPECT_TRUE(inspectMovie(output(), &error)) << error;
+    auto inspected = inspectMovie(output());
+    EXPECT_TRUE(inspected) << inspected.error().message();
 
     std::filesystem::remove(output());
     p = record({});
@@ -153,7 +155,8 @@ TEST_F(RecordEndToEndTest, AnInterruptionKeepsTheMovie) {
     EXPECT_EQ(daemon_.stop(SIGTERM, 60s), 255);
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 1) << recordLog();
     EXPECT_TRUE(contains(recordLog(), "(org.sorvel.SVRecordingErrorDomain -5809)")) << recordLog();
-    EXPECT_TRUE(inspectMovie(output(), &error)) << error;
+    inspected = inspectMovie(output());
+    EXPECT_TRUE(inspected) << inspected.error().message();
 }
 
 TEST_F(RecordEndToEndTest, DecliningOrNoAgentFailsWithTheUsersAnswer) {
@@ -194,9 +197,8 @@ TEST_F(RecordEndToEndTest, ADaemonKilledMidRecordingLeavesAMovieItsNextStartReco
     for (const auto& e : std::filesystem::directory_iterator(daemon_.store))
         if (contains(e.path().filename().string(), "(recovered ")) recovered.push_back(e.path());
     ASSERT_EQ(recovered.size(), 1u) << daemon_.log();
-    std::string error;
-    auto movie = inspectMovie(recovered[0], &error);
-    ASSERT_TRUE(movie) << error;
+    auto movie = inspectMovie(recovered[0]);
+    ASSERT_TRUE(movie) << movie.error().message();
     EXPECT_NEAR(movie->movie.duration, recorded, 1.0);
     ASSERT_TRUE(movie->stamps);
     EXPECT_EQ(movie->stamps->duplicates + movie->stamps->outOfOrder, 0);
@@ -262,9 +264,8 @@ TEST_F(RecordEndToEndTest, AFullDiskStopsTheRecordingAndKeepsWhatWasRecorded) {
                          "Insufficient storage for recording "
                          "(org.sorvel.SVRecordingErrorDomain -5805)"))
         << recordLog();
-    std::string error;
-    auto movie = inspectMovie(output(), &error);
-    ASSERT_TRUE(movie) << error;
+    auto movie = inspectMovie(output());
+    ASSERT_TRUE(movie) << movie.error().message();
     EXPECT_GT(movie->movie.duration, 0.2);  // at least the fragment on disk before
     for (const auto& e : std::filesystem::directory_iterator(store))
         EXPECT_NE(e.path().extension(), ".mp4") << "left in the store: " << e.path();
@@ -335,9 +336,9 @@ TEST_F(RecordEndToEndTest, GivingUpWhileTheUserIsAskedWithdrawsTheQuestion) {
 // Mono PCM of one audio track of `path` (the first channel).
 std::vector<float> trackAudio(const std::string& path, int track) {
     std::vector<float> out;
-    auto reader = media::MovieReader::open(path);
+    auto reader = media::MovieReader::open(path).valueOr(nullptr);
     if (!reader) return out;
-    reader->decode(nullptr, [&](const media::PCMBlock& b) {
+    (void)reader->decode(nullptr, [&](const media::PCMBlock& b) {
         if (b.track == track) out.insert(out.end(), b.channels[0], b.channels[0] + b.frames);
         return true;
     });
@@ -369,9 +370,8 @@ TEST_F(RecordEndToEndTest, TheAudioServerCrashesMidRecordingAndComesBack) {
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
     EXPECT_TRUE(contains(recordLog(), "sorvel record: warning: The audio server went away"))
         << recordLog();
-    std::string error;
-    auto movie = inspectMovie(output(), &error);
-    ASSERT_TRUE(movie) << error;
+    auto movie = inspectMovie(output());
+    ASSERT_TRUE(movie) << movie.error().message();
     ASSERT_EQ(movie->movie.tracks.size(), 3u);
     const double video = movie->movie.tracks[0].duration;
     EXPECT_GT(video, 3.0);
@@ -381,8 +381,8 @@ TEST_F(RecordEndToEndTest, TheAudioServerCrashesMidRecordingAndComesBack) {
     ASSERT_GT(mic.size(), 44100u * 3);
     EXPECT_LT(rmsOf(mic, mic.size() - 44100 * 2, mic.size()), 0.001) << "silence after the loss";
 
-    std::string why;
-    ASSERT_TRUE(pulse->restart(&why)) << why;
+    auto restarted = pulse->restart();
+    ASSERT_TRUE(restarted) << restarted.error().message();
     std::filesystem::remove(output());
     p = record({"--duration", "3", "--mic"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
@@ -549,12 +549,11 @@ TEST_F(RecordEndToEndTest, BroadcastsALiveHLSStreamThroughTheUploadExtension) {
 // screen, and the microphone track runs the length of the video.
 TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
     if (!sv::testing::XvfbServer::available()) GTEST_SKIP() << "no Xvfb";
-    std::string error;
-    auto x = sv::testing::XvfbServer::start(640, 360, &error);
-    ASSERT_TRUE(x) << error;
-    auto window =
-        sv::testing::XTestWindow::create(x->displayName(), 400, 40, 160, 160, 0xFFFFFF, &error);
-    ASSERT_TRUE(window) << error;
+    auto started = sv::testing::XvfbServer::start(640, 360);
+    ASSERT_TRUE(started) << started.error().message();
+    auto x = std::move(*started);
+    auto window = sv::testing::XTestWindow::create(x->displayName(), 400, 40, 160, 160, 0xFFFFFF);
+    ASSERT_TRUE(window) << window.error().message();
     daemon_.stop(SIGTERM);
     env_.push_back("DISPLAY=" + x->displayName());
     ASSERT_TRUE(daemon_.start(SORVELD, {.args = {"--screen-backend", "x11", "--audio-backend",
@@ -564,7 +563,7 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
 
     pid_t p = record({"--system", "--mic", "--duration", "2"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
-    auto reader = media::MovieReader::open(output());
+    auto reader = media::MovieReader::open(output()).valueOr(nullptr);
     ASSERT_TRUE(reader);
     ASSERT_FALSE(reader->info().tracks.empty());
     const media::TrackInfo& video = reader->info().tracks[0];
@@ -575,7 +574,7 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
     ASSERT_EQ(reader->info().tracks.size(), 3u);
     EXPECT_GT(reader->info().tracks[2].duration, video.duration - 0.5);
     int bright = -1, dark = -1;
-    reader->decode(
+    (void)reader->decode(
         [&](const media::LumaFrame& f) {
             if (f.width != 640 || f.height != 360) return false;
             bright = f.data[120 * f.bytesPerRow + 480];  // inside the white window
@@ -599,12 +598,12 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
         << sv::test::readFile(dir_ + "/monitors.log");
     p = record({"--system", "--monitor", "SV-RIGHT", "--duration", "1"});
     EXPECT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog();
-    reader = media::MovieReader::open(output());
+    reader = media::MovieReader::open(output()).valueOr(nullptr);
     ASSERT_TRUE(reader);
     EXPECT_EQ(reader->info().tracks.at(0).width, 320);
     EXPECT_EQ(reader->info().tracks.at(0).height, 360);
     bright = dark = -1;
-    reader->decode(
+    (void)reader->decode(
         [&](const media::LumaFrame& f) {
             bright = f.data[120 * f.bytesPerRow + 160];  // the white window, moved left
             dark = f.data[300 * f.bytesPerRow + 20];
@@ -623,9 +622,9 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
 // recording.
 TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
     if (!sv::testing::XvfbServer::available()) GTEST_SKIP() << "no Xvfb";
-    std::string error;
-    auto x = sv::testing::XvfbServer::start(1280, 720, &error);
-    ASSERT_TRUE(x) << error;
+    auto started = sv::testing::XvfbServer::start(1280, 720);
+    ASSERT_TRUE(started) << started.error().message();
+    auto x = std::move(*started);
     env_.push_back("DISPLAY=" + x->displayName());
     pid_t wm = sv::test::spawnWithInput({"/usr/bin/openbox"}, env_, "", dir_ + "/openbox.log");
     ASSERT_GT(wm, 0) << "openbox is not installed (scripts/install-deps.sh installs it)";
@@ -641,9 +640,9 @@ TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
     ASSERT_TRUE(sv::test::eventually(
         [&] { return contains(sv::test::readFile(appLog), "x11-recorder: recording"); }, 60s))
         << sv::test::readFile(appLog) << daemon_.log();
-    auto cover =
-        sv::testing::XTestWindow::create(x->displayName(), 0, 0, 1280, 720, 0xFFFFFF, &error);
-    ASSERT_TRUE(cover) << error;
+    auto created = sv::testing::XTestWindow::create(x->displayName(), 0, 0, 1280, 720, 0xFFFFFF);
+    ASSERT_TRUE(created) << created.error().message();
+    auto cover = std::move(*created);
     unsigned window = 0;
     std::sscanf(sv::test::readFile(appLog).c_str(), "x11-recorder: asking to record window 0x%x",
                 &window);
@@ -654,7 +653,7 @@ TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
     kill(wm, SIGTERM);
     EXPECT_GE(sv::test::waitForExit(wm, 20s), 0);
 
-    auto reader = media::MovieReader::open(movie);
+    auto reader = media::MovieReader::open(movie).valueOr(nullptr);
     ASSERT_TRUE(reader);
     const media::TrackInfo& video = reader->info().tracks.at(0);
     EXPECT_EQ(video.width, 640);
@@ -664,7 +663,7 @@ TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
     // frame taken between the application's clearing and its square shows
     // none); the white window over the screen never shows.
     size_t frames = 0, square = 0, covered = 0;
-    reader->decode(
+    (void)reader->decode(
         [&](const media::LumaFrame& f) {
             size_t bright = 0;
             for (int32_t y = 0; y < f.height; ++y)

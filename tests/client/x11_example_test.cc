@@ -32,9 +32,9 @@ struct XcbDisconnect {
 
 TEST(X11ExampleTest, RecordsItsWindowAndFollowsTheFocus) {
     if (!sv::testing::XvfbServer::available()) GTEST_SKIP() << "no Xvfb";
-    std::string error;
-    auto x = sv::testing::XvfbServer::start(800, 600, &error);
-    ASSERT_TRUE(x) << error;
+    auto started = sv::testing::XvfbServer::start(800, 600);
+    ASSERT_TRUE(started) << started.error().message();
+    auto x = std::move(*started);
     std::string dir = sv::test::makeTempDir("sv-x11-example-");
     ipc::setRuntimeDirectory(dir);
     std::string movie = dir + "/store/movie.mp4", output = dir + "/example.mp4";

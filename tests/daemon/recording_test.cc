@@ -335,10 +335,10 @@ class RecordingTest : public ::testing::Test {
     }
     // The movie as the inspector reads it; fails the test when unreadable.
     std::optional<MovieInspection> inspect(const std::string& path) {
-        std::string error;
-        auto movie = inspectMovie(path, &error);
-        EXPECT_TRUE(movie) << path << ": " << error;
-        return movie;
+        auto movie = inspectMovie(path);
+        EXPECT_TRUE(movie) << path << ": " << movie.error().message();
+        if (!movie) return std::nullopt;
+        return std::move(*movie);
     }
 
     PrivateDaemon daemon{"sv-recording-"};

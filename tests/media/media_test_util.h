@@ -83,10 +83,11 @@ inline Value videoSettings(int w, int h, Value props = Value::object()) {
 // A writer at `path` with one H.264 input of `w`x`h`, not yet started.
 struct VideoWriter {
     VideoWriter(const std::string& path, int w = 64, int h = 64, Value props = Value::object())
-        : writer(
-              media::MovieFileWriter::create(URL::fileURLWithPath(path), media::FileType::MPEG4)),
+        : writer(media::MovieFileWriter::create(URL::fileURLWithPath(path), media::FileType::MPEG4)
+                     .valueOr(nullptr)),
           video(media::MovieWriterInput::create(media::MediaType::Video,
-                                                videoSettings(w, h, std::move(props)))) {
+                                                videoSettings(w, h, std::move(props)))
+                    .valueOr(nullptr)) {
         if (writer && video) writer->addInput(video);
     }
     // Starts writing with a session at `start` seconds.

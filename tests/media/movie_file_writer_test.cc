@@ -29,24 +29,26 @@ Value audioSettings() {
 
 TEST(MovieFileWriter, CreationErrorsCarryACode) {
     TempDir dir;
-    MediaError error;
-    EXPECT_FALSE(MovieFileWriter::create(URL::fileURLWithPath(dir / "no/such.mp4"), FileType::MPEG4,
-                                         &error));
-    EXPECT_EQ(error.code, AVERROR(ENOENT));
-    EXPECT_FALSE(
-        MovieFileWriter::create(URL::fileURLWithPath(dir.path()), FileType::MPEG4, &error));
-    EXPECT_EQ(error.code, AVERROR(EISDIR));
+    for (auto [path, code] : {std::pair{dir / "no/such.mp4", AVERROR(ENOENT)},
+                              std::pair{dir.path(), AVERROR(EISDIR)}}) {
+        auto refused = MovieFileWriter::create(URL::fileURLWithPath(path), FileType::MPEG4);
+        ASSERT_FALSE(refused) << path;
+        EXPECT_EQ(refused.error().domain, kMovieWriterErrorDomain);
+        EXPECT_EQ(refused.error().code, code) << path;
+    }
 
     // Settings that cannot be encoded.
-    EXPECT_FALSE(
-        MovieWriterInput::create(MediaType::Video, Value{{kVideoCodecKey, "vp9"}}, &error));
-    EXPECT_EQ(error.code, AVERROR(EINVAL));
-    EXPECT_FALSE(MovieWriterInput::create(MediaType::Audio, Value::array(), &error));
+    auto vp9 = MovieWriterInput::create(MediaType::Video, Value{{kVideoCodecKey, "vp9"}});
+    ASSERT_FALSE(vp9);
+    EXPECT_EQ(vp9.error().code, AVERROR(EINVAL));
+    EXPECT_EQ(vp9.error().message(), "video settings: video codec must be h264");
+    EXPECT_FALSE(MovieWriterInput::create(MediaType::Audio, Value::array()));
     // A bad compression property from a peer is dropped, the rest is used.
-    auto input = MovieWriterInput::create(
-        MediaType::Video,
-        videoSettings(65, 33, {{kVideoAverageBitRateKey, "fast"}, {kVideoEncoderPresetKey, 7}}),
-        &error);
+    auto input =
+        MovieWriterInput::create(
+            MediaType::Video,
+            videoSettings(65, 33, {{kVideoAverageBitRateKey, "fast"}, {kVideoEncoderPresetKey, 7}}))
+            .valueOr(nullptr);
     ASSERT_TRUE(input);
     EXPECT_EQ(input->width(), 66);
     EXPECT_EQ(input->height(), 34);
@@ -55,7 +57,7 @@ TEST(MovieFileWriter, CreationErrorsCarryACode) {
     Value many = Value::object();
     for (int i = 0; i < 1000; ++i) many["key" + std::to_string(i)] = i;
     log::Capture capture;
-    ASSERT_TRUE(MovieWriterInput::create(MediaType::Video, videoSettings(64, 64, many), &error));
+    ASSERT_TRUE(MovieWriterInput::create(MediaType::Video, videoSettings(64, 64, many)));
     EXPECT_EQ(capture.countContaining("MovieWriterInput: ignoring"), 9u);
     EXPECT_TRUE(capture.contains("MovieWriterInput: ignoring 992 more compression properties"));
 }
@@ -83,14 +85,19 @@ TEST(MovieFileWriter, AllocationFailuresBecomeErrors) {
         SCOPED_TRACE(cap);
         av_max_alloc(cap);
         const std::string path = dir / ("m" + std::to_string(cap) + ".mp4");
-        MediaError error;
-        auto writer = MovieFileWriter::create(URL::fileURLWithPath(path), FileType::MPEG4, &error);
-        auto video = MovieWriterInput::create(MediaType::Video, videoSettings(64, 64), &error);
-        auto audio = MovieWriterInput::create(MediaType::Audio, audioSettings(), &error);
-        if (!writer || !video || !audio) {
-            EXPECT_LT(error.code, 0);
+        auto created = MovieFileWriter::create(URL::fileURLWithPath(path), FileType::MPEG4);
+        auto createdVideo = MovieWriterInput::create(MediaType::Video, videoSettings(64, 64));
+        auto createdAudio = MovieWriterInput::create(MediaType::Audio, audioSettings());
+        if (!created || !createdVideo || !createdAudio) {
+            for (const auto& error : {created.optionalError(), createdVideo.optionalError(),
+                                      createdAudio.optionalError()})
+                if (error) {
+                    EXPECT_LT(error->code, 0);
+                }
             ++refused;
         } else {
+            auto writer = *created;
+            auto video = *createdVideo, audio = *createdAudio;
             writer->addInput(video);
             writer->addInput(audio);
             if (writer->startWriting()) {
@@ -132,8 +139,8 @@ TEST(MovieFileWriter, StatusCodesThroughALifetime) {
     EXPECT_EQ(ok.writer->status(), Status::Unknown);
     EXPECT_FALSE(fs::exists(dir / "s.mp4"));  // nothing is opened before the first packet
     ok.start(10);
-    EXPECT_FALSE(
-        ok.writer->canAddInput(MovieWriterInput::create(MediaType::Audio, audioSettings())));
+    EXPECT_FALSE(ok.writer->canAddInput(
+        MovieWriterInput::create(MediaType::Audio, audioSettings()).value()));
     EXPECT_EQ(ok.writer->status(), Status::Writing);
     for (int i = 0; i < 5; ++i) ok.append(*ok.video, makeFrame(pool, i, hostTime(10 + i / 30.0)));
     ok.finish();
@@ -146,7 +153,7 @@ TEST(MovieFileWriter, StatusCodesThroughALifetime) {
 
     // Cancelled: the partial file goes away.
     VideoWriter cancelled(dir / "c.mp4");
-    auto detached = MovieWriterInput::create(MediaType::Video, videoSettings(64, 64));
+    auto detached = MovieWriterInput::create(MediaType::Video, videoSettings(64, 64)).value();
     EXPECT_FALSE(detached->isReadyForMoreMediaData());            // not attached
     EXPECT_FALSE(detached->waitUntilReadyForMoreMediaData(30s));  // and cannot become so
     cancelled.start(0);
@@ -180,8 +187,8 @@ TEST(MovieFileWriter, AudioIsConvertedPlacedAndGapsFilled) {
     TempDir dir;
     const std::string path = dir / "a.mp4";
     VideoWriter w(path);
-    auto tap = MovieWriterInput::create(MediaType::Audio, audioSettings());
-    auto mic = MovieWriterInput::create(MediaType::Audio, audioSettings());
+    auto tap = MovieWriterInput::create(MediaType::Audio, audioSettings()).value();
+    auto mic = MovieWriterInput::create(MediaType::Audio, audioSettings()).value();
     w.writer->addInput(tap);
     w.writer->addInput(mic);
     w.start(5);
@@ -237,8 +244,8 @@ TEST(MovieFileWriter, AMovieCutShortKeepsItsCompleteFragments) {
     VideoWriter w(whole);
     // Audio tracks that get nothing (no application audio, no microphone)
     // hold nothing back.
-    w.writer->addInput(MovieWriterInput::create(MediaType::Audio, audioSettings()));
-    w.writer->addInput(MovieWriterInput::create(MediaType::Audio, audioSettings()));
+    w.writer->addInput(MovieWriterInput::create(MediaType::Audio, audioSettings()).value());
+    w.writer->addInput(MovieWriterInput::create(MediaType::Audio, audioSettings()).value());
     w.start(0);
     SurfacePool pool(64, 64);
     for (int i = 0; i < 60; ++i) w.append(*w.video, makeFrame(pool, i, hostTime(i / 30.0)));

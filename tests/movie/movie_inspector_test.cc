@@ -48,10 +48,9 @@ class MovieInspectorTest : public ::testing::Test {
 TempDir* MovieInspectorTest::dir_ = nullptr;
 
 MovieInspection inspect(const std::string& path) {
-    std::string error;
-    auto inspection = inspectMovie(path, &error);
-    EXPECT_TRUE(inspection) << error;
-    return inspection.value_or(MovieInspection{});
+    auto inspection = inspectMovie(path);
+    EXPECT_TRUE(inspection) << inspection.error().message();
+    return inspection.valueOr(MovieInspection{});
 }
 
 TEST_F(MovieInspectorTest, CleanRecordingHasEveryFrameAndAudioInSync) {
@@ -205,13 +204,16 @@ TEST_F(MovieInspectorTest, BrokenFilesGiveAnError) {
                  {"garbage.mp4", std::string(100000, '\x5a')}};
     for (const auto& c : cases) {
         test::writeFile(path(c.name), c.content);
-        std::string error;
-        EXPECT_FALSE(inspectMovie(path(c.name), &error)) << c.name;
-        EXPECT_NE(error.find(c.name), std::string::npos) << error;
+        auto refused = inspectMovie(path(c.name));
+        ASSERT_FALSE(refused) << c.name;
+        EXPECT_EQ(refused.error().domain, media::kMovieWriterErrorDomain);
+        EXPECT_NE(refused.error().message().find(c.name), std::string::npos)
+            << refused.error().message();
     }
-    std::string error;
-    EXPECT_FALSE(inspectMovie(path("missing.mp4"), &error));
-    EXPECT_NE(error.find("missing.mp4"), std::string::npos) << error;
+    auto missing = inspectMovie(path("missing.mp4"));
+    ASSERT_FALSE(missing);
+    EXPECT_NE(missing.error().message().find("missing.mp4"), std::string::npos)
+        << missing.error().message();
 
     // The movie box in front (as a streaming copy has it), the media cut
     // short: the index promises samples the file does not hold.
@@ -221,8 +223,9 @@ TEST_F(MovieInspectorTest, BrokenFilesGiveAnError) {
                       .c_str()),
               0);
     fs::resize_file(faststart, fs::file_size(faststart) * 2 / 3);
-    EXPECT_FALSE(inspectMovie(faststart, &error));
-    EXPECT_NE(error.find("truncated"), std::string::npos) << error;
+    auto cut = inspectMovie(faststart);
+    ASSERT_FALSE(cut);
+    EXPECT_NE(cut.error().message().find("truncated"), std::string::npos) << cut.error().message();
 }
 
 // What the writer's ordering rule never lets into a movie.

@@ -480,29 +480,30 @@ TEST(ScreenBackend, ChoiceByNameEnvironmentAndReachability) {
 
     {
         test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", std::nullopt}, {"DISPLAY", std::nullopt}};
-        EXPECT_EQ(makeScreenBackend(ScreenBackendKind::Automatic)->name(), "synthetic");
-        std::string error;
-        EXPECT_EQ(makeScreenBackend(ScreenBackendKind::X11, &error), nullptr);
-        EXPECT_FALSE(error.empty());
+        EXPECT_EQ(makeScreenBackend(ScreenBackendKind::Automatic).value()->name(), "synthetic");
+        auto refused = makeScreenBackend(ScreenBackendKind::X11);
+        ASSERT_FALSE(refused);
+        EXPECT_EQ(refused.error().domain, kScreenErrorDomain);
+        EXPECT_EQ(refused.error().code, kScreenErrorNoDisplay);
     }
     {
         // A display nobody serves yet is still the desktop: X11, waiting
         // for its server (never a synthetic display standing in for it).
         test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", std::nullopt}, {"DISPLAY", ":4077"}};
-        auto waiting = makeScreenBackend(ScreenBackendKind::Automatic);
+        auto waiting = makeScreenBackend(ScreenBackendKind::Automatic).valueOr(nullptr);
         ASSERT_TRUE(waiting);
         EXPECT_EQ(waiting->name(), "x11");
         EXPECT_EQ(waiting->displaySize(), (WindowSize{0, 0}));
-        EXPECT_EQ(makeScreenBackend(ScreenBackendKind::X11)->name(), "x11");
+        EXPECT_EQ(makeScreenBackend(ScreenBackendKind::X11).value()->name(), "x11");
     }
     {
         test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", "synthetic"}, {"DISPLAY", ":4077"}};
-        EXPECT_EQ(makeScreenBackend()->name(), "synthetic");
-        EXPECT_EQ(makeScreenBackend(ScreenBackendKind::Synthetic)->name(), "synthetic");
+        EXPECT_EQ(makeScreenBackend().value()->name(), "synthetic");
+        EXPECT_EQ(makeScreenBackend(ScreenBackendKind::Synthetic).value()->name(), "synthetic");
     }
     {
         test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", "nonsense"}, {"DISPLAY", std::nullopt}};
-        EXPECT_EQ(makeScreenBackend()->name(), "synthetic");
+        EXPECT_EQ(makeScreenBackend().value()->name(), "synthetic");
     }
     auto mine = std::make_shared<SyntheticScreenBackend>();
     setProcessScreenBackend(mine);

@@ -43,20 +43,22 @@ class X11ScreenTest : public ::testing::Test {
             GTEST_SKIP() << "Xvfb is not installed: the X11 backend is not tested here "
                             "(scripts/install-deps.sh installs it)";
         }
-        std::string error;
-        server = XvfbServer::start(1600, 900, &error);
-        ASSERT_TRUE(server) << error;
-        backend = X11ScreenBackend::connect(server->displayName(), &error);
-        ASSERT_TRUE(backend) << error;
+        auto started = XvfbServer::start(1600, 900);
+        ASSERT_TRUE(started) << started.error().message();
+        server = std::move(*started);
+        auto connected = X11ScreenBackend::connect(server->displayName());
+        ASSERT_TRUE(connected) << connected.error().message();
+        backend = *connected;
     }
 
     // Windows A and B of two clients; B overlaps A's lower right part.
     void makeWindows() {
-        std::string error;
-        a = XTestWindow::create(server->displayName(), 100, 100, 600, 400, kRed, &error);
-        ASSERT_TRUE(a) << error;
-        b = XTestWindow::create(server->displayName(), 400, 300, 600, 400, kBlue, &error);
-        ASSERT_TRUE(b) << error;
+        auto madeA = XTestWindow::create(server->displayName(), 100, 100, 600, 400, kRed);
+        ASSERT_TRUE(madeA) << madeA.error().message();
+        a = std::move(*madeA);
+        auto madeB = XTestWindow::create(server->displayName(), 400, 300, 600, 400, kBlue);
+        ASSERT_TRUE(madeB) << madeB.error().message();
+        b = std::move(*madeB);
     }
 
     std::shared_ptr<ScreenCaptureController> make(WindowSize size, size_t keep = 1) {
@@ -109,9 +111,9 @@ TEST_F(X11ScreenTest, MirrorShowsOverlappingWindowsAndThePointerCloneOnlyTheClon
         SCOPED_TRACE("shared memory");
         ASSERT_NO_FATAL_FAILURE(checkMirrorAndClone());
     }
-    std::string error;
-    backend = X11ScreenBackend::connect(server->displayName(), {.sharedMemory = false}, &error);
-    ASSERT_TRUE(backend) << error;
+    auto socketOnly = X11ScreenBackend::connect(server->displayName(), {.sharedMemory = false});
+    ASSERT_TRUE(socketOnly) << socketOnly.error().message();
+    backend = *socketOnly;
     EXPECT_FALSE(backend->usesSharedMemory());
     a->raise();
     b->raise();
@@ -308,13 +310,16 @@ TEST_F(X11ScreenTest, LostServerIsMediaServicesResetOnce) {
     // A backend made while the server is away (a service started before the
     // session's X server) records once the server is there.
     const std::string display = server->displayName();
-    EXPECT_FALSE(X11ScreenBackend::connect(display, {}, nullptr));
-    backend = X11ScreenBackend::connect(display, {.waitForServer = true}, nullptr);
+    auto unreachable = X11ScreenBackend::connect(display, {});
+    ASSERT_FALSE(unreachable);
+    EXPECT_EQ(unreachable.error().domain, kScreenErrorDomain);
+    EXPECT_EQ(unreachable.error().code, kScreenErrorCannotConnect);
+    backend = X11ScreenBackend::connect(display, {.waitForServer = true}).valueOr(nullptr);
     ASSERT_TRUE(backend);
     backend->mirroringService()->setCloneMirroringMode(kCloneMirroringModeMirror);
-    std::string error;
-    server = XvfbServer::start(1600, 900, &error, std::chrono::seconds(30), display);
-    ASSERT_TRUE(server) << error;
+    auto restarted = XvfbServer::start(1600, 900, std::chrono::seconds(30), display);
+    ASSERT_TRUE(restarted) << restarted.error().message();
+    server = std::move(*restarted);
     auto late = make({800, 450});
     late->startCapture();
     ASSERT_TRUE(recorder->waitForFrames(2));
@@ -352,7 +357,7 @@ TEST_F(X11ScreenTest, ServerThatStopsAnsweringHangsNobody) {
     test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", std::nullopt},
                         {"DISPLAY", server->displayName()}};
     std::shared_ptr<ScreenBackend> chosen;
-    EXPECT_TRUE(returnsInTime([&] { chosen = makeScreenBackend(); }));
+    EXPECT_TRUE(returnsInTime([&] { chosen = makeScreenBackend().valueOr(nullptr); }));
     ASSERT_TRUE(chosen);
     EXPECT_EQ(chosen->name(), "x11");
     // A new controller cannot reach it: reported as lost, once.
@@ -366,9 +371,9 @@ TEST_F(X11ScreenTest, ServerThatStopsAnsweringHangsNobody) {
 TEST_F(X11ScreenTest, AutomaticChoiceTakesAReachableServer) {
     test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", std::nullopt},
                         {"DISPLAY", server->displayName()}};
-    EXPECT_EQ(makeScreenBackend()->name(), "x11");
+    EXPECT_EQ(makeScreenBackend().value()->name(), "x11");
     test::ScopedEnv forced{{"SORVEL_SCREEN_BACKEND", "synthetic"}};
-    EXPECT_EQ(makeScreenBackend()->name(), "synthetic");
+    EXPECT_EQ(makeScreenBackend().value()->name(), "synthetic");
 }
 
 }  // namespace

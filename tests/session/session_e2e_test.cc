@@ -28,18 +28,17 @@ using namespace std::chrono_literals;
 constexpr double kFrame = 1.0 / 60;
 
 MovieInspection inspect(const std::string& path) {
-    std::string error;
-    auto inspection = inspectMovie(path, &error);
-    EXPECT_TRUE(inspection) << error;
-    return inspection ? *inspection : MovieInspection{};
+    auto inspection = inspectMovie(path);
+    EXPECT_TRUE(inspection) << inspection.error().message();
+    return inspection.valueOr(MovieInspection{});
 }
 
 // Capture times (host seconds) of the movie's first and last frame.
 std::pair<double, double> stampSpan(const std::string& path) {
     std::pair<double, double> span{-1, -1};
-    auto reader = media::MovieReader::open(path);
+    auto reader = media::MovieReader::open(path).valueOr(nullptr);
     if (!reader) return span;
-    reader->decode(
+    (void)reader->decode(
         [&](const media::LumaFrame& f) {
             if (auto s = readFrameStamp(f.data, f.width, f.height, f.bytesPerRow)) {
                 if (span.first < 0) span.first = HostClock::toSeconds(s->hostTime);

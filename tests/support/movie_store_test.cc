@@ -74,16 +74,16 @@ TEST_F(MovieStoreTest, HomeIsTheSettingThenHOMEThenThePasswordDatabase) {
     store.setHomeDirectory("");
     {
         test::ScopedEnv env{{"HOME", home / "from-env"}};
-        EXPECT_EQ(store.homeDirectory(), home / "from-env");
+        EXPECT_EQ(store.homeDirectory().valueOr(""), home / "from-env");
     }
     test::ScopedEnv noHome{{"HOME", std::nullopt}};
     const passwd* entry = getpwuid(geteuid());  // the test's user always has one
     ASSERT_TRUE(entry && entry->pw_dir);
-    EXPECT_EQ(store.homeDirectory(), std::string(entry->pw_dir));
+    EXPECT_EQ(store.homeDirectory().valueOr(""), std::string(entry->pw_dir));
     {
         // Not a home directory: an empty or relative HOME is passed over.
         test::ScopedEnv relative{{"HOME", "relative/home"}};
-        EXPECT_EQ(store.homeDirectory(), std::string(entry->pw_dir));
+        EXPECT_EQ(store.homeDirectory().valueOr(""), std::string(entry->pw_dir));
     }
 
     std::vector<uid_t> asked;
@@ -91,11 +91,11 @@ TEST_F(MovieStoreTest, HomeIsTheSettingThenHOMEThenThePasswordDatabase) {
         asked.push_back(uid);
         return home / "from-passwd";
     });
-    EXPECT_EQ(store.homeDirectory(), home / "from-passwd");
+    EXPECT_EQ(store.homeDirectory().valueOr(""), home / "from-passwd");
     EXPECT_EQ(store._srTempPath(), home / "from-passwd/Library/Sorvel/");
     EXPECT_EQ(asked, std::vector<uid_t>(2, geteuid()));
     store.setHomeDirectory(home / "set");
-    EXPECT_EQ(store.homeDirectory(), home / "set");
+    EXPECT_EQ(store.homeDirectory().valueOr(""), home / "set");
     EXPECT_EQ(asked.size(), 2u);  // the setting wins without a lookup
 }
 
@@ -107,12 +107,11 @@ TEST_F(MovieStoreTest, WithoutAHomeTheStoreRefusesRatherThanUseASharedDirectory)
          {std::optional<std::string>(), std::optional<std::string>(""),
           std::optional<std::string>("home/user")}) {
         store.setPasswordLookup([found](uid_t) { return found; });
-        OptionalError error;
-        EXPECT_FALSE(store.homeDirectory(&error));
-        ASSERT_TRUE(error);
-        EXPECT_EQ(error->code, ENOENT);
-        EXPECT_EQ(error->localizedDescription(),
-                  "cannot find a home directory for uid " + std::to_string(geteuid()));
+        auto none = store.homeDirectory();
+        ASSERT_FALSE(none);
+        EXPECT_EQ(none.error(),
+                  Error::make(kPOSIXErrorDomain, ENOENT,
+                              "cannot find a home directory for uid " + std::to_string(geteuid())));
     }
     EXPECT_EQ(store._srTempPath(), "");
 
@@ -125,9 +124,7 @@ TEST_F(MovieStoreTest, WithoutAHomeTheStoreRefusesRatherThanUseASharedDirectory)
     store._srSetupTempDirectory();
     EXPECT_TRUE(capture.contains("error creating temp directory", log::Level::Error));
     EXPECT_EQ(capture.countContaining("cannot find a home directory for uid"), 1u);
-    OptionalError error;
-    EXPECT_EQ(store._srSizeOfTempDir(&error), 0);
-    EXPECT_TRUE(error);
+    EXPECT_FALSE(store._srSizeOfTempDir());
     EXPECT_EQ(store._srDeleteAllTempFiles(), 0);
     EXPECT_EQ(store._srDeviceFreeDiskSpace(), 0u);
     EXPECT_FALSE(store._srDeviceHasSufficientFreeSpaceForRecording());
@@ -192,18 +189,16 @@ TEST_F(MovieStoreTest, PurgeGoesOnAfterAFailedRemoval) {
 }
 
 TEST_F(MovieStoreTest, SizeIsTheDirectoryEntryOwnSize) {
-    OptionalError error;
     EXPECT_EQ(store._srDeleteAllTempFiles(), 0);  // no store yet
     EXPECT_EQ(capture.countContaining("error in _svRemoveFile_srDeleteFiles"), 1u);
-    EXPECT_EQ(store._srSizeOfTempDir(&error), 0);
-    EXPECT_TRUE(error);
+    EXPECT_FALSE(store._srSizeOfTempDir());
 
     store._srSetupTempDirectory();
     for (int i = 0; i < 4; ++i) makeFile("big" + std::to_string(i) + ".mp4", off_t(1) << 32, 0);
-    error.reset();
-    EXPECT_EQ(store._srSizeOfTempDir(&error), sizeOf(store._srTempPath()));
-    EXPECT_FALSE(error);
-    EXPECT_LT(store._srSizeOfTempDir(), int64_t(1) << 32);
+    auto size = store._srSizeOfTempDir();
+    ASSERT_TRUE(size) << size.error().description();
+    EXPECT_EQ(*size, sizeOf(store._srTempPath()));
+    EXPECT_LT(*size, int64_t(1) << 32);
 }
 
 TEST_F(MovieStoreTest, FreeSpaceThreshold) {

@@ -98,7 +98,7 @@ TEST_F(StoreManagerTest, LookupServiceAnswersOffTheCallersThread) {
     StoreLookupRequest request;
     request.bundleIdentifiers = {"com.example.one"};
     test::awaitOnce<>([&](std::function<void()> done) {
-        request.start([&, done](const StoreLookupResponse& response, std::error_code error) {
+        request.start([&, done](const StoreLookupResponse& response, OptionalError error) {
             EXPECT_TRUE(response.results.empty());
             EXPECT_FALSE(error);
             answerThread = std::this_thread::get_id();
@@ -106,6 +106,21 @@ TEST_F(StoreManagerTest, LookupServiceAnswersOffTheCallersThread) {
         });
     });
     EXPECT_NE(answerThread, std::this_thread::get_id());
+
+    // An unreadable catalog answers with no items and an error that says so.
+    test::writeFile(apps / "broken.json", "{ not json");
+    StoreLookupRequest::setCatalogPath(apps / "broken.json");
+    OptionalError failure;
+    test::awaitOnce<>([&](std::function<void()> done) {
+        request.start([&, done](const StoreLookupResponse& response, OptionalError error) {
+            EXPECT_TRUE(response.results.empty());
+            failure = std::move(error);
+            done();
+        });
+    });
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->domain, kStoreLookupErrorDomain);
+    EXPECT_EQ(failure->code, kStoreLookupErrorCatalogUnreadable);
 }
 
 TEST(ReachabilityProbe, ResolvesAndChecksTheRouteWithoutTraffic) {

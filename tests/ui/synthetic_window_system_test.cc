@@ -337,7 +337,7 @@ TEST(UiBackendTest, TheSyntheticBackendSharesTheScreensDisplay) {
     auto display = std::make_shared<SyntheticDisplay>();
     {
         sv::test::ScopedEnv env{{"SORVEL_SCREEN_BACKEND", "synthetic"}, {"DISPLAY", ":0"}};
-        auto backend = makeUiBackend(UiBackendKind::Automatic, display);
+        auto backend = makeUiBackend(UiBackendKind::Automatic, display).valueOr(nullptr);
         ASSERT_TRUE(backend);
         EXPECT_EQ(backend->name(), "synthetic");
         auto system = std::dynamic_pointer_cast<SyntheticWindowSystem>(backend);
@@ -349,7 +349,8 @@ TEST(UiBackendTest, TheSyntheticBackendSharesTheScreensDisplay) {
         auto screen = std::make_shared<SyntheticScreenBackend>(display);
         setProcessScreenBackend(screen);
         sv::test::ScopedEnv env{{"DISPLAY", std::nullopt}, {"SORVEL_SCREEN_BACKEND", std::nullopt}};
-        auto backend = std::dynamic_pointer_cast<SyntheticWindowSystem>(makeUiBackend());
+        auto backend =
+            std::dynamic_pointer_cast<SyntheticWindowSystem>(makeUiBackend().valueOr(nullptr));
         ASSERT_TRUE(backend);
         EXPECT_EQ(backend->display(), display);
         setProcessScreenBackend(nullptr);

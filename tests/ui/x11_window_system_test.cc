@@ -103,13 +103,14 @@ Value requestInfo(ApplicationStateMonitor& monitor, const std::string& bundleID)
 }
 
 std::unique_ptr<XvfbServer> startServerOrExplain() {
-    std::string why;
-    auto server = XvfbServer::start(1280, 800, &why);
+    auto server = XvfbServer::start(1280, 800);
     if (!server) {
         const char* ci = std::getenv("CI");
-        if (ci && std::string(ci) == "true") ADD_FAILURE() << "Xvfb is needed under CI: " << why;
+        if (ci && std::string(ci) == "true")
+            ADD_FAILURE() << "Xvfb is needed under CI: " << server.error().message();
+        return nullptr;
     }
-    return server;
+    return std::move(*server);
 }
 
 class X11WindowSystemTest : public ::testing::Test {
@@ -119,12 +120,12 @@ class X11WindowSystemTest : public ::testing::Test {
 
     void SetUp() override {
         if (!server_) GTEST_SKIP() << "Xvfb cannot be started here";
-        client_ = X11TestClient::connect(server_->displayName());
+        client_ = X11TestClient::connect(server_->displayName()).valueOr(nullptr);
         ASSERT_TRUE(client_);
         client_->setActiveWindow(0);
-        std::string error;
-        system_ = X11WindowSystem::connect(server_->displayName(), &error);
-        ASSERT_TRUE(system_) << error;
+        auto connected = X11WindowSystem::connect(server_->displayName());
+        ASSERT_TRUE(connected) << connected.error().message();
+        system_ = *connected;
         alpha_ = BundledProcess::start(dir_.path(), "Alpha", "org.example.alpha");
         beta_ = BundledProcess::start(dir_.path(), "Beta", "org.example.beta");
         ASSERT_TRUE(alpha_ && beta_);
@@ -426,9 +427,9 @@ TEST_F(X11WindowSystemTest, FloodsAndCrowdsCostBoundedWork) {
 TEST_F(X11WindowSystemTest, ALostServerEmptiesTheLayoutAndForegroundState) {
     auto server = startServerOrExplain();
     ASSERT_TRUE(server);
-    auto client = X11TestClient::connect(server->displayName());
+    auto client = X11TestClient::connect(server->displayName()).valueOr(nullptr);
     ASSERT_TRUE(client);
-    auto system = X11WindowSystem::connect(server->displayName());
+    auto system = X11WindowSystem::connect(server->displayName()).valueOr(nullptr);
     ASSERT_TRUE(system);
     TestWindowOptions options;
     options.pid = uint32_t(alpha_->pid());
@@ -449,10 +450,10 @@ TEST_F(X11WindowSystemTest, ALostServerEmptiesTheLayoutAndForegroundState) {
     EXPECT_FALSE(system->applicationState("org.example.alpha").isForeground());
 
     // The server comes back (a restarted session): tracking resumes.
-    std::string why;
-    server = XvfbServer::start(1280, 800, &why, 30s, display);
-    ASSERT_TRUE(server) << why;
-    client = X11TestClient::connect(display);
+    auto restarted = XvfbServer::start(1280, 800, 30s, display);
+    ASSERT_TRUE(restarted) << restarted.error().message();
+    server = std::move(*restarted);
+    client = X11TestClient::connect(display).valueOr(nullptr);
     ASSERT_TRUE(client);
     client->setActiveWindow(client->createWindow(options));
     ASSERT_TRUE(sv::test::eventually([&] { return system->synchronize(1s); }, 20s));
@@ -464,21 +465,21 @@ TEST_F(X11WindowSystemTest, AutomaticChoiceTakesAReachableServerUnlessTheScreenS
     {
         sv::test::ScopedEnv env{{"DISPLAY", server_->displayName()},
                                 {"SORVEL_SCREEN_BACKEND", std::nullopt}};
-        auto backend = makeUiBackend();
+        auto backend = makeUiBackend().valueOr(nullptr);
         ASSERT_TRUE(backend);
         EXPECT_EQ(backend->name(), "x11");
     }
     {
         sv::test::ScopedEnv env{{"DISPLAY", server_->displayName()},
                                 {"SORVEL_SCREEN_BACKEND", "synthetic"}};
-        EXPECT_EQ(makeUiBackend()->name(), "synthetic");
+        EXPECT_EQ(makeUiBackend().value()->name(), "synthetic");
     }
     {
         // A named display whose server is not up yet is still the desktop:
         // tracked once it answers, never replaced by a synthetic display.
         sv::test::ScopedEnv env{{"DISPLAY", ":9999"}, {"SORVEL_SCREEN_BACKEND", std::nullopt}};
         EXPECT_FALSE(X11WindowSystem::serverAnswers());
-        auto waiting = makeUiBackend();
+        auto waiting = makeUiBackend().valueOr(nullptr);
         ASSERT_TRUE(waiting);
         EXPECT_EQ(waiting->name(), "x11");
         EXPECT_FALSE(waiting->synchronize(1s));
@@ -486,10 +487,11 @@ TEST_F(X11WindowSystemTest, AutomaticChoiceTakesAReachableServerUnlessTheScreenS
     }
     {
         sv::test::ScopedEnv env{{"DISPLAY", std::nullopt}, {"SORVEL_SCREEN_BACKEND", std::nullopt}};
-        EXPECT_EQ(makeUiBackend()->name(), "synthetic");
-        std::string error;
-        EXPECT_FALSE(makeUiBackend(UiBackendKind::X11, nullptr, &error));
-        EXPECT_FALSE(error.empty());
+        EXPECT_EQ(makeUiBackend().value()->name(), "synthetic");
+        auto refused = makeUiBackend(UiBackendKind::X11);
+        ASSERT_FALSE(refused);
+        EXPECT_EQ(refused.error(),
+                  Error::make(kUIErrorDomain, kUIErrorNoDisplay, "DISPLAY is not set"));
     }
 }
 

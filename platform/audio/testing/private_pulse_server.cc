@@ -250,20 +250,17 @@ std::string findPulseaudio() {
     return {};
 }
 
+Error cannotStart(const std::string& why) {
+    return Error::make(kPulseServerErrorDomain, kPulseServerErrorCannotStart, why);
+}
+
 }  // namespace
 
-std::unique_ptr<PrivatePulseServer> PrivatePulseServer::start(const Options& options,
-                                                              std::string* whyNot) {
+Result<std::unique_ptr<PrivatePulseServer>> PrivatePulseServer::start(const Options& options) {
     std::string exe = findPulseaudio();
-    if (exe.empty()) {
-        if (whyNot) *whyNot = "pulseaudio is not installed";
-        return nullptr;
-    }
+    if (exe.empty()) return cannotStart("pulseaudio is not installed");
     char tmpl[] = "/tmp/sv-pulse-XXXXXX";
-    if (!mkdtemp(tmpl)) {
-        if (whyNot) *whyNot = "cannot create a temporary directory";
-        return nullptr;
-    }
+    if (!mkdtemp(tmpl)) return cannotStart("cannot create a temporary directory");
     std::unique_ptr<PrivatePulseServer> server(new PrivatePulseServer);
     server->dir_ = tmpl;
     const std::string dir = server->dir_;
@@ -289,11 +286,11 @@ std::unique_ptr<PrivatePulseServer> PrivatePulseServer::start(const Options& opt
                << "set-default-source sv_mic.monitor\n";
     }
     server->exe_ = exe;
-    if (!server->launch(whyNot)) return nullptr;
+    if (auto launched = server->launch(); !launched) return launched.error();
     return server;
 }
 
-bool PrivatePulseServer::launch(std::string* whyNot) {
+Result<void> PrivatePulseServer::launch() {
     const std::string& dir = dir_;
     const std::string socket = dir + "/runtime/native";
     // As root the server insists on a per-user instance in HOME and the
@@ -314,10 +311,7 @@ bool PrivatePulseServer::launch(std::string* whyNot) {
         {exe_, "-n", "--daemonize=no", "--system=false", "--exit-idle-time=-1", "--disallow-exit",
          "--use-pid-file=false", "--log-target=stderr", "-F", dir + "/server.pa"},
         env, dir + "/server.log");
-    if (pid_ < 0) {
-        if (whyNot) *whyNot = "cannot run " + exe_;
-        return false;
-    }
+    if (pid_ < 0) return cannotStart("cannot run " + exe_);
     address_ = "unix:" + socket;
     // The server reports when it is ready (or ends); a server that cannot
     // report is asked once the time is up.
@@ -328,18 +322,16 @@ bool PrivatePulseServer::launch(std::string* whyNot) {
     if (outcome != ReadinessSocket::Outcome::Exited &&
         PulseAudioBackend::serverAnswers(address_, std::chrono::seconds(2))) {
         warmUp();
-        return true;
+        return {};
     }
     int status = 0;
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
         pid_ = -1;
         std::ifstream log(dir + "/server.log");
         std::string text((std::istreambuf_iterator<char>(log)), {});
-        if (whyNot) *whyNot = "pulseaudio exited at start: " + text.substr(0, 2000);
-        return false;
+        return cannotStart("pulseaudio exited at start: " + text.substr(0, 2000));
     }
-    if (whyNot) *whyNot = "pulseaudio did not answer within 10 s";
-    return false;
+    return cannotStart("pulseaudio did not answer within 10 s");
 }
 
 void PrivatePulseServer::killServer() {
@@ -351,9 +343,9 @@ void PrivatePulseServer::killServer() {
     // The dead server's socket stays behind; a client finds nobody there.
 }
 
-bool PrivatePulseServer::restart(std::string* whyNot) {
+Result<void> PrivatePulseServer::restart() {
     killServer();
-    return launch(whyNot);
+    return launch();
 }
 
 void PrivatePulseServer::warmUp() const {

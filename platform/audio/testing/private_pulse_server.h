@@ -11,7 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "platform/error.h"
+
 namespace sv::testing {
+
+// Errors of starting a private server: one code, the sentence says why.
+inline constexpr const char* kPulseServerErrorDomain = "org.sorvel.testing.PulseServerErrorDomain";
+inline constexpr int64_t kPulseServerErrorCannotStart = 1;
 
 class PrivatePulseServer {
   public:
@@ -19,9 +25,9 @@ class PrivatePulseServer {
         double sineFrequency = 1000.0;  // of the default source
     };
 
-    // Null, with the reason in `whyNot`, when no server could be started
-    // (pulseaudio missing or refusing to run).
-    static std::unique_ptr<PrivatePulseServer> start(const Options& options, std::string* whyNot);
+    // An error when no server could be started (pulseaudio missing or
+    // refusing to run).
+    static Result<std::unique_ptr<PrivatePulseServer>> start(const Options& options);
     // True under CI (CI=true), whose install step provides pulseaudio: a
     // test that cannot start a server then fails instead of skipping.
     static bool required();
@@ -36,8 +42,8 @@ class PrivatePulseServer {
     // Kills the server at once (SIGKILL), as a crash would end it.
     void killServer();
     // Starts a server again on the same address (killing one still running);
-    // false, with the reason in `whyNot`, when it does not answer.
-    bool restart(std::string* whyNot);
+    // an error when it does not answer.
+    Result<void> restart();
 
     // Starts the tone player: plays each frequency on its own playback stream
     // (16-bit, 44100 Hz, mono) for `seconds`, after `delayMs`. Returns its pid.
@@ -55,7 +61,7 @@ class PrivatePulseServer {
 
   private:
     PrivatePulseServer() = default;
-    bool launch(std::string* whyNot);
+    Result<void> launch();
     void warmUp() const;
     std::string exe_;
     std::string dir_;

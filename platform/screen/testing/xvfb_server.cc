@@ -50,12 +50,11 @@ bool XvfbServer::available() {
     return !findOnPath("Xvfb").empty();
 }
 
-std::unique_ptr<XvfbServer> XvfbServer::start(int32_t width, int32_t height, std::string* error,
-                                              std::chrono::seconds timeout,
-                                              const std::string& displayName) {
-    auto fail = [&](std::string why) -> std::unique_ptr<XvfbServer> {
-        if (error) *error = std::move(why);
-        return nullptr;
+Result<std::unique_ptr<XvfbServer>> XvfbServer::start(int32_t width, int32_t height,
+                                                      std::chrono::seconds timeout,
+                                                      const std::string& displayName) {
+    auto fail = [](const std::string& why) {
+        return Error::make(kXvfbErrorDomain, kXvfbErrorCannotStart, why);
     };
     const std::string exe = findOnPath("Xvfb");
     if (exe.empty()) return fail("Xvfb is not installed");
@@ -142,14 +141,14 @@ void XvfbServer::stop() {
     pidfd_ = -1;
 }
 
-std::unique_ptr<XTestWindow> XTestWindow::create(const std::string& displayName, int32_t x,
-                                                 int32_t y, int32_t width, int32_t height,
-                                                 uint32_t rgb, std::string* error) {
+Result<std::unique_ptr<XTestWindow>> XTestWindow::create(const std::string& displayName, int32_t x,
+                                                         int32_t y, int32_t width, int32_t height,
+                                                         uint32_t rgb) {
     xcb_connection_t* c = connectToXServer(displayName.c_str(), nullptr);
     if (!c || xcb_connection_has_error(c)) {
         if (c) xcb_disconnect(c);
-        if (error) *error = "cannot connect to " + displayName;
-        return nullptr;
+        return Error::make(kXvfbErrorDomain, kXvfbErrorCannotConnect,
+                           "cannot connect to " + displayName);
     }
     xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c)).data;
     xcb_window_t window = xcb_generate_id(c);

@@ -10,9 +10,18 @@
 #include <memory>
 #include <string>
 
+#include "platform/error.h"
+
 struct xcb_connection_t;
 
 namespace sv::testing {
+
+// Errors of starting a test server or making a test window.
+inline constexpr const char* kXvfbErrorDomain = "org.sorvel.testing.XvfbErrorDomain";
+enum XvfbErrorCode : int64_t {
+    kXvfbErrorCannotStart = 1,    // Xvfb is missing or did not name a display
+    kXvfbErrorCannotConnect = 2,  // a test window's client cannot reach the server
+};
 
 class XvfbServer {
   public:
@@ -20,12 +29,12 @@ class XvfbServer {
     static bool available();
     // Starts `Xvfb -displayfd ... -screen 0 <w>x<h>x24 -nolisten tcp
     // -noreset` and waits (up to `timeout`) until it names its display.
-    // Null with `error` when it cannot. The server is terminated when the
+    // An error when it cannot. The server is terminated when the
     // calling thread ends, so start it from a thread that outlives it.
     // With `displayName` (":<n>"), on that display (a server coming back
     // where an earlier one was), else on a free one.
-    static std::unique_ptr<XvfbServer> start(
-        int32_t width = 1600, int32_t height = 900, std::string* error = nullptr,
+    static Result<std::unique_ptr<XvfbServer>> start(
+        int32_t width = 1600, int32_t height = 900,
         std::chrono::seconds timeout = std::chrono::seconds(30),
         const std::string& displayName = {});
     // Ends the server (see stop()).
@@ -53,9 +62,9 @@ class XvfbServer {
 // when created. Every operation waits until the server has carried it out.
 class XTestWindow {
   public:
-    static std::unique_ptr<XTestWindow> create(const std::string& displayName, int32_t x, int32_t y,
-                                               int32_t width, int32_t height, uint32_t rgb,
-                                               std::string* error = nullptr);
+    static Result<std::unique_ptr<XTestWindow>> create(const std::string& displayName, int32_t x,
+                                                       int32_t y, int32_t width, int32_t height,
+                                                       uint32_t rgb);
     ~XTestWindow();
     XTestWindow(const XTestWindow&) = delete;
     XTestWindow& operator=(const XTestWindow&) = delete;

@@ -15,6 +15,7 @@
 
 #include <xcb/xcb.h>
 
+#include "platform/ui/ui_backend.h"
 #include "platform/xcb_handles.h"
 
 extern char** environ;
@@ -47,14 +48,12 @@ void endProcess(pid_t pid) {
 
 // ---- the test's X client
 
-std::unique_ptr<X11TestClient> X11TestClient::connect(const std::string& displayName,
-                                                      std::string* whyNot) {
+Result<std::unique_ptr<X11TestClient>> X11TestClient::connect(const std::string& displayName) {
     int screenNumber = 0;
     XcbConnection c(xcb_connect(displayName.c_str(), &screenNumber));
-    if (!c || xcb_connection_has_error(c.get())) {
-        if (whyNot) *whyNot = "cannot connect to " + displayName;
-        return nullptr;
-    }
+    if (!c || xcb_connection_has_error(c.get()))
+        return Error::make(kUIErrorDomain, kUIErrorCannotConnect,
+                           "cannot connect to " + displayName);
     std::unique_ptr<X11TestClient> client(new X11TestClient);
     client->root_ = xcb_setup_roots_iterator(xcb_get_setup(c.get())).data->root;
     client->c_ = c.release();

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/error.h"
+
 struct xcb_connection_t;
 
 namespace sv::testing {
@@ -35,8 +37,9 @@ struct TestWindowOptions {
 // carried it out (a round trip), so that what follows sees its effect.
 class X11TestClient {
   public:
-    static std::unique_ptr<X11TestClient> connect(const std::string& displayName,
-                                                  std::string* whyNot = nullptr);
+    // An error (kUIErrorDomain, kUIErrorCannotConnect) when the server
+    // cannot be reached.
+    static Result<std::unique_ptr<X11TestClient>> connect(const std::string& displayName);
     ~X11TestClient();
     X11TestClient(const X11TestClient&) = delete;
     X11TestClient& operator=(const X11TestClient&) = delete;
