@@ -403,9 +403,8 @@ TEST_F(RecordEndToEndTest, ARecordingStartsWithoutItsAudioServerAndSaysSo) {
     EXPECT_EQ(sv::test::waitForExit(record({"--duration", "2", "--mic"}), 120s), 0)
         << recordLog() << daemon_.log();
     EXPECT_TRUE(contains(recordLog(), "sorvel record: warning: ")) << recordLog();
-    std::string error;
-    auto movie = inspectMovie(output(), &error);
-    ASSERT_TRUE(movie) << error;
+    auto movie = inspectMovie(output());
+    ASSERT_TRUE(movie) << movie.error().message();
     ASSERT_EQ(movie->movie.tracks.size(), 3u);
     const double video = movie->movie.tracks[0].duration;
     EXPECT_GT(video, 1.5);
@@ -498,9 +497,8 @@ TEST_F(RecordEndToEndTest, BroadcastsALiveHLSStreamThroughTheUploadExtension) {
     for (size_t i = 0; i + 1 < segments.size(); ++i)
         EXPECT_NEAR(segments[i], 2.05, 0.06) << "segment " << i << " of a 2 s clip duration";
 
-    std::string error;
-    auto stream = inspectMovie(playlist, &error);
-    ASSERT_TRUE(stream) << error;
+    auto stream = inspectMovie(playlist);
+    ASSERT_TRUE(stream) << stream.error().message();
     ASSERT_EQ(stream->movie.tracks.size(), 3u);
     EXPECT_EQ(stream->movie.tracks[0].codec, "h264");
     EXPECT_EQ(stream->movie.tracks[1].codec, "aac");
