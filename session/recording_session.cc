@@ -1032,13 +1032,22 @@ void SVRecordingSession::_notifyBroadcastExtensionOfCompletedMovieWithURL(
     });
     log::info("begining extension request");
     PendingFragment fragment{*movieURL, token, finished};
+    {
+        std::lock_guard lock(fragmentsMutex_);
+        if (finished) finalAnswered_ = false;
+        ++requestsInFlight_;
+    }
     extension->beginExtensionRequestWithInputItems(
         std::move(items), {token},
         [weak, fragment = std::move(fragment)](std::string id, OptionalError error) mutable {
             log::error("finished extension request with items with error code: %i)",
                        int32_t(error ? error->code : 0));
             auto self = weak.lock();
-            if (!self || error) return;  // no request: the fragment stays for the store's clean-up
+            if (!self) return;
+            if (error) {  // no request: the fragment stays for the store's clean-up
+                self->_endExtensionIfDone(true, false);
+                return;
+            }
             std::lock_guard lock(self->fragmentsMutex_);
             self->pendingFragments_.emplace(std::move(id), std::move(fragment));
         });
@@ -1080,9 +1089,21 @@ void SVRecordingSession::_broadcastRequestDidComplete(const std::string& request
             if (auto d = delegate()) d->broadcastSessionDidUpdateServiceInfo(item.attachment);
         }
     }
-    if (fragment->finished)
-        if (auto extension = broadcastExtension_.load()) extension->_kill(SIGKILL);
+    _endExtensionIfDone(true, fragment->finished);
     // The token is released with `fragment`, once.
+}
+
+void SVRecordingSession::_endExtensionIfDone(bool requestEnded, bool finalAnswer) {
+    bool end = false;
+    {
+        std::lock_guard lock(fragmentsMutex_);
+        if (requestEnded && requestsInFlight_ > 0) --requestsInFlight_;
+        if (finalAnswer) finalAnswered_ = true;
+        end = extensionDoneLocked();
+        if (end) finalAnswered_ = false;
+    }
+    if (end)
+        if (auto extension = broadcastExtension_.load()) extension->_kill(SIGKILL);
 }
 
 void SVRecordingSession::_broadcastRequestDidBreak(const std::string& requestIdentifier,
@@ -1101,6 +1122,7 @@ void SVRecordingSession::_broadcastRequestDidBreak(const std::string& requestIde
                error.description());
     // Nobody will take it any more.
     MovieStore::shared()._srRemoveFile(fragment->url, [](OptionalError) {});
+    _endExtensionIfDone(true, fragment->finished);
 }
 
 // --- Properties -------------------------------------------------------------------

@@ -361,6 +361,14 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     };
     std::mutex fragmentsMutex_;
     std::map<std::string, PendingFragment> pendingFragments_;
+    // Requests begun and not yet completed or broken, and whether the final
+    // fragment's answer came: the extension is ended only once both say so,
+    // so an earlier fragment still being answered is not cut off.
+    int requestsInFlight_ = 0;
+    bool finalAnswered_ = false;
+    // With fragmentsMutex_ held: whether the extension may be ended now.
+    bool extensionDoneLocked() const { return finalAnswered_ && requestsInFlight_ == 0; }
+    void _endExtensionIfDone(bool requestEnded, bool finalAnswer);
     // The next fragment's writer, prepared ahead (with its index).
     struct PreparedWriter {
         int32_t index = 0;
