@@ -1053,17 +1053,19 @@ void SVRecordingSession::_notifyBroadcastExtensionOfCompletedMovieWithURL(
         });
 }
 
+std::optional<SVRecordingSession::PendingFragment> SVRecordingSession::_takePendingFragment(
+    const std::string& requestIdentifier) {
+    std::lock_guard lock(fragmentsMutex_);
+    auto it = pendingFragments_.find(requestIdentifier);
+    if (it == pendingFragments_.end()) return std::nullopt;
+    PendingFragment fragment = std::move(it->second);
+    pendingFragments_.erase(it);
+    return fragment;
+}
+
 void SVRecordingSession::_broadcastRequestDidComplete(const std::string& requestIdentifier,
                                                       const std::vector<ExtensionItem>& items) {
-    std::optional<PendingFragment> fragment;
-    {
-        std::lock_guard lock(fragmentsMutex_);
-        auto it = pendingFragments_.find(requestIdentifier);
-        if (it != pendingFragments_.end()) {
-            fragment = std::move(it->second);
-            pendingFragments_.erase(it);
-        }
-    }
+    std::optional<PendingFragment> fragment = _takePendingFragment(requestIdentifier);
     if (!fragment) {
         log::error("SVRecordingSession: completion of unknown request %@ ignored",
                    requestIdentifier);
@@ -1108,15 +1110,7 @@ void SVRecordingSession::_endExtensionIfDone(bool requestEnded, bool finalAnswer
 
 void SVRecordingSession::_broadcastRequestDidBreak(const std::string& requestIdentifier,
                                                    const Error& error) {
-    std::optional<PendingFragment> fragment;
-    {
-        std::lock_guard lock(fragmentsMutex_);
-        auto it = pendingFragments_.find(requestIdentifier);
-        if (it != pendingFragments_.end()) {
-            fragment = std::move(it->second);
-            pendingFragments_.erase(it);
-        }
-    }
+    std::optional<PendingFragment> fragment = _takePendingFragment(requestIdentifier);
     if (!fragment) return;
     log::error("SVRecordingSession: fragment %@ was not uploaded: %@", fragment->url.path,
                error.description());

@@ -369,6 +369,9 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // With fragmentsMutex_ held: whether the extension may be ended now.
     bool extensionDoneLocked() const { return finalAnswered_ && requestsInFlight_ == 0; }
     void _endExtensionIfDone(bool requestEnded, bool finalAnswer);
+    // The fragment of a request, taken out of pendingFragments_ (nothing
+    // when it is not there: its request never registered or ended before).
+    std::optional<PendingFragment> _takePendingFragment(const std::string& requestIdentifier);
     // The next fragment's writer, prepared ahead (with its index).
     struct PreparedWriter {
         int32_t index = 0;
