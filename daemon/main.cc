@@ -55,10 +55,11 @@ void usage(FILE* out) {
         "  --audio-backend KIND  auto, pulse or synthetic: where microphone and application\n"
         "                        audio come from (default: $SORVEL_AUDIO_BACKEND, else\n"
         "                        PulseAudio when a server answers, else synthetic)\n"
-        "  --screen-backend KIND auto, x11 or synthetic: where screen frames come from and\n"
-        "                        which window system foreground tracking watches\n"
-        "                        (default: $SORVEL_SCREEN_BACKEND, else X11 when $DISPLAY\n"
-        "                        names a reachable server, else synthetic)\n"
+        "  --screen-backend KIND auto, x11, portal or synthetic: where screen frames come\n"
+        "                        from and which window system foreground tracking watches\n"
+        "                        (default: $SORVEL_SCREEN_BACKEND, else the screen-cast\n"
+        "                        portal when $WAYLAND_DISPLAY is set and it answers, else\n"
+        "                        X11 when $DISPLAY names a server, else synthetic)\n"
         "  --idle-exit SECONDS   when started by socket activation, end after this long with\n"
         "                        no recording and no connection but the consent agent's\n"
         "                        (default: 60)\n"
@@ -202,8 +203,12 @@ int main(int argc, char** argv) {
         auto screen = sv::processScreenBackend();
         const bool synthetic =
             std::dynamic_pointer_cast<sv::SyntheticScreenBackend>(screen) != nullptr;
-        auto ui =
-            sv::makeUiBackend(synthetic ? sv::UiBackendKind::Synthetic : sv::UiBackendKind::X11);
+        // A Wayland desktop is seen through its X server (Xwayland) when it
+        // has one; without one there is no window system to watch.
+        const char* display = std::getenv("DISPLAY");
+        const bool x11 =
+            !synthetic && (!screen || screen->name() != "portal" || (display && *display));
+        auto ui = sv::makeUiBackend(x11 ? sv::UiBackendKind::X11 : sv::UiBackendKind::Synthetic);
         if (!ui) {
             std::fprintf(stderr, "sorveld: cannot use the window system: %s\n",
                          ui.error().message().c_str());
