@@ -696,9 +696,13 @@ SVRecordingSession::Progress SVRecordingSession::progress() const {
 // --- Failures ---------------------------------------------------------------------
 
 void SVRecordingSession::screenCaptureControllerDidFailWithStatus(ScreenCaptureController&,
-                                                                  int32_t) {
+                                                                  int32_t status) {
     log::error("SVRecordingSession: screenCaptureController: didFailWithStatus:");
-    stopWithError(_svUserErrorForCode(kSVRecordingErrorFailedDuringRecording));
+    // A desktop whose own sharing dialog the user cancelled is a refusal like
+    // the consent alert's.
+    stopWithError(_svUserErrorForCode(status == kScreenCaptureUserDeclined
+                                          ? kSVRecordingErrorUserDeclined
+                                          : kSVRecordingErrorFailedDuringRecording));
 }
 
 void SVRecordingSession::screenCaptureControllerWasPreempted(ScreenCaptureController&) {

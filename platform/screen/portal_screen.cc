@@ -229,6 +229,27 @@ class PipeWireStream {
         }();
         pw_core_add_listener(s->core_, &s->coreListener_, &coreEvents, s.get());
 
+        // The node going away is how a compositor's end shows (its portal
+        // backend leaves with it): the stream itself only pauses.
+        s->node_ = node;
+        s->registry_ = pw_core_get_registry(s->core_, PW_VERSION_REGISTRY, 0);
+        if (!s->registry_) {
+            unlock();
+            return fail("no registry");
+        }
+        static const pw_registry_events registryEvents = [] {
+            pw_registry_events e{};
+            e.version = PW_VERSION_REGISTRY_EVENTS;
+            e.global_remove = [](void* data, uint32_t id) {
+                auto* self = static_cast<PipeWireStream*>(data);
+                if (id != self->node_) return;
+                log::error("Screen capture: the screen-cast stream's source went away");
+                self->box_->end({CaptureFailure::Kind::Failed, kScreenCaptureSourceGone});
+            };
+            return e;
+        }();
+        pw_registry_add_listener(s->registry_, &s->registryListener_, &registryEvents, s.get());
+
         pw_properties* props = pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY,
                                                  "Capture", PW_KEY_MEDIA_ROLE, "Screen", nullptr);
         s->stream_ = pw_stream_new(s->core_, "sorvel screen capture", props);
@@ -307,6 +328,10 @@ class PipeWireStream {
         if (stream_) {
             spa_hook_remove(&streamListener_);
             pw_stream_destroy(stream_);
+        }
+        if (registry_) {
+            spa_hook_remove(&registryListener_);
+            pw_proxy_destroy(reinterpret_cast<pw_proxy*>(registry_));
         }
         if (core_) spa_hook_remove(&coreListener_);
         if (core_) pw_core_disconnect(core_);
@@ -413,6 +438,7 @@ class PipeWireStream {
         if (auto* t = static_cast<spa_meta_videotransform*>(spa_buffer_find_meta_data(
                 &buffer, SPA_META_VideoTransform, sizeof(spa_meta_videotransform))))
             flags = transformFlagsOf(t->transform);
+        if (!pictures_++) log::info("Screen capture: the first screen-cast picture arrived");
         std::lock_guard lock(box_->mutex);
         box_->latest = std::move(*surface);
         box_->arrival = HostClock::now();
@@ -426,11 +452,15 @@ class PipeWireStream {
     pw_context* context_ = nullptr;
     pw_core* core_ = nullptr;
     pw_stream* stream_ = nullptr;
+    pw_registry* registry_ = nullptr;
+    uint32_t node_ = 0;
+    spa_hook registryListener_{};
     spa_hook coreListener_{};
     spa_hook streamListener_{};
     // Loop thread only.
     int32_t width_ = 0, height_ = 0;
     bool streaming_ = false;
+    uint64_t pictures_ = 0;
 };
 
 }  // namespace

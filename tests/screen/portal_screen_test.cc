@@ -10,11 +10,13 @@
 
 #include "platform/screen/portal_screen.h"
 #include "platform/screen/testing/wayland_desktop.h"
+#include "tests/process/process_helpers.h"
 #include "tests/screen/screen_test_util.h"
 
 namespace sv {
 namespace {
 
+using namespace std::chrono_literals;
 using test::pixelAt;
 using test::Recorder;
 using testing::WaylandDesktop;
@@ -91,6 +93,50 @@ TEST_F(PortalScreenTest, RecordsTheOutputInItsColourAtItsSizeAndRateAgainAfterAS
     }
     EXPECT_EQ(backend->displaySize().width, 640);
     EXPECT_EQ(backend->displaySize().height, 480);
+}
+
+// The portal's two ways of saying no, each ending the run once with its
+// status and no frame: the user cancelling (here the backend finds no output
+// of the configured name, which it reports as a cancelled choice) and the
+// portal refusing (the packaged backend without the shim refuses Start).
+TEST_F(PortalScreenTest, ACancelledOrRefusedPortalRequestFailsTheRunWithItsStatus) {
+    struct Case {
+        const char* name;
+        WaylandDesktop::Options options;
+        int32_t status;
+    };
+    const Case cases[] = {
+        {"cancelled", {.outputName = "NOPE-1"}, kScreenCaptureUserDeclined},
+        {"refused", {.screencopyShim = false}, kScreenCaptureGrabFailed},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_NO_FATAL_FAILURE(startDesktop(c.options));
+        auto controller = make({640, 480});
+        controller->startCapture();
+        ASSERT_TRUE(recorder->waitForFailures(1)) << desktop->logs();
+        EXPECT_EQ(recorder->failedStatuses(), std::vector<int32_t>{c.status});
+        EXPECT_EQ(recorder->frameCount(), 0u);
+        EXPECT_FALSE(controller->isCapturing());
+        controller.reset();
+        backend.reset();
+        desktop.reset();
+    }
+}
+
+// The compositor dies mid-recording: the run ends once with "source gone"
+// and nothing follows.
+TEST_F(PortalScreenTest, ACompositorThatGoesAwayEndsTheRun) {
+    ASSERT_NO_FATAL_FAILURE(startDesktop());
+    auto controller = make({640, 480});
+    controller->startCapture();
+    ASSERT_TRUE(recorder->waitForFrames(10)) << desktop->logs();
+    ASSERT_TRUE(desktop->killCompositor());
+    ASSERT_TRUE(recorder->waitForFailures(1)) << desktop->logs();
+    EXPECT_EQ(recorder->failedStatuses(), std::vector<int32_t>{kScreenCaptureSourceGone});
+    EXPECT_FALSE(controller->isCapturing());
+    const size_t frames = recorder->frameCount();
+    EXPECT_TRUE(test::stays([&] { return recorder->frameCount() != frames; }, 500ms));
 }
 
 }  // namespace

@@ -47,7 +47,7 @@ cat > "$dir/bus.conf" << EOC
   <type>session</type>
   <listen>unix:path=$dir/run/bus</listen>
   <auth>EXTERNAL</auth>
-  <standard_session_servicedirs/>
+  <servicedir>$dir/services</servicedir>
   <policy context="default">
     <allow user="*"/>
     <allow send_destination="*" eavesdrop="true"/>
@@ -56,6 +56,12 @@ cat > "$dir/bus.conf" << EOC
   </policy>
 </busconfig>
 EOC
+# Only the permission store (where the portal keeps restore tokens) starts
+# on demand: the portal and its backend are started below, in order, so that
+# no early caller (PipeWire looks for the portal) starts a second, unlogged
+# copy of either.
+mkdir -p "$dir/services"
+cp /usr/share/dbus-1/services/org.freedesktop.impl.portal.PermissionStore.service "$dir/services/"
 chown -R "$user:$group" "$dir"
 bus="unix:path=$dir/run/bus"
 # As root, the desktop runs as $user (sway refuses root); otherwise as the
@@ -69,8 +75,9 @@ if [ "$(id -u)" -eq 0 ]; then
 else
   user=$(id -un) group=$(id -gn)
 fi
+# Always backgrounded: the process replaces its subshell, so $! is its pid.
 as_user() {
-  "${drop[@]}" env -i HOME="$dir/home" XDG_RUNTIME_DIR="$dir/run" XDG_CONFIG_HOME="$dir/config" \
+  exec "${drop[@]}" env -i HOME="$dir/home" XDG_RUNTIME_DIR="$dir/run" XDG_CONFIG_HOME="$dir/config" \
     PATH=/usr/bin:/bin DBUS_SESSION_BUS_ADDRESS="$bus" XDG_CURRENT_DESKTOP=sway \
     XDG_SESSION_TYPE=wayland WAYLAND_DISPLAY=wayland-1 "$@"
 }

@@ -74,7 +74,8 @@ Result<std::unique_ptr<WaylandDesktop>> WaylandDesktop::start(Options options) {
             ::dup2(fileno(f), 2);
         }
         ::execl("/bin/bash", "bash", path.c_str(), dir.c_str(), w.c_str(), h.c_str(), colour,
-                options.outputName.c_str(), SV_SCREENCOPY_SHIM, nullptr);
+                options.outputName.c_str(), options.screencopyShim ? SV_SCREENCOPY_SHIM : "",
+                nullptr);
         ::_exit(127);
     }
     ::setpgid(pid, pid);
@@ -102,16 +103,29 @@ WaylandDesktop::~WaylandDesktop() {
     if (!std::getenv("SV_KEEP_WAYLAND_DESKTOP")) fs::remove_all(dir_, ignored);
 }
 
-void WaylandDesktop::killCompositor() {
-    const std::string pid = readFile(dir_ + "/sway.pid");
-    if (const int n = std::atoi(pid.c_str()); n > 0) ::kill(n, SIGKILL);
+bool WaylandDesktop::killCompositor() {
+    const pid_t pid = std::atoi(readFile(dir_ + "/sway.pid").c_str());
+    if (pid <= 0 || ::kill(pid, SIGKILL) != 0) return false;
+    // Reaped by the desktop's script; gone once its /proc entry is.
+    const std::string proc = "/proc/" + std::to_string(pid);
+    for (int i = 0; i < 100; ++i) {
+        if (!fs::exists(proc)) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
 }
 
 std::string WaylandDesktop::logs() const {
     std::string all;
     for (const char* name : {"desktop", "sway", "pipewire", "wireplumber", "xdpw", "xdp", "dbus"}) {
-        std::string text = readFile(dir_ + "/" + name + ".log");
-        if (text.size() > 4000) text = "..." + text.substr(text.size() - 4000);
+        // The backend's account of the compositor's globals says nothing.
+        std::stringstream in(readFile(dir_ + "/" + name + ".log"));
+        std::string text, line;
+        while (std::getline(in, line))
+            if (line.find("interface to register") == std::string::npos &&
+                line.find("registered to interface") == std::string::npos)
+                text += line + "\n";
+        if (text.size() > 6000) text = "..." + text.substr(text.size() - 6000);
         all += std::string("\n--- ") + name + ".log\n" + text;
     }
     return all;

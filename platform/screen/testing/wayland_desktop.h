@@ -31,6 +31,9 @@ class WaylandDesktop {
         // The output the portal shares without asking; any other name makes
         // it refuse to start a screen cast.
         std::string outputName = "HEADLESS-1";
+        // Off: the portal's backend runs as packaged, and without a GPU it
+        // answers every Start with 2 (screencopy_shm_shim.cc says why).
+        bool screencopyShim = true;
         std::chrono::seconds timeout{60};
     };
     // Whether sway and the portal are installed.
@@ -47,8 +50,9 @@ class WaylandDesktop {
     // The desktop's session bus ("unix:path=...").
     const std::string& busAddress() const { return bus_; }
     const std::string& directory() const { return dir_; }
-    // Kills the compositor alone (SIGKILL), as a crash would.
-    void killCompositor();
+    // Kills the compositor alone (SIGKILL), as a crash would, and waits
+    // (up to five seconds) until it is gone; false when it is not.
+    bool killCompositor();
     // The logs of every part, for a failed test's message.
     std::string logs() const;
 
