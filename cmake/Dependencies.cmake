@@ -18,6 +18,7 @@ pkg_check_modules(FFMPEG IMPORTED_TARGET libavformat libavcodec libavutil libsws
 pkg_check_modules(LIBYUV IMPORTED_TARGET libyuv)
 pkg_check_modules(PULSE IMPORTED_TARGET libpulse)
 pkg_check_modules(PIPEWIRE IMPORTED_TARGET libpipewire-0.3)
+pkg_check_modules(WAYLAND_CLIENT IMPORTED_TARGET wayland-client)
 pkg_check_modules(XCB IMPORTED_TARGET xcb xcb-shm xcb-composite xcb-randr xcb-xfixes)
 if(NOT LIBYUV_FOUND)
   find_path(LIBYUV_INCLUDE_DIR libyuv.h)

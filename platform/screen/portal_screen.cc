@@ -2,12 +2,14 @@
 
 #include <fcntl.h>
 #include <pipewire/pipewire.h>
+#include <poll.h>
 #include <spa/buffer/meta.h>
 #include <spa/param/video/format-utils.h>
 #include <spa/pod/builder.h>
 #include <sys/stat.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
+#include <wayland-client.h>
 
 #include <atomic>
 #include <cerrno>
@@ -462,6 +464,95 @@ class PipeWireStream {
     bool streaming_ = false;
     uint64_t pictures_ = 0;
 };
+
+// --- The compositor's outputs ---------------------------------------------------------
+
+struct WaylandDisplayClose {
+    void operator()(wl_display* d) const { wl_display_disconnect(d); }
+};
+
+// One wl_display_sync answered within the deadline, events dispatched.
+bool roundtripUntil(wl_display* display, std::chrono::steady_clock::time_point deadline) {
+    bool done = false;
+    wl_callback* sync = wl_display_sync(display);
+    if (!sync) return false;
+    static const wl_callback_listener listener = {
+        [](void* data, wl_callback*, uint32_t) { *static_cast<bool*>(data) = true; }};
+    wl_callback_add_listener(sync, &listener, &done);
+    while (!done) {
+        while (wl_display_prepare_read(display) != 0)
+            if (wl_display_dispatch_pending(display) < 0) break;
+        wl_display_flush(display);
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              deadline - std::chrono::steady_clock::now())
+                              .count();
+        pollfd p{wl_display_get_fd(display), POLLIN, 0};
+        if (left <= 0 || ::poll(&p, 1, int(left)) <= 0) {
+            wl_display_cancel_read(display);
+            break;
+        }
+        if (wl_display_read_events(display) < 0 || wl_display_dispatch_pending(display) < 0) break;
+    }
+    wl_callback_destroy(sync);
+    return done;
+}
+
+// The size of the largest output of the Wayland compositor named by
+// $WAYLAND_DISPLAY, as the user sees it (turned outputs turned), within
+// `timeout`; 0x0 when there is none or it does not answer.
+WindowSize largestWaylandOutput(std::chrono::milliseconds timeout) {
+    const char* name = std::getenv("WAYLAND_DISPLAY");
+    if (!name || !*name) return {};
+    std::unique_ptr<wl_display, WaylandDisplayClose> display(wl_display_connect(name));
+    if (!display) return {};
+    struct Output {
+        wl_output* proxy = nullptr;
+        int32_t width = 0, height = 0;
+        bool turned = false;
+    };
+    std::vector<std::unique_ptr<Output>> outputs;
+    wl_registry* registry = wl_display_get_registry(display.get());
+    if (!registry) return {};
+    static const wl_output_listener outputListener = {
+        [](void* data, wl_output*, int32_t, int32_t, int32_t, int32_t, int32_t, const char*,
+           const char*,
+           int32_t transform) { static_cast<Output*>(data)->turned = (transform & 1) != 0; },
+        [](void* data, wl_output*, uint32_t flags, int32_t width, int32_t height, int32_t) {
+            if (!(flags & WL_OUTPUT_MODE_CURRENT)) return;
+            static_cast<Output*>(data)->width = width;
+            static_cast<Output*>(data)->height = height;
+        },
+        [](void*, wl_output*) {},
+        [](void*, wl_output*, int32_t) {},
+    };
+    static const wl_registry_listener registryListener = {
+        [](void* data, wl_registry* r, uint32_t id, const char* interface, uint32_t) {
+            if (std::strcmp(interface, wl_output_interface.name) != 0) return;
+            auto* list = static_cast<std::vector<std::unique_ptr<Output>>*>(data);
+            if (list->size() >= 64) return;
+            auto output = std::make_unique<Output>();
+            output->proxy =
+                static_cast<wl_output*>(wl_registry_bind(r, id, &wl_output_interface, 1));
+            if (!output->proxy) return;
+            wl_output_add_listener(output->proxy, &outputListener, output.get());
+            list->push_back(std::move(output));
+        },
+        [](void*, wl_registry*, uint32_t) {},
+    };
+    wl_registry_add_listener(registry, &registryListener, &outputs);
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    WindowSize best{};
+    if (roundtripUntil(display.get(), deadline) && roundtripUntil(display.get(), deadline)) {
+        for (const auto& o : outputs) {
+            const float w = float(o->turned ? o->height : o->width);
+            const float h = float(o->turned ? o->width : o->height);
+            if (w > 0 && h > 0 && w * h > best.width * best.height) best = {w, h};
+        }
+    }
+    for (const auto& o : outputs) wl_output_destroy(o->proxy);
+    wl_registry_destroy(registry);
+    return best;
+}
 
 }  // namespace
 
@@ -926,7 +1017,15 @@ std::shared_ptr<DisplayMirroringService> PortalScreenBackend::mirroringService()
 }
 
 WindowSize PortalScreenBackend::displaySize() const {
+    {
+        std::lock_guard lock(impl_->mutex);
+        if (impl_->size.width > 0) return impl_->size;
+    }
+    // Before the portal has given a stream: the compositor's largest
+    // output, which is what a monitor's stream has on a one-screen desktop.
+    const WindowSize output = largestWaylandOutput(impl_->options.callTimeout);
     std::lock_guard lock(impl_->mutex);
+    if (impl_->size.width <= 0) impl_->size = output;
     return impl_->size;
 }
 

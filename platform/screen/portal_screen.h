@@ -82,7 +82,8 @@ class PortalScreenBackend final : public ScreenBackend {
         WindowSize frameSize, MediaTime minimumFrameInterval) override;
     std::shared_ptr<DisplayMirroringService> mirroringService() override;
     // The size of the last stream the portal gave (kept beside the restore
-    // token), 0x0 before any.
+    // token); before any, the largest output of the compositor named by
+    // $WAYLAND_DISPLAY (asked within callTimeout); 0x0 without either.
     WindowSize displaySize() const override;
 
     // The ScreenCast portal's version, as read at connect().

@@ -26,6 +26,9 @@
 #include "tests/process/process_helpers.h"
 #include "tests/support/test_util.h"
 
+#ifdef SV_TEST_HAVE_WAYLAND
+#include "platform/screen/testing/wayland_desktop.h"
+#endif
 #ifdef SV_TEST_HAVE_XVFB
 #include <xcb/xcb.h>
 
@@ -539,6 +542,67 @@ TEST_F(RecordEndToEndTest, BroadcastsALiveHLSStreamThroughTheUploadExtension) {
     ASSERT_EQ(segments.size(), 2u) << sv::test::readFile(playlist);
     EXPECT_NEAR(segments[0], 5.05, 0.06);
 }
+
+#ifdef SV_TEST_HAVE_WAYLAND
+// A Wayland desktop user records their screen through the desktop portal: the
+// movie is the output at its own size in its colour, the portal's restore
+// token is kept, and a compositor that goes away mid-recording ends the next
+// recording with its error and the movie recorded so far.
+TEST_F(RecordEndToEndTest, ASystemRecordingOfAWaylandDesktopGoesThroughItsPortal) {
+    const char* ci = std::getenv("CI");
+    const bool inCI = ci && std::string(ci) == "true";
+    if (!sv::testing::WaylandDesktop::available()) {
+        if (inCI) FAIL() << "sway or the desktop portal is missing (scripts/install-deps.sh)";
+        GTEST_SKIP() << "sway or the desktop portal is not installed";
+    }
+    auto started = sv::testing::WaylandDesktop::start({.width = 640, .height = 360});
+    ASSERT_TRUE(started) << started.error().message();
+    auto desktop = std::move(*started);
+    daemon_.stop(SIGTERM);
+    const std::string state = dir_ + "/state";
+    env_.insert(env_.end(),
+                {"DBUS_SESSION_BUS_ADDRESS=" + desktop->busAddress(),
+                 "WAYLAND_DISPLAY=" + desktop->waylandDisplay(), "XDG_STATE_HOME=" + state});
+    ASSERT_TRUE(daemon_.start(
+        SORVELD,
+        {.args = {"--screen-backend", "auto", "--audio-backend", "synthetic"}, .env = env_}))
+        << daemon_.log();
+    EXPECT_TRUE(daemon_.logged("Screen: using the portal screen backend (640x360)"))
+        << daemon_.log();
+
+    pid_t p = record({"--system", "--duration", "2"});
+    ASSERT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog() << desktop->logs();
+    auto reader = media::MovieReader::open(output()).valueOr(nullptr);
+    ASSERT_TRUE(reader);
+    const media::TrackInfo& video = reader->info().tracks.at(0);
+    EXPECT_EQ(video.width, 640);
+    EXPECT_EQ(video.height, 360);
+    EXPECT_EQ(video.rotation, 0);
+    EXPECT_GT(video.duration, 1.5);
+    // 0x3080C0 has a luma of about 111.
+    std::vector<int> lumas;
+    (void)reader->decode(
+        [&](const media::LumaFrame& f) {
+            lumas.push_back(f.data[180 * f.bytesPerRow + 320]);
+            lumas.push_back(f.data[4 * f.bytesPerRow + 4]);
+            return lumas.size() < 20;
+        },
+        nullptr);
+    ASSERT_FALSE(lumas.empty());
+    for (int luma : lumas) EXPECT_NEAR(luma, 111, 12);
+    EXPECT_FALSE(sv::test::readFile(state + "/sorvel/screencast-restore-token").empty());
+
+    p = record({"--system", "--duration", "60"});
+    waitForRecording();
+    ASSERT_TRUE(desktop->killCompositor());
+    EXPECT_EQ(sv::test::waitForExit(p, 60s), 1) << recordLog();
+    EXPECT_TRUE(contains(recordLog(), "(org.sorvel.SVRecordingErrorDomain -5804)")) << recordLog();
+    EXPECT_TRUE(contains(recordLog(), "the movie recorded so far is in")) << recordLog();
+    reader = media::MovieReader::open(output()).valueOr(nullptr);
+    ASSERT_TRUE(reader);
+    EXPECT_EQ(reader->info().tracks.at(0).width, 640);
+}
+#endif
 
 #ifdef SV_TEST_HAVE_XVFB
 // A desktop user records their X11 screen with the microphone, no

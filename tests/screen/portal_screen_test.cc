@@ -79,6 +79,13 @@ TEST_F(PortalScreenTest, RecordsTheOutputInItsColourAtItsSizeAndRateAgainAfterAS
             return near(pixelAt(s, 320, 240), 0xFF000000u | kColour) &&
                    near(pixelAt(s, 2, 2), 0xFF000000u | kColour);
         });
+        if (!frame) {
+            auto last = recorder->lastSample();
+            if (last && last->imageBuffer())
+                ADD_FAILURE() << std::hex << "last frame: centre "
+                              << pixelAt(*last->imageBuffer(), 320, 240) << ", corner "
+                              << pixelAt(*last->imageBuffer(), 2, 2);
+        }
         ASSERT_TRUE(frame) << "failures " << recorder->failureCount() << desktop->logs();
         EXPECT_EQ(frame->imageBuffer()->width(), 640);
         EXPECT_EQ(frame->imageBuffer()->height(), 480);

@@ -33,6 +33,20 @@ cat > "$dir/config/sway/config" << EOC
 output * bg $colour solid_color
 output HEADLESS-1 resolution ${width}x${height} position 0 0
 default_border none
+# A desktop is never quite still (a clock, a cursor), and the compositor
+# sends a screen cast nothing until something changes: a bar in the
+# output's own colour, its text too, changes ten times a second.
+bar {
+  position top
+  workspace_buttons no
+  binding_mode_indicator no
+  status_command while :; do date +%s%N; sleep 0.1; done
+  colors {
+    background $colour
+    statusline $colour
+    separator $colour
+  }
+}
 EOC
 cat > "$dir/config/xdg-desktop-portal-wlr/config" << EOC
 [screencast]

@@ -50,6 +50,8 @@ class WaylandDesktop {
     // The desktop's session bus ("unix:path=...").
     const std::string& busAddress() const { return bus_; }
     const std::string& directory() const { return dir_; }
+    // The compositor's socket, an absolute path for WAYLAND_DISPLAY.
+    std::string waylandDisplay() const { return dir_ + "/run/wayland-1"; }
     // Kills the compositor alone (SIGKILL), as a crash would, and waits
     // (up to five seconds) until it is gone; false when it is not.
     bool killCompositor();
