@@ -620,10 +620,17 @@ class PortalFrameSource final : public FrameSource {
     ~PortalFrameSource() override { close(); }
 
     GrabResult grab(const GrabRequest& request, SurfacePool& pool) override {
-        const int32_t mode = backend_->mirroring->snapshot().mode;
-        if (mode != kCloneMirroringModeMirror && mode != kCloneMirroringModeClone) return {};
+        // Read again only when it changed: the clone set may be large.
+        if (const uint64_t v = backend_->mirroring->version();
+            v != mirroringVersion_ || !haveMode_) {
+            mode_ = backend_->mirroring->snapshot().mode;
+            mirroringVersion_ = v;
+            haveMode_ = true;
+        }
+        if (mode_ != kCloneMirroringModeMirror && mode_ != kCloneMirroringModeClone) return {};
         if (!stream_) {
-            if (auto refused = open(pool.width(), pool.height())) {
+            if (auto refused =
+                    open(pool.width(), pool.height(), mode_ == kCloneMirroringModeClone)) {
                 close();
                 return failed(refused->kind, refused->status);
             }
@@ -751,8 +758,10 @@ class PortalFrameSource final : public FrameSource {
         return response;
     }
 
-    // Opens the session and its stream; nullopt once frames may come.
-    std::optional<OpenError> open(int32_t width, int32_t height) {
+    // Opens the session and its stream; nullopt once frames may come. An
+    // application's recording (`window`) asks for a window where the portal
+    // offers windows, anything else for a monitor.
+    std::optional<OpenError> open(int32_t width, int32_t height, bool window) {
         const auto& options = backend_->options;
         auto bus = openBus(options.busAddress, options.callTimeout);
         if (!bus) {
@@ -810,9 +819,8 @@ class PortalFrameSource final : public FrameSource {
             closedSlot_.reset(rawSlot);
 
         // SelectSources: a monitor, or a window where asked for and offered.
-        const uint32_t types = options.window && (backend_->sourceTypes & kSourceWindow)
-                                   ? kSourceWindow
-                                   : kSourceMonitor;
+        const uint32_t types =
+            window && (backend_->sourceTypes & kSourceWindow) ? kSourceWindow : kSourceMonitor;
         const std::string restore = backend_->readToken();
         auto selected = request(
             "SelectSources", nextTokenPeek(), options.callTimeout,
@@ -945,6 +953,9 @@ class PortalFrameSource final : public FrameSource {
     std::unique_ptr<PipeWireStream> stream_;
     uint64_t lastSequence_ = 0;
     uint64_t lastPresentation_ = 0;
+    uint64_t mirroringVersion_ = 0;
+    bool haveMode_ = false;
+    int32_t mode_ = kCloneMirroringModeEnded;
 };
 
 }  // namespace

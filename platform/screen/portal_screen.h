@@ -4,7 +4,8 @@
 //
 // A controller's first frame of a run opens a portal session on the
 // controller's delivery thread: CreateSession, SelectSources (a monitor; a
-// window when the backend is asked for windows and the portal offers them),
+// window in clone mode, an application's recording, where the portal offers
+// windows),
 // Start (the portal's own dialog is the user's consent for what is shared),
 // then OpenPipeWireRemote and a PipeWire stream of BGRx/BGRA shared-memory
 // buffers at the controller's size and frame rate. Every portal call and
@@ -60,9 +61,6 @@ class PortalScreenBackend final : public ScreenBackend {
         std::chrono::milliseconds callTimeout{5000};
         // The answer to Start, which may wait for the user's choice.
         std::chrono::milliseconds consentTimeout{120000};
-        // Ask for a window rather than a monitor when the portal offers
-        // windows.
-        bool window = false;
     };
 
     // Connects to the session bus and checks that a ScreenCast portal
