@@ -981,8 +981,14 @@ std::string PortalScreenBackend::defaultRestoreTokenPath() {
 
 Result<std::shared_ptr<PortalScreenBackend>> PortalScreenBackend::connect(Options options) {
     if (options.busAddress.empty()) {
+        // As sd-bus and libdbus find the user's bus: the variable, else the
+        // bus of the user's runtime directory (a systemd user session's).
         const char* env = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-        options.busAddress = env ? env : "";
+        const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+        if (env && *env)
+            options.busAddress = env;
+        else if (runtime && runtime[0] == '/')
+            options.busAddress = std::string("unix:path=") + runtime + "/bus";
     }
     auto bus = openBus(options.busAddress, options.callTimeout);
     if (!bus) return bus.error();

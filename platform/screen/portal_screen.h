@@ -52,7 +52,8 @@ namespace sv {
 class PortalScreenBackend final : public ScreenBackend {
   public:
     struct Options {
-        // The session bus; empty: $DBUS_SESSION_BUS_ADDRESS.
+        // The session bus; empty: $DBUS_SESSION_BUS_ADDRESS, else
+        // $XDG_RUNTIME_DIR/bus.
         std::string busAddress;
         // Where the portal's restore token is kept; empty: not kept (the
         // portal asks at every session).

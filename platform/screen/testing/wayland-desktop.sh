@@ -7,10 +7,11 @@
 #   wayland-desktop.sh DIR WIDTH HEIGHT COLOUR [OUTPUT [SHIM]]
 #
 # COLOUR is #RRGGBB. OUTPUT is the output the portal shares without asking
-# (HEADLESS-1; another name makes the portal refuse). SHIM is preloaded into
-# the portal's wlroots backend (screencopy_shm_shim.cc says why). Prints nothing; writes
-# DIR/ready (the bus address) once the screen-cast portal answers, DIR/failed
-# (the reason) if it does not. The processes share this script's process
+# (HEADLESS-1; a name no output has makes it answer as if the user had
+# cancelled). SHIM is preloaded into the portal's wlroots backend
+# (screencopy_shm_shim.cc says why). Prints nothing; writes DIR/ready (the
+# bus address) once the screen-cast portal answers, DIR/failed (the reason)
+# if it does not. The processes share this script's process
 # group: end them all with kill -- -PGID. Their logs are DIR/*.log.
 #
 # The bus lets any local user connect (the service under test may run as
