@@ -151,7 +151,7 @@ int readStringVariant(sd_bus_message* m, std::string& out) {
 struct FrameBox {
     std::mutex mutex;
     std::shared_ptr<SharedSurface> latest;
-    uint64_t arrival = 0;  // host time the latest picture arrived
+    uint64_t arrival = 0;  // host time the latest picture was captured (or arrived)
     uint64_t sequence = 0;
     uint32_t transformFlags = 0;
     std::optional<CaptureFailure> ended;  // the stream is over
@@ -389,10 +389,17 @@ class PipeWireStream {
         spa_pod_builder_prop(&b, SPA_PARAM_META_size, 0);
         spa_pod_builder_int(&b, int32_t(sizeof(spa_meta_videotransform)));
         const auto* meta = static_cast<const spa_pod*>(spa_pod_builder_pop(&b, &f));
-        const spa_pod* params[2];
+        spa_pod_builder_push_object(&b, &f, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta);
+        spa_pod_builder_prop(&b, SPA_PARAM_META_type, 0);
+        spa_pod_builder_id(&b, SPA_META_Header);
+        spa_pod_builder_prop(&b, SPA_PARAM_META_size, 0);
+        spa_pod_builder_int(&b, int32_t(sizeof(spa_meta_header)));
+        const auto* header = static_cast<const spa_pod*>(spa_pod_builder_pop(&b, &f));
+        const spa_pod* params[3];
         uint32_t n = 0;
         if (buffers) params[n++] = buffers;
         if (meta) params[n++] = meta;
+        if (header) params[n++] = header;
         pw_stream_update_params(stream_, params, n);
     }
 
@@ -440,10 +447,20 @@ class PipeWireStream {
         if (auto* t = static_cast<spa_meta_videotransform*>(spa_buffer_find_meta_data(
                 &buffer, SPA_META_VideoTransform, sizeof(spa_meta_videotransform))))
             flags = transformFlagsOf(t->transform);
+        // Compositors stamp pictures on CLOCK_MONOTONIC, the host clock: the
+        // stamp is the capture instant when it lies within the last second,
+        // else the arrival is.
+        const uint64_t now = HostClock::now();
+        uint64_t captured = now;
+        if (auto* h = static_cast<spa_meta_header*>(
+                spa_buffer_find_meta_data(&buffer, SPA_META_Header, sizeof(spa_meta_header)));
+            h && h->pts > 0 && uint64_t(h->pts) <= now &&
+            now - uint64_t(h->pts) < uint64_t(HostClock::kTicksPerSecond))
+            captured = uint64_t(h->pts);
         if (!pictures_++) log::info("Screen capture: the first screen-cast picture arrived");
         std::lock_guard lock(box_->mutex);
         box_->latest = std::move(*surface);
-        box_->arrival = HostClock::now();
+        box_->arrival = captured;
         box_->transformFlags = flags;
         ++box_->sequence;
     }
@@ -661,8 +678,8 @@ class PortalFrameSource final : public FrameSource {
             } else if (box_->latest) {
                 result.surface = box_->latest;
                 result.transformFlags = box_->transformFlags;
-                // A new picture carries the instant it arrived; a repeated
-                // one the deadline it stands in for.
+                // A new picture carries the instant it was captured; a
+                // repeated one the deadline it stands in for.
                 result.presentationTime =
                     box_->sequence != lastSequence_ ? box_->arrival : request.deadline;
                 lastSequence_ = box_->sequence;

@@ -17,8 +17,9 @@
 //
 // Frames: each PipeWire buffer is copied once, on PipeWire's loop thread,
 // into a pooled BGRA surface of the controller's pixel size (fitted keeping
-// its aspect, black bars as with X11), stamped with the host time it
-// arrived. The stream is damage driven: at deadlines where nothing new
+// its aspect, black bars as with X11), stamped with the compositor's capture
+// time (CLOCK_MONOTONIC, the host clock) when the buffer carries a plausible
+// one, else the host time it arrived. The stream is damage driven: at deadlines where nothing new
 // arrived the last picture is delivered again, stamped with the deadline, so
 // the recording keeps its frame rate. The stream's transform metadata
 // becomes the frame's transform flags.
