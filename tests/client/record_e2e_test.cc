@@ -556,6 +556,8 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAWaylandDesktopGoesThroughItsPortal
         GTEST_SKIP() << "sway or the desktop portal is not installed";
     }
     auto started = sv::testing::WaylandDesktop::start({.width = 640, .height = 360});
+    if (!started && !inCI)
+        GTEST_SKIP() << "no private Wayland desktop here: " << started.error().message();
     ASSERT_TRUE(started) << started.error().message();
     auto desktop = std::move(*started);
     daemon_.stop(SIGTERM);
