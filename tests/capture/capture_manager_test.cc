@@ -17,6 +17,7 @@
 #include "platform/log.h"
 #include "tests/audio/audio_analysis.h"
 #include "tests/audio/counting_backend.h"
+#include "tests/support/test_util.h"
 
 using namespace std::chrono_literals;
 
@@ -24,38 +25,16 @@ namespace sv {
 namespace {
 
 // Collects samples from a handler, noting whether each ran on `queue`.
-class SampleSink {
-  public:
-    explicit SampleSink(std::shared_ptr<DispatchQueue> queue = nullptr)
-        : queue_(std::move(queue)) {}
+struct SampleSink : test::Collected<std::shared_ptr<SampleBuffer>> {
+    explicit SampleSink(std::shared_ptr<DispatchQueue> q = nullptr) : queue(std::move(q)) {}
     SVCaptureManager::SampleHandler handler() {
         return [this](const std::shared_ptr<SampleBuffer>& s) {
-            if (queue_ && !queue_->isCurrent()) wrongQueue_ = true;
-            std::lock_guard lock(mutex_);
-            samples_.push_back(s);
-            cv_.notify_all();
+            if (queue && !queue->isCurrent()) wrongQueue = true;
+            add(s);
         };
     }
-    bool waitFor(size_t n, std::chrono::milliseconds timeout = 5s) {
-        std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, timeout, [&] { return samples_.size() >= n; });
-    }
-    std::vector<std::shared_ptr<SampleBuffer>> samples() {
-        std::lock_guard lock(mutex_);
-        return samples_;
-    }
-    size_t count() {
-        std::lock_guard lock(mutex_);
-        return samples_.size();
-    }
-    bool wrongQueue() const { return wrongQueue_; }
-
-  private:
-    std::shared_ptr<DispatchQueue> queue_;
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::vector<std::shared_ptr<SampleBuffer>> samples_;
-    std::atomic<bool> wrongQueue_{false};
+    std::shared_ptr<DispatchQueue> queue;
+    std::atomic<bool> wrongQueue{false};
 };
 
 std::shared_ptr<SyntheticAudioBackend> fastBackend() {
@@ -75,39 +54,13 @@ double frequencyOf(const std::shared_ptr<SampleBuffer>& s) {
         44100);
 }
 
-TEST(CaptureManager, CreationSetsFormatQueuesAndCategory) {
-    auto m = SVCaptureManager::make(fastBackend());
-    const AudioStreamFormat& f = m->audioBasicDescription();
-    EXPECT_EQ(f.sampleRate, 44100.0);
-    EXPECT_EQ(f.formatID, AudioStreamFormat::kFormatLinearPCM);
-    EXPECT_EQ(f.formatFlags, 14u);
-    EXPECT_EQ(f.bytesPerPacket, 2u);
-    EXPECT_EQ(f.framesPerPacket, 1u);
-    EXPECT_EQ(f.bytesPerFrame, 2u);
-    EXPECT_EQ(f.channelsPerFrame, 1u);
-    EXPECT_EQ(f.bitsPerChannel, 16u);
-    EXPECT_FALSE(m->captureStartTime().isValid());
-    EXPECT_TRUE(m->sessionSampleBufferQueue()->isSerial());
-    EXPECT_EQ(SVCaptureManager::audioDispatchQueue(), SVCaptureManager::audioDispatchQueue());
-    EXPECT_EQ(AudioSession::sharedInstance().category(), AudioSessionCategory::Record);
-    EXPECT_EQ(AudioSession::sharedInstance().categoryOptions(), 1u);
-}
-
-TEST(CaptureManager, SharedManagerIsCreatedOnce) {
-    setProcessAudioBackend(fastBackend());
-    std::shared_ptr<SVCaptureManager> seen[4];
-    std::vector<std::thread> threads;
-    for (auto& s : seen) threads.emplace_back([&s] { s = SVCaptureManager::sharedManager(); });
-    for (auto& t : threads) t.join();
-    for (auto& s : seen) EXPECT_EQ(s, seen[0]);
-    EXPECT_FALSE(seen[0]->captureStartTime().isValid());
-}
-
 TEST(CaptureManager, MicrophoneDidStartRules) {
     auto m = SVCaptureManager::make(fastBackend());
     SampleSink first, second;
     int firstStarts = 0, secondStarts = 0;
     m->startMicrophoneCaptureWithOutput(first.handler(), [&] { ++firstStarts; });
+    EXPECT_EQ(AudioSession::sharedInstance().category(), AudioSessionCategory::Record);
+    EXPECT_EQ(AudioSession::sharedInstance().categoryOptions(), 1u);
     // The session started running inside the call: the closure ran once and
     // the observation is gone.
     EXPECT_EQ(firstStarts, 1);
@@ -123,7 +76,7 @@ TEST(CaptureManager, MicrophoneDidStartRules) {
     EXPECT_EQ(secondStarts, 0);
     EXPECT_EQ(m->captureSession(), session);
     ASSERT_TRUE(first.waitFor(3));
-    EXPECT_EQ(second.count(), 0u);
+    EXPECT_EQ(second.size(), 0u);
 
     // Detaching the microphone keeps the session running and the handler.
     m->stopMicrophoneCapture();
@@ -136,7 +89,7 @@ TEST(CaptureManager, MicrophoneDidStartRules) {
     bool calledInside = false;
     m->startMicrophoneCaptureWithOutput(nullptr, [&] { calledInside = true; });
     EXPECT_TRUE(calledInside);
-    size_t before = first.count();
+    size_t before = first.size();
     EXPECT_TRUE(first.waitFor(before + 2));
     m->stopAllCapture();
 }
@@ -202,19 +155,11 @@ TEST(CaptureManager, RoutesSamplesByOutput) {
     m->startMicrophoneCaptureWithOutput(mic.handler(), nullptr);
     ASSERT_TRUE(mic.waitFor(6));
     m->stopAllCapture();
-    EXPECT_FALSE(mic.wrongQueue());
-    auto samples = mic.samples();
-    std::vector<double> all;
-    for (size_t i = 0; i < samples.size(); ++i) {
-        EXPECT_EQ(samples[i]->numSamples(), 1024);
-        if (i) {
-            EXPECT_NEAR(subtract(samples[i]->presentationTime(), samples[i - 1]->presentationTime())
-                            .seconds(),
-                        1024.0 / 44100, 1e-6);
-        }
-        auto x = testing::pcm16Samples(*samples[i]);
-        all.insert(all.end(), x.begin(), x.end());
-    }
+    EXPECT_FALSE(mic.wrongQueue);
+    auto samples = mic.all();
+    testing::expectContiguous(samples, 1024.0 / 44100, 1e-6);
+    for (auto& sample : samples) EXPECT_EQ(sample->numSamples(), 1024);
+    const auto all = testing::pcm16Samples(samples);
     auto clean = testing::withoutClicks(
         all, 44100, HostClock::fromMediaTime(samples.front()->presentationTime()));
     EXPECT_GE(clean.size(), all.size() / 3);
@@ -230,9 +175,9 @@ TEST(CaptureManager, RoutesSamplesByOutput) {
     m->captureOutputDidOutputSampleBuffer(video, sample, nullptr);
     m->captureOutputDidOutputSampleBuffer(AudioDataOutput::make(), sample, nullptr);
     m->captureOutputDidOutputSampleBuffer(nullptr, sample, nullptr);
-    EXPECT_EQ(camera.count(), 1u);
-    EXPECT_EQ(mic2.count(), 0u);
-    EXPECT_EQ(camera.samples().front(), sample);  // passed on unchanged
+    EXPECT_EQ(camera.size(), 1u);
+    EXPECT_EQ(mic2.size(), 0u);
+    EXPECT_EQ(camera.all().front(), sample);  // passed on unchanged
 }
 
 TEST(CaptureManager, StopAllCaptureReturnsToIdle) {
@@ -291,14 +236,14 @@ TEST(CaptureManager, TapWaitsForTheStartTimeThenDelivers) {
     // reaches the handler.
     ASSERT_TRUE(counting->waitForBytes(8 * kTapBufferBytes, 10s));
     SVCaptureManager::audioDispatchQueue()->sync([] {});
-    EXPECT_EQ(sink.count(), 0u);
+    EXPECT_EQ(sink.size(), 0u);
     m->setCaptureStartTime(HostClock::toMediaTime(HostClock::now()));
     ASSERT_TRUE(sink.waitFor(4));
-    EXPECT_FALSE(sink.wrongQueue());
+    EXPECT_FALSE(sink.wrongQueue);
     // Recycled, not held back: the first buffer delivered was filled after
     // several buffers' worth of audio had gone by (not the first three).
     const int64_t firstFrame =
-        (int64_t(HostClock::fromMediaTime(sink.samples().front()->presentationTime())) -
+        (int64_t(HostClock::fromMediaTime(sink.all().front()->presentationTime())) -
          int64_t(*counting->firstHostTime())) *
         44100 / HostClock::kTicksPerSecond;
     EXPECT_GE(firstFrame, 3 * kTapBufferFrames);
@@ -320,18 +265,13 @@ TEST(CaptureManager, TapWaitsForTheStartTimeThenDelivers) {
         logs.count("SVRecordingManager: HandleInputBuffer: Successfully enqueued the audio buffer"),
         4u);
 
-    auto samples = sink.samples();
-    for (size_t i = 0; i < samples.size(); ++i) {
-        EXPECT_EQ(samples[i]->numSamples(), 28672);
-        EXPECT_EQ(samples[i]->dataLength(), 57344u);
-        EXPECT_EQ(samples[i]->audioFormat(), m->audioBasicDescription());
-        EXPECT_NEAR(frequencyOf(samples[i]), syntheticToneFrequencyForProcess(1234), 1.0);
-        if (i) {
-            double step =
-                subtract(samples[i]->presentationTime(), samples[i - 1]->presentationTime())
-                    .seconds();
-            EXPECT_NEAR(step, 28672.0 / 44100.0, 1e-6);
-        }
+    auto samples = sink.all();
+    testing::expectContiguous(samples, 28672.0 / 44100.0, 1e-6);
+    for (auto& sample : samples) {
+        EXPECT_EQ(sample->numSamples(), 28672);
+        EXPECT_EQ(sample->dataLength(), 57344u);
+        EXPECT_EQ(sample->audioFormat(), m->audioBasicDescription());
+        EXPECT_NEAR(frequencyOf(sample), syntheticToneFrequencyForProcess(1234), 1.0);
     }
     // The output closure and did-start closure stay after a stop.
     EXPECT_TRUE(m->appAudioOutputHandler());
@@ -364,7 +304,7 @@ TEST(CaptureManager, ResumeFillsTheGapWithSilence) {
     EXPECT_FALSE(m->resumed());
     EXPECT_EQ(logs.count("gap since last audio tap, filling with empty sample buffer"), 1u);
 
-    auto samples = sink.samples();
+    auto samples = sink.all();
     const auto& silence = samples[0];
     EXPECT_EQ(silence->numSamples(), 22050);
     EXPECT_EQ(silence->dataLength(), 44100u);
@@ -394,7 +334,7 @@ TEST(CaptureManager, ResumeWithoutAGapOrAfterStopAllAddsNoSilence) {
     ASSERT_TRUE(sink.waitFor(2));
     m->stopAppAudioCapture();
     EXPECT_FALSE(m->resumed());
-    for (auto& s : sink.samples()) EXPECT_EQ(s->numSamples(), 28672);
+    for (auto& s : sink.all()) EXPECT_EQ(s->numSamples(), 28672);
 
     // stopAllCapture clears lastAudioDate and the start time: no silence, and
     // nothing until a new start time.
@@ -404,11 +344,11 @@ TEST(CaptureManager, ResumeWithoutAGapOrAfterStopAllAddsNoSilence) {
     m->resumeAppAudioCaptureForProcessID(57, after.handler());
     ASSERT_TRUE(counting->waitForBytes(before + 4 * kTapBufferBytes, 10s));
     SVCaptureManager::audioDispatchQueue()->sync([] {});
-    EXPECT_EQ(after.count(), 0u);
+    EXPECT_EQ(after.size(), 0u);
     m->setCaptureStartTime(MediaTime::make(2, 1));
     ASSERT_TRUE(after.waitFor(2));
     m->stopAllCapture();
-    for (auto& s : after.samples()) EXPECT_EQ(s->numSamples(), 28672);
+    for (auto& s : after.all()) EXPECT_EQ(s->numSamples(), 28672);
     EXPECT_EQ(logs.count("gap since last audio tap, filling with empty sample buffer"), 0u);
 }
 
@@ -439,13 +379,13 @@ TEST(CaptureManager, BuffersOfAStoppedTapNeverReachTheNextTap) {
             backend->setFailTapStop(stopFails);
             m->stopAppAudioCapture();
             backend->setFailTapStop(false);
-            aAtStop = a.count();
+            aAtStop = a.size();
             m->startAppAudioCaptureForProcessID(pidB, b.handler(), nullptr);
         });
         ASSERT_TRUE(b.waitFor(3));
         m->stopAllCapture();
-        EXPECT_EQ(a.count(), aAtStop) << "a buffer of the stopped tap was delivered";
-        for (auto& s : b.samples())
+        EXPECT_EQ(a.size(), aAtStop) << "a buffer of the stopped tap was delivered";
+        for (auto& s : b.all())
             EXPECT_NEAR(frequencyOf(s), syntheticToneFrequencyForProcess(pidB), 1.0);
         EXPECT_EQ(backend->openSources(), 0);
     }
@@ -470,7 +410,7 @@ TEST(CaptureManager, FailedStopDropsTheTapAndItsLateBuffers) {
     m->startAppAudioCaptureForProcessID(4002, b.handler(), nullptr);
     ASSERT_TRUE(b.waitFor(3));
     m->stopAllCapture();
-    for (auto& s : b.samples())
+    for (auto& s : b.all())
         EXPECT_NEAR(frequencyOf(s), syntheticToneFrequencyForProcess(4002), 1.0);
     // Once no task refers to it, the dropped tap is torn down.
     EXPECT_EQ(backend->openSources(), 0);
