@@ -174,7 +174,7 @@ TEST_F(RecordingSessionTest, StartCompletesOnTheFirstFrameOnItsThread) {
     Finished f = finish();
     EXPECT_EQ(f.url, s->outputURL());
     EXPECT_FALSE(f.error);
-    EXPECT_EQ(testing::probeMovie(f.url->path).streams.size(), 3u);
+    EXPECT_EQ(testing::probeMovie(f.url->path).tracks.size(), 3u);
     EXPECT_FALSE(c->isCapturing());
     EXPECT_EQ(screen->mirroring->cloneMirroringMode(), kCloneMirroringModeEnded);
     // The controller and its frame surfaces go with the recording.

@@ -194,9 +194,9 @@ TEST_F(SessionEndToEndTest, MicrophoneSwitchedOffLeavesTimedSilence) {
     const double off = HostClock::toSeconds(HostClock::now()) - first;
     run(1.0);
     const std::string path = finish();
-    testing::MovieInfo info = testing::probeMovie(path);
-    ASSERT_EQ(info.streams.size(), 3u);
-    EXPECT_GT(info.streams[2].duration, info.streams[0].duration - 0.15);
+    auto info = testing::probeMovie(path);
+    ASSERT_EQ(info.tracks.size(), 3u);
+    EXPECT_GT(info.tracks[2].duration, info.tracks[0].duration - 0.15);
     const std::vector<double> mic = testing::decodeAudio(path, 2);
     auto rms = [&](double from, double to) {
         double sum = 0;
@@ -205,8 +205,8 @@ TEST_F(SessionEndToEndTest, MicrophoneSwitchedOffLeavesTimedSilence) {
         return b > a ? std::sqrt(sum / double(b - a)) : -1.0;
     };
     EXPECT_GT(rms(0.2, off - 0.2), 0.05);
-    EXPECT_LT(rms(off + 0.2, info.streams[2].duration - 0.1), 1e-3);
-    EXPECT_GE(rms(off + 0.2, info.streams[2].duration - 0.1), 0.0);  // present, not missing
+    EXPECT_LT(rms(off + 0.2, info.tracks[2].duration - 0.1), 1e-3);
+    EXPECT_GE(rms(off + 0.2, info.tracks[2].duration - 0.1), 0.0);  // present, not missing
 }
 
 }  // namespace
