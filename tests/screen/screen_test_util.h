@@ -18,6 +18,7 @@
 
 #include "platform/host_clock.h"
 #include "platform/screen/frame_stamp.h"
+#include "platform/screen/screen_backend.h"
 #include "platform/screen/screen_capture.h"
 #include "platform/screen/synthetic_screen.h"
 #include "tests/support/test_util.h"
@@ -148,6 +149,25 @@ class Recorder : public ScreenCaptureControllerDelegate, public Collected<Receiv
     std::vector<std::shared_ptr<SampleBuffer>> samples_;
     Collected<std::pair<int64_t, std::thread::id>> failures_;
 };
+
+using Pred = std::function<bool(const SharedSurface&)>;
+inline Pred allOf(std::vector<Pred> preds) {
+    return [=](const SharedSurface& s) {
+        return std::all_of(preds.begin(), preds.end(), [&](const Pred& p) { return p(s); });
+    };
+}
+
+// A 60 Hz controller of `backend`, not started yet, delivering to a new
+// `recorder` that keeps `keep` frames.
+inline std::shared_ptr<ScreenCaptureController> makeRecorded(ScreenBackend& backend,
+                                                             WindowSize size,
+                                                             std::shared_ptr<Recorder>& recorder,
+                                                             size_t keep = 1) {
+    recorder = std::make_shared<Recorder>(keep);
+    auto c = backend.makeCaptureController(size, MediaTime::make(1, 60));
+    c->setDelegate(recorder);
+    return c;
+}
 
 // A controller of a display of its own, delivering at 60 Hz: waiting for it
 // to deliver n more frames proves that n deadlines have passed without the
