@@ -24,23 +24,11 @@ using namespace std::chrono_literals;
 namespace sv {
 namespace {
 
-TEST(HostClock, TicksAreNanosecondsOnTheMonotonicClock) {
-    auto monotonic = [] {
-        timespec ts{};
-        clock_gettime(CLOCK_MONOTONIC, &ts);
-        return uint64_t(ts.tv_sec) * 1'000'000'000u + uint64_t(ts.tv_nsec);
-    };
-    const uint64_t before = monotonic();
-    const uint64_t a = HostClock::now();
-    const uint64_t after = monotonic();
-    EXPECT_LE(before, a);
-    EXPECT_LE(a, after);
-    const uint64_t b = HostClock::now();
-    EXPECT_GE(b, a);
-    MediaTime t = HostClock::toMediaTime(b);
-    EXPECT_TRUE(t.isValid());
+TEST(HostClock, TicksAreNanoseconds) {
+    const uint64_t now = HostClock::now();
+    MediaTime t = HostClock::toMediaTime(now);
     EXPECT_EQ(t.timescale, 1'000'000'000);
-    EXPECT_EQ(HostClock::fromMediaTime(t), b);
+    EXPECT_EQ(HostClock::fromMediaTime(t), now);
     EXPECT_EQ(HostClock::fromMediaTime(MediaTime::make(3, 2)), 1'500'000'000u);
     EXPECT_EQ(HostClock::fromMediaTime(MediaTime::invalid()), 0u);
     EXPECT_EQ(HostClock::ticksForFrames(44100, 44100.0), 1'000'000'000u);

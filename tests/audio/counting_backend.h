@@ -39,7 +39,7 @@ class CountingBackend : public AudioBackend {
     // Waits until the sources together have delivered `bytes` bytes (counted
     // after the sink returned).
     bool waitForBytes(uint64_t bytes, std::chrono::milliseconds timeout) {
-        return chunks_.waitUntil([&](const auto& all) { return sum(all) >= bytes; }, timeout);
+        return chunks_.waitForItems([&](const auto& all) { return sum(all) >= bytes; }, timeout);
     }
     uint64_t bytes() const { return sum(chunks_.all()); }
     // Host time of the first chunk any source delivered.

@@ -254,7 +254,7 @@ TEST(PulseBackend, SourcesOutliveTheirServerWithSilenceAndRecordAgain) {
     ASSERT_TRUE(restarted) << restarted.error().message();
     ASSERT_TRUE(states.waitFor(2, 30s));
     // Sound again within a few seconds of the return.
-    EXPECT_TRUE(mic->waitUntil(
+    EXPECT_TRUE(mic->waitForItems(
         [](const testing::SampleList& s) {
             return testing::rms(testing::pcm16Samples(s, s.size() > 20 ? s.size() - 20 : 0)) > 0.05;
         },

@@ -106,7 +106,7 @@ class Recorder : public ScreenCaptureControllerDelegate, public Collected<Receiv
     std::shared_ptr<SampleBuffer> waitForFrame(
         const std::function<bool(const SharedSurface&)>& pred) {
         std::shared_ptr<SampleBuffer> found;
-        waitUntil(
+        waitForItems(
             [&](const std::vector<ReceivedFrame>&) {
                 std::lock_guard lock(samplesMutex_);
                 for (auto& s : samples_)

@@ -144,11 +144,11 @@ class Collected {
         changed_.notify_all();
     }
     bool waitFor(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
-        return waitUntil([n](const std::vector<T>& all) { return all.size() >= n; }, timeout);
+        return waitForItems([n](const std::vector<T>& all) { return all.size() >= n; }, timeout);
     }
     // Waits until `pred` holds for everything collected so far.
     template <typename P>
-    bool waitUntil(P pred, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    bool waitForItems(P pred, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return pred(std::as_const(items_)); });
     }

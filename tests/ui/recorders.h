@@ -30,7 +30,7 @@ struct LayoutRecorder : DisplayLayoutObserver, Collected<DisplayLayout> {
     }
     // Waits until the latest layout delivered satisfies `pred`.
     bool waitForLast(const std::function<bool(const DisplayLayout&)>& pred) {
-        return waitUntil([&](const std::vector<DisplayLayout>& all) {
+        return waitForItems([&](const std::vector<DisplayLayout>& all) {
             return !all.empty() && pred(all.back());
         });
     }
