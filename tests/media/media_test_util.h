@@ -46,16 +46,18 @@ inline std::shared_ptr<SampleBuffer> makeFrame(SurfacePool& pool, int index, Med
     return SampleBuffer::makeVideo(s, pts);
 }
 
-// A 440 Hz tone of `frames` frames starting at `startFrame` (phase continuous).
-inline std::shared_ptr<SampleBuffer> makeTone(const AudioStreamFormat& f, int64_t startFrame,
-                                              int frames, MediaTime pts) {
+// `frames` frames of audio in format `f` at `pts`, every channel of frame i
+// the value `valueOf(i)` in [-1, 1].
+inline std::shared_ptr<SampleBuffer> makeAudio(const AudioStreamFormat& f, int frames,
+                                               MediaTime pts,
+                                               const std::function<double(int64_t)>& valueOf) {
     auto block = std::make_shared<DataBlock>(size_t(frames) * f.bytesPerFrame);
     for (int i = 0; i < frames; ++i) {
-        double v = 0.5 * std::sin(2 * M_PI * 440.0 * double(startFrame + i) / f.sampleRate);
+        const double v = valueOf(i);
         for (uint32_t c = 0; c < f.channelsPerFrame; ++c) {
             uint8_t* p = block->data() + size_t(i) * f.bytesPerFrame + c * f.bitsPerChannel / 8;
             float x = float(v);
-            auto u = uint16_t(int16_t(v * 32767));
+            auto u = uint16_t(int16_t(std::lround(v * 32767)));
             if (f.formatFlags & AudioStreamFormat::kFlagIsBigEndian) u = uint16_t(u << 8 | u >> 8);
             if (f.formatFlags & AudioStreamFormat::kFlagIsFloat)
                 std::memcpy(p, &x, 4);
@@ -64,6 +66,14 @@ inline std::shared_ptr<SampleBuffer> makeTone(const AudioStreamFormat& f, int64_
         }
     }
     return SampleBuffer::makeAudio(block, f, frames, pts);
+}
+
+// A 440 Hz tone of `frames` frames starting at `startFrame` (phase continuous).
+inline std::shared_ptr<SampleBuffer> makeTone(const AudioStreamFormat& f, int64_t startFrame,
+                                              int frames, MediaTime pts) {
+    return makeAudio(f, frames, pts, [&](int64_t i) {
+        return 0.5 * std::sin(2 * M_PI * 440.0 * double(startFrame + i) / f.sampleRate);
+    });
 }
 
 inline Value videoSettings(int w, int h, Value props = Value::object()) {
