@@ -165,28 +165,6 @@ TEST_F(SessionEndToEndTest, PauseAndResumeMakeOneContinuousMovie) {
     EXPECT_NEAR(movie.movie.tracks[2].duration, video, 0.15);
 }
 
-TEST_F(SessionEndToEndTest, RotatedSystemRecordingCarriesItsDisplayMatrix) {
-    display->setSize(360, 640);  // a portrait display turned a quarter
-    display->setTransformFlags(kScreenTransformRotate);
-    session->setSystemRecording(true);
-    session->setWindowSize({360, 640});
-    start();
-    run(1.0);
-    MovieInspection movie = inspect(finish());
-    ASSERT_EQ(movie.movie.tracks.size(), 3u);
-    const media::TrackInfo& video = movie.movie.tracks[0];
-    EXPECT_EQ(video.width, 360);
-    EXPECT_EQ(video.height, 640);
-    ASSERT_TRUE(video.displayMatrix);
-    EXPECT_EQ(std::vector<int32_t>(video.displayMatrix->begin(), video.displayMatrix->begin() + 5),
-              (std::vector<int32_t>{0, 65536, 0, -65536, 0}));
-    EXPECT_EQ(video.rotation, -90);  // a quarter turn clockwise
-    EXPECT_FALSE(video.mirrored);
-    ASSERT_TRUE(movie.stamps);
-    expectEveryFrameOnce(*movie.stamps, session->progress());
-    EXPECT_TRUE(movie.stamps->pauses.empty());
-}
-
 TEST_F(SessionEndToEndTest, MicrophoneSwitchedOffLeavesTimedSilence) {
     const double first = start();
     run(1.0);
