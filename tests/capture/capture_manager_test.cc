@@ -150,6 +150,7 @@ TEST(CaptureManager, CaptureSessionStartStopAndLogs) {
 TEST(CaptureManager, RoutesSamplesByOutput) {
     auto m = SVCaptureManager::make(std::make_shared<SyntheticAudioBackend>(
         SyntheticAudioBackend::Options{.microphoneFrequency = 1000.0}));
+    EXPECT_TRUE(m->sessionSampleBufferQueue()->isSerial());  // samples stay in order
     SampleSink mic(m->sessionSampleBufferQueue());
     SampleSink camera;
     m->startMicrophoneCaptureWithOutput(mic.handler(), nullptr);
