@@ -207,18 +207,6 @@ TEST_F(PulseTest, TapFollowsStreamsOpenedLaterAndMixesThem) {
     EXPECT_GT(testing::toneAmplitude(after, 44100, 660), 0.15);
 }
 
-TEST_F(PulseTest, TapOfAProcessThatPlaysNothingIsSilent) {
-    pid_t other = server_->playTones({523}, 4.0);
-    ASSERT_GT(other, 0);
-    EXPECT_TRUE(server_->waitForPlaybackStreams(other, 1, 10s));
-    TapRun run(backend_, getpid());
-    EXPECT_TRUE(run.waitForBuffers(6));
-    run.stop();
-    testing::PrivatePulseServer::reap(other);
-    ASSERT_GE(run.all().size(), 6u);
-    EXPECT_LT(testing::rms(run.concat(0, run.all().size())), 0.0005);
-}
-
 // The server crashes in the middle of a recording and comes back: both
 // sources go on with silence on an unbroken timeline, nothing reports a
 // failure, the backend tells of the loss and the return, the microphone
