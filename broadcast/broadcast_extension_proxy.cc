@@ -178,6 +178,13 @@ bool SVBroadcastExtensionProxy::processSamplePayload(SampleKind kind, ipc::Argum
         return false;
     }
     (video ? videoSent_ : audioSent_).fetch_add(1);
+    if (video && args.size() == 1 && args.values()[0].is_object()) {
+        uint64_t copied = 0;
+        for (const auto& [key, value] : args.values()[0].items())
+            if (const Bytes* bytes = bytesOf(value); bytes && key != kPayloadKeyTimingInfo)
+                copied += bytes->size();
+        videoBytesCopied_.fetch_add(copied);
+    }
     // One of the two closures runs, once: each gives the slot back.
     std::weak_ptr<SVBroadcastExtensionProxy> weak = weak_from_this();
     auto release = [weak, video] {
@@ -216,7 +223,8 @@ void SVBroadcastExtensionProxy::invalidateConnection() {
 }
 
 SVBroadcastExtensionProxy::Statistics SVBroadcastExtensionProxy::statistics() const {
-    return {videoSent_.load(), videoDropped_.load(), audioSent_.load(), audioDropped_.load()};
+    return {videoSent_.load(), videoDropped_.load(), audioSent_.load(), audioDropped_.load(),
+            videoBytesCopied_.load()};
 }
 
 }  // namespace sv

@@ -82,6 +82,10 @@ class SVBroadcastExtensionProxy : public ipc::ListenerDelegate,
 
     struct Statistics {
         uint64_t videoSent = 0, videoDropped = 0, audioSent = 0, audioDropped = 0;
+        // Media bytes that video payloads carried in their message (every
+        // byte string but the timing record): pixels copied into a message
+        // would show here. 0 while frames cross as surfaces.
+        uint64_t videoBytesCopied = 0;
     };
     Statistics statistics() const;
     const std::shared_ptr<AppExtension>& broadcastUploadExtension() const { return extension_; }
@@ -110,7 +114,8 @@ class SVBroadcastExtensionProxy : public ipc::ListenerDelegate,
     bool invalidated_ = false;
 
     std::atomic<int> videoInFlight_{0}, audioInFlight_{0};
-    std::atomic<uint64_t> videoSent_{0}, videoDropped_{0}, audioSent_{0}, audioDropped_{0};
+    std::atomic<uint64_t> videoSent_{0}, videoDropped_{0}, audioSent_{0}, audioDropped_{0},
+        videoBytesCopied_{0};
 };
 
 }  // namespace sv

@@ -116,9 +116,4 @@ std::optional<AudioStreamFormat> audioFormatFromValue(const Value& v) {
     return f;
 }
 
-std::atomic<uint64_t>& broadcastPixelBytesCopied() {
-    static std::atomic<uint64_t> copied{0};
-    return copied;
-}
-
 }  // namespace sv

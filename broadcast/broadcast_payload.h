@@ -7,7 +7,6 @@
 // Pure data handling with no threads of its own; any thread.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -63,10 +62,5 @@ std::optional<SampleTimingInfo> timingFromRecordBytes(const Bytes& bytes);
 // a field is missing or out of range).
 Value audioFormatValue(const AudioStreamFormat& format);
 std::optional<AudioStreamFormat> audioFormatFromValue(const Value& value);
-
-// Pixel bytes the service copied to hand frames on (counted where a frame
-// could be copied; stays 0: frames travel as the capture's own surface).
-// Any thread.
-std::atomic<uint64_t>& broadcastPixelBytesCopied();
 
 }  // namespace sv

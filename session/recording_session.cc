@@ -1137,9 +1137,9 @@ void SVRecordingSession::_endExtensionLink() {
         const auto stats = proxy->statistics();
         log::info(
             "SVRecordingSession: extension link ended: %li frames sent, %li dropped, %li audio "
-            "buffers sent, %li dropped",
+            "buffers sent, %li dropped, %li pixel bytes copied",
             long(stats.videoSent), long(stats.videoDropped), long(stats.audioSent),
-            long(stats.audioDropped));
+            long(stats.audioDropped), long(stats.videoBytesCopied));
         proxy->invalidateConnection();
     }
 }
