@@ -1118,18 +1118,47 @@ void SVRecordingSession::_notifyExtensionOfAudioSampleBuffer(
     }
     const auto& block = sampleBuffer->dataBlock();
     const size_t length = block ? std::min(sampleBuffer->dataLength(), block->size()) : 0;
-    ipc::Arguments args;
-    Value payload = Value::object();
-    payload[kPayloadKeySampleType] = type;
-    payload[kPayloadKeyAudioBufferList] =
-        bytesValue(std::span<const uint8_t>(block ? block->data() : nullptr, length));
-    payload[kPayloadKeyFormatDesc] = audioFormatValue(format);
-    payload[kPayloadKeyTimingInfo] =
-        bytesValue(timingRecordBytes(sampleBuffer->timingEntry(0).value_or(SampleTimingInfo{})));
-    payload[kPayloadKeyNumSamples] = int32_t(sampleBuffer->numSamples());
-    args.add(std::move(payload));
-    proxy->processSamplePayload(SVBroadcastExtensionProxy::SampleKind::Audio, std::move(args),
-                                nullptr);
+    const uint8_t* data = block ? block->data() : nullptr;
+    const SampleTimingInfo timing = sampleBuffer->timingEntry(0).value_or(SampleTimingInfo{});
+    const int64_t numSamples = sampleBuffer->numSamples();
+    // A long buffer goes in parts of whole frames, each with its own time, so
+    // no message outgrows the link's limits; the parts join without a gap.
+    const bool divisible = format.bytesPerFrame > 0 && format.framesPerPacket == 1 &&
+                           format.sampleRate > 0 && timing.presentationTimeStamp.isValid() &&
+                           length == size_t(numSamples) * format.bytesPerFrame;
+    const int64_t partFrames =
+        divisible ? std::max<int64_t>(1, int64_t(kMaxAudioPayloadBytes / format.bytesPerFrame))
+                  : numSamples;
+    if (!divisible && length > kMaxAudioPayloadBytes) {
+        log::error(limit, "SVRecordingSession: audio of type %i skipped: %li bytes in one piece",
+                   type, long(length));
+        return;
+    }
+    const int32_t rate = int32_t(std::lround(format.sampleRate));
+    for (int64_t first = 0; first < std::max<int64_t>(numSamples, 1); first += partFrames) {
+        const int64_t frames = divisible ? std::min(partFrames, numSamples - first) : numSamples;
+        SampleTimingInfo part = timing;
+        size_t offset = 0, bytes = length;
+        if (divisible) {
+            offset = size_t(first) * format.bytesPerFrame;
+            bytes = size_t(frames) * format.bytesPerFrame;
+            part.presentationTimeStamp =
+                add(timing.presentationTimeStamp, MediaTime::make(first, rate));
+            part.duration = MediaTime::make(frames, rate);
+            part.decodeTimeStamp = MediaTime::invalid();
+        }
+        ipc::Arguments args;
+        Value payload = Value::object();
+        payload[kPayloadKeySampleType] = type;
+        payload[kPayloadKeyAudioBufferList] =
+            bytesValue(std::span<const uint8_t>(data ? data + offset : nullptr, bytes));
+        payload[kPayloadKeyFormatDesc] = audioFormatValue(format);
+        payload[kPayloadKeyTimingInfo] = bytesValue(timingRecordBytes(part));
+        payload[kPayloadKeyNumSamples] = int32_t(frames);
+        args.add(std::move(payload));
+        proxy->processSamplePayload(SVBroadcastExtensionProxy::SampleKind::Audio, std::move(args),
+                                    nullptr);
+    }
 }
 
 void SVRecordingSession::_endExtensionLink() {

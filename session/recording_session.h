@@ -105,6 +105,8 @@ inline constexpr std::chrono::milliseconds kDefaultBroadcastLinkWait{10000};
 // How long a start or finish waits for the extension to acknowledge its
 // action before going on without it.
 inline constexpr std::chrono::milliseconds kBroadcastActionWait{5000};
+// Largest audio payload; a longer buffer goes to the extension in parts.
+inline constexpr size_t kMaxAudioPayloadBytes = 64 * 1024;
 
 class SVRecordingSession : public ScreenCaptureControllerDelegate,
                            public std::enable_shared_from_this<SVRecordingSession> {
@@ -223,7 +225,8 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // acknowledges the action (on the link's queue), or after
     // kBroadcastActionWait without an answer (on a global queue). Sample
     // payloads never wait: frames go as their capture surface (no pixel is
-    // copied), audio as a copy of its one buffer (audio in more than one
+    // copied), audio as a copy of its one buffer, in parts of at most
+    // kMaxAudioPayloadBytes with their own times (audio in more than one
     // buffer is skipped and logged); a slow extension loses samples, counted
     // by the proxy. The fragment hand-over may run on any thread.
     void _notifyExtensionOfAction(int32_t action, ActionCompletion completion);

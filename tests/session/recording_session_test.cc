@@ -513,7 +513,7 @@ TEST_F(RecordingSessionTest, SampleBufferBroadcastsHandOverEveryPayloadWithItsOr
     split.bytesPerFrame = split.bytesPerPacket = 2;
     auto route = s->_appAudioOutputRoute();
     route(testing::makeTone(split, 0, 480, hostTime(5.2)));
-    route(testing::makeTone(mono, 0, 480, hostTime(5.3)));
+    route(testing::makeTone(mono, 0, 48000, hostTime(5.3)));  // 96000 bytes: in two parts
     EXPECT_EQ(finish().url, std::nullopt);
 
     auto actions = delegate->reports("action", 4);
@@ -527,12 +527,14 @@ TEST_F(RecordingSessionTest, SampleBufferBroadcastsHandOverEveryPayloadWithItsOr
     EXPECT_EQ(frames[0]["timescale"], 1000000000);
     EXPECT_EQ(frames[0]["width"], 64);
     EXPECT_EQ(frames[0]["pixel"], 16) << "the frame's own pixels, mapped";
-    auto audio = delegate->reports("audio", 1);
-    ASSERT_EQ(audio.size(), 1u) << "audio in two buffers is skipped";
+    auto audio = delegate->reports("audio", 2);
+    ASSERT_EQ(audio.size(), 2u) << "audio in two buffers is skipped";
     EXPECT_EQ(audio[0]["time"], 5.3);
-    EXPECT_EQ(audio[0]["bytes"], 960);
-    EXPECT_EQ(audio[0]["samples"], 480);
+    EXPECT_EQ(audio[0]["bytes"], 65536);
+    EXPECT_EQ(audio[0]["samples"], 32768);
     EXPECT_EQ(audio[0]["rate"], 48000.0);
+    EXPECT_NEAR(audio[1]["time"].get<double>(), 5.3 + 32768 / 48000.0, 1e-9) << "joined";
+    EXPECT_EQ(audio[1]["samples"], 48000 - 32768);
     EXPECT_FALSE(s->broadcastUploadExtensionProxy());
     EXPECT_TRUE(test::eventually([&] { return extension->pidForRunningProcess() < 0; }, 10s));
     EXPECT_TRUE(delegate->list().empty());
