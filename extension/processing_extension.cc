@@ -57,22 +57,18 @@ void deliver(SVProcessingExtension& extension, const Value& payload, const ipc::
     const auto type = intAt(payload, kPayloadKeySampleType).value_or(0);
     if (type == 1) {
         SVVideoFrame frame;
-        auto surfaceIt = payload.find(kPayloadKeySharedSurface);
-        if (surfaceIt != payload.end()) {
-            auto object = SVSharedSurfaceObject::initWithCoder(*surfaceIt, &coder);
-            if (const auto& surface = object.sharedSurface()) {
-                frame.pixels = surface->data();
-                frame.width = surface->width();
-                frame.height = surface->height();
-                frame.bytesPerRow = surface->bytesPerRow();
-                frame.pixelFormat = uint32_t(surface->pixelFormat());
-            }
-            frame.timing = timingOf(payload);
-            // The mapping lives in `object` until the callback returns.
-            extension.processVideoFrame(frame);
-            return;
-        }
         frame.timing = timingOf(payload);
+        // The mapping lives in `object` until the callback has returned.
+        SVSharedSurfaceObject object;
+        if (auto it = payload.find(kPayloadKeySharedSurface); it != payload.end())
+            object = SVSharedSurfaceObject::initWithCoder(*it, &coder);
+        if (const auto& surface = object.sharedSurface()) {
+            frame.pixels = surface->data();
+            frame.width = surface->width();
+            frame.height = surface->height();
+            frame.bytesPerRow = surface->bytesPerRow();
+            frame.pixelFormat = uint32_t(surface->pixelFormat());
+        }
         extension.processVideoFrame(frame);
     } else if (type == 2 || type == 3) {
         auto dataIt = payload.find(kPayloadKeyAudioBufferList);
