@@ -512,7 +512,8 @@ TEST_F(RecordingSessionTest, SampleBufferBroadcastsHandOverEveryPayloadWithItsOr
     split.formatFlags |= AudioStreamFormat::kFlagIsNonInterleaved;
     split.bytesPerFrame = split.bytesPerPacket = 2;
     auto route = s->_appAudioOutputRoute();
-    route(testing::makeTone(split, 0, 480, hostTime(5.2)));
+    route(SampleBuffer::makeAudio(std::make_shared<DataBlock>(480 * 4), split, 480,
+                                  hostTime(5.2)));            // one buffer per channel
     route(testing::makeTone(mono, 0, 48000, hostTime(5.3)));  // 96000 bytes: in two parts
     EXPECT_EQ(finish().url, std::nullopt);
 
