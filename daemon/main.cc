@@ -33,6 +33,7 @@
 #include "platform/system/system_alert.h"
 #include "platform/ui/ui_backend.h"
 #include "protocol/service_names.h"
+#include "session/recording_session.h"
 #include "support/movie_store.h"
 
 namespace {
@@ -72,6 +73,9 @@ void usage(FILE* out) {
         "                        recordings without asking (repeatable; besides the sorvel\n"
         "                        built or installed beside sorveld and the entries of\n"
         "                        /etc/sorvel/trusted-agents)\n"
+        "  --extension-link-wait SECONDS\n"
+        "                        how long a sample-buffer broadcast waits for its\n"
+        "                        extension's link before recording without it (default 10)\n"
         "  --trusted-bundle-dir DIR\n"
         "                        take the manifests of bundles below DIR at their word even\n"
         "                        when others may write DIR or a directory above it\n"
@@ -99,6 +103,7 @@ struct Options {
     std::optional<sv::ScreenBackendKind> screenBackend;
     long idleExitSeconds = 60;
     long agentWaitSeconds = 0;
+    long extensionLinkWaitSeconds = 10;
     bool testClock = false;
     std::vector<std::string> trustedAgents, trustedBundleDirectories;
 };
@@ -140,9 +145,12 @@ int parse(int argc, char** argv, Options& o) {
             o.trustedBundleDirectories.push_back(v);
         } else if (a == "--test-clock") {
             o.testClock = true;
-        } else if ((a == "--idle-exit" || a == "--agent-wait") && (v = value())) {
+        } else if ((a == "--idle-exit" || a == "--agent-wait" || a == "--extension-link-wait") &&
+                   (v = value())) {
             char* end = nullptr;
-            long& seconds = a == "--idle-exit" ? o.idleExitSeconds : o.agentWaitSeconds;
+            long& seconds = a == "--idle-exit"    ? o.idleExitSeconds
+                            : a == "--agent-wait" ? o.agentWaitSeconds
+                                                  : o.extensionLinkWaitSeconds;
             errno = 0;
             seconds = std::strtol(v, &end, 10);
             if (!*v || *end || errno || seconds < 0 || seconds > 86400) {
@@ -239,6 +247,8 @@ int main(int argc, char** argv) {
 
     // Consent alerts go to the consent agent that registers on the shell
     // channel.
+    sv::SVRecordingSession::setBroadcastLinkWait(
+        std::chrono::seconds(options.extensionLinkWaitSeconds));
     auto agents =
         sv::SVConsentAgentRegistry::create(std::chrono::seconds(options.agentWaitSeconds));
     sv::setAlertPresenter(agents);

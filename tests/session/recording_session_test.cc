@@ -4,6 +4,7 @@
 #include "session/recording_session.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <filesystem>
 #include <fstream>
@@ -439,19 +440,133 @@ TEST_F(RecordingSessionTest, OrientationSizesAndHostileSizes) {
     EXPECT_EQ(s->windowSize(), (WindowSize{1600, 2}));
 }
 
-TEST_F(RecordingSessionTest, SampleBufferBroadcastsWriteNoMovie) {
-    auto handle = uploadExtension();
-    EXPECT_FALSE(s->enableBroadcastWithExtension(handle, 1, Value::object()));
-    auto c = start();
+// An extension of the test program in a bundle of its own under `root`; its
+// role is the last component of its identifier (tests/extension).
+std::shared_ptr<AppExtension> testExtension(const test::TempDir& root, const std::string& role) {
+    std::filesystem::create_directories(root / role);
+    std::filesystem::create_symlink(TEST_EXTENSION, root / (role + "/extension"));
+    std::ofstream(root / (role + "/bundle.json"))
+        << R"({"identifier": "com.example.test.)" << role
+        << R"(", "extension": {"point": "org.sorvel.broadcast-services", "executable": )"
+        << R"("extension", "attributes": {"SVBroadcastProcessMode": )"
+        << R"("SVBroadcastProcessModeSampleBuffer"}}})";
+    return AppExtension::extensionWithBundlePath(root / role);
+}
+
+// Service information over the live link, as the session's delegate gets it.
+struct LinkInfos : Errors {
+    void broadcastSessionLinkDidUpdateServiceInfo(const Value& info) override {
+        std::lock_guard lock(infoMutex);
+        infos.push_back(info);
+        cv.notify_all();
+    }
+    // The reports holding `key`, once `n` of them came (within 30 s).
+    std::vector<Value> reports(const char* key, size_t n) {
+        std::unique_lock lock(infoMutex);
+        std::vector<Value> found;
+        cv.wait_for(lock, 30s, [&] {
+            found.clear();
+            for (const auto& i : infos)
+                if (i.contains(key)) found.push_back(i);
+            return found.size() >= n;
+        });
+        return found;
+    }
+    std::mutex infoMutex;
+    std::condition_variable cv;
+    std::vector<Value> infos;
+};
+
+// Sample-buffer mode through a real processing extension: the actions in
+// order with the user info, every frame as the capture's own surface mapped
+// in the extension with the time it was captured at (not moved by the
+// pause), audio with its time and exactly its bytes, audio in more than one
+// buffer skipped; the extension's service information reaches the delegate;
+// no movie is written and the finish ends the extension.
+TEST_F(RecordingSessionTest, SampleBufferBroadcastsHandOverEveryPayloadWithItsOriginalTimes) {
+    auto delegate = std::make_shared<LinkInfos>();
+    s->setDelegate(delegate);
+    test::TempDir bundles;
+    auto extension = testExtension(bundles, "sample");
+    ASSERT_TRUE(extension);
+    EXPECT_FALSE(s->enableBroadcastWithExtension(extension, 1, Value{{"room", "a"}}));
+    ASSERT_EQ(s->broadcastProcessMode(), 1);
+    ASSERT_TRUE(s->broadcastUploadExtensionProxy());
+    auto c = start();  // after the extension acknowledged the start
     EXPECT_EQ(c->minimumFrameInterval(), MediaTime::make(1, 30));
     EXPECT_FALSE(s->movieWriter());
     c->deliver(frame(1.0));
-    Finished f = finish();  // answered at once, without a movie
-    EXPECT_FALSE(f.url || f.error);
-    s->enableBroadcastWithExtension(handle, 7, std::nullopt);
+    s->pauseSession();
+    s->resumeSessionWithContextID(7);
+    ASSERT_TRUE(c->waitCapturing());
+    c->deliver(frame(5.0));
+    const auto mono = AudioStreamFormat::pcm16(48000, 1, false);
+    auto split = AudioStreamFormat::pcm16(48000, 2, false);
+    split.formatFlags |= AudioStreamFormat::kFlagIsNonInterleaved;
+    split.bytesPerFrame = split.bytesPerPacket = 2;
+    auto route = s->_appAudioOutputRoute();
+    route(SampleBuffer::makeAudio(std::make_shared<DataBlock>(480 * 4), split, 480,
+                                  hostTime(5.2)));            // one buffer per channel
+    route(testing::makeTone(mono, 0, 48000, hostTime(5.3)));  // 96000 bytes: in two parts
+    EXPECT_EQ(finish().url, std::nullopt);
+
+    auto actions = delegate->reports("action", 4);
+    ASSERT_EQ(actions.size(), 4u);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(actions[i]["action"], i + 1);
+    EXPECT_EQ(actions[0]["userInfo"], (Value{{"room", "a"}}));
+    auto frames = delegate->reports("video", 2);
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[0]["video"], 1.0);
+    EXPECT_EQ(frames[1]["video"], 5.0) << "the paused gap is not cut out for the extension";
+    EXPECT_EQ(frames[0]["timescale"], 1000000000);
+    EXPECT_EQ(frames[0]["width"], 64);
+    EXPECT_EQ(frames[0]["pixel"], 16) << "the frame's own pixels, mapped";
+    auto audio = delegate->reports("audio", 2);
+    ASSERT_EQ(audio.size(), 2u) << "audio in two buffers is skipped";
+    EXPECT_EQ(audio[0]["time"], 5.3);
+    EXPECT_EQ(audio[0]["bytes"], 65536);
+    EXPECT_EQ(audio[0]["samples"], 32768);
+    EXPECT_EQ(audio[0]["rate"], 48000.0);
+    EXPECT_NEAR(audio[1]["time"].get<double>(), 5.3 + 32768 / 48000.0, 1e-9) << "joined";
+    EXPECT_EQ(audio[1]["samples"], 48000 - 32768);
+    EXPECT_FALSE(s->broadcastUploadExtensionProxy());
+    EXPECT_TRUE(test::eventually([&] { return extension->pidForRunningProcess() < 0; }, 10s));
+    EXPECT_TRUE(delegate->list().empty());
+}
+
+// A link that never comes up is given up after the bounded wait (the session
+// then records without broadcast); a slow extension loses frames instead of
+// holding up the capture; an extension killed mid-broadcast stops the
+// session with -5808.
+TEST_F(RecordingSessionTest, ALinkThatFailsOrLagsOrBreaksNeverHoldsUpTheSession) {
+    test::TempDir bundles;
+    auto mute = testExtension(bundles, "mute");
+    SVRecordingSession::setBroadcastLinkWait(300ms);
+    s->enableBroadcastWithExtension(mute, 1, std::nullopt);
+    SVRecordingSession::setBroadcastLinkWait(kDefaultBroadcastLinkWait);
     EXPECT_EQ(s->broadcastProcessMode(), 0);
-    s->disableBroadcast();
     EXPECT_FALSE(s->broadcastExtension());
+    EXPECT_TRUE(test::eventually([&] { return mute->pidForRunningProcess() < 0; }, 10s));
+
+    auto slow = testExtension(bundles, "slow");
+    s->enableBroadcastWithExtension(slow, 1, std::nullopt);
+    auto proxy = s->broadcastUploadExtensionProxy();
+    ASSERT_TRUE(proxy);
+    auto c = start();
+    for (int i = 0; i < 40; ++i) c->deliver(frame(1.0 + i / 30.0));
+    const auto stats = proxy->statistics();
+    EXPECT_EQ(stats.videoSent + stats.videoDropped, 40u);
+    EXPECT_GE(stats.videoDropped, 40u - 2 * SVBroadcastExtensionProxy::kMaxVideoPayloadsInFlight);
+    EXPECT_EQ(s->progress().framesDropped, int64_t(stats.videoDropped));
+    EXPECT_EQ(stats.videoBytesCopied, 0u) << "frames cross as surfaces";
+
+    const pid_t pid = slow->pidForRunningProcess();
+    ASSERT_GT(pid, 0);
+    ASSERT_EQ(::kill(pid, SIGKILL), 0);
+    EXPECT_TRUE(test::eventually([&] { return !errors->list().empty(); }, 30s));
+    EXPECT_EQ(errors->list(), std::vector<int64_t>{kSVRecordingErrorBroadcast});
+    EXPECT_FALSE(s->isRecording());
+    EXPECT_FALSE(s->broadcastUploadExtensionProxy());
 }
 
 // Upload mode through a real extension process: fragments rotate after the
