@@ -90,8 +90,9 @@ struct AlertRequest {
 
     // The buttons that are shown, in role order (default, alternate, other).
     std::vector<std::pair<AlertResponse, std::string>> buttons() const;
-    // Why the request cannot be shown, or nullopt when it can.
-    std::optional<std::string> validationError() const;
+    // Whether the request can be shown; an error of kSystemAlertErrorDomain
+    // (kSystemAlertErrorInvalidRequest) saying why not.
+    Result<void> validate() const;
     // The request with every text made safe (see above).
     AlertRequest sanitized() const;
 

@@ -127,8 +127,9 @@ struct MovieInfo {
 
 inline MovieInfo probeMovie(const std::string& path) {
     MovieInfo info;
-    auto in = media::openInputFormat(path, nullptr);
-    if (!in) return info;
+    auto opened = media::openInputFormat(path);
+    if (!opened) return info;
+    auto in = std::move(*opened);
     info.ok = true;
     info.duration = in->duration / double(AV_TIME_BASE);
     const AVDictionaryEntry* t = nullptr;
@@ -157,8 +158,9 @@ inline MovieInfo probeMovie(const std::string& path) {
 // seconds (huge when unknown).
 inline double decodeTrack(const std::string& path, int index,
                           const std::function<void(const AVFrame&, double)>& onFrame) {
-    auto in = media::openInputFormat(path, nullptr);
-    if (!in) return 0;
+    auto opened = media::openInputFormat(path);
+    if (!opened) return 0;
+    auto in = std::move(*opened);
     if (index < 0) index = av_find_best_stream(in.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
     if (index < 0 || index >= int(in->nb_streams)) return 0;
     AVStream* st = in->streams[index];
