@@ -234,22 +234,20 @@ void SVRecordingManager::applicationDisconnectedWithBundleID(
     platform_->applicationDisconnected(bundleID, client->pid);
 }
 
-std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
-    const std::shared_ptr<SVClientConnection>& client) {
-    std::weak_ptr<SVRecordingManager> weak = weak_from_this();
-    // Each method reads its arguments on the connection's queue, then waits
-    // for the manager's queue, so a client that floods requests is held
-    // back by its own connection.
-    auto run = [weak, client](std::function<void(SVRecordingManager&)> request) {
-        auto self = weak.lock();
-        if (!self) return;
-        self->queue_->sync([&] {
-            self->submit(client, [self, request = std::move(request)] { request(*self); });
-        });
-    };
-    auto table = std::make_shared<ipc::MethodTable>();
-    ipc::TypedMethods methods(table, logMalformed);
-    using Reply = const ipc::ReplyHandler&;
+namespace {
+
+// Runs a request on the manager's queue, in the order of its connection's
+// requests (see makeExportedObject).
+using Submit = std::function<void(std::function<void(SVRecordingManager&)>)>;
+using Client = std::shared_ptr<SVClientConnection>;
+using Reply = const ipc::ReplyHandler&;
+using StartHandler = SVRecordingManager::StartHandler;
+using SetupHandler = SVRecordingManager::SetupHandler;
+using StopHandler = SVRecordingManager::StopHandler;
+using DiscardHandler = SVRecordingManager::DiscardHandler;
+
+// Set-up, start, stop, pause, resume and discard: the recording's requests.
+void addRecordingMethods(ipc::TypedMethods& methods, const Submit& run, const Client& client) {
     methods.on(
         method::kStartRecording,
         [run, client](Reply reply, std::vector<uint32_t> ids, WindowSize size, bool mic,
@@ -306,6 +304,11 @@ std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
             });
         },
         contextIDOf);
+}
+
+// What the application tells of itself: microphone, warnings, desktop
+// audio, whether it is active.
+void addSettingMethods(ipc::TypedMethods& methods, const Submit& run, const Client& client) {
     methods.on(
         method::kSetMicrophoneEnabled,
         [run, client](Reply, bool enabled) {
@@ -340,6 +343,27 @@ std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
             },
             bundleIDOf);
     }
+}
+
+}  // namespace
+
+std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
+    const std::shared_ptr<SVClientConnection>& client) {
+    std::weak_ptr<SVRecordingManager> weak = weak_from_this();
+    // Each method reads its arguments on the connection's queue, then waits
+    // for the manager's queue, so a client that floods requests is held
+    // back by its own connection.
+    Submit run = [weak, client](std::function<void(SVRecordingManager&)> request) {
+        auto self = weak.lock();
+        if (!self) return;
+        self->queue_->sync([&] {
+            self->submit(client, [self, request = std::move(request)] { request(*self); });
+        });
+    };
+    auto table = std::make_shared<ipc::MethodTable>();
+    ipc::TypedMethods methods(table, logMalformed);
+    addRecordingMethods(methods, run, client);
+    addSettingMethods(methods, run, client);
     return table;
 }
 
