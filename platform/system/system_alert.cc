@@ -364,11 +364,11 @@ Result<std::shared_ptr<SystemAlert>> SystemAlert::create(
     state->id = gNextAlertID.fetch_add(1);
     state->presenter = presenter;
     AlertReply reply(std::make_shared<AlertReply::Token>(state));
-    if (!presenter->presentAlert(state->id, request, std::move(reply))) {
+    if (auto shown = presenter->presentAlert(state->id, request, std::move(reply)); !shown) {
         // Whatever the presenter kept of the reply must not answer an alert
         // that was never shown as Cancelled later on: mark it answered now.
         state->finish(AlertResponse::Cancelled);
-        return fail(kSystemAlertErrorUnavailable, "the alert presenter cannot show alerts now");
+        return fail(kSystemAlertErrorUnavailable, shown.error().message());
     }
     log::debug("SystemAlert: showing alert %lu %@", state->id, request.description());
     auto alert = std::shared_ptr<SystemAlert>(new SystemAlert(request, state));

@@ -128,11 +128,13 @@ class AlertReply {
 class AlertPresenter {
   public:
     virtual ~AlertPresenter() = default;
-    // Shows `request` and returns at once. True: the alert is up and `reply`
-    // will answer it (from any thread; dropping it unanswered answers
-    // Cancelled). False: no alert can be shown now (nobody to show it to), and
-    // `reply` is ignored.
-    virtual bool presentAlert(uint64_t alertID, const AlertRequest& request, AlertReply reply) = 0;
+    // Shows `request` and returns at once. Success: the alert is up and
+    // `reply` will answer it (from any thread; dropping it unanswered answers
+    // Cancelled). An error (kSystemAlertErrorDomain,
+    // kSystemAlertErrorUnavailable) saying why no alert can be shown now
+    // (nobody to show it to); `reply` is then ignored.
+    virtual Result<void> presentAlert(uint64_t alertID, const AlertRequest& request,
+                                      AlertReply reply) = 0;
     // The alert is no longer wanted (released unanswered, timed out,
     // cancelled): take it off the screen. Any thread, never while the
     // presenter is inside presentAlert for the same alert.
