@@ -275,7 +275,8 @@ std::optional<std::string> Publisher::addFragment(int fd, bool finished) {
     if (auto error = destination_->put(name, std::move(segment.bytes))) return error;
     segments_.push_back({name, double(segment.length90k) / 90000.0});
     nextStart90k_ += segment.length90k;
-    return writePlaylist(finished);
+    finished_ = finished_ || finished;
+    return writePlaylist(finished_);
 }
 
 std::optional<std::string> Publisher::writePlaylist(bool finished) {

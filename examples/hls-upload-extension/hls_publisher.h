@@ -57,7 +57,10 @@ class Publisher {
     explicit Publisher(std::unique_ptr<Destination> destination);
 
     // Remuxes the fragment readable through `fd` into the next segment and
-    // republishes the playlist (ended when `finished`). An error text or nothing.
+    // republishes the playlist, ended once a fragment came `finished` (a
+    // fragment answered after the last one, when the service's requests
+    // overlap, is still published, and the playlist stays ended). An error
+    // text or nothing.
     std::optional<std::string> addFragment(int fd, bool finished);
 
     std::string playlistLocation() const { return destination_->locationOf(kPlaylistName); }
@@ -86,6 +89,7 @@ class Publisher {
     // Where the next segment's timestamps start, in 90 kHz ticks. Starts
     // above 0 so that decode times before the first frame stay positive.
     int64_t nextStart90k_ = 90000;
+    bool finished_ = false;
 };
 
 }  // namespace hls

@@ -75,10 +75,11 @@ class HttpDestination : public Destination {
             const bool playlist = endsWith(name, ".m3u8");
             auto waiting = std::find_if(queue_.begin(), queue_.end(),
                                         [&](const Item& i) { return i.name == name; });
+            // A newer playlist replaces a waiting one, and goes after the
+            // segments it names.
             if (playlist && waiting != queue_.end()) {
-                queuedBytes_ += contents.size() - waiting->contents.size();
-                waiting->contents = std::move(contents);
-                return std::nullopt;
+                queuedBytes_ -= waiting->contents.size();
+                queue_.erase(waiting);
             }
             if (!playlist && (queue_.size() >= options_.maxQueuedFiles ||
                               queuedBytes_ + contents.size() > options_.maxQueuedBytes)) {

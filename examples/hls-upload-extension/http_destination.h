@@ -7,7 +7,7 @@
 // up the broadcast. The queue is bounded in files and bytes: a segment that
 // finds it full, or that fails every try, is dropped and counted (players
 // skip a segment the server does not have); a newer playlist replaces one
-// still waiting, so the latest playlist always goes out.
+// still waiting and goes out after the segments it names.
 //
 // Threads: put, fetch, flush and stats are called from one thread at a time
 // (the extension's request thread); the uploads run on the destination's

@@ -563,6 +563,8 @@ TEST_F(RecordEndToEndTest, BroadcastsALiveHLSStreamThroughTheUploadExtension) {
     EXPECT_TRUE(contains(infos.back(), R"("dropped":0)")) << infos.back();
     EXPECT_TRUE(contains(infos.back(), R"("pending":0)")) << infos.back();
     EXPECT_FALSE(contains(infos.back(), R"("retries":0)")) << infos.back();
+    // Ended: a player (and the inspection) would wait for more otherwise.
+    ASSERT_TRUE(contains(sv::test::readFile(served + "/live/index.m3u8"), "#EXT-X-ENDLIST"));
     segments = extinf(served + "/live/index.m3u8");
     ASSERT_GE(segments.size(), 4u);
     expectOneStream(served + "/live/index.m3u8", segments);
