@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -39,24 +38,18 @@ std::shared_ptr<AppExtension> uploadExtension() {
 using namespace std::chrono_literals;
 using testing::hostTime;
 
-struct Errors : SVRecordingSessionDelegate {
+// The errors the session stopped with, each with the movie it kept.
+struct Errors : SVRecordingSessionDelegate,
+                test::Collected<std::pair<int64_t, std::optional<URL>>> {
     void recordingSessionStoppedWithError(const Error& e,
                                           const std::optional<URL>& movie) override {
-        std::lock_guard lock(mutex);
-        codes.push_back(e.code);
-        movies.push_back(movie);
+        add({e.code, movie});
     }
     std::vector<int64_t> list() {
-        std::lock_guard lock(mutex);
+        std::vector<int64_t> codes;
+        for (const auto& [code, movie] : all()) codes.push_back(code);
         return codes;
     }
-    std::vector<std::optional<URL>> movieList() {
-        std::lock_guard lock(mutex);
-        return movies;
-    }
-    std::mutex mutex;
-    std::vector<int64_t> codes;
-    std::vector<std::optional<URL>> movies;
 };
 
 struct Finished {
@@ -181,7 +174,7 @@ TEST_F(RecordingSessionTest, StartCompletesOnTheFirstFrameOnItsThread) {
     Finished f = finish();
     EXPECT_EQ(f.url, s->outputURL());
     EXPECT_FALSE(f.error);
-    EXPECT_EQ(testing::probeMovie(f.url->path).streams.size(), 3u);
+    EXPECT_EQ(testing::probeMovie(f.url->path).tracks.size(), 3u);
     EXPECT_FALSE(c->isCapturing());
     EXPECT_EQ(screen->mirroring->cloneMirroringMode(), kCloneMirroringModeEnded);
     // The controller and its frame surfaces go with the recording.
@@ -326,23 +319,23 @@ TEST_F(RecordingSessionTest, ScreenFailuresStopTheSessionAndKeepTheMovie) {
     c->fail(SyntheticScreenFailure::Failed);
     EXPECT_FALSE(s->isRecording());
     EXPECT_FALSE(c->isCapturing());
-    ASSERT_TRUE(test::eventually([&] { return errors->list().size() == 1; }, 30s));
-    auto movie = errors->movieList()[0];
+    ASSERT_TRUE(errors->waitFor(1, 30s));
+    auto movie = errors->all()[0].second;
     ASSERT_TRUE(movie);
     EXPECT_NEAR(testing::probeMovie(movie->path).duration, 1.5, 0.1);
     c = start();
     c->fail(SyntheticScreenFailure::Preempted);
     s->stopWithError(_svUserErrorForCode(-5800));  // not recording: nothing
-    ASSERT_TRUE(test::eventually([&] { return errors->list().size() == 2; }, 30s));
+    ASSERT_TRUE(errors->waitFor(2, 30s));
     EXPECT_EQ(errors->list(), (std::vector<int64_t>{-5804, -5800}));
-    EXPECT_FALSE(errors->movieList()[1]);
+    EXPECT_FALSE(errors->all()[1].second);
 }
 
 TEST_F(RecordingSessionTest, MediaServicesResetStopsAPhoneSessionForGoodNotADesktopOne) {
     auto c = start();
     c->deliver(frame(1.0));
     c->fail(SyntheticScreenFailure::MediaServicesReset);
-    ASSERT_TRUE(test::eventually([&] { return !errors->list().empty(); }, 30s));
+    ASSERT_TRUE(errors->waitFor(1, 30s));
     EXPECT_EQ(errors->list(), std::vector<int64_t>{-5804});
     std::atomic<int> started{0};
     c = start([&] { ++started; });
@@ -469,18 +462,8 @@ TEST_F(RecordingSessionTest, SampleBufferBroadcastsWriteNoMovie) {
 // is removed once its request completed.
 TEST_F(RecordingSessionTest, UploadBroadcastsRotateFragmentsAndTakeTheExtensionsAnswers) {
     struct Delegate : Errors {
-        void broadcastSessionDidUpdateServiceInfo(const Value& info) override {
-            std::lock_guard lock(infoMutex);
-            infos.push_back(info);
-            cv.notify_all();
-        }
-        bool infosAtLeast(size_t n) {
-            std::unique_lock lock(infoMutex);
-            return cv.wait_for(lock, 30s, [&] { return infos.size() >= n; });
-        }
-        std::mutex infoMutex;
-        std::condition_variable cv;
-        std::vector<Value> infos;
+        void broadcastSessionDidUpdateServiceInfo(const Value& info) override { infos.add(info); }
+        test::Collected<Value> infos;
     };
     auto delegate = std::make_shared<Delegate>();
     s->setDelegate(delegate);
@@ -506,20 +489,20 @@ TEST_F(RecordingSessionTest, UploadBroadcastsRotateFragmentsAndTakeTheExtensions
     EXPECT_EQ(s->broadcastFragmentIndex(), 1);
     deliverUntil(101.04);
     EXPECT_EQ(s->broadcastFragmentIndex(), 2);
-    ASSERT_TRUE(delegate->infosAtLeast(1));  // fragment 1 answered: clip duration 0.5 now
-    deliverUntil(102.6);                     // new fragments at 101.567 and 102.1
+    ASSERT_TRUE(delegate->infos.waitFor(1, 30s));  // fragment 1 answered: clip duration 0.5 now
+    deliverUntil(102.6);                           // new fragments at 101.567 and 102.1
     EXPECT_EQ(s->broadcastFragmentIndex(), 4);
     Finished f = finish();
     EXPECT_FALSE(f.url || f.error);
-    ASSERT_TRUE(delegate->infosAtLeast(4));
-    std::lock_guard lock(delegate->infoMutex);
-    ASSERT_EQ(delegate->infos.size(), 4u);
+    ASSERT_TRUE(delegate->infos.waitFor(4, 30s));
+    const auto infos = delegate->infos.all();
+    ASSERT_EQ(infos.size(), 4u);
     // Answers come in the order the extension finished them: one of the
     // four fragments, the last, was marked finished.
     int finished = 0;
     for (size_t i = 0; i < 4; ++i) {
-        finished += delegate->infos[i]["finished"] == "1";
-        EXPECT_GT(delegate->infos[i]["bytes"].get<int64_t>(), 0) << i;
+        finished += infos[i]["finished"] == "1";
+        EXPECT_GT(infos[i]["bytes"].get<int64_t>(), 0) << i;
     }
     EXPECT_EQ(finished, 1);
     EXPECT_TRUE(test::eventually(
