@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <variant>
 #include <vector>
 
 extern "C" {
@@ -123,6 +124,57 @@ struct PacketFree {
     void operator()(AVPacket* p) const { av_packet_free(&p); }
 };
 
+using Input = std::unique_ptr<AVFormatContext, InputCloser>;
+
+// The fragment read through `reader` (which must outlive it), or why not.
+std::variant<Input, std::string> openFragment(FdReader& reader) {
+    constexpr int kBufferSize = 64 * 1024;
+    auto* buffer = static_cast<uint8_t*>(av_malloc(kBufferSize));
+    if (!buffer) return "out of memory";
+    AVIOContext* io = avio_alloc_context(buffer, kBufferSize, 0, &reader, &FdReader::read, nullptr,
+                                         &FdReader::seek);
+    if (!io) {
+        av_free(buffer);
+        return "out of memory";
+    }
+    AVFormatContext* rawIn = avformat_alloc_context();
+    if (!rawIn) {
+        av_freep(&io->buffer);
+        avio_context_free(&io);
+        return "out of memory";
+    }
+    rawIn->pb = io;
+    rawIn->flags |= AVFMT_FLAG_CUSTOM_IO;
+    if (int r = avformat_open_input(&rawIn, nullptr, nullptr, nullptr); r < 0) {
+        // avformat_open_input freed the context, not the custom I/O.
+        av_freep(&io->buffer);
+        avio_context_free(&io);
+        return "not a movie: " + averror(r);
+    }
+    Input in(rawIn);
+    if (int r = avformat_find_stream_info(in.get(), nullptr); r < 0)
+        return "unreadable movie: " + averror(r);
+    return in;
+}
+
+// How long a fragment lasts, in 90 kHz ticks: until the next one's first
+// frame, its last frame's time plus one frame interval (the median one: a
+// last packet often carries no duration, and a capture stall must not
+// stretch it); without video, until its last packet ends.
+int64_t fragmentLength90k(std::vector<int64_t> videoTimes90k, int64_t anyEnd90k) {
+    if (videoTimes90k.empty()) return anyEnd90k;
+    std::sort(videoTimes90k.begin(), videoTimes90k.end());
+    std::vector<int64_t> steps;
+    for (size_t i = 1; i < videoTimes90k.size(); ++i)
+        steps.push_back(videoTimes90k[i] - videoTimes90k[i - 1]);
+    int64_t interval = 3000;  // 1/30 s, for a fragment of one frame
+    if (!steps.empty()) {
+        std::nth_element(steps.begin(), steps.begin() + steps.size() / 2, steps.end());
+        interval = steps[steps.size() / 2];
+    }
+    return videoTimes90k.back() + interval;
+}
+
 }  // namespace
 
 std::unique_ptr<Destination> makeDirectoryDestination(const std::string& directory,
@@ -166,33 +218,9 @@ Publisher::Remuxed Publisher::remux(int fd) const {
         return std::move(result);
     };
     FdReader reader{fd};
-    constexpr int kBufferSize = 64 * 1024;
-    auto* buffer = static_cast<uint8_t*>(av_malloc(kBufferSize));
-    if (!buffer) return fail("out of memory");
-    AVIOContext* io = avio_alloc_context(buffer, kBufferSize, 0, &reader, &FdReader::read, nullptr,
-                                         &FdReader::seek);
-    if (!io) {
-        av_free(buffer);
-        return fail("out of memory");
-    }
-    AVFormatContext* rawIn = avformat_alloc_context();
-    if (!rawIn) {
-        av_freep(&io->buffer);
-        avio_context_free(&io);
-        return fail("out of memory");
-    }
-    rawIn->pb = io;
-    rawIn->flags |= AVFMT_FLAG_CUSTOM_IO;
-    if (int r = avformat_open_input(&rawIn, nullptr, nullptr, nullptr); r < 0) {
-        // avformat_open_input freed the context, not the custom I/O.
-        av_freep(&io->buffer);
-        avio_context_free(&io);
-        return fail("not a movie: " + averror(r));
-    }
-    std::unique_ptr<AVFormatContext, InputCloser> in(rawIn);
-    if (int r = avformat_find_stream_info(in.get(), nullptr); r < 0)
-        return fail("unreadable movie: " + averror(r));
-
+    auto opened = openFragment(reader);
+    if (auto* why = std::get_if<std::string>(&opened)) return fail(std::move(*why));
+    Input in = std::move(std::get<Input>(opened));
     AVFormatContext* rawOut = nullptr;
     if (int r = avformat_alloc_output_context2(&rawOut, nullptr, "mpegts", nullptr); r < 0)
         return fail("no MPEG-TS muxer: " + averror(r));
@@ -215,10 +243,7 @@ Publisher::Remuxed Publisher::remux(int fd) const {
     // Every stream of a fragment starts at its first video frame (time 0):
     // the segment's timestamps are moved to where the last one ended.
     const AVRational ticks90k{1, 90000};
-    // The fragment lasts until the next one's first frame: its last frame's
-    // time plus one frame interval (the median one: a last packet often
-    // carries no duration, and a capture stall must not stretch it).
-    std::vector<int64_t> videoTimes90k;
+    std::vector<int64_t> videoTimes90k;  // for fragmentLength90k
     int64_t anyEnd90k = 0;
     std::unique_ptr<AVPacket, PacketFree> packet(av_packet_alloc());
     if (!packet) return fail("out of memory");
@@ -250,20 +275,7 @@ Publisher::Remuxed Publisher::remux(int fd) const {
     result.bytes.assign(reinterpret_cast<const char*>(bytes), size_t(size));
     av_free(bytes);
 
-    int64_t length90k = anyEnd90k;
-    if (!videoTimes90k.empty()) {
-        std::sort(videoTimes90k.begin(), videoTimes90k.end());
-        std::vector<int64_t> steps;
-        for (size_t i = 1; i < videoTimes90k.size(); ++i)
-            steps.push_back(videoTimes90k[i] - videoTimes90k[i - 1]);
-        int64_t interval = 3000;  // 1/30 s, for a fragment of one frame
-        if (!steps.empty()) {
-            std::nth_element(steps.begin(), steps.begin() + steps.size() / 2, steps.end());
-            interval = steps[steps.size() / 2];
-        }
-        length90k = videoTimes90k.back() + interval;
-    }
-    result.length90k = length90k;
+    result.length90k = fragmentLength90k(std::move(videoTimes90k), anyEnd90k);
     return result;
 }
 
