@@ -33,3 +33,24 @@ endif()
 # The X11 window system of the foreground tracking (the core protocol, and
 # X-Resource for the process behind a window).
 pkg_check_modules(XCB_CORE REQUIRED IMPORTED_TARGET xcb xcb-res)
+
+# Wayland protocol glue generated at build time: sv_wayland_protocol(TARGET XML)
+# makes a static library TARGET of the protocol's client code whose users
+# include "<xml name>-client-protocol.h".
+find_program(WAYLAND_SCANNER wayland-scanner)
+pkg_get_variable(WAYLAND_PROTOCOLS_DIR wayland-protocols pkgdatadir)
+function(sv_wayland_protocol target xml)
+  get_filename_component(base ${xml} NAME_WE)
+  set(out ${CMAKE_CURRENT_BINARY_DIR}/${target})
+  add_custom_command(
+    OUTPUT ${out}/${base}-client-protocol.h ${out}/${base}-protocol.c
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${out}
+    COMMAND ${WAYLAND_SCANNER} client-header ${xml} ${out}/${base}-client-protocol.h
+    COMMAND ${WAYLAND_SCANNER} private-code ${xml} ${out}/${base}-protocol.c
+    DEPENDS ${xml}
+    VERBATIM)
+  add_library(${target} STATIC ${out}/${base}-protocol.c ${out}/${base}-client-protocol.h)
+  set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  target_include_directories(${target} PUBLIC ${out})
+  target_link_libraries(${target} PUBLIC PkgConfig::WAYLAND_CLIENT)
+endfunction()

@@ -9,11 +9,15 @@
 #include "platform/system/display_layout.h"
 #include "platform/ui/synthetic_window_system.h"
 #include "platform/ui/x11_window_system.h"
+#if defined(SV_HAVE_WAYLAND_UI)
+#include "platform/ui/wayland_window_system.h"
+#endif
 
 namespace sv {
 
 std::optional<UiBackendKind> parseUiBackendKind(std::string_view text) {
     if (text == "x11") return UiBackendKind::X11;
+    if (text == "wayland") return UiBackendKind::Wayland;
     if (text == "synthetic") return UiBackendKind::Synthetic;
     if (text == "auto" || text == "automatic") return UiBackendKind::Automatic;
     return std::nullopt;
@@ -45,6 +49,15 @@ Result<std::shared_ptr<UiBackend>> makeUiBackend(UiBackendKind kind,
             return x11.error();
         }
         backend = std::move(*x11);
+    } else if (kind == UiBackendKind::Wayland) {
+#if defined(SV_HAVE_WAYLAND_UI)
+        auto wayland = WaylandWindowSystem::connect();
+        if (!wayland) return wayland.error();
+        backend = std::move(*wayland);
+#else
+        return Error::make(kUIErrorDomain, kUIErrorSetupFailed,
+                           "this build has no Wayland window system");
+#endif
     } else {
         if (!display) {
             // The process's screen backend follows the same choice, so in a

@@ -1,8 +1,9 @@
 // The window system behind the application-state monitor, the frontmost
 // application and the display-layout monitor. Two backends exist: X11 (EWMH
 // properties and structure events of the screen's top-level windows,
-// platform/ui/x11_window_system.h) and the synthetic window system on the
-// synthetic display (platform/ui/synthetic_window_system.h).
+// platform/ui/x11_window_system.h), Wayland compositors that list their
+// toplevels (platform/ui/wayland_window_system.h) and the synthetic window
+// system on the synthetic display (platform/ui/synthetic_window_system.h).
 #pragma once
 
 #include <chrono>
@@ -19,9 +20,9 @@ namespace sv {
 // Errors of choosing and connecting a window system.
 inline constexpr const char* kUIErrorDomain = "org.sorvel.UIErrorDomain";
 enum UIErrorCode : int64_t {
-    kUIErrorNoDisplay = 1,          // no X display is named
-    kUIErrorCannotConnect = 2,      // the X server cannot be reached
-    kUIErrorUnsupportedServer = 3,  // the server has no such screen
+    kUIErrorNoDisplay = 1,          // no X display (Wayland compositor) is named
+    kUIErrorCannotConnect = 2,      // the X server (compositor) cannot be reached
+    kUIErrorUnsupportedServer = 3,  // the server has no such screen (lists no toplevels)
     kUIErrorSetupFailed = 4,        // the window system's own resources cannot be made
 };
 
@@ -56,19 +57,22 @@ class UiBackend {
     }
 };
 
-enum class UiBackendKind { Automatic, X11, Synthetic };
+enum class UiBackendKind { Automatic, X11, Wayland, Synthetic };
 
-// "x11", "synthetic", "auto"/"automatic"; nullopt for anything else.
+// "x11", "wayland", "synthetic", "auto"/"automatic"; nullopt for anything
+// else.
 std::optional<UiBackendKind> parseUiBackendKind(std::string_view text);
 
 // Automatic: SORVEL_SCREEN_BACKEND (x11|synthetic) when set, so that the
 // window system always matches the screen that is recorded; otherwise X11
 // when $DISPLAY names a display, otherwise synthetic. X11: the server named
 // by $DISPLAY, tracked once it answers (X11WindowSystem::connect with
-// waitForServer); an error (kUIErrorDomain) when no display is named. Synthetic: a window system on
-// `display`; when null, on the display of the process's screen backend if that is synthetic (so
-// that the recorded screen and the window system show the same layers), else on a new display. Logs
-// the choice.
+// waitForServer); an error (kUIErrorDomain) when no display is named. Wayland: the compositor
+// named by $WAYLAND_DISPLAY (WaylandWindowSystem::connect); an error when it does not answer or
+// lists no toplevels to clients, or where the Wayland window system is not built. Synthetic: a
+// window system on `display`; when null, on the display of the process's screen backend if that is
+// synthetic (so that the recorded screen and the window system show the same layers), else on a new
+// display. Logs the choice.
 Result<std::shared_ptr<UiBackend>> makeUiBackend(
     UiBackendKind kind = UiBackendKind::Automatic,
     std::shared_ptr<SyntheticDisplay> display = nullptr);
