@@ -199,10 +199,23 @@ bool setUpBackends(const Options& options) {
     auto screen = sv::processScreenBackend();
     const bool synthetic = std::dynamic_pointer_cast<sv::SyntheticScreenBackend>(screen) != nullptr;
     // A Wayland desktop is seen through its X server (Xwayland) when it has
-    // one; without one there is no window system to watch.
+    // one; without one, through the compositor's list of toplevels where it
+    // offers one (wlroots compositors), else there is no window system to
+    // watch.
     const char* display = std::getenv("DISPLAY");
-    const bool x11 = !synthetic && (!screen || screen->name() != "portal" || (display && *display));
-    auto ui = sv::makeUiBackend(x11 ? sv::UiBackendKind::X11 : sv::UiBackendKind::Synthetic);
+    const bool portal = !synthetic && screen && screen->name() == "portal";
+    const bool x11 = !synthetic && (!portal || (display && *display));
+    auto ui = [&]() -> sv::Result<std::shared_ptr<sv::UiBackend>> {
+        if (portal && !x11) {
+            auto wayland = sv::makeUiBackend(sv::UiBackendKind::Wayland);
+            if (wayland) return wayland;
+            sv::log::info(
+                "UI: no foreground tracking on this Wayland desktop (%@): applications are "
+                "frontmost as they start recording",
+                wayland.error().message());
+        }
+        return sv::makeUiBackend(x11 ? sv::UiBackendKind::X11 : sv::UiBackendKind::Synthetic);
+    }();
     if (!ui) {
         std::fprintf(stderr, "sorveld: cannot use the window system: %s\n",
                      ui.error().message().c_str());
