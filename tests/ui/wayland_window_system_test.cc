@@ -110,12 +110,12 @@ TEST(WaylandWindowSystemTest, TheActivatedToplevelsAppIDIsFrontmostAsFocusMoves)
         GTEST_SKIP() << "no private Wayland desktop here: " << started.error().message();
     ASSERT_TRUE(started) << started.error().message();
     auto& desktop = *started;
+    test::InfoRecorder infos;  // outlives the monitor's deliveries
     auto connected = WaylandWindowSystem::connect(desktop->waylandDisplay());
     ASSERT_TRUE(connected) << connected.error().message() << desktop->logs();
     auto system = *connected;
     EXPECT_EQ(system->frontmostApplicationBundleIdentifier(), std::nullopt);
     auto monitor = system->makeApplicationStateMonitor();
-    test::InfoRecorder infos;
     monitor->setChangeHandler(infos.handler(monitor));
 
     auto frontmostIs = [&](std::optional<std::string> name) {
@@ -169,6 +169,8 @@ TEST(WaylandWindowSystemTest, TheActivatedToplevelsAppIDIsFrontmostAsFocusMoves)
     EXPECT_TRUE(test::eventually([&] { return !system->isConnected(); }));
     EXPECT_TRUE(system->applications().empty());
     EXPECT_EQ(system->currentLayout().elementCount(), 0u);
+    monitor->invalidate();
+    monitor->queue()->sync([] {});
 }
 
 }  // namespace
