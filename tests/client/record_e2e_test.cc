@@ -625,6 +625,8 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAWaylandDesktopGoesThroughItsPortal
         << daemon_.log();
     EXPECT_TRUE(daemon_.logged("Screen: using the portal screen backend (640x360)"))
         << daemon_.log();
+    // Without X, sway's toplevel list is the window system.
+    EXPECT_TRUE(daemon_.logged("UI: using the wayland window system")) << daemon_.log();
 
     pid_t p = record({"--system", "--duration", "2"});
     ASSERT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog() << desktop->logs();
