@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 
 #include <wayland-client.h>
@@ -96,8 +97,9 @@ std::unique_ptr<TestToplevel> showToplevel(const std::string& socket, const std:
 }
 
 // The first toplevel is frontmost; a second one, focused as it maps, takes
-// that from it; closing the second gives it back; the compositor dying leaves
-// nothing. What the window system reports and what a monitor is told agree.
+// that from it; the user focusing the first gives it back; the second closing
+// ends it; the compositor dying leaves nothing. What the window system reports and what a monitor
+// is told agree.
 TEST(WaylandWindowSystemTest, TheActivatedToplevelsAppIDIsFrontmostAsFocusMoves) {
     const char* ci = std::getenv("CI");
     const bool inCI = ci && std::string(ci) == "true";
@@ -144,9 +146,25 @@ TEST(WaylandWindowSystemTest, TheActivatedToplevelsAppIDIsFrontmostAsFocusMoves)
     ASSERT_EQ(layout.elementCount(), 2u);
     EXPECT_EQ(layout.elements.back().bundleIdentifier, second);  // the activated one on top
 
-    two.reset();
+    // The user focusing the first again (as a click would).
+    std::string swaySocket;
+    for (const auto& entry : std::filesystem::directory_iterator(desktop->directory() + "/run"))
+        if (entry.path().filename().string().starts_with("sway-ipc.")) swaySocket = entry.path();
+    ASSERT_FALSE(swaySocket.empty()) << desktop->logs();
+    ASSERT_EQ(std::system(
+                  ("SWAYSOCK=" + swaySocket + " swaymsg -q '[app_id=\"org.example.First\"] focus'")
+                      .c_str()),
+              0);
     ASSERT_TRUE(frontmostIs(first));
-    EXPECT_EQ(system->applicationState(second).state, kApplicationStateNotRunning);
+    EXPECT_EQ(system->applicationState(second).state,
+              kApplicationStateRunning | kApplicationStateForeground);
+
+    two.reset();
+    EXPECT_TRUE(test::eventually([&] {
+        system->synchronize(1s);
+        return system->applicationState(second).state == kApplicationStateNotRunning;
+    }));
+    EXPECT_EQ(system->frontmostApplicationBundleIdentifier(), first);
     // The monitor heard each move: the first lost the front and got it
     // back; the second had it and is gone.
     auto frontmostFlags = [](const std::vector<Value>& all, const std::string& name) {
