@@ -98,7 +98,8 @@ std::unique_ptr<TestToplevel> showToplevel(const std::string& socket, const std:
 
 // The first toplevel is frontmost; a second one, focused as it maps, takes
 // that from it; the user focusing the first gives it back; the second closing
-// ends it; the compositor dying leaves nothing. What the window system reports and what a monitor
+// ends it; a window of an odd app_id names nothing; the compositor dying
+// leaves nothing. What the window system reports and what a monitor
 // is told agree.
 TEST(WaylandWindowSystemTest, TheActivatedToplevelsAppIDIsFrontmostAsFocusMoves) {
     const char* ci = std::getenv("CI");
@@ -181,6 +182,15 @@ TEST(WaylandWindowSystemTest, TheActivatedToplevelsAppIDIsFrontmostAsFocusMoves)
     };
     EXPECT_TRUE(infos.waitForItems(heard)) << infos.size() << " changes";
     EXPECT_FALSE(infos.offQueue);
+
+    // An app_id that cannot name an application (a space, a slash) names
+    // none: the window counts in the layout, and nothing is frontmost.
+    auto odd = showToplevel(desktop->waylandDisplay(), "org.example.First /x");
+    ASSERT_TRUE(odd) << desktop->logs();
+    ASSERT_TRUE(frontmostIs(std::nullopt));
+    EXPECT_EQ(system->applications().size(), 1u);
+    ASSERT_EQ(system->currentLayout().elementCount(), 2u);
+    EXPECT_EQ(system->currentLayout().elements.back().bundleIdentifier, "");
 
     ASSERT_TRUE(desktop->killCompositor());
     EXPECT_TRUE(frontmostIs(std::nullopt));
