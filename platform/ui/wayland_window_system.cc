@@ -61,8 +61,10 @@ bool isAppID(const std::string& id) {
     });
 }
 
-// One wl_display_sync answered within the deadline, events dispatched.
-bool roundtripUntil(wl_display* display, std::chrono::steady_clock::time_point deadline) {
+// One wl_display_sync answered within the deadline, events dispatched; false
+// as well once `stopping` is set (`wake` is signalled then).
+bool roundtripUntil(wl_display* display, std::chrono::steady_clock::time_point deadline,
+                    const EventFd& wake, const std::atomic<bool>& stopping) {
     bool done = false;
     wl_callback* sync = wl_display_sync(display);
     if (!sync) return false;
@@ -70,15 +72,28 @@ bool roundtripUntil(wl_display* display, std::chrono::steady_clock::time_point d
         [](void* data, wl_callback*, uint32_t) { *static_cast<bool*>(data) = true; }};
     wl_callback_add_listener(sync, &listener, &done);
     while (!done) {
-        while (wl_display_prepare_read(display) != 0)
-            if (wl_display_dispatch_pending(display) < 0) break;
+        bool failed = false;
+        while (!failed && wl_display_prepare_read(display) != 0)
+            failed = wl_display_dispatch_pending(display) < 0;
+        if (failed) break;
+        if (done) {  // answered by events already queued
+            wl_display_cancel_read(display);
+            break;
+        }
         wl_display_flush(display);
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                               deadline - std::chrono::steady_clock::now())
                               .count();
-        pollfd p{wl_display_get_fd(display), POLLIN, 0};
-        if (left <= 0 || ::poll(&p, 1, int(left)) <= 0) {
+        pollfd p[2] = {{wl_display_get_fd(display), POLLIN, 0}, {wake.fd, POLLIN, 0}};
+        if (stopping.load() || left <= 0 || ::poll(p, 2, int(left)) <= 0 ||
+            !(p[0].revents & (POLLIN | POLLERR | POLLHUP))) {
             wl_display_cancel_read(display);
+            if (!stopping.load() && left > 0 && (p[1].revents & POLLIN)) {
+                // A synchronize() request: the event loop looks at requests
+                // before it waits, so the wake-up is not needed again.
+                wake.drain();
+                continue;
+            }
             break;
         }
         if (wl_display_read_events(display) < 0 || wl_display_dispatch_pending(display) < 0) break;
@@ -349,7 +364,7 @@ Result<void> WaylandWindowSystem::Core::attach() {
     if (!c->registry) return uiError(kUIErrorSetupFailed, "cannot list the compositor's globals");
     wl_registry_add_listener(c->registry, &kRegistryListener, c.get());
     const auto deadline = std::chrono::steady_clock::now() + kAttachTimeout;
-    if (!roundtripUntil(c->display.get(), deadline))
+    if (!roundtripUntil(c->display.get(), deadline, wake, stopping))
         return uiError(kUIErrorCannotConnect,
                        std::string("the Wayland compositor ") + name + " does not answer");
     if (!c->manager)
@@ -357,7 +372,7 @@ Result<void> WaylandWindowSystem::Core::attach() {
                        "the Wayland compositor lists no toplevels to clients "
                        "(no zwlr_foreign_toplevel_manager_v1)");
     // The toplevels that exist and their first `done`.
-    if (!roundtripUntil(c->display.get(), deadline))
+    if (!roundtripUntil(c->display.get(), deadline, wake, stopping))
         return uiError(kUIErrorCannotConnect,
                        std::string("the Wayland compositor ") + name + " does not answer");
     c->dirty = false;
