@@ -17,7 +17,6 @@ namespace sv {
 
 std::optional<UiBackendKind> parseUiBackendKind(std::string_view text) {
     if (text == "x11") return UiBackendKind::X11;
-    if (text == "wayland") return UiBackendKind::Wayland;
     if (text == "synthetic") return UiBackendKind::Synthetic;
     if (text == "auto" || text == "automatic") return UiBackendKind::Automatic;
     return std::nullopt;

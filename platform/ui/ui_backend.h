@@ -59,8 +59,9 @@ class UiBackend {
 
 enum class UiBackendKind { Automatic, X11, Wayland, Synthetic };
 
-// "x11", "wayland", "synthetic", "auto"/"automatic"; nullopt for anything
-// else.
+// "x11", "synthetic", "auto"/"automatic" (the names SORVEL_SCREEN_BACKEND
+// shares with the screen backends); nullopt for anything else. Wayland is
+// chosen by the daemon alone, beside the portal screen.
 std::optional<UiBackendKind> parseUiBackendKind(std::string_view text);
 
 // Automatic: SORVEL_SCREEN_BACKEND (x11|synthetic) when set, so that the
