@@ -28,8 +28,6 @@ namespace {
 constexpr uint32_t kManagerVersion = 3;
 // How long connecting waits for the compositor's answers.
 constexpr std::chrono::seconds kAttachTimeout{5};
-// Texts longer than this from the compositor are cut (titles are logged).
-constexpr size_t kMaxTitle = 256;
 
 Error uiError(UIErrorCode code, const std::string& message) {
     return Error::make(kUIErrorDomain, code, message);
@@ -110,10 +108,10 @@ struct Toplevel {
     uint32_t serial = 0;
     // Applied at `done`; the pending values collect the events before it.
     bool known = false;
-    std::string appID, title;
+    std::string appID;
     bool activated = false, minimized = false;
     uint64_t activatedAt = 0;  // the activation tick it last became activated at
-    std::string pendingAppID, pendingTitle;
+    std::string pendingAppID;
     bool pendingActivated = false, pendingMinimized = false;
 };
 
@@ -149,7 +147,6 @@ void toplevelDone(void* data, zwlr_foreign_toplevel_handle_v1*) {
     if (t->pendingActivated && !t->activated) t->activatedAt = ++t->connection->activationTick;
     t->known = true;
     t->appID = t->pendingAppID;
-    t->title = t->pendingTitle;
     t->activated = t->pendingActivated;
     t->minimized = t->pendingMinimized;
     t->connection->dirty = true;
@@ -163,11 +160,8 @@ void toplevelClosed(void* data, zwlr_foreign_toplevel_handle_v1* proxy) {
 }
 
 const zwlr_foreign_toplevel_handle_v1_listener kToplevelListener = {
-    .title =
-        [](void* data, zwlr_foreign_toplevel_handle_v1*, const char* title) {
-            static_cast<Toplevel*>(data)->pendingTitle =
-                std::string(title ? title : "").substr(0, kMaxTitle);
-        },
+    // Titles name documents and pages: nothing the service needs or logs.
+    .title = [](void*, zwlr_foreign_toplevel_handle_v1*, const char*) {},
     .app_id =
         [](void* data, zwlr_foreign_toplevel_handle_v1*, const char* appID) {
             // Longer than any valid one: kept cut, so that it stays invalid.
