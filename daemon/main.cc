@@ -210,8 +210,8 @@ bool setUpBackends(const Options& options) {
             auto wayland = sv::makeUiBackend(sv::UiBackendKind::Wayland);
             if (wayland) return wayland;
             sv::log::info(
-                "UI: no foreground tracking on this Wayland desktop (%@): applications are "
-                "frontmost as they start recording",
+                "UI: no foreground tracking on this Wayland desktop (%@): no application is "
+                "frontmost",
                 wayland.error().message());
         }
         return sv::makeUiBackend(x11 ? sv::UiBackendKind::X11 : sv::UiBackendKind::Synthetic);
