@@ -113,7 +113,7 @@ class ConsentAgentTest : public ::testing::Test {
         sv::test::writeFile(in, input);
         std::vector<std::string> argv{SORVEL, "consent-agent", "--runtime-dir", dir_};
         argv.insert(argv.end(), args.begin(), args.end());
-        child_ = sv::test::spawnWithInput(argv, env, in, out);
+        child_ = sv::test::spawnProcess(argv, env, out, in);
         EXPECT_GT(child_, 0);
         return out;
     }

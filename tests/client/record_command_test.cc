@@ -114,7 +114,7 @@ class RecordCommandTest : public ::testing::Test {
     }
     std::string run(std::vector<std::string> args, int& status) {
         std::string out = dir_ + "/output.txt";
-        child_ = sv::test::spawnWithInput(argv(std::move(args)), {}, "", out);
+        child_ = sv::test::spawnProcess(argv(std::move(args)), {}, out);
         status = sv::test::waitForExit(child_, 60s);
         child_ = -1;
         return sv::test::readFile(out);
@@ -188,7 +188,7 @@ TEST_F(RecordCommandTest, AnInterruptionKeepsTheMovieAndFails) {
     startShell();
     startDaemon();
     std::string out = dir_ + "/output.txt";
-    child_ = sv::test::spawnWithInput(argv({}), {}, "", out);
+    child_ = sv::test::spawnProcess(argv({}), {}, out);
     ASSERT_TRUE(daemon_->waitForCall(kStart));
     ASSERT_TRUE(shell_->waitForCall(kStatus));
     daemon_->callBack("recordingWarning:", ipc::Arguments().add(Value({{"code", "one"}})));
@@ -252,7 +252,7 @@ TEST_F(RecordCommandTest, FailuresPrintMessageAndCodeAndUsageErrorsExitWithTwo) 
         run(args, status);
         EXPECT_EQ(status, 2) << args[0];
     }
-    child_ = sv::test::spawnWithInput({SORVEL, "record", "--system"}, {}, "", dir_ + "/o");
+    child_ = sv::test::spawnProcess({SORVEL, "record", "--system"}, {}, dir_ + "/o");
     EXPECT_EQ(sv::test::waitForExit(child_, 60s), 2);  // no -o
     child_ = -1;
 }
@@ -283,7 +283,7 @@ TEST_F(RecordCommandTest, InterruptSignalStopsAndKeepsTheMovie) {
     startShell();
     startDaemon();
     std::string out = dir_ + "/output.txt";
-    child_ = sv::test::spawnWithInput(argv({}), {}, "", out);
+    child_ = sv::test::spawnProcess(argv({}), {}, out);
     ASSERT_TRUE(shell_->waitForCall(kStatus));
     kill(child_, SIGINT);
     EXPECT_EQ(sv::test::waitForExit(child_, 60s), 0) << sv::test::readFile(out);
@@ -293,7 +293,7 @@ TEST_F(RecordCommandTest, InterruptSignalStopsAndKeepsTheMovie) {
 
     daemon_->die();
     startDaemon(std::nullopt);  // the start is never answered: the alert is up
-    child_ = sv::test::spawnWithInput(argv({}), {}, "", out);
+    child_ = sv::test::spawnProcess(argv({}), {}, out);
     ASSERT_TRUE(daemon_->waitForCall(kStart));
     kill(child_, SIGTERM);
     EXPECT_EQ(sv::test::waitForExit(child_, 60s), 1);

@@ -83,8 +83,7 @@ class RecordEndToEndTest : public ::testing::Test {
     // A consent agent that answers every question with `answer`.
     void startAgent(const std::string& answer) {
         std::string log = dir_ + "/agent-" + answer + ".log";
-        agent_ =
-            sv::test::spawnWithInput({SORVEL, "consent-agent", "--answer", answer}, env_, "", log);
+        agent_ = sv::test::spawnProcess({SORVEL, "consent-agent", "--answer", answer}, env_, log);
         ASSERT_TRUE(sv::test::eventually(
             [&] { return contains(sv::test::readFile(log), "registered with the service"); }, 30s));
     }
@@ -92,7 +91,7 @@ class RecordEndToEndTest : public ::testing::Test {
     pid_t record(std::vector<std::string> args) {
         std::vector<std::string> argv{SORVEL, "record", "-o", output()};
         argv.insert(argv.end(), args.begin(), args.end());
-        return sv::test::spawnWithInput(argv, env_, "", dir_ + "/record.log");
+        return sv::test::spawnProcess(argv, env_, dir_ + "/record.log");
     }
     std::string recordLog() const { return sv::test::readFile(dir_ + "/record.log"); }
     void waitForRecording() {
@@ -102,7 +101,7 @@ class RecordEndToEndTest : public ::testing::Test {
     int shell(std::vector<std::string> args) {
         std::vector<std::string> argv{SORVEL, "shell"};
         argv.insert(argv.end(), args.begin(), args.end());
-        pid_t p = sv::test::spawnWithInput(argv, env_, "", dir_ + "/shell.log");
+        pid_t p = sv::test::spawnProcess(argv, env_, dir_ + "/shell.log");
         return sv::test::waitForExit(p, 30s);
     }
 
@@ -445,7 +444,7 @@ TEST_F(RecordEndToEndTest, BroadcastsALiveHLSStreamThroughTheUploadExtension) {
     auto broadcast = [&](std::vector<std::string> args, const std::string& log) {
         std::vector<std::string> argv{SORVEL, "record", "--broadcast"};
         argv.insert(argv.end(), args.begin(), args.end());
-        return sv::test::spawnWithInput(argv, env_, "", dir_ + "/" + log);
+        return sv::test::spawnProcess(argv, env_, dir_ + "/" + log);
     };
     auto lines = [&](const std::string& log, const std::string& part) {
         std::vector<std::string> found;
@@ -590,7 +589,7 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
                               .c_str()),
               0)
         << "xrandr (scripts/install-deps.sh installs it)";
-    pid_t list = sv::test::spawnWithInput({SORVEL, "monitors"}, env_, "", dir_ + "/monitors.log");
+    pid_t list = sv::test::spawnProcess({SORVEL, "monitors"}, env_, dir_ + "/monitors.log");
     EXPECT_EQ(sv::test::waitForExit(list, 30s), 0);
     EXPECT_TRUE(contains(sv::test::readFile(dir_ + "/monitors.log"), " SV-RIGHT 320x360+320+0"))
         << sv::test::readFile(dir_ + "/monitors.log");
@@ -624,7 +623,7 @@ TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
     ASSERT_TRUE(started) << started.error().message();
     auto x = std::move(*started);
     env_.push_back("DISPLAY=" + x->displayName());
-    pid_t wm = sv::test::spawnWithInput({"/usr/bin/openbox"}, env_, "", dir_ + "/openbox.log");
+    pid_t wm = sv::test::spawnProcess({"/usr/bin/openbox"}, env_, dir_ + "/openbox.log");
     ASSERT_GT(wm, 0) << "openbox is not installed (scripts/install-deps.sh installs it)";
     daemon_.stop(SIGTERM);
     ASSERT_TRUE(daemon_.start(
@@ -633,8 +632,7 @@ TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
         << daemon_.log();
     startAgent("accept");
     const std::string movie = dir_ + "/window.mp4", appLog = dir_ + "/app.log";
-    pid_t app =
-        sv::test::spawnWithInput({X11_RECORDER, "--seconds", "3", "-o", movie}, env_, "", appLog);
+    pid_t app = sv::test::spawnProcess({X11_RECORDER, "--seconds", "3", "-o", movie}, env_, appLog);
     ASSERT_TRUE(sv::test::eventually(
         [&] { return contains(sv::test::readFile(appLog), "x11-recorder: recording"); }, 60s))
         << sv::test::readFile(appLog) << daemon_.log();

@@ -36,8 +36,6 @@
 #include "tests/process/private_daemon.h"
 #include "tests/process/process_helpers.h"
 
-extern char** environ;
-
 using namespace sv;
 using namespace std::chrono_literals;
 using sv::test::eventually;
@@ -61,10 +59,7 @@ class App {
     App(const std::string& executable, const std::string& runtimeDir, const std::string& log) {
         int in[2], out[2];
         if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-        std::vector<std::string> env;
-        for (char** e = environ; *e; ++e)
-            if (std::strncmp(*e, "SORVEL_RUNTIME_DIR=", 19) != 0) env.emplace_back(*e);
-        env.push_back("SORVEL_RUNTIME_DIR=" + runtimeDir);
+        std::vector<std::string> env = test::environmentWith({"SORVEL_RUNTIME_DIR=" + runtimeDir});
         std::vector<char*> a{const_cast<char*>(executable.c_str()), nullptr}, en;
         for (auto& s : env) en.push_back(s.data());
         en.push_back(nullptr);
@@ -642,8 +637,15 @@ TEST_F(RecordingTest, LockButtonAndStoragePressure) {
 
     EXPECT_EQ(start(alpha), 0);  // exempt now
     ASSERT_TRUE(recorded(alpha, 5));
+    // Low urgency leaves even a days-old movie alone while recording; the
+    // periodic clean-up takes it all the same.
+    const std::string old = store_ + "old.mp4";
+    std::ofstream(old) << std::string(1000, 'm');
+    std::filesystem::last_write_time(old, std::filesystem::file_time_type::clock::now() - 48h);
     auto low = shell().purgeAndWait(0, 2);
     EXPECT_EQ(low.bytes, 0);
+    EXPECT_TRUE(exists(old));
+    EXPECT_EQ(shell().periodicAndWait(0, 0).bytes, 1000);
     ASSERT_TRUE(recorded(alpha, 15));
     EXPECT_FALSE(alpha.has("callback "));
     // The store holds the recording's partial movie alone (it took the

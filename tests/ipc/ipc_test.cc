@@ -513,20 +513,14 @@ TEST_F(IpcTest, EachUserHoldsAtMostTheLimitOfConnections) {
     EXPECT_EQ(capture.countContaining("ipc: refusing connections"), 2u);
 }
 
-// Back-pressure loses nothing: while a peer does not read its replies the
-// service stops reading its calls (the peer's sends block), and once the
-// peer reads again every call is answered, in order.
-TEST_F(IpcTest, APeerThatStopsReadingIsPausedAndLosesNothing) {
-    ListenerOptions options;
-    options.stalledPeerTimeout = 10min;  // not what this test is about, even when slow
-    listen(options);
-    auto peer = test::RawPeer::connect(servicePath(service_));
-    ASSERT_TRUE(peer.valid());
-    Value payload = std::string(2000, 'x');
+// Sends echo calls until the service stops reading them (the sends block
+// for a while); how many were sent.
+uint64_t sendUntilBlocked(test::RawPeer& peer) {
+    const Value payload = std::string(2000, 'x');
     uint64_t sent = 0;
     auto blockedSince = std::chrono::steady_clock::now();
     bool blocked = false;
-    ASSERT_TRUE(eventually(
+    EXPECT_TRUE(eventually(
         [&] {
             for (int i = 0; i < 64; ++i) {
                 if (!peer.trySend(call("echo:withReply:", Value::array({payload, sent + 1})))) {
@@ -540,6 +534,19 @@ TEST_F(IpcTest, APeerThatStopsReadingIsPausedAndLosesNothing) {
             return false;
         },
         30s));
+    return sent;
+}
+
+// Back-pressure loses nothing: while a peer does not read its replies the
+// service stops reading its calls (the peer's sends block), and once the
+// peer reads again every call is answered, in order.
+TEST_F(IpcTest, APeerThatStopsReadingIsPausedAndLosesNothing) {
+    ListenerOptions options;
+    options.stalledPeerTimeout = 10min;  // not what this test is about, even when slow
+    listen(options);
+    auto peer = test::RawPeer::connect(servicePath(service_));
+    ASSERT_TRUE(peer.valid());
+    const uint64_t sent = sendUntilBlocked(peer);
     // The service read only a bounded part of the calls.
     EXPECT_GT(sent, kReadPauseQueuedMessages);
 
@@ -553,6 +560,22 @@ TEST_F(IpcTest, APeerThatStopsReadingIsPausedAndLosesNothing) {
     EXPECT_TRUE(
         test::callAndWait(peer, call("echo:withReply:", Value::array({1, sent + 1})), sent + 1));
     EXPECT_EQ(server_->invalidations, 0);
+}
+
+// A peer that takes nothing sent to it for the stall timeout is disconnected,
+// with one line; a peer that reads is served throughout.
+TEST_F(IpcTest, APeerThatNeverReadsIsDisconnectedAfterTheStallTimeout) {
+    ListenerOptions options;
+    options.stalledPeerTimeout = 1s;
+    listen(options);
+    log::Capture capture;
+    auto reader = test::RawPeer::connect(servicePath(service_));
+    auto hostile = test::RawPeer::connect(servicePath(service_), 4096);
+    sendUntilBlocked(hostile);
+    EXPECT_TRUE(test::callAndWait(reader, call("echo:withReply:", Value::array({1, 1})), 1));
+    EXPECT_TRUE(hostile.hungUp(30s));
+    EXPECT_TRUE(test::callAndWait(reader, call("echo:withReply:", Value::array({1, 2})), 2));
+    EXPECT_EQ(capture.countContaining("it has taken nothing sent to it"), 1u);
 }
 
 // Nobody else can stand in for a service: a socket served by another user
