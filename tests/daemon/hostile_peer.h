@@ -123,12 +123,14 @@ class RawPeer {
 
     // Connects to the socket at `path`; invalid when the connection is
     // refused or the backlog is full. `receiveBuffer` > 0 shrinks the socket's
-    // receive buffer (a peer that means not to read).
-    static RawPeer connect(const std::string& path, int receiveBuffer = 0) {
+    // receive buffer (a peer that means not to read); `sendBuffer` > 0 sets
+    // the send buffer (a peer that sends oversized messages).
+    static RawPeer connect(const std::string& path, int receiveBuffer = 0, int sendBuffer = 0) {
         int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         if (fd < 0) return RawPeer();
         if (receiveBuffer > 0)
             setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+        if (sendBuffer > 0) setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
         std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
@@ -146,16 +148,30 @@ class RawPeer {
         fd_ = -1;
     }
 
-    // Sends one datagram without waiting; false when the socket would block
-    // or is broken.
-    bool trySend(const Bytes& bytes) {
-        return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
-               ssize_t(bytes.size());
+    // Sends one datagram (with `fds` attached) without waiting; false when
+    // the socket would block or is broken.
+    bool trySend(const Bytes& bytes, const std::vector<int>& fds = {}) {
+        iovec iov{const_cast<uint8_t*>(bytes.data()), bytes.size()};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        std::vector<char> control(CMSG_SPACE(sizeof(int) * fds.size()));
+        if (!fds.empty()) {
+            msg.msg_control = control.data();
+            msg.msg_controllen = control.size();
+            cmsghdr* c = CMSG_FIRSTHDR(&msg);
+            c->cmsg_level = SOL_SOCKET;
+            c->cmsg_type = SCM_RIGHTS;
+            c->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
+            std::memcpy(CMSG_DATA(c), fds.data(), sizeof(int) * fds.size());
+        }
+        return ::sendmsg(fd_, &msg, MSG_NOSIGNAL | MSG_DONTWAIT) == ssize_t(bytes.size());
     }
     // Sends one datagram, waiting up to `timeout` for room.
-    bool send(const Bytes& bytes, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    bool send(const Bytes& bytes, const std::vector<int>& fds = {},
+              std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
         auto end = std::chrono::steady_clock::now() + timeout;
-        while (!trySend(bytes)) {
+        while (!trySend(bytes, fds)) {
             if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
             if (!waitFor(POLLOUT, end)) return false;
         }
@@ -239,7 +255,7 @@ inline bool callAndWait(RawPeer& p, const Bytes& call, uint64_t replyId,
                         std::chrono::milliseconds timeout) {
     using Clock = std::chrono::steady_clock;
     auto end = Clock::now() + timeout;
-    if (!p.send(call, timeout)) return false;
+    if (!p.send(call, {}, timeout)) return false;
     while (Clock::now() < end) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
         auto m = p.receive(left + std::chrono::milliseconds(1));
