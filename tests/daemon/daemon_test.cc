@@ -60,34 +60,27 @@ class DaemonTest : public ::testing::Test {
                       &log_ = daemon.logPath;
 };
 
-TEST_F(DaemonTest, StartsWithItsStoreAndEndsOnSigterm) {
+// One idle daemon through its life: its store and socket, a second daemon
+// refused, purge calls by urgency, the lock button, the command-line shell,
+// and the end on SIGTERM.
+TEST_F(DaemonTest, AnIdleDaemonAnswersTheShellAndEndsOnSigterm) {
     startDaemon();
     struct stat st {};
     ASSERT_EQ(stat(store_.c_str(), &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0700u);
     EXPECT_TRUE(exists(ipc::servicePath(kDaemonServiceName)));
-
     // A second daemon on the same runtime directory refuses to start.
     pid_t second =
         spawnProcess({SORVELD, "--runtime-dir", run_, "--home", home_, "--log-level", "quiet"});
     EXPECT_EQ(waitForExit(second), 1);
 
-    EXPECT_EQ(daemon.stop(SIGTERM), 255);  // the entry point returns -1 when its run loop ends
-    EXPECT_EQ(daemon.logCount("sorveld Starting!"), 1u);
-    EXPECT_FALSE(exists(ipc::servicePath(kShellServiceName)));
-}
-
-TEST_F(DaemonTest, AnswersPurgeCallsByUrgencyWhileIdle) {
-    startDaemon();
     makeFile(store_ + "old1.mp4", 1000, 2 * 86400s);
     makeFile(store_ + "old2.mp4", 2000, 86400s + 60s);
     makeFile(store_ + "new.mp4", 500, 3600s);
     ShellClient shell;
-
     auto r = shell.purgeableSpaceAndWait(0);
     ASSERT_FALSE(r.error) << r.error->description();
-    struct stat st {};
     ASSERT_EQ(stat(store_.c_str(), &st), 0);
     EXPECT_EQ(r.bytes, int64_t(st.st_size));  // the size attribute of the store directory
 
@@ -102,8 +95,17 @@ TEST_F(DaemonTest, AnswersPurgeCallsByUrgencyWhileIdle) {
     r = shell.periodicAndWait(0, 0);
     EXPECT_EQ(r.bytes, 700);
     EXPECT_TRUE(exists(store_ + "new.mp4"));
-
     EXPECT_FALSE(shell.cancelPurgeAndWait().error);
+
+    // The lock button while idle changes nothing; the command-line tool
+    // speaks for the shell as well.
+    EXPECT_FALSE(shell.lockButtonPressedAndWait().error);
+    EXPECT_TRUE(daemon.logged("SVRecordingManager: _handleLockButtonWasPressedNotification"));
+    pid_t cli = spawnProcess({SORVEL, "shell", "--runtime-dir", run_, "lock"});
+    EXPECT_EQ(waitForExit(cli), 0);
+    EXPECT_TRUE(daemon.logged("SVRecordingManager: _handleLockButtonWasPressedNotification", 2));
+    EXPECT_EQ(daemon.logCount("stopRecordingWithHandler"), 0u);
+    EXPECT_TRUE(exists(store_ + "new.mp4"));
 
     // A sparse file: byte counts beyond 32 bits travel whole.
     constexpr int64_t kHuge = int64_t(3) << 30;
@@ -114,22 +116,10 @@ TEST_F(DaemonTest, AnswersPurgeCallsByUrgencyWhileIdle) {
     EXPECT_TRUE(std::filesystem::is_empty(store_));
     EXPECT_TRUE(daemon.logged("SVRecordingManager: cache delete purge callback"));
     EXPECT_TRUE(daemon.logged("SVRecordingManager: cache delete periodic callback"));
-}
 
-TEST_F(DaemonTest, LockButtonWhileIdleChangesNothing) {
-    startDaemon();
-    makeFile(store_ + "keep.mp4", 100, 60s);
-    ShellClient shell;
-    EXPECT_FALSE(shell.lockButtonPressedAndWait().error);
-    EXPECT_TRUE(daemon.logged("SVRecordingManager: _handleLockButtonWasPressedNotification"));
-    EXPECT_EQ(daemon.logCount("stopRecordingWithHandler"), 0u);
-    EXPECT_TRUE(exists(store_ + "keep.mp4"));
-    EXPECT_FALSE(shell.purgeableSpaceAndWait(0).error);  // still serving
-
-    // The command-line tool speaks for the shell as well.
-    pid_t cli = spawnProcess({SORVEL, "shell", "--runtime-dir", run_, "lock"});
-    EXPECT_EQ(waitForExit(cli), 0);
-    daemon.stop(SIGTERM);
+    EXPECT_EQ(daemon.stop(SIGTERM), 255);  // the entry point returns -1 when its run loop ends
+    EXPECT_EQ(daemon.logCount("sorveld Starting!"), 1u);
+    EXPECT_FALSE(exists(ipc::servicePath(kShellServiceName)));
     cli = spawnProcess({SORVEL, "shell", "--runtime-dir", run_, "purge", "--urgency", "3"});
     EXPECT_EQ(waitForExit(cli), 1);  // nobody answers
 }

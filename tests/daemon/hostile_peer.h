@@ -111,14 +111,6 @@ class RawPeer {
     RawPeer() = default;
     explicit RawPeer(int fd) : fd_(fd) {}
     RawPeer(RawPeer&& o) noexcept : fd_(std::exchange(o.fd_, -1)), buffer_(std::move(o.buffer_)) {}
-    RawPeer& operator=(RawPeer&& o) noexcept {
-        if (this != &o) {
-            close();
-            fd_ = std::exchange(o.fd_, -1);
-            buffer_ = std::move(o.buffer_);
-        }
-        return *this;
-    }
     ~RawPeer() { close(); }
 
     // Connects to the socket at `path`; invalid when the connection is
