@@ -17,6 +17,7 @@
 
 using namespace sv;
 using namespace std::chrono_literals;
+using sv::test::contains;
 using sv::test::FakeService;
 
 namespace {
@@ -29,15 +30,9 @@ constexpr const char* kStopClip = "stopRecordingWithStartClipDuration:endClipDur
 constexpr const char* kLayers = "layerContextIDsForCallerWithHandler:";
 constexpr const char* kStatus = "recordingStatusForCallerWithHandler:";
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 class RecordCommandTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        dir_ = sv::test::makeTempDir("sv-record-");
-        ASSERT_FALSE(dir_.empty());
         ipc::setRuntimeDirectory(dir_);
         movie_ = dir_ + "/home/Library/Sorvel/movie.mp4";  // in the service's store
         output_ = dir_ + "/out/recording.mp4";
@@ -51,7 +46,6 @@ class RecordCommandTest : public ::testing::Test {
         }
         if (daemon_) daemon_->die();
         if (shell_) shell_->die();
-        std::filesystem::remove_all(dir_);
     }
 
     // The shell channel: layers (none at first, as before the daemon has
@@ -120,7 +114,9 @@ class RecordCommandTest : public ::testing::Test {
         return sv::test::readFile(out);
     }
 
-    std::string dir_, movie_, output_;
+    sv::test::TempDir tmp_;
+    const std::string& dir_ = tmp_.path();
+    std::string movie_, output_;
     std::shared_ptr<FakeService> daemon_, shell_;
     // The recording's state, as the daemon changes it and the shell reports it.
     std::shared_ptr<std::atomic<bool>> paused_ = std::make_shared<std::atomic<bool>>(false),

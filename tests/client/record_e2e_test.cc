@@ -34,12 +34,9 @@
 
 using namespace sv;
 using namespace std::chrono_literals;
+using sv::test::contains;
 
 namespace {
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 class RecordEndToEndTest : public ::testing::Test {
   protected:

@@ -19,6 +19,7 @@
 
 using namespace sv;
 using namespace std::chrono_literals;
+using sv::test::contains;
 using sv::test::eventually;
 using sv::test::PrivateDaemon;
 using sv::test::spawnProcess;
@@ -34,10 +35,6 @@ void makeFile(const std::string& path, size_t size, std::chrono::seconds age) {
     times[0].tv_sec -= age.count();
     times[1] = times[0];
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-}
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
 }
 
 bool exists(const std::string& path) {

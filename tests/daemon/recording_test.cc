@@ -879,49 +879,43 @@ TEST_F(RecordingTest, MalformedRequestsAreDropped) {
     connection->setExportedInterface(clientProtocolInterface());
     connection->setExportedObject(std::make_shared<ipc::MethodTable>());
     connection->resume();
-    std::mutex mutex;
-    std::vector<std::string> answered;  // methods in the order they were answered
-    auto call = [&](const std::string& name, const std::string& method, ipc::Arguments args) {
-        connection->remoteObjectProxyWithErrorHandler([](const Error&) {})
-            .call(method, args, [&, name](const ipc::Received&) {
-                std::lock_guard lock(mutex);
-                answered.push_back(name);
-            });
-    };
     auto startArgs = [](Value ids, Value size) {
-        return ipc::Arguments()
-            .add(std::move(ids))
-            .add(std::move(size))
-            .add(Value(false))
-            .add(Value(false))
-            .add(Value(false))
-            .add(Value(false));
+        ipc::Arguments a;
+        a.add(std::move(ids)).add(std::move(size));
+        for (int i = 0; i < 4; ++i) a.add(Value(false));
+        return a;
     };
     const Value size{{"width", 10}, {"height", 10}};
-    call("wide", method::kStartRecording,
-         startArgs(Value::array({1, 2}), Value{{"width", "wide"}}));
-    call("2^32", method::kStartRecording, startArgs(Value::array({int64_t(1) << 32}), size));
-    call("-1", method::kStartRecording, startArgs(Value::array({-1}), size));
-    call("nan", method::kStopRecordingWithClip,
-         ipc::Arguments().add(Value(std::nan(""))).add(Value(1.0)));
-    call("long", method::kSetupBroadcast,
-         ipc::Arguments()
-             .add(Value(std::string(300, 'a')))
-             .add(Value("x"))
-             .add(Value(nullptr))
-             .add(Value(nullptr)));
-    // Well-formed: this process lies in no bundle, so it is refused -5803.
-    call("last", method::kStartRecording, startArgs(Value::array({1}), size));
+    const std::tuple<std::string, const char*, ipc::Arguments> calls[] = {
+        {"wide", method::kStartRecording,
+         startArgs(Value::array({1, 2}), Value{{"width", "wide"}})},
+        {"2^32", method::kStartRecording, startArgs(Value::array({int64_t(1) << 32}), size)},
+        {"-1", method::kStartRecording, startArgs(Value::array({-1}), size)},
+        {"nan", method::kStopRecordingWithClip,
+         ipc::Arguments().add(Value(std::nan(""))).add(Value(1.0))},
+        {"long", method::kSetupBroadcast,
+         ipc::Arguments().add(Value(std::string(300, 'a'))).add(Value("x")).addNull().addNull()},
+        // Well-formed: this process lies in no bundle, so it is refused -5803.
+        {"last", method::kStartRecording, startArgs(Value::array({1}), size)},
+    };
+    struct First {
+        std::mutex mutex;
+        std::optional<std::string> answered;
+    };
+    auto first = std::make_shared<First>();
+    for (const auto& [name, method, args] : calls)
+        connection->remoteObjectProxyWithErrorHandler([](const Error&) {})
+            .call(method, args, [first, name = name](const ipc::Received&) {
+                std::lock_guard lock(first->mutex);
+                if (!first->answered) first->answered = name;
+            });
     ASSERT_TRUE(eventually(
         [&] {
-            std::lock_guard lock(mutex);
-            return !answered.empty();
+            std::lock_guard lock(first->mutex);
+            return first->answered.has_value();
         },
         kAnswer));
-    {
-        std::lock_guard lock(mutex);
-        EXPECT_EQ(answered, std::vector<std::string>{"last"});
-    }
+    EXPECT_EQ(*first->answered, "last");
     EXPECT_TRUE(
         logged("dropped: a layer context identifier is an integer from 0 to 4294967295", 2));
     EXPECT_TRUE(logged("dropped: clip durations are finite numbers"));

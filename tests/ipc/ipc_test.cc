@@ -18,6 +18,7 @@
 #include "tests/daemon/hostile_peer.h"
 #include "tests/ipc/test_protocol.h"
 #include "tests/process/process_helpers.h"
+#include "tests/support/test_util.h"
 
 using namespace sv;
 using namespace sv::ipc;
@@ -123,8 +124,6 @@ class Server : public ListenerDelegate, public std::enable_shared_from_this<Serv
 class IpcTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        dir_ = sv::test::makeTempDir("sv-ipc-");
-        ASSERT_FALSE(dir_.empty());
         setRuntimeDirectory(dir_);
         static int counter = 0;
         service_ = "org.sorvel.test" + std::to_string(getpid()) + "." + std::to_string(++counter);
@@ -133,7 +132,6 @@ class IpcTest : public ::testing::Test {
     void TearDown() override {
         if (listener_) listener_->invalidate();
         for (auto& c : server_->connections) c->invalidate();
-        std::filesystem::remove_all(dir_);
     }
 
     void listen(ListenerOptions options = {}) {
@@ -148,7 +146,9 @@ class IpcTest : public ::testing::Test {
         return spawnProcess(args, {"SORVEL_RUNTIME_DIR=" + dir_});
     }
 
-    std::string dir_, service_;
+    sv::test::TempDir tmp_;
+    const std::string& dir_ = tmp_.path();
+    std::string service_;
     std::shared_ptr<Server> server_;
     std::shared_ptr<Listener> listener_;
 };

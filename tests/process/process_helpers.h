@@ -65,6 +65,10 @@ inline pid_t spawnProcess(const std::vector<std::string>& argv,
     return rc == 0 ? pid : -1;
 }
 
+inline bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
 inline std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::stringstream s;
