@@ -155,20 +155,6 @@ TEST_F(RecordEndToEndTest, AnInterruptionKeepsTheMovie) {
     EXPECT_TRUE(inspected) << inspected.error().message();
 }
 
-TEST_F(RecordEndToEndTest, DecliningOrNoAgentFailsWithTheUsersAnswer) {
-    pid_t p = record({"--duration", "1"});  // nobody can ask the user
-    EXPECT_EQ(sv::test::waitForExit(p, 120s), 1);
-    EXPECT_TRUE(contains(recordLog(), "(org.sorvel.SVRecordingErrorDomain -5801)")) << recordLog();
-    startAgent("decline");
-    p = record({"--duration", "1"});
-    EXPECT_EQ(sv::test::waitForExit(p, 120s), 1);
-    EXPECT_TRUE(contains(recordLog(),
-                         "The user declined application recording "
-                         "(org.sorvel.SVRecordingErrorDomain -5801)"))
-        << recordLog();
-    EXPECT_FALSE(std::filesystem::exists(output()));
-}
-
 // The daemon is killed mid-recording and comes back: the recording fails as
 // interrupted, the next start recovers the movie into the store (all but
 // its last moments), the agent registers again, and the next recording works
