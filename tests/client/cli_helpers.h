@@ -58,17 +58,15 @@ class PtyChild {
     }
     // Exit status (as waitForExit counts it), reading the output meanwhile.
     int wait(std::chrono::seconds timeout) {
-        auto end = std::chrono::steady_clock::now() + timeout;
-        while (std::chrono::steady_clock::now() < end) {
-            int status = 0;
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                drain();
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            drain(std::chrono::milliseconds(20));
-        }
-        return -1;
+        int status = 0;
+        auto ended = [&] {
+            drain();
+            return waitpid(pid_, &status, WNOHANG) == pid_;
+        };
+        if (!eventually(ended, timeout)) return -1;
+        pid_ = -1;
+        drain();
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
   private:

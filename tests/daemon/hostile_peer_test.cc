@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -62,12 +61,10 @@ TEST_F(HostilePeerTest, DescriptorExhaustionPausesAcceptingWithoutSpinning) {
     // The daemon has taken what it can (a few of its descriptors come and go).
     ASSERT_TRUE(eventually([&] { return descriptorCount(daemon.pid()) >= 60; }));
 
-    // CPU over a window: a measurement, not a wait for something to happen.
+    // A retry loop would spend the whole window (what it costs otherwise is
+    // the benchmark's figure).
     const double before = cpuSeconds(daemon.pid());
-    std::this_thread::sleep_for(2s);
-    const double cpu = cpuSeconds(daemon.pid()) - before;
-    RecordProperty("cpu_seconds_in_2s_without_descriptors", std::to_string(cpu));
-    EXPECT_LT(cpu, 0.4);  // a retry loop spends the whole window
+    EXPECT_TRUE(stays([&] { return cpuSeconds(daemon.pid()) - before > 0.4; }, 2s));
     EXPECT_TRUE(callAndWait(connected, purgeableCall(2), 2));
     const std::string since = daemon.log().substr(mark);
     EXPECT_EQ(daemon.logCount("out of descriptors"), 1u);
