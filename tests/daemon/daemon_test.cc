@@ -21,6 +21,7 @@ using namespace sv;
 using namespace std::chrono_literals;
 using sv::test::contains;
 using sv::test::eventually;
+using sv::test::exists;
 using sv::test::PrivateDaemon;
 using sv::test::spawnProcess;
 using sv::test::waitForExit;
@@ -35,10 +36,6 @@ void makeFile(const std::string& path, size_t size, std::chrono::seconds age) {
     times[0].tv_sec -= age.count();
     times[1] = times[0];
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-}
-
-bool exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
 }
 
 class DaemonTest : public ::testing::Test {

@@ -39,6 +39,7 @@
 using namespace sv;
 using namespace std::chrono_literals;
 using sv::test::eventually;
+using sv::test::exists;
 using sv::test::PrivateDaemon;
 using sv::test::waitForExit;
 
@@ -47,10 +48,6 @@ namespace {
 constexpr auto kAnswer = 30s;  // generous: sanitizer builds on a busy machine
 const std::string kAlpha = "org.sorvel.tests.alpha";
 const std::string kBeta = "org.sorvel.tests.beta";
-
-bool exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
 
 // One test application: commands go to its standard input, its report
 // lines come from its standard output.
@@ -80,7 +77,6 @@ class App {
         if (pid_ > 0 && waitForExit(pid_, 10s) < 0) pid_ = -1;
         if (fromApp_ >= 0) close(fromApp_);
     }
-    pid_t pid() const { return pid_; }
 
     void send(const std::string& command) {
         std::string line = command + "\n";
@@ -303,27 +299,22 @@ class RecordingTest : public ::testing::Test {
         EXPECT_TRUE(answer) << "no answer to the start";
         return answer ? std::stoll(*answer) : 1;
     }
-    // Waits until the app's recording has written `frames` frames.
-    bool recorded(App& app, int64_t frames) {
-        return eventually(
-            [&] {
-                app.send("status");
-                auto s = app.expect("status ");
-                if (!s || *s == "null" || *s == "error") return false;
-                auto v = Value::parse(*s, nullptr, false);
-                return v.is_object() && v.value("framesWritten", int64_t(0)) >= frames;
-            },
-            kAnswer);
-    }
-    // Frames the app's last recording could not write (its encoder behind):
-    // what the movie may be missing. Kept after the recording ends.
-    int64_t framesDropped(App& app) {
+    // The app's recording status (its last recording's, once it ended); an
+    // empty object when there is none or it cannot be read.
+    Value status(App& app) {
         app.send("status");
         auto s = app.expect("status ");
         auto v = s ? Value::parse(*s, nullptr, false) : Value();
-        EXPECT_TRUE(v.is_object()) << (s ? *s : "no status");
-        return v.is_object() ? v.value("framesDropped", int64_t(0)) : 0;
+        return v.is_object() ? v : Value::object();
     }
+    // Waits until the app's recording has written `frames` frames.
+    bool recorded(App& app, int64_t frames) {
+        return eventually([&] { return status(app).value("framesWritten", int64_t(0)) >= frames; },
+                          kAnswer);
+    }
+    // Frames the app's last recording could not write (its encoder behind):
+    // what the movie may be missing.
+    int64_t framesDropped(App& app) { return status(app).value("framesDropped", int64_t(0)); }
     std::optional<StopReport> stop(App& app) {
         app.send("stop");
         return parseStop(app.expect("stopped "));
@@ -685,11 +676,7 @@ TEST_F(RecordingTest, PauseResumeTrimAndDiscard) {
     std::this_thread::sleep_for(1s);
     alpha.send("resume own");
     ASSERT_TRUE(logged("SVRecordingSession: resumeSessionWithContextID:"));
-    alpha.send("status");
-    auto before = alpha.expect("status ");
-    ASSERT_TRUE(before);
-    const int64_t framesBefore = Value::parse(*before).value("framesWritten", int64_t(0));
-    ASSERT_TRUE(recorded(alpha, framesBefore + 100));
+    ASSERT_TRUE(recorded(alpha, status(alpha).value("framesWritten", int64_t(0)) + 100));
     alpha.send("stopclip 1 1");
     auto trimmed = parseStop(alpha.expect("stopped "));
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - started;

@@ -65,6 +65,10 @@ inline pid_t spawnProcess(const std::vector<std::string>& argv,
     return rc == 0 ? pid : -1;
 }
 
+inline bool exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
 inline bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
