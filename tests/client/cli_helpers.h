@@ -17,6 +17,15 @@
 
 namespace sv::test {
 
+// spawnProcess with the arguments in the order some callers give them:
+// standard input from `inputFile` (/dev/null when empty), output to
+// `outputFile`.
+inline pid_t spawnWithInput(const std::vector<std::string>& argv,
+                            const std::vector<std::string>& extraEnv, const std::string& inputFile,
+                            const std::string& outputFile) {
+    return spawnProcess(argv, extraEnv, outputFile, inputFile.empty() ? "/dev/null" : inputFile);
+}
+
 // A child on a pseudo-terminal: what it writes is collected, keys are typed.
 class PtyChild {
   public:
