@@ -33,6 +33,7 @@
 #include "platform/system/system_alert.h"
 #include "platform/ui/ui_backend.h"
 #include "protocol/service_names.h"
+#include "session/recording_session.h"
 #include "support/movie_store.h"
 
 namespace {
@@ -55,10 +56,11 @@ void usage(FILE* out) {
         "  --audio-backend KIND  auto, pulse or synthetic: where microphone and application\n"
         "                        audio come from (default: $SORVEL_AUDIO_BACKEND, else\n"
         "                        PulseAudio when a server answers, else synthetic)\n"
-        "  --screen-backend KIND auto, x11 or synthetic: where screen frames come from and\n"
-        "                        which window system foreground tracking watches\n"
-        "                        (default: $SORVEL_SCREEN_BACKEND, else X11 when $DISPLAY\n"
-        "                        names a reachable server, else synthetic)\n"
+        "  --screen-backend KIND auto, x11, portal or synthetic: where screen frames come\n"
+        "                        from and which window system foreground tracking watches\n"
+        "                        (default: $SORVEL_SCREEN_BACKEND, else the screen-cast\n"
+        "                        portal when $WAYLAND_DISPLAY is set and it answers, else\n"
+        "                        X11 when $DISPLAY names a server, else synthetic)\n"
         "  --idle-exit SECONDS   when started by socket activation, end after this long with\n"
         "                        no recording and no connection but the consent agent's\n"
         "                        (default: 60)\n"
@@ -71,6 +73,9 @@ void usage(FILE* out) {
         "                        recordings without asking (repeatable; besides the sorvel\n"
         "                        built or installed beside sorveld and the entries of\n"
         "                        /etc/sorvel/trusted-agents)\n"
+        "  --extension-link-wait SECONDS\n"
+        "                        how long a sample-buffer broadcast waits for its\n"
+        "                        extension's link before recording without it (default 10)\n"
         "  --trusted-bundle-dir DIR\n"
         "                        take the manifests of bundles below DIR at their word even\n"
         "                        when others may write DIR or a directory above it\n"
@@ -98,6 +103,7 @@ struct Options {
     std::optional<sv::ScreenBackendKind> screenBackend;
     long idleExitSeconds = 60;
     long agentWaitSeconds = 0;
+    long extensionLinkWaitSeconds = 10;
     bool testClock = false;
     std::vector<std::string> trustedAgents, trustedBundleDirectories;
 };
@@ -139,9 +145,12 @@ int parse(int argc, char** argv, Options& o) {
             o.trustedBundleDirectories.push_back(v);
         } else if (a == "--test-clock") {
             o.testClock = true;
-        } else if ((a == "--idle-exit" || a == "--agent-wait") && (v = value())) {
+        } else if ((a == "--idle-exit" || a == "--agent-wait" || a == "--extension-link-wait") &&
+                   (v = value())) {
             char* end = nullptr;
-            long& seconds = a == "--idle-exit" ? o.idleExitSeconds : o.agentWaitSeconds;
+            long& seconds = a == "--idle-exit"    ? o.idleExitSeconds
+                            : a == "--agent-wait" ? o.agentWaitSeconds
+                                                  : o.extensionLinkWaitSeconds;
             errno = 0;
             seconds = std::strtol(v, &end, 10);
             if (!*v || *end || errno || seconds < 0 || seconds > 86400) {
@@ -202,8 +211,12 @@ int main(int argc, char** argv) {
         auto screen = sv::processScreenBackend();
         const bool synthetic =
             std::dynamic_pointer_cast<sv::SyntheticScreenBackend>(screen) != nullptr;
-        auto ui =
-            sv::makeUiBackend(synthetic ? sv::UiBackendKind::Synthetic : sv::UiBackendKind::X11);
+        // A Wayland desktop is seen through its X server (Xwayland) when it
+        // has one; without one there is no window system to watch.
+        const char* display = std::getenv("DISPLAY");
+        const bool x11 =
+            !synthetic && (!screen || screen->name() != "portal" || (display && *display));
+        auto ui = sv::makeUiBackend(x11 ? sv::UiBackendKind::X11 : sv::UiBackendKind::Synthetic);
         if (!ui) {
             std::fprintf(stderr, "sorveld: cannot use the window system: %s\n",
                          ui.error().message().c_str());
@@ -234,6 +247,8 @@ int main(int argc, char** argv) {
 
     // Consent alerts go to the consent agent that registers on the shell
     // channel.
+    sv::SVRecordingSession::setBroadcastLinkWait(
+        std::chrono::seconds(options.extensionLinkWaitSeconds));
     auto agents =
         sv::SVConsentAgentRegistry::create(std::chrono::seconds(options.agentWaitSeconds));
     sv::setAlertPresenter(agents);

@@ -96,6 +96,16 @@ class SVRecordingManager::SessionDelegate : public SVRecordingSessionDelegate {
         manager->queue()->async(
             [manager, serviceInfo] { manager->broadcastSessionDidUpdateServiceInfo(serviceInfo); });
     }
+    // On the live link's queue: to the session's own application.
+    void broadcastSessionLinkDidUpdateServiceInfo(const Value& serviceInfo) override {
+        auto session = session_.lock();
+        auto proxy = session ? session->clientProxy() : nullptr;
+        if (!proxy) {
+            log::error("SVRecordingManager: no application to pass service information to");
+            return;
+        }
+        proxy->updateBroadcastServiceInfo(serviceInfo);
+    }
 
   private:
     std::weak_ptr<SVRecordingManager> manager_;

@@ -7,19 +7,10 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "fuzz/fuzz_scratch.h"
 #include "platform/log.h"
 #include "platform/media/media_settings.h"
 #include "protocol/broadcast_configuration.h"
-
-namespace {
-
-// Equal, with NaN equal to NaN (a NaN never compares equal to itself).
-bool sameValue(const sv::Value& a, const sv::Value& b) {
-    using H = sv::Value::error_handler_t;
-    return a == b || a.dump(-1, ' ', false, H::replace) == b.dump(-1, ' ', false, H::replace);
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     sv::log::setOutputEnabled(false);
@@ -41,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // An empty dictionary is not written, so it comes back as none.
     const bool written = props && !props->empty();
     if (written != props2.has_value()) std::abort();
-    if (written && !sameValue(*props, *props2)) std::abort();
+    if (written && !sv::fuzz::sameValue(*props, *props2)) std::abort();
 
     // The writer's defaults with the record's properties over them.
     namespace m = sv::media;

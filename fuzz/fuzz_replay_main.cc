@@ -44,46 +44,13 @@ using Input = std::vector<uint8_t>;
 constexpr size_t kMaxInputBytes = 1 << 20;
 
 // Bytes and tokens that decoders of JSON and CBOR treat specially.
+// clang-format off
 const std::vector<std::string> kTokens = {
-    "{",
-    "}",
-    "[",
-    "]",
-    "\"",
-    ":",
-    ",",
-    "\\",
-    "\\u",
-    "\\ud800",
-    "null",
-    "true",
-    "false",
-    "-0",
-    "1e999",
-    "-1e999",
-    "0.5",
-    "4294967296",
-    "%@",
-    "%i",
-    "%li",
-    "%s",
-    "%n",
-    "%",
-    "\xc3\xa9",
-    "\xed\xa0\x80",
-    "\xff",
-    "\x7f",
-    "\x80",
-    "\x9f",
-    "\xbf",
-    "\xfb",
-    "\xf9\x7e\x00",
-    "\x1b\xff\xff\xff\xff\xff\xff\xff\xff",
-    "\xa1",
-    "\x81",
-    "\x5f",
-    "\x7f\xff",
-};
+    "{", "}", "[", "]", "\"", ":", ",", "\\", "\\u", "\\ud800", "null", "true", "false", "-0",
+    "1e999", "-1e999", "0.5", "4294967296", "%@", "%i", "%li", "%s", "%n", "%",
+    "\xc3\xa9", "\xed\xa0\x80", "\xff", "\x7f", "\x80", "\x9f", "\xbf", "\xfb", "\xf9\x7e\x00",
+    "\x1b\xff\xff\xff\xff\xff\xff\xff\xff", "\xa1", "\x81", "\x5f", "\x7f\xff"};
+// clang-format on
 
 std::string gTargetName = "fuzz";
 std::string gInputName;

@@ -1,4 +1,5 @@
-// A private scratch directory for fuzz targets whose decoders read files:
+// What the fuzz targets share: a NaN-tolerant comparison of decoded values,
+// and a private scratch directory for targets whose decoders read files:
 // under /dev/shm when it is writable (no disk I/O per input), else under
 // $TMPDIR or /tmp. Created on first use, removed when the process exits.
 #pragma once
@@ -11,7 +12,15 @@
 #include <filesystem>
 #include <string>
 
+#include "platform/value.h"
+
 namespace sv::fuzz {
+
+// Equal, with NaN equal to NaN (a NaN never compares equal to itself).
+inline bool sameValue(const Value& a, const Value& b) {
+    using H = Value::error_handler_t;
+    return a == b || a.dump(-1, ' ', false, H::replace) == b.dump(-1, ' ', false, H::replace);
+}
 
 inline const std::string& scratchDirectory() {
     // Never destroyed: the exit handler below still needs it.

@@ -9,16 +9,19 @@
 # With --broadcast it broadcasts instead, through the shipped HLS extension:
 #   sorvel record --broadcast org.sorvel.hls.upload --user-info '{"directory": "<dir>/live"}'
 # printing the service information as it arrives, then the live stream's
-# inspection (<dir>/live/index.m3u8 plays with ffplay).
-# Usage: scripts/demo.sh [--broadcast] [SECONDS]
+# inspection (<dir>/live/index.m3u8 plays with ffplay). With --processing it
+# broadcasts every frame and audio buffer live to the shipped processing
+# extension, which prints its measurements and writes <dir>/thumbs/thumbnail.png.
+# Usage: scripts/demo.sh [--broadcast | --processing] [SECONDS]
 set -euo pipefail
 cd "$(dirname "$0")/.."
-broadcast=false
+broadcast=false processing=false
 if [ "${1:-}" = "--broadcast" ]; then broadcast=true; shift; fi
+if [ "${1:-}" = "--processing" ]; then processing=true; shift; fi
 seconds="${1:-5}"
 
 scripts/install-deps.sh
-scripts/build.sh release --target sorveld sorvel hls-upload-extension
+scripts/build.sh release --target sorveld sorvel hls-upload-extension processing-extension
 build="$PWD/build/release"
 
 work="$(mktemp -d "${TMPDIR:-/tmp}/sorvel-demo-XXXXXX")"
@@ -54,6 +57,16 @@ for _ in $(seq 200); do
 done
 grep -q "registered with the service" "$work/consent-agent.log" ||
   { echo "the consent agent did not register; see $work/consent-agent.log" >&2; exit 1; }
+
+if $processing; then
+  mkdir -p "$work/thumbs"
+  echo "== broadcasting $seconds seconds to the processing extension (its figures:)"
+  "$build/client/sorvel" record --broadcast org.sorvel.measure.processing --mic \
+    --duration "$seconds" --user-info "{\"directory\": \"$work/thumbs\"}"
+  echo
+  echo "== the latest thumbnail: $work/thumbs/thumbnail.png"
+  exit 0
+fi
 
 if $broadcast; then
   mkdir -p "$work/live"

@@ -14,6 +14,8 @@ PACKAGES=(
   libpulse-dev pulseaudio pulseaudio-utils systemd
   libx11-dev libxext-dev libxfixes-dev libxrandr-dev
   libxcb1-dev libxcb-shm0-dev libxcb-composite0-dev libxcb-randr0-dev libxcb-xfixes0-dev libxcb-res0-dev xvfb openbox x11-xserver-utils
+  sway swaybg xdg-desktop-portal xdg-desktop-portal-wlr pipewire wireplumber libpipewire-0.3-dev libwayland-dev
+  dbus util-linux
   python3 python3-cbor2
   man-db groff-base bsdextrautils bash-completion dpkg-dev file
 )

@@ -8,12 +8,16 @@
 #include <chrono>
 #include <cinttypes>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <set>
+#include <span>
 #include <utility>
 
+#include "broadcast/broadcast_payload.h"
 #include "platform/host_clock.h"
 #include "platform/log.h"
+#include "protocol/broadcast_extension.h"
 #include "support/localization.h"
 #include "support/movie_store.h"
 #include "support/recording_errors.h"
@@ -469,7 +473,14 @@ void SVRecordingSession::stopWithError(const Error& error) {
             if (auto d = self->delegate()) d->recordingSessionStoppedWithError(error, movieURL);
     };
     auto writer = movieWriter_.load();
-    if (!writer || broadcastProcessMode() == kBroadcastProcessModeSampleBuffer) {
+    if (broadcastProcessMode() == kBroadcastProcessModeSampleBuffer) {
+        // The broadcast is over: the extension hears no finish, its link
+        // and process end.
+        _endExtensionLink();
+        tell(std::nullopt);
+        return;
+    }
+    if (!writer) {
         tell(std::nullopt);
         return;
     }
@@ -512,9 +523,9 @@ bool SVRecordingSession::finishSessionWithStartClipDuration(double startClipDura
     std::weak_ptr<SVRecordingSession> weak = weak_from_this();
     if (broadcastProcessMode() == kBroadcastProcessModeSampleBuffer) {
         _notifyExtensionOfAction(kBroadcastActionFinish, [weak, handler] {
-            if (handler) handler(std::nullopt, std::nullopt);
             // The link to the extension ends with the broadcast.
-            if (auto self = weak.lock()) self->setBroadcastUploadExtensionProxy(nullptr);
+            if (auto self = weak.lock()) self->_endExtensionLink();
+            if (handler) handler(std::nullopt, std::nullopt);
         });
         return true;
     }
@@ -669,15 +680,19 @@ void SVRecordingSession::_handOverSampleBuffer(const std::shared_ptr<SampleBuffe
                                           ? _affineTransformFromTransformFlags(transformFlags)
                                           : AffineTransform::identity();
     if (broadcastProcessMode() == kBroadcastProcessModeSampleBuffer) {
-        // The extension gets the frame as captured, not re-timed.
-        _notifyExtensionOfVideoSampleBuffer(original, kBroadcastSampleTypeVideo);
-        return;
-    }
-    auto writer = movieWriter_.load();
-    if (!writer) return;
-    if (!writer->appendVideoSampleBuffer(sample, transform)) {
-        framesDropped_.fetch_add(1);
-        return;
+        // The extension gets the frame as captured, not re-timed; the
+        // progress counts it on the recording's timeline.
+        if (!_notifyExtensionOfVideoSampleBuffer(original, kBroadcastSampleTypeVideo)) {
+            framesDropped_.fetch_add(1);
+            return;
+        }
+    } else {
+        auto writer = movieWriter_.load();
+        if (!writer) return;
+        if (!writer->appendVideoSampleBuffer(sample, transform)) {
+            framesDropped_.fetch_add(1);
+            return;
+        }
     }
     const double seconds = sample->presentationTime().seconds();
     if (framesWritten_.fetch_add(1) == 0) firstWrittenSeconds_.store(seconds);
@@ -696,9 +711,13 @@ SVRecordingSession::Progress SVRecordingSession::progress() const {
 // --- Failures ---------------------------------------------------------------------
 
 void SVRecordingSession::screenCaptureControllerDidFailWithStatus(ScreenCaptureController&,
-                                                                  int32_t) {
+                                                                  int32_t status) {
     log::error("SVRecordingSession: screenCaptureController: didFailWithStatus:");
-    stopWithError(_svUserErrorForCode(kSVRecordingErrorFailedDuringRecording));
+    // A desktop whose own sharing dialog the user cancelled is a refusal like
+    // the consent alert's.
+    stopWithError(_svUserErrorForCode(status == kScreenCaptureUserDeclined
+                                          ? kSVRecordingErrorUserDeclined
+                                          : kSVRecordingErrorFailedDuringRecording));
 }
 
 void SVRecordingSession::screenCaptureControllerWasPreempted(ScreenCaptureController&) {
@@ -824,10 +843,57 @@ OptionalError SVRecordingSession::enableBroadcastWithExtension(
     setBroadcastFragmentStartTime(MediaTime::invalid());
     setBroadcastFragmentIndex(1);
     setBroadcastProcessMode(processMode);
-    if (broadcastProcessMode() == kBroadcastProcessModeSampleBuffer) {
-        log::info("setting up extension proxy");
-        log::debug("SVRecordingSession: no link to processing extensions in this build");
+    _endExtensionLink();  // a link left from an earlier broadcast
+    if (broadcastProcessMode() != kBroadcastProcessModeSampleBuffer) return std::nullopt;
+    log::info("setting up extension proxy");
+    auto extensionNow = broadcastExtension_.load();
+    auto made = extensionNow
+                    ? SVBroadcastExtensionProxy::initWithBroadcastUploadExtension(extensionNow)
+                    : Result<std::shared_ptr<SVBroadcastExtensionProxy>>(Error::make(
+                          kExtensionErrorDomain, kExtensionErrorCannotStart, "no extension"));
+    if (!made) {
+        log::error("SVRecordingSession: no link to the extension: %@", made.error().description());
+        disableBroadcast();
+        return std::nullopt;
     }
+    auto proxy = std::move(*made);
+    std::weak_ptr<SVRecordingSession> weak = weak_from_this();
+    proxy->setServiceInfoHandler([weak](const Value& info) {
+        if (auto self = weak.lock())
+            if (auto d = self->delegate()) d->broadcastSessionLinkDidUpdateServiceInfo(info);
+    });
+    proxy->setErrorHandler([weak](const Error& error) {
+        if (auto self = weak.lock()) self->stopWithError(error);
+    });
+    // The first answer counts: a ping (ready) or the failure to start.
+    struct Wait {
+        std::mutex mutex;
+        std::condition_variable cv;
+        std::optional<OptionalError> result;
+    };
+    auto wait = std::make_shared<Wait>();
+    proxy->establishConnectionWithHandler([wait](OptionalError error) {
+        std::lock_guard lock(wait->mutex);
+        if (wait->result) return;
+        wait->result = std::move(error);
+        wait->cv.notify_all();
+    });
+    std::optional<OptionalError> result;
+    {
+        std::unique_lock lock(wait->mutex);
+        wait->cv.wait_for(lock, broadcastLinkWait(), [&] { return wait->result.has_value(); });
+        result = wait->result;
+    }
+    if (!result || *result) {
+        if (!result)
+            log::error("SVRecordingSession: the extension's link did not come up within %li ms",
+                       long(broadcastLinkWait().count()));
+        proxy->invalidateConnection();
+        disableBroadcast();
+        return std::nullopt;
+    }
+    log::info("connection to extensions ready");
+    setBroadcastUploadExtensionProxy(std::move(proxy));
     return std::nullopt;
 }
 
@@ -980,18 +1046,147 @@ void SVRecordingSession::_finishPreviousFragment(std::function<void()> then,
 }
 
 void SVRecordingSession::_notifyExtensionOfAction(int32_t action, ActionCompletion completion) {
-    log::debug("SVRecordingSession: extension action %i not sent: no extension link", action);
-    if (completion) completion();
+    log::info("SVRecordingSession: _notifyExtensionOfAction: %i", action);
+    if (!broadcastExtension_.load()) {
+        log::error("no broadcast extension found!");
+        if (completion) completion();
+        return;
+    }
+    auto proxy = broadcastUploadExtensionProxy_.load();
+    if (!proxy) {
+        log::error("broadcast extension not ready");
+        if (completion) completion();
+        return;
+    }
+    Value payload = Value::object();
+    payload[kPayloadKeyActionType] = action;
+    if (auto userInfo = broadcastUserInfo(); userInfo && !userInfo->is_null())
+        payload[kBroadcastExtensionKeyExtensionUserInfo] = *userInfo;
+    // An extension that never answers holds up neither the start nor the
+    // finish: whichever comes first, its answer or the wait's end, goes on.
+    auto once = std::make_shared<Once<ActionCompletion>>(std::move(completion));
+    proxy->processPayload(std::move(payload), [once] { (*once)(); });
+    DispatchQueue::global()->asyncAfter(kBroadcastActionWait, [once] { (*once)(); });
 }
 
-void SVRecordingSession::_notifyExtensionOfVideoSampleBuffer(const std::shared_ptr<SampleBuffer>&,
-                                                             int32_t type) {
-    log::debug("SVRecordingSession: sample of type %i not sent: no extension link", type);
+bool SVRecordingSession::_notifyExtensionOfVideoSampleBuffer(
+    const std::shared_ptr<SampleBuffer>& sampleBuffer, int32_t type) {
+    static log::RateLimit limit;
+    if (!broadcastExtension_.load()) {
+        log::error(limit, "no broadcast extension found!");
+        return false;
+    }
+    auto proxy = broadcastUploadExtensionProxy_.load();
+    if (!proxy) {
+        log::error(limit, "broadcast extension not ready");
+        return false;
+    }
+    if (!sampleBuffer) return false;
+    ipc::Arguments args;
+    Value payload = Value::object();
+    payload[kPayloadKeySampleType] = type;
+    // The capture's own surface crosses (its descriptor), never its pixels;
+    // a frame without one goes with an empty object.
+    payload[kPayloadKeySharedSurface] =
+        SVSharedSurfaceObject(sampleBuffer->imageBuffer()).encodeWithCoder(&args);
+    payload[kPayloadKeyTimingInfo] =
+        bytesValue(timingRecordBytes(sampleBuffer->timingEntry(0).value_or(SampleTimingInfo{})));
+    args.add(std::move(payload));
+    // The frame (and with it its surface) stays out of the capture's pool
+    // until the extension has read it.
+    return proxy->processSamplePayload(SVBroadcastExtensionProxy::SampleKind::Video,
+                                       std::move(args), sampleBuffer);
 }
 
-void SVRecordingSession::_notifyExtensionOfAudioSampleBuffer(const std::shared_ptr<SampleBuffer>&,
-                                                             int32_t type) {
-    log::debug("SVRecordingSession: sample of type %i not sent: no extension link", type);
+void SVRecordingSession::_notifyExtensionOfAudioSampleBuffer(
+    const std::shared_ptr<SampleBuffer>& sampleBuffer, int32_t type) {
+    static log::RateLimit limit;
+    if (!broadcastExtension_.load()) {
+        log::error(limit, "no broadcast extension found!");
+        return;
+    }
+    auto proxy = broadcastUploadExtensionProxy_.load();
+    if (!proxy) {
+        log::error(limit, "broadcast extension not ready");
+        return;
+    }
+    if (!sampleBuffer) return;
+    const AudioStreamFormat& format = sampleBuffer->audioFormat();
+    if ((format.formatFlags & AudioStreamFormat::kFlagIsNonInterleaved) &&
+        format.channelsPerFrame > 1) {
+        log::error(limit,
+                   "SVRecordingSession: audio of type %i skipped: it is in %i buffers (one "
+                   "per channel), a payload holds one",
+                   type, int32_t(format.channelsPerFrame));
+        return;
+    }
+    const auto& block = sampleBuffer->dataBlock();
+    const size_t length = block ? std::min(sampleBuffer->dataLength(), block->size()) : 0;
+    const uint8_t* data = block ? block->data() : nullptr;
+    const SampleTimingInfo timing = sampleBuffer->timingEntry(0).value_or(SampleTimingInfo{});
+    const int64_t numSamples = sampleBuffer->numSamples();
+    // A long buffer goes in parts of whole frames, each with its own time, so
+    // no message outgrows the link's limits; the parts join without a gap.
+    const bool divisible = format.bytesPerFrame > 0 && format.framesPerPacket == 1 &&
+                           format.sampleRate > 0 && timing.presentationTimeStamp.isValid() &&
+                           length == size_t(numSamples) * format.bytesPerFrame;
+    const int64_t partFrames =
+        divisible ? std::max<int64_t>(1, int64_t(kMaxAudioPayloadBytes / format.bytesPerFrame))
+                  : numSamples;
+    if (!divisible && length > kMaxAudioPayloadBytes) {
+        log::error(limit, "SVRecordingSession: audio of type %i skipped: %li bytes in one piece",
+                   type, long(length));
+        return;
+    }
+    const int32_t rate = int32_t(std::lround(format.sampleRate));
+    for (int64_t first = 0; first < std::max<int64_t>(numSamples, 1); first += partFrames) {
+        const int64_t frames = divisible ? std::min(partFrames, numSamples - first) : numSamples;
+        SampleTimingInfo part = timing;
+        size_t offset = 0, bytes = length;
+        if (divisible) {
+            offset = size_t(first) * format.bytesPerFrame;
+            bytes = size_t(frames) * format.bytesPerFrame;
+            part.presentationTimeStamp =
+                add(timing.presentationTimeStamp, MediaTime::make(first, rate));
+            part.duration = MediaTime::make(frames, rate);
+            part.decodeTimeStamp = MediaTime::invalid();
+        }
+        ipc::Arguments args;
+        Value payload = Value::object();
+        payload[kPayloadKeySampleType] = type;
+        payload[kPayloadKeyAudioBufferList] =
+            bytesValue(std::span<const uint8_t>(data ? data + offset : nullptr, bytes));
+        payload[kPayloadKeyFormatDesc] = audioFormatValue(format);
+        payload[kPayloadKeyTimingInfo] = bytesValue(timingRecordBytes(part));
+        payload[kPayloadKeyNumSamples] = int32_t(frames);
+        args.add(std::move(payload));
+        proxy->processSamplePayload(SVBroadcastExtensionProxy::SampleKind::Audio, std::move(args),
+                                    nullptr);
+    }
+}
+
+void SVRecordingSession::_endExtensionLink() {
+    if (auto proxy = broadcastUploadExtensionProxy_.exchange(nullptr)) {
+        const auto stats = proxy->statistics();
+        log::info(
+            "SVRecordingSession: extension link ended: %li frames sent, %li dropped, %li audio "
+            "buffers sent, %li dropped, %li pixel bytes copied",
+            long(stats.videoSent), long(stats.videoDropped), long(stats.audioSent),
+            long(stats.audioDropped), long(stats.videoBytesCopied));
+        proxy->invalidateConnection();
+    }
+}
+
+namespace {
+std::atomic<int64_t> gBroadcastLinkWaitMs{kDefaultBroadcastLinkWait.count()};
+}  // namespace
+
+std::chrono::milliseconds SVRecordingSession::broadcastLinkWait() {
+    return std::chrono::milliseconds(gBroadcastLinkWaitMs.load());
+}
+
+void SVRecordingSession::setBroadcastLinkWait(std::chrono::milliseconds wait) {
+    gBroadcastLinkWaitMs.store(std::max<int64_t>(0, wait.count()));
 }
 
 void SVRecordingSession::_notifyBroadcastExtensionOfCompletedMovieWithURL(
@@ -1190,8 +1385,6 @@ SV_GUARDED_PROPERTY(std::string, broadcastExtensionID, setBroadcastExtensionID,
 SV_GUARDED_PROPERTY(std::shared_ptr<ScreenCaptureController>, screenCaptureController,
                     setScreenCaptureController, screenCaptureController_)
 SV_GUARDED_PROPERTY(std::shared_ptr<SVStoreInfo>, storeInfo, setStoreInfo, storeInfo_)
-SV_GUARDED_PROPERTY(std::shared_ptr<SVBroadcastExtensionProxy>, broadcastUploadExtensionProxy,
-                    setBroadcastUploadExtensionProxy, broadcastUploadExtensionProxy_)
 SV_GUARDED_PROPERTY(std::optional<Value>, broadcastUserInfo, setBroadcastUserInfo,
                     broadcastUserInfo_)
 SV_GUARDED_PROPERTY(MediaTime, broadcastFragmentStartTime, setBroadcastFragmentStartTime,

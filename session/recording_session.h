@@ -57,6 +57,7 @@
 #include <string>
 #include <vector>
 
+#include "broadcast/broadcast_extension_proxy.h"
 #include "capture/capture_manager.h"
 #include "movie/movie_writer.h"
 #include "platform/dispatch.h"
@@ -78,8 +79,7 @@
 
 namespace sv {
 
-class SVClientProxy;              // the application's connection (daemon/)
-class SVBroadcastExtensionProxy;  // the live link to a processing extension (broadcast/)
+class SVClientProxy;  // the application's connection (daemon/)
 
 // Broadcast process modes.
 inline constexpr int32_t kBroadcastProcessModeUpload = 0;
@@ -98,6 +98,15 @@ inline constexpr int32_t kBroadcastSampleTypeMicrophone = 3;
 inline constexpr double kDefaultBroadcastClipDuration = 5.0;
 // How long a finished fragment stays open at most for late audio of its time.
 inline constexpr std::chrono::milliseconds kSeamGrace{1500};
+// How long enabling a sample-buffer broadcast waits for the extension's link
+// by default (SVRecordingSession::setBroadcastLinkWait); a link not up by
+// then counts as failed.
+inline constexpr std::chrono::milliseconds kDefaultBroadcastLinkWait{10000};
+// How long a start or finish waits for the extension to acknowledge its
+// action before going on without it.
+inline constexpr std::chrono::milliseconds kBroadcastActionWait{5000};
+// Largest audio payload; a longer buffer goes to the extension in parts.
+inline constexpr size_t kMaxAudioPayloadBytes = 64 * 1024;
 
 class SVRecordingSession : public ScreenCaptureControllerDelegate,
                            public std::enable_shared_from_this<SVRecordingSession> {
@@ -193,9 +202,16 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // fragment by the request identifier) removes the file, releases the
     // token, takes a returned configuration and passes returned service
     // information to the delegate. The last fragment's completion ends the
-    // extension. Sample-buffer mode (1) sets up no extension link yet.
-    // Never reports an error. A mode other than 0 or 1 is logged and taken
-    // as 0.
+    // extension. Sample-buffer mode (1) starts the extension with a live
+    // link (SVBroadcastExtensionProxy) and blocks the calling thread until
+    // the link is ready, or failed, or broadcastLinkWait() has passed; a
+    // link that is not ready then is ended and the session records without
+    // broadcast (disableBroadcast). Over a ready link every action, frame and
+    // audio buffer goes to the extension as a payload with its original
+    // times; its service information goes to the delegate
+    // (broadcastSessionLinkDidUpdateServiceInfo); a link that breaks stops
+    // the session with -5808. Never reports an error. A mode other than 0 or
+    // 1 is logged and taken as 0.
     OptionalError enableBroadcastWithExtension(std::shared_ptr<AppExtension> extension,
                                                int32_t processMode, std::optional<Value> userInfo);
     void disableBroadcast();
@@ -203,11 +219,20 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     // on to _processSampleBuffer.
     void _processSampleBufferForStreaming(const std::shared_ptr<SampleBuffer>& sampleBuffer,
                                           uint32_t transformFlags);
-    // The hand-overs to a processing extension. Until its link exists they
-    // log at debug level, and the action's completion runs at once on the
-    // calling thread. The fragment hand-over may run on any thread.
+    // The hand-overs to a processing extension. Without an extension or a
+    // link they log at error level, and the action's completion runs at
+    // once on the calling thread; otherwise it runs when the extension
+    // acknowledges the action (on the link's queue), or after
+    // kBroadcastActionWait without an answer (on a global queue). Sample
+    // payloads never wait: frames go as their capture surface (no pixel is
+    // copied), audio as a copy of its one buffer, in parts of at most
+    // kMaxAudioPayloadBytes with their own times (audio in more than one
+    // buffer is skipped and logged); a slow extension loses samples, counted
+    // by the proxy. The fragment hand-over may run on any thread.
     void _notifyExtensionOfAction(int32_t action, ActionCompletion completion);
-    void _notifyExtensionOfVideoSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer,
+    // True when the frame went to the extension (false: no link, or
+    // dropped because the extension is behind).
+    bool _notifyExtensionOfVideoSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer,
                                              int32_t type);
     void _notifyExtensionOfAudioSampleBuffer(const std::shared_ptr<SampleBuffer>& sampleBuffer,
                                              int32_t type);
@@ -291,8 +316,16 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     }
     int32_t broadcastProcessMode() const { return broadcastProcessMode_.load(); }
     void setBroadcastProcessMode(int32_t mode);
-    std::shared_ptr<SVBroadcastExtensionProxy> broadcastUploadExtensionProxy() const;
-    void setBroadcastUploadExtensionProxy(std::shared_ptr<SVBroadcastExtensionProxy> proxy);
+    std::shared_ptr<SVBroadcastExtensionProxy> broadcastUploadExtensionProxy() const {
+        return broadcastUploadExtensionProxy_.load();
+    }
+    void setBroadcastUploadExtensionProxy(std::shared_ptr<SVBroadcastExtensionProxy> proxy) {
+        broadcastUploadExtensionProxy_.store(std::move(proxy));
+    }
+    // How long enabling a sample-buffer broadcast waits for the link
+    // (process-wide; kDefaultBroadcastLinkWait unless set). Any thread.
+    static std::chrono::milliseconds broadcastLinkWait();
+    static void setBroadcastLinkWait(std::chrono::milliseconds wait);
     std::optional<Value> broadcastUserInfo() const;
     void setBroadcastUserInfo(std::optional<Value> userInfo);
     // Declared for broadcasting; never created.
@@ -316,7 +349,9 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     struct Progress {
         int64_t framesWritten = 0;
         // Frames that reached the writer but were not taken: the encoder
-        // fell behind (its queue was full) or the writer had stopped.
+        // fell behind (its queue was full) or the writer had stopped. In a
+        // sample-buffer broadcast: frames handed to (or dropped for) the
+        // processing extension.
         int64_t framesDropped = 0;
         double recordedSeconds = 0;
     };
@@ -429,6 +464,9 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     std::atomic<int32_t> broadcastFragmentIndex_{0};
     SharedSlot<SVMovieWriter> movieWriter_;
     SharedSlot<AppExtension> broadcastExtension_;
+    SharedSlot<SVBroadcastExtensionProxy> broadcastUploadExtensionProxy_;
+    // Ends the link to a processing extension (if any) and forgets it.
+    void _endExtensionLink();
     SharedSlot<StartHandler> sessionHandler_;
     // The paused gaps in host-clock ticks, for the audio routes; written by
     // the frame path when it measures a gap and by finish.
@@ -464,7 +502,6 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     std::shared_ptr<ScreenCaptureController> screenCaptureController_;
     std::shared_ptr<ScreenBackend> screenBackend_;
     std::shared_ptr<SVStoreInfo> storeInfo_;
-    std::shared_ptr<SVBroadcastExtensionProxy> broadcastUploadExtensionProxy_;
     std::optional<Value> broadcastUserInfo_;
     std::shared_ptr<DispatchQueue> broadcastAggregatePayloadQueue_;
     std::shared_ptr<DispatchQueue> broadcastServiceInfoQueue_;

@@ -34,6 +34,13 @@ class SVRecordingSessionDelegate {
     virtual void broadcastSessionDidUpdateServiceInfo(const Value& serviceInfo) {
         (void)serviceInfo;
     }
+
+    // Service information from the session's processing extension over its
+    // live link, for the session's own application. Called on the link's
+    // queue; must not block.
+    virtual void broadcastSessionLinkDidUpdateServiceInfo(const Value& serviceInfo) {
+        (void)serviceInfo;
+    }
 };
 
 }  // namespace sv

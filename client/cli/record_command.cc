@@ -67,8 +67,8 @@ constexpr const char* kUsage =
     "                         layers the service shows for this command)\n"
     "  --size WxH             the recorded size in pixels (default on X11: the display's\n"
     "                         size for --system, the monitor's for --monitor, the\n"
-    "                         first window's for --layer;\n"
-    "                         else 1600x900)\n"
+    "                         first window's for --layer; on Wayland: the display's\n"
+    "                         size for --system; else 1600x900)\n"
     "  --trim-start SECONDS   with --trim-end: cut whole seconds from the movie's start\n"
     "  --trim-end SECONDS     and end when it is finished\n"
     "  --broadcast ID         broadcast through this extension instead of writing a movie\n"
@@ -123,7 +123,8 @@ std::optional<sv::SVWindowSize> parseSize(const std::string& text) {
 }
 
 // On X11: the display's size for a recording of the whole display, the
-// first window's for named layers (X window ids). Elsewhere, or when the X
+// first window's for named layers (X window ids). On Wayland without X, for
+// the whole display, none (the service's own). Elsewhere, or when the X
 // server knows no such window, the synthetic display's default.
 sv::SVWindowSize defaultSize(bool system, const std::vector<uint32_t>& layers) {
 #ifdef SV_CLI_HAVE_XCB
@@ -147,9 +148,13 @@ sv::SVWindowSize defaultSize(bool system, const std::vector<uint32_t>& layers) {
         if (size) return *size;
     }
 #else
-    (void)system;
     (void)layers;
 #endif
+    // A Wayland desktop without X: no size to ask a client for; an empty
+    // size records the display at the size the service knows for it.
+    const char* x = std::getenv("DISPLAY");
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    if (system && (!x || !*x) && wayland && *wayland) return {0, 0};
     return {1600, 900};
 }
 

@@ -10,6 +10,7 @@
 #include <map>
 
 #include "platform/ipc/ipc.h"
+#include "platform/log.h"
 
 namespace sv::ipc {
 namespace {
@@ -109,23 +110,25 @@ std::optional<int64_t> smallInt(const Value& dict, const char* key) {
 struct RefInfo {
     std::string kind;
     SurfaceDescriptor desc;
+    // Inside an array or map rather than an argument of its own.
+    bool nested = false;
 };
 
 // Collects and checks every object reference inside `args` (iteratively).
 std::string collectReferences(const std::vector<Value>& args, size_t fdCount,
                               std::map<size_t, RefInfo>& refs) {
-    std::vector<const Value*> stack;
-    for (const auto& a : args) stack.push_back(&a);
+    std::vector<std::pair<const Value*, bool>> stack;
+    for (const auto& a : args) stack.emplace_back(&a, false);
     while (!stack.empty()) {
-        const Value* v = stack.back();
+        const auto [v, nested] = stack.back();
         stack.pop_back();
         if (v->is_array()) {
-            for (const auto& e : *v) stack.push_back(&e);
+            for (const auto& e : *v) stack.emplace_back(&e, true);
             continue;
         }
         if (!v->is_object()) continue;
         if (!v->contains(kObjectKey)) {
-            for (const auto& [k, e] : v->items()) stack.push_back(&e);
+            for (const auto& [k, e] : v->items()) stack.emplace_back(&e, true);
             continue;
         }
         const Value& kind = (*v)[kObjectKey];
@@ -135,6 +138,7 @@ std::string collectReferences(const std::vector<Value>& args, size_t fdCount,
             return "object reference to a descriptor that did not arrive";
         RefInfo info;
         info.kind = kind.get<std::string>();
+        info.nested = nested;
         if (info.kind == kSurfaceKind) {
             auto w = smallInt(*v, "width"), h = smallInt(*v, "height");
             auto bpr = smallInt(*v, "bytesPerRow"), pf = smallInt(*v, "pixelFormat");
@@ -165,6 +169,14 @@ std::string importObjects(const std::vector<Value>& args, std::vector<UniqueFd>&
         UniqueFd& fd = fds[index];
         if (info.kind == kSurfaceKind) {
             auto s = SharedSurface::importDescriptor(fd.release(), info.desc);
+            if (!s && info.nested) {
+                // A surface inside a value (a frame inside a payload): the
+                // value arrives without it, and its reader sees no surface.
+                static log::RateLimit limit;
+                log::error(limit, "ipc: a surface inside a value cannot be mapped: %@",
+                           s.error().message());
+                continue;
+            }
             if (!s) return "surface rejected: " + s.error().message();
             objects[index] = Object(std::move(*s));
         } else if (info.kind == kEndpointKind) {

@@ -69,7 +69,9 @@ class FileToken {
 };
 
 // A transferable object. Surfaces arrive as read-only mappings of the
-// sender's memfd: the pixels are never copied.
+// sender's memfd: the pixels are never copied. A surface that cannot be
+// mapped rejects the message when it is an argument of its own; inside an
+// array or map the message arrives without it (Received::surface is null).
 using Object = std::variant<std::shared_ptr<SharedSurface>, Endpoint, FileToken>;
 
 enum class ArgKind : uint8_t {

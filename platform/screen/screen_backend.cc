@@ -5,6 +5,9 @@
 
 #include "platform/log.h"
 #include "platform/screen/synthetic_screen.h"
+#if SV_HAVE_PORTAL
+#include "platform/screen/portal_screen.h"
+#endif
 #if SV_HAVE_XCB
 #include "platform/screen/x11_screen.h"
 #endif
@@ -13,6 +16,7 @@ namespace sv {
 
 std::optional<ScreenBackendKind> parseScreenBackendKind(std::string_view text) {
     if (text == "x11") return ScreenBackendKind::X11;
+    if (text == "portal") return ScreenBackendKind::Portal;
     if (text == "synthetic") return ScreenBackendKind::Synthetic;
     if (text == "auto" || text == "automatic") return ScreenBackendKind::Automatic;
     return std::nullopt;
@@ -29,10 +33,33 @@ Result<std::shared_ptr<ScreenBackend>> makeScreenBackend(ScreenBackendKind kind)
         }
     }
     std::shared_ptr<ScreenBackend> backend;
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    if (kind == ScreenBackendKind::Portal ||
+        (kind == ScreenBackendKind::Automatic && wayland && *wayland)) {
+#if SV_HAVE_PORTAL
+        auto portal = PortalScreenBackend::connect(
+            {.restoreTokenPath = PortalScreenBackend::defaultRestoreTokenPath()});
+        if (portal) {
+            backend = std::move(*portal);
+        } else if (kind == ScreenBackendKind::Portal) {
+            log::error("Screen: the portal backend cannot be used: %@", portal.error().message());
+            return Error::make(kScreenErrorDomain, kScreenErrorNoPortal, portal.error().message());
+        } else {
+            log::info("Screen: Wayland session without a screen-cast portal (%@)",
+                      portal.error().message());
+        }
+#else
+        if (kind == ScreenBackendKind::Portal) {
+            const char* why = "this build has no screen-cast portal support";
+            log::error("Screen: %@", why);
+            return Error::make(kScreenErrorDomain, kScreenErrorNoPortal, why);
+        }
+#endif
+    }
     const char* display = std::getenv("DISPLAY");
     const std::string displayName = display ? display : "";
-    if (kind == ScreenBackendKind::X11 ||
-        (kind == ScreenBackendKind::Automatic && !displayName.empty())) {
+    if (!backend && (kind == ScreenBackendKind::X11 ||
+                     (kind == ScreenBackendKind::Automatic && !displayName.empty()))) {
 #if SV_HAVE_XCB
         // A named display is a real desktop even while its server is not up
         // yet: capture starts when it answers, and recordings fail until

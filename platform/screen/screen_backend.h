@@ -1,7 +1,9 @@
 // The source of screen pixels behind screen capture controllers and the
-// display mirroring service. Two backends exist: X11 (xcb with MIT-SHM,
-// Composite, RandR and XFixes) and a synthetic one that draws deterministic,
-// stamped frames and needs no display (platform/screen/synthetic_screen.h).
+// display mirroring service. Three backends exist: X11 (xcb with MIT-SHM,
+// Composite, RandR and XFixes), the desktop portal's screen cast on Wayland
+// (platform/screen/portal_screen.h) and a synthetic one that draws
+// deterministic, stamped frames and needs no display
+// (platform/screen/synthetic_screen.h).
 #pragma once
 
 #include <memory>
@@ -23,6 +25,7 @@ enum ScreenErrorCode : int64_t {
     kScreenErrorNoDisplay = 1,          // no X display named, or the build has no X11 support
     kScreenErrorCannotConnect = 2,      // the X server cannot be reached or does not answer
     kScreenErrorUnsupportedServer = 3,  // no such screen, or pixels that are not 32-bit BGRX
+    kScreenErrorNoPortal = 4,           // no screen-cast portal, or the build has no support
 };
 
 class ScreenBackend {
@@ -47,13 +50,17 @@ class ScreenBackend {
     virtual bool isDesktop() const { return false; }
 };
 
-enum class ScreenBackendKind { Automatic, X11, Synthetic };
+enum class ScreenBackendKind { Automatic, X11, Portal, Synthetic };
 
-// "x11", "synthetic", "auto"/"automatic"; nullopt for anything else.
+// "x11", "portal", "synthetic", "auto"/"automatic"; nullopt for anything else.
 std::optional<ScreenBackendKind> parseScreenBackendKind(std::string_view text);
 
-// Automatic: SORVEL_SCREEN_BACKEND (x11|synthetic) when set, otherwise X11
-// when $DISPLAY names a display, otherwise synthetic. X11: the server named
+// Automatic: SORVEL_SCREEN_BACKEND (x11|portal|synthetic) when set,
+// otherwise the portal when $WAYLAND_DISPLAY is set and a screen-cast portal
+// answers on the session bus, otherwise X11 when $DISPLAY names a display,
+// otherwise synthetic. Portal: an error (kScreenErrorNoPortal) when no
+// screen-cast portal answers; the restore token is kept at
+// PortalScreenBackend::defaultRestoreTokenPath(). X11: the server named
 // by $DISPLAY, used once it answers (X11ScreenBackend::Options::
 // waitForServer); an error (kScreenErrorDomain) when no display is named or
 // the build has no X11 support. Logs the choice.

@@ -60,9 +60,10 @@ enum ScreenTransformFlags : uint32_t {
 // Status codes passed to screenCaptureControllerDidFailWithStatus.
 enum ScreenCaptureStatus : int32_t {
     kScreenCaptureNoError = 0,
-    kScreenCaptureSourceGone = -67001,         // a cloned window or the display went away
-    kScreenCaptureGrabFailed = -67002,         // the source refused to hand out pixels
-    kScreenCaptureSurfaceUnavailable = -67003  // no surface for the frame (memory, descriptors)
+    kScreenCaptureSourceGone = -67001,          // a cloned window or the display went away
+    kScreenCaptureGrabFailed = -67002,          // the source refused to hand out pixels
+    kScreenCaptureSurfaceUnavailable = -67003,  // no surface for the frame (memory, descriptors)
+    kScreenCaptureUserDeclined = -67004         // the user cancelled the desktop's sharing dialog
 };
 
 class ScreenCaptureController;

@@ -2,8 +2,12 @@
 // (around the whole-second clicks of the synthetic sources).
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <memory>
 #include <numbers>
 #include <vector>
 
@@ -29,6 +33,28 @@ inline std::vector<double> pcm16Samples(const uint8_t* bytes, size_t length,
 inline std::vector<double> pcm16Samples(const SampleBuffer& s) {
     if (!s.dataBlock()) return {};
     return pcm16Samples(s.dataBlock()->data(), s.dataBlock()->size(), s.audioFormat());
+}
+
+using SampleList = std::vector<std::shared_ptr<SampleBuffer>>;
+
+// The first channels of `s[from, to)`, one after another.
+inline std::vector<double> pcm16Samples(const SampleList& s, size_t from = 0,
+                                        size_t to = SIZE_MAX) {
+    std::vector<double> all;
+    for (size_t i = from; i < std::min(to, s.size()); ++i) {
+        auto x = pcm16Samples(*s[i]);
+        all.insert(all.end(), x.begin(), x.end());
+    }
+    return all;
+}
+
+// Each of `s[from, to)` starts `step` seconds after the one before it.
+inline void expectContiguous(const SampleList& s, double step, double tolerance, size_t from = 1,
+                             size_t to = SIZE_MAX) {
+    for (size_t i = std::max<size_t>(from, 1); i < std::min(to, s.size()); ++i)
+        EXPECT_NEAR(subtract(s[i]->presentationTime(), s[i - 1]->presentationTime()).seconds(),
+                    step, tolerance)
+            << "sample " << i;
 }
 
 // Amplitude of the component at `frequency` (a full-scale sine gives about 1).

@@ -5,13 +5,12 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 #include "platform/audio/audio_backend.h"
+#include "tests/support/test_util.h"
 
 namespace sv::testing {
 
@@ -40,36 +39,32 @@ class CountingBackend : public AudioBackend {
     // Waits until the sources together have delivered `bytes` bytes (counted
     // after the sink returned).
     bool waitForBytes(uint64_t bytes, std::chrono::milliseconds timeout) {
-        std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, timeout, [&] { return bytes_ >= bytes; });
+        return chunks_.waitForItems([&](const auto& all) { return sum(all) >= bytes; }, timeout);
     }
-    uint64_t bytes() const {
-        std::lock_guard lock(mutex_);
-        return bytes_;
-    }
+    uint64_t bytes() const { return sum(chunks_.all()); }
     // Host time of the first chunk any source delivered.
     std::optional<uint64_t> firstHostTime() const {
-        std::lock_guard lock(mutex_);
-        return first_;
+        auto all = chunks_.all();
+        return all.empty() ? std::nullopt : std::optional(all.front().first);
     }
 
   private:
+    using Chunk = std::pair<uint64_t, size_t>;  // host time, bytes
+    static uint64_t sum(const std::vector<Chunk>& chunks) {
+        uint64_t n = 0;
+        for (const auto& c : chunks) n += c.second;
+        return n;
+    }
     AudioChunkSink counted(AudioChunkSink sink) {
         if (!sink) return nullptr;  // the backend refuses it
         return [this, sink = std::move(sink)](std::span<const uint8_t> bytes, uint64_t hostTime) {
             sink(bytes, hostTime);
-            std::lock_guard lock(mutex_);
-            if (!first_) first_ = hostTime;
-            bytes_ += bytes.size();
-            cv_.notify_all();
+            chunks_.add({hostTime, bytes.size()});
         };
     }
 
     std::shared_ptr<AudioBackend> inner_;
-    mutable std::mutex mutex_;
-    std::condition_variable cv_;
-    uint64_t bytes_ = 0;
-    std::optional<uint64_t> first_;
+    test::Collected<Chunk> chunks_;
 };
 
 }  // namespace sv::testing

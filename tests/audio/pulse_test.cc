@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 #include "platform/audio/audio_tap_queue.h"
@@ -15,6 +13,7 @@
 #include "platform/host_clock.h"
 #include "tests/audio/audio_analysis.h"
 #include "tests/process/process_helpers.h"
+#include "tests/support/test_util.h"
 
 using namespace std::chrono_literals;
 
@@ -51,71 +50,63 @@ class PulseTest : public ::testing::Test {
 testing::PrivatePulseServer* PulseTest::server_ = nullptr;
 std::string* PulseTest::whyNot_ = nullptr;
 
-struct Collector : CaptureDataOutputSampleBufferDelegate {
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::vector<std::shared_ptr<SampleBuffer>> samples;
-    std::vector<uint64_t> arrivals;
+// Microphone samples, with the host time each reached the delegate.
+struct Collector : CaptureDataOutputSampleBufferDelegate,
+                   test::Collected<std::shared_ptr<SampleBuffer>> {
+    test::Collected<uint64_t> arrivals;
     void captureOutputDidOutputSampleBuffer(const std::shared_ptr<CaptureOutput>&,
                                             const std::shared_ptr<SampleBuffer>& s,
                                             const std::shared_ptr<CaptureConnection>&) override {
-        std::lock_guard lock(mutex);
-        samples.push_back(s);
-        arrivals.push_back(HostClock::now());
-        cv.notify_all();
+        arrivals.add(HostClock::now());
+        add(s);
     }
 };
 
-TEST_F(PulseTest, MicrophoneRecordsTheDefaultSource) {
-    auto session = CaptureSession::make(backend_);
-    auto input = CaptureDeviceInput::make(defaultCaptureDeviceForAudio(backend_));
-    ASSERT_TRUE(input);
-    ASSERT_TRUE(session->canAddInput(input));
+// A capture session recording the backend's default microphone into a
+// collector.
+std::pair<std::shared_ptr<CaptureSession>, std::shared_ptr<Collector>> startMicrophone(
+    const std::shared_ptr<AudioBackend>& backend) {
+    auto session = CaptureSession::make(backend);
+    auto input = CaptureDeviceInput::make(defaultCaptureDeviceForAudio(backend));
+    EXPECT_TRUE(input && session->canAddInput(input));
     session->addInput(input);
     auto output = AudioDataOutput::make();
     auto collector = std::make_shared<Collector>();
     output->setSampleBufferDelegate(collector, DispatchQueue::serial("test.mic"));
     session->addOutput(output);
     session->startRunning();
-    ASSERT_TRUE(session->isRunning());
-    {
-        std::unique_lock lock(collector->mutex);
-        ASSERT_TRUE(
-            collector->cv.wait_for(lock, 5s, [&] { return collector->samples.size() >= 45; }));
-    }
+    EXPECT_TRUE(session->isRunning());
+    return {session, collector};
+}
+
+TEST_F(PulseTest, MicrophoneRecordsTheDefaultSource) {
+    auto [session, collector] = startMicrophone(backend_);
+    ASSERT_TRUE(collector->waitFor(45));
     session->stopRunning();
-    std::lock_guard lock(collector->mutex);
-    auto& samples = collector->samples;
-    std::vector<double> all;
+    const auto samples = collector->all();
+    const auto arrivals = collector->arrivals.all();
     // Contiguous from the first sample on: the first reads wait for the
     // server's timing instead of being stamped without it.
-    const size_t settled = 0;
+    testing::expectContiguous(samples, 1024.0 / 44100.0, 0.003);
     for (size_t i = 0; i < samples.size(); ++i) {
         EXPECT_EQ(samples[i]->numSamples(), 1024);
-        if (i > settled) {
-            double step =
-                subtract(samples[i]->presentationTime(), samples[i - 1]->presentationTime())
-                    .seconds();
-            EXPECT_NEAR(step, 1024.0 / 44100.0, 0.003) << "sample " << i;
-        }
-        if (i > settled) {
-            // Stamped in the past, not long before delivery.
-            double age = HostClock::toSeconds(collector->arrivals[i]) -
-                         samples[i]->presentationTime().seconds();
-            EXPECT_GT(age, 0.0);
-            EXPECT_LT(age, 1.5);  // generous: loaded CI machines
-        }
-        if (i >= 5) {
-            auto x = testing::pcm16Samples(*samples[i]);
-            all.insert(all.end(), x.begin(), x.end());
-        }
+        // Stamped in the past, not long before delivery.
+        double age = HostClock::toSeconds(arrivals[i]) - samples[i]->presentationTime().seconds();
+        EXPECT_GT(age, 0.0);
+        EXPECT_LT(age, 1.5);  // generous: loaded CI machines
     }
-    EXPECT_NEAR(testing::zeroCrossingFrequency(all, 44100), kSineSourceHz, 3.0);
+    EXPECT_NEAR(testing::zeroCrossingFrequency(testing::pcm16Samples(samples, 5), 44100),
+                kSineSourceHz, 3.0);
 }
 
 // A tap of one process with four 0.1 s buffers, collecting what it hands
-// over until stopped.
-class TapRun {
+// over (with the host time of each arrival) until stopped.
+struct TapBuffer {
+    AudioTimeStamp time;
+    std::vector<double> samples;
+    uint64_t arrival;
+};
+class TapRun : public test::Collected<TapBuffer> {
   public:
     TapRun(const std::shared_ptr<AudioBackend>& backend, pid_t pid) {
         EXPECT_EQ(AudioTapQueue::create(
@@ -123,14 +114,10 @@ class TapRun {
                       [this](AudioTapQueueBuffer* b, const AudioTimeStamp& ts, uint32_t n,
                              const AudioStreamPacketDescription*) {
                           EXPECT_EQ(n, 4410u);
-                          {
-                              std::lock_guard lock(mutex_);
-                              buffers_.emplace_back(
-                                  ts, testing::pcm16Samples(static_cast<uint8_t*>(b->audioData),
-                                                            b->audioDataByteSize, kTapFormat));
-                              arrivals_.push_back(HostClock::now());
-                          }
-                          cv_.notify_all();
+                          add({ts,
+                               testing::pcm16Samples(static_cast<uint8_t*>(b->audioData),
+                                                     b->audioDataByteSize, kTapFormat),
+                               HostClock::now()});
                           queue_->enqueueBuffer(b);
                       },
                       0, &queue_),
@@ -146,41 +133,24 @@ class TapRun {
     }
     ~TapRun() { stop(); }
 
-    // Waits until `n` buffers have arrived (0.1 s of audio each; generous
-    // time for a loaded machine).
-    bool waitForBuffers(size_t n) {
-        std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, 30s, [&] { return buffers_.size() >= n; });
-    }
-    size_t count() {
-        std::lock_guard lock(mutex_);
-        return buffers_.size();
-    }
+    // 0.1 s of audio each; generous time for a loaded machine.
+    bool waitForBuffers(size_t n) { return waitFor(n, 30s); }
     void stop() {
         if (queue_) {
             EXPECT_EQ(queue_->dispose(true), 0);
         }
         queue_.reset();
     }
-
-    // After stop().
-    const std::vector<std::pair<AudioTimeStamp, std::vector<double>>>& buffers() const {
-        return buffers_;
-    }
-    const std::vector<uint64_t>& arrivals() const { return arrivals_; }
     std::vector<double> concat(size_t from, size_t to) const {
         std::vector<double> all;
-        for (size_t i = from; i < std::min(to, buffers_.size()); ++i)
-            all.insert(all.end(), buffers_[i].second.begin(), buffers_[i].second.end());
+        const auto buffers = this->all();
+        for (size_t i = from; i < std::min(to, buffers.size()); ++i)
+            all.insert(all.end(), buffers[i].samples.begin(), buffers[i].samples.end());
         return all;
     }
 
   private:
     std::shared_ptr<AudioTapQueue> queue_;
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::vector<std::pair<AudioTimeStamp, std::vector<double>>> buffers_;
-    std::vector<uint64_t> arrivals_;
 };
 
 TEST_F(PulseTest, TapRecordsOnlyTheTappedProcess) {
@@ -197,7 +167,7 @@ TEST_F(PulseTest, TapRecordsOnlyTheTappedProcess) {
     testing::PrivatePulseServer::reap(a);
     testing::PrivatePulseServer::reap(b);
 
-    const auto& buffers = run.buffers();
+    const auto buffers = run.all();
     ASSERT_GE(buffers.size(), 16u);
     // The first buffers may predate the monitor streams.
     auto x = run.concat(4, buffers.size());
@@ -206,9 +176,9 @@ TEST_F(PulseTest, TapRecordsOnlyTheTappedProcess) {
 
     for (size_t i = 1; i < buffers.size(); ++i) {
         // Contiguous: each stamp is the previous plus 0.1 s, within a few ms.
-        double step = double(buffers[i].first.hostTime - buffers[i - 1].first.hostTime) / 1e9;
+        double step = double(buffers[i].time.hostTime - buffers[i - 1].time.hostTime) / 1e9;
         EXPECT_NEAR(step, 0.1, 0.003) << "buffer " << i;
-        double age = double(run.arrivals()[i] - buffers[i].first.hostTime) / 1e9;
+        double age = double(buffers[i].arrival - buffers[i].time.hostTime) / 1e9;
         EXPECT_GT(age, 0.1);  // the whole buffer was recorded before delivery
         EXPECT_LT(age, 1.5);  // generous: loaded CI machines
     }
@@ -225,28 +195,16 @@ TEST_F(PulseTest, TapFollowsStreamsOpenedLaterAndMixesThem) {
     EXPECT_TRUE(server_->waitForPlaybackStreams(p, 2, 10s));
     // A fresh stream on an idle sink may take up to a second to flow: the
     // last half second of two more seconds holds both tones.
-    EXPECT_TRUE(run.waitForBuffers(run.count() + 20));
+    EXPECT_TRUE(run.waitForBuffers(run.size() + 20));
     run.stop();
     testing::PrivatePulseServer::reap(p);
 
-    const size_t n = run.buffers().size();
+    const size_t n = run.all().size();
     ASSERT_GE(n, 25u);
     EXPECT_LT(testing::rms(run.concat(0, 5)), 0.001) << "silence before the process plays";
     auto after = run.concat(n - 5, n);
     EXPECT_GT(testing::toneAmplitude(after, 44100, 440), 0.15);
     EXPECT_GT(testing::toneAmplitude(after, 44100, 660), 0.15);
-}
-
-TEST_F(PulseTest, TapOfAProcessThatPlaysNothingIsSilent) {
-    pid_t other = server_->playTones({523}, 4.0);
-    ASSERT_GT(other, 0);
-    EXPECT_TRUE(server_->waitForPlaybackStreams(other, 1, 10s));
-    TapRun run(backend_, getpid());
-    EXPECT_TRUE(run.waitForBuffers(6));
-    run.stop();
-    testing::PrivatePulseServer::reap(other);
-    ASSERT_GE(run.buffers().size(), 6u);
-    EXPECT_LT(testing::rms(run.concat(0, run.buffers().size())), 0.0005);
 }
 
 // The server crashes in the middle of a recording and comes back: both
@@ -260,105 +218,57 @@ TEST(PulseBackend, SourcesOutliveTheirServerWithSilenceAndRecordAgain) {
         GTEST_SKIP() << "cannot start a private PulseAudio server: " << started.error().message();
     auto server = std::move(*started);
     auto backend = std::make_shared<PulseAudioBackend>(server->address());
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::vector<bool> states;
-    backend->setServerStateHandler([&](bool available) {
-        std::lock_guard lock(mutex);
-        states.push_back(available);
-        cv.notify_all();
-    });
-    auto waitFor = [&](auto condition) {
-        std::unique_lock lock(mutex);
-        return cv.wait_for(lock, 30s, condition);
-    };
+    test::Collected<bool> states;
+    backend->setServerStateHandler([&](bool available) { states.add(available); });
 
     pid_t player = server->playTones({440}, 60.0);
     ASSERT_GT(player, 0);
     ASSERT_TRUE(server->waitForPlaybackStreams(player, 1, 10s));
     TapRun tap(backend, player);
-    auto session = CaptureSession::make(backend);
-    session->addInput(CaptureDeviceInput::make(defaultCaptureDeviceForAudio(backend)));
-    auto output = AudioDataOutput::make();
-    auto mic = std::make_shared<Collector>();
-    output->setSampleBufferDelegate(mic, DispatchQueue::serial("test.mic"));
-    session->addOutput(output);
-    session->startRunning();
-    ASSERT_TRUE(session->isRunning());
+    auto [session, mic] = startMicrophone(backend);
     ASSERT_TRUE(tap.waitForBuffers(5));
-    auto micCount = [&] {
-        std::lock_guard lock(mic->mutex);
-        return mic->samples.size();
-    };
-    auto waitForMic = [&](size_t n) {
-        std::unique_lock lock(mic->mutex);
-        return mic->cv.wait_for(lock, 30s, [&] { return mic->samples.size() >= n; });
-    };
-    ASSERT_TRUE(waitForMic(20));
+    ASSERT_TRUE(mic->waitFor(20, 30s));
 
     server->killServer();
     const uint64_t killedAt = HostClock::now();
-    ASSERT_TRUE(waitFor([&] { return !states.empty(); }));
+    ASSERT_TRUE(states.waitFor(1, 30s));
     // A second and a half of recording without a server.
-    const size_t micAtLoss = micCount(), tapAtLoss = tap.count();
-    ASSERT_TRUE(waitForMic(micAtLoss + 65));
+    const size_t micAtLoss = mic->size(), tapAtLoss = tap.size();
+    ASSERT_TRUE(mic->waitFor(micAtLoss + 65, 30s));
     ASSERT_TRUE(tap.waitForBuffers(tapAtLoss + 15));
-    const size_t micBeforeReturn = micCount(), tapBeforeReturn = tap.count();
+    const size_t micBeforeReturn = mic->size(), tapBeforeReturn = tap.size();
 
     auto restarted = server->restart();
     ASSERT_TRUE(restarted) << restarted.error().message();
-    ASSERT_TRUE(waitFor([&] { return states.size() >= 2; }));
+    ASSERT_TRUE(states.waitFor(2, 30s));
     // Sound again within a few seconds of the return.
-    auto soundSince = [&](size_t from) {
-        std::lock_guard lock(mic->mutex);
-        std::vector<double> x;
-        for (size_t i = from; i < mic->samples.size(); ++i) {
-            auto s = testing::pcm16Samples(*mic->samples[i]);
-            x.insert(x.end(), s.begin(), s.end());
-        }
-        return testing::rms(x) > 0.05;
-    };
-    EXPECT_TRUE(
-        test::eventually([&] { return soundSince(micCount() > 20 ? micCount() - 20 : 0); }, 30s));
+    EXPECT_TRUE(mic->waitForItems(
+        [](const testing::SampleList& s) {
+            return testing::rms(testing::pcm16Samples(s, s.size() > 20 ? s.size() - 20 : 0)) > 0.05;
+        },
+        30s));
     session->stopRunning();
     tap.stop();
     testing::PrivatePulseServer::reap(player);
-    EXPECT_EQ(states, (std::vector<bool>{false, true}));
+    EXPECT_EQ(states.all(), (std::vector<bool>{false, true}));
 
     // Unbroken timelines from before the loss until the return.
-    {
-        std::lock_guard lock(mic->mutex);
-        for (size_t i = 5; i < micBeforeReturn; ++i) {
-            double step = subtract(mic->samples[i]->presentationTime(),
-                                   mic->samples[i - 1]->presentationTime())
-                              .seconds();
-            EXPECT_NEAR(step, 1024.0 / 44100.0, 0.003) << "microphone sample " << i;
-            const bool afterLoss = HostClock::fromMediaTime(mic->samples[i]->presentationTime()) >
-                                   killedAt + 200'000'000;
-            if (afterLoss && i + 1 < micBeforeReturn) {
-                EXPECT_EQ(testing::rms(testing::pcm16Samples(*mic->samples[i])), 0.0) << i;
-            }
+    const auto samples = mic->all();
+    testing::expectContiguous(samples, 1024.0 / 44100.0, 0.003, 5, micBeforeReturn);
+    for (size_t i = 5; i + 1 < micBeforeReturn; ++i)
+        if (HostClock::fromMediaTime(samples[i]->presentationTime()) > killedAt + 200'000'000) {
+            EXPECT_EQ(testing::rms(testing::pcm16Samples(*samples[i])), 0.0) << i;
         }
-    }
-    const auto& buffers = tap.buffers();
+    const auto buffers = tap.all();
     for (size_t i = 1; i < tapBeforeReturn; ++i) {
-        double step = double(buffers[i].first.hostTime - buffers[i - 1].first.hostTime) / 1e9;
+        double step = double(buffers[i].time.hostTime - buffers[i - 1].time.hostTime) / 1e9;
         EXPECT_NEAR(step, 0.1, 0.003) << "tap buffer " << i;
     }
     EXPECT_LT(testing::rms(tap.concat(tapBeforeReturn - 5, tapBeforeReturn)), 0.0005);
 
     // The next recording on the same backend starts at once.
-    auto next = CaptureSession::make(backend);
-    next->addInput(CaptureDeviceInput::make(defaultCaptureDeviceForAudio(backend)));
-    auto nextMic = std::make_shared<Collector>();
-    auto nextOutput = AudioDataOutput::make();
-    nextOutput->setSampleBufferDelegate(nextMic, DispatchQueue::serial("test.mic2"));
-    next->addOutput(nextOutput);
-    next->startRunning();
-    EXPECT_TRUE(next->isRunning());
-    std::unique_lock lock(nextMic->mutex);
-    EXPECT_TRUE(nextMic->cv.wait_for(lock, 30s, [&] { return nextMic->samples.size() >= 10; }));
-    lock.unlock();
+    auto [next, nextMic] = startMicrophone(backend);
+    EXPECT_TRUE(nextMic->waitFor(10, 30s));
     next->stopRunning();
 }
 

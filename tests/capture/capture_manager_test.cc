@@ -6,8 +6,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
-#include <future>
 #include <mutex>
 #include <thread>
 
@@ -17,6 +17,7 @@
 #include "platform/log.h"
 #include "tests/audio/audio_analysis.h"
 #include "tests/audio/counting_backend.h"
+#include "tests/support/test_util.h"
 
 using namespace std::chrono_literals;
 
@@ -24,38 +25,16 @@ namespace sv {
 namespace {
 
 // Collects samples from a handler, noting whether each ran on `queue`.
-class SampleSink {
-  public:
-    explicit SampleSink(std::shared_ptr<DispatchQueue> queue = nullptr)
-        : queue_(std::move(queue)) {}
+struct SampleSink : test::Collected<std::shared_ptr<SampleBuffer>> {
+    explicit SampleSink(std::shared_ptr<DispatchQueue> q = nullptr) : queue(std::move(q)) {}
     SVCaptureManager::SampleHandler handler() {
         return [this](const std::shared_ptr<SampleBuffer>& s) {
-            if (queue_ && !queue_->isCurrent()) wrongQueue_ = true;
-            std::lock_guard lock(mutex_);
-            samples_.push_back(s);
-            cv_.notify_all();
+            if (queue && !queue->isCurrent()) wrongQueue = true;
+            add(s);
         };
     }
-    bool waitFor(size_t n, std::chrono::milliseconds timeout = 5s) {
-        std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, timeout, [&] { return samples_.size() >= n; });
-    }
-    std::vector<std::shared_ptr<SampleBuffer>> samples() {
-        std::lock_guard lock(mutex_);
-        return samples_;
-    }
-    size_t count() {
-        std::lock_guard lock(mutex_);
-        return samples_.size();
-    }
-    bool wrongQueue() const { return wrongQueue_; }
-
-  private:
-    std::shared_ptr<DispatchQueue> queue_;
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::vector<std::shared_ptr<SampleBuffer>> samples_;
-    std::atomic<bool> wrongQueue_{false};
+    std::shared_ptr<DispatchQueue> queue;
+    std::atomic<bool> wrongQueue{false};
 };
 
 std::shared_ptr<SyntheticAudioBackend> fastBackend() {
@@ -75,39 +54,13 @@ double frequencyOf(const std::shared_ptr<SampleBuffer>& s) {
         44100);
 }
 
-TEST(CaptureManager, CreationSetsFormatQueuesAndCategory) {
-    auto m = SVCaptureManager::make(fastBackend());
-    const AudioStreamFormat& f = m->audioBasicDescription();
-    EXPECT_EQ(f.sampleRate, 44100.0);
-    EXPECT_EQ(f.formatID, AudioStreamFormat::kFormatLinearPCM);
-    EXPECT_EQ(f.formatFlags, 14u);
-    EXPECT_EQ(f.bytesPerPacket, 2u);
-    EXPECT_EQ(f.framesPerPacket, 1u);
-    EXPECT_EQ(f.bytesPerFrame, 2u);
-    EXPECT_EQ(f.channelsPerFrame, 1u);
-    EXPECT_EQ(f.bitsPerChannel, 16u);
-    EXPECT_FALSE(m->captureStartTime().isValid());
-    EXPECT_TRUE(m->sessionSampleBufferQueue()->isSerial());
-    EXPECT_EQ(SVCaptureManager::audioDispatchQueue(), SVCaptureManager::audioDispatchQueue());
-    EXPECT_EQ(AudioSession::sharedInstance().category(), AudioSessionCategory::Record);
-    EXPECT_EQ(AudioSession::sharedInstance().categoryOptions(), 1u);
-}
-
-TEST(CaptureManager, SharedManagerIsCreatedOnce) {
-    setProcessAudioBackend(fastBackend());
-    std::shared_ptr<SVCaptureManager> seen[4];
-    std::vector<std::thread> threads;
-    for (auto& s : seen) threads.emplace_back([&s] { s = SVCaptureManager::sharedManager(); });
-    for (auto& t : threads) t.join();
-    for (auto& s : seen) EXPECT_EQ(s, seen[0]);
-    EXPECT_FALSE(seen[0]->captureStartTime().isValid());
-}
-
 TEST(CaptureManager, MicrophoneDidStartRules) {
     auto m = SVCaptureManager::make(fastBackend());
     SampleSink first, second;
     int firstStarts = 0, secondStarts = 0;
     m->startMicrophoneCaptureWithOutput(first.handler(), [&] { ++firstStarts; });
+    EXPECT_EQ(AudioSession::sharedInstance().category(), AudioSessionCategory::Record);
+    EXPECT_EQ(AudioSession::sharedInstance().categoryOptions(), 1u);
     // The session started running inside the call: the closure ran once and
     // the observation is gone.
     EXPECT_EQ(firstStarts, 1);
@@ -123,7 +76,7 @@ TEST(CaptureManager, MicrophoneDidStartRules) {
     EXPECT_EQ(secondStarts, 0);
     EXPECT_EQ(m->captureSession(), session);
     ASSERT_TRUE(first.waitFor(3));
-    EXPECT_EQ(second.count(), 0u);
+    EXPECT_EQ(second.size(), 0u);
 
     // Detaching the microphone keeps the session running and the handler.
     m->stopMicrophoneCapture();
@@ -136,7 +89,7 @@ TEST(CaptureManager, MicrophoneDidStartRules) {
     bool calledInside = false;
     m->startMicrophoneCaptureWithOutput(nullptr, [&] { calledInside = true; });
     EXPECT_TRUE(calledInside);
-    size_t before = first.count();
+    size_t before = first.size();
     EXPECT_TRUE(first.waitFor(before + 2));
     m->stopAllCapture();
 }
@@ -197,24 +150,17 @@ TEST(CaptureManager, CaptureSessionStartStopAndLogs) {
 TEST(CaptureManager, RoutesSamplesByOutput) {
     auto m = SVCaptureManager::make(std::make_shared<SyntheticAudioBackend>(
         SyntheticAudioBackend::Options{.microphoneFrequency = 1000.0}));
+    EXPECT_TRUE(m->sessionSampleBufferQueue()->isSerial());  // samples stay in order
     SampleSink mic(m->sessionSampleBufferQueue());
     SampleSink camera;
     m->startMicrophoneCaptureWithOutput(mic.handler(), nullptr);
     ASSERT_TRUE(mic.waitFor(6));
     m->stopAllCapture();
-    EXPECT_FALSE(mic.wrongQueue());
-    auto samples = mic.samples();
-    std::vector<double> all;
-    for (size_t i = 0; i < samples.size(); ++i) {
-        EXPECT_EQ(samples[i]->numSamples(), 1024);
-        if (i) {
-            EXPECT_NEAR(subtract(samples[i]->presentationTime(), samples[i - 1]->presentationTime())
-                            .seconds(),
-                        1024.0 / 44100, 1e-6);
-        }
-        auto x = testing::pcm16Samples(*samples[i]);
-        all.insert(all.end(), x.begin(), x.end());
-    }
+    EXPECT_FALSE(mic.wrongQueue);
+    auto samples = mic.all();
+    testing::expectContiguous(samples, 1024.0 / 44100, 1e-6);
+    for (auto& sample : samples) EXPECT_EQ(sample->numSamples(), 1024);
+    const auto all = testing::pcm16Samples(samples);
     auto clean = testing::withoutClicks(
         all, 44100, HostClock::fromMediaTime(samples.front()->presentationTime()));
     EXPECT_GE(clean.size(), all.size() / 3);
@@ -230,9 +176,9 @@ TEST(CaptureManager, RoutesSamplesByOutput) {
     m->captureOutputDidOutputSampleBuffer(video, sample, nullptr);
     m->captureOutputDidOutputSampleBuffer(AudioDataOutput::make(), sample, nullptr);
     m->captureOutputDidOutputSampleBuffer(nullptr, sample, nullptr);
-    EXPECT_EQ(camera.count(), 1u);
-    EXPECT_EQ(mic2.count(), 0u);
-    EXPECT_EQ(camera.samples().front(), sample);  // passed on unchanged
+    EXPECT_EQ(camera.size(), 1u);
+    EXPECT_EQ(mic2.size(), 0u);
+    EXPECT_EQ(camera.all().front(), sample);  // passed on unchanged
 }
 
 TEST(CaptureManager, StopAllCaptureReturnsToIdle) {
@@ -242,9 +188,9 @@ TEST(CaptureManager, StopAllCaptureReturnsToIdle) {
     SampleSink sink;
     m->startMicrophoneCaptureWithOutput(sink.handler(), nullptr);
     m->setCameraOutputHandler(sink.handler());
-    std::promise<void> started;
-    m->startAppAudioCaptureForProcessID(77, sink.handler(), [&] { started.set_value(); });
-    ASSERT_EQ(started.get_future().wait_for(3s), std::future_status::ready);
+    Semaphore started;
+    m->startAppAudioCaptureForProcessID(77, sink.handler(), [&] { started.signal(); });
+    ASSERT_TRUE(started.waitFor(3s));
     auto session = m->captureSession();
     m->stopAllCapture();
     EXPECT_FALSE(m->sessionInProgress());
@@ -275,9 +221,9 @@ TEST(CaptureManager, TapWaitsForTheStartTimeThenDelivers) {
     auto counting = std::make_shared<testing::CountingBackend>(fastBackend());
     auto m = SVCaptureManager::make(counting);
     SampleSink sink(SVCaptureManager::audioDispatchQueue());
-    std::promise<void> started;
-    m->startAppAudioCaptureForProcessID(1234, sink.handler(), [&] { started.set_value(); });
-    ASSERT_EQ(started.get_future().wait_for(3s), std::future_status::ready);
+    Semaphore started;
+    m->startAppAudioCaptureForProcessID(1234, sink.handler(), [&] { started.signal(); });
+    ASSERT_TRUE(started.waitFor(3s));
     EXPECT_TRUE(
         logs.contains("SVRecordingManager: startAudioCapture: Created Audio Tap Queue Input"));
     EXPECT_TRUE(logs.contains(
@@ -291,14 +237,14 @@ TEST(CaptureManager, TapWaitsForTheStartTimeThenDelivers) {
     // reaches the handler.
     ASSERT_TRUE(counting->waitForBytes(8 * kTapBufferBytes, 10s));
     SVCaptureManager::audioDispatchQueue()->sync([] {});
-    EXPECT_EQ(sink.count(), 0u);
+    EXPECT_EQ(sink.size(), 0u);
     m->setCaptureStartTime(HostClock::toMediaTime(HostClock::now()));
     ASSERT_TRUE(sink.waitFor(4));
-    EXPECT_FALSE(sink.wrongQueue());
+    EXPECT_FALSE(sink.wrongQueue);
     // Recycled, not held back: the first buffer delivered was filled after
     // several buffers' worth of audio had gone by (not the first three).
     const int64_t firstFrame =
-        (int64_t(HostClock::fromMediaTime(sink.samples().front()->presentationTime())) -
+        (int64_t(HostClock::fromMediaTime(sink.all().front()->presentationTime())) -
          int64_t(*counting->firstHostTime())) *
         44100 / HostClock::kTicksPerSecond;
     EXPECT_GE(firstFrame, 3 * kTapBufferFrames);
@@ -320,18 +266,21 @@ TEST(CaptureManager, TapWaitsForTheStartTimeThenDelivers) {
         logs.count("SVRecordingManager: HandleInputBuffer: Successfully enqueued the audio buffer"),
         4u);
 
-    auto samples = sink.samples();
-    for (size_t i = 0; i < samples.size(); ++i) {
-        EXPECT_EQ(samples[i]->numSamples(), 28672);
-        EXPECT_EQ(samples[i]->dataLength(), 57344u);
-        EXPECT_EQ(samples[i]->audioFormat(), m->audioBasicDescription());
-        EXPECT_NEAR(frequencyOf(samples[i]), syntheticToneFrequencyForProcess(1234), 1.0);
-        if (i) {
-            double step =
-                subtract(samples[i]->presentationTime(), samples[i - 1]->presentationTime())
-                    .seconds();
-            EXPECT_NEAR(step, 28672.0 / 44100.0, 1e-6);
-        }
+    auto samples = sink.all();
+    // A buffer or more apart, in whole frames: more where a loaded machine
+    // gave a buffer back late and the tap skipped what had no buffer.
+    for (size_t i = 1; i < samples.size(); ++i) {
+        const double frames =
+            subtract(samples[i]->presentationTime(), samples[i - 1]->presentationTime()).seconds() *
+            44100;
+        EXPECT_GE(frames, 28672 - 1e-3) << i;
+        EXPECT_NEAR(frames, std::round(frames), 1e-3) << i;
+    }
+    for (auto& sample : samples) {
+        EXPECT_EQ(sample->numSamples(), 28672);
+        EXPECT_EQ(sample->dataLength(), 57344u);
+        EXPECT_EQ(sample->audioFormat(), m->audioBasicDescription());
+        EXPECT_NEAR(frequencyOf(sample), syntheticToneFrequencyForProcess(1234), 1.0);
     }
     // The output closure and did-start closure stay after a stop.
     EXPECT_TRUE(m->appAudioOutputHandler());
@@ -364,7 +313,7 @@ TEST(CaptureManager, ResumeFillsTheGapWithSilence) {
     EXPECT_FALSE(m->resumed());
     EXPECT_EQ(logs.count("gap since last audio tap, filling with empty sample buffer"), 1u);
 
-    auto samples = sink.samples();
+    auto samples = sink.all();
     const auto& silence = samples[0];
     EXPECT_EQ(silence->numSamples(), 22050);
     EXPECT_EQ(silence->dataLength(), 44100u);
@@ -394,7 +343,7 @@ TEST(CaptureManager, ResumeWithoutAGapOrAfterStopAllAddsNoSilence) {
     ASSERT_TRUE(sink.waitFor(2));
     m->stopAppAudioCapture();
     EXPECT_FALSE(m->resumed());
-    for (auto& s : sink.samples()) EXPECT_EQ(s->numSamples(), 28672);
+    for (auto& s : sink.all()) EXPECT_EQ(s->numSamples(), 28672);
 
     // stopAllCapture clears lastAudioDate and the start time: no silence, and
     // nothing until a new start time.
@@ -404,28 +353,30 @@ TEST(CaptureManager, ResumeWithoutAGapOrAfterStopAllAddsNoSilence) {
     m->resumeAppAudioCaptureForProcessID(57, after.handler());
     ASSERT_TRUE(counting->waitForBytes(before + 4 * kTapBufferBytes, 10s));
     SVCaptureManager::audioDispatchQueue()->sync([] {});
-    EXPECT_EQ(after.count(), 0u);
+    EXPECT_EQ(after.size(), 0u);
     m->setCaptureStartTime(MediaTime::make(2, 1));
     ASSERT_TRUE(after.waitFor(2));
     m->stopAllCapture();
-    for (auto& s : after.samples()) EXPECT_EQ(s->numSamples(), 28672);
+    for (auto& s : after.all()) EXPECT_EQ(s->numSamples(), 28672);
     EXPECT_EQ(logs.count("gap since last audio tap, filling with empty sample buffer"), 0u);
 }
 
+// A refused stop is logged and the tap dropped all the same (torn down once
+// no task refers to it). The old tap then still counts as running: only the
+// identity test keeps its queued buffers from being delivered.
 TEST(CaptureManager, BuffersOfAStoppedTapNeverReachTheNextTap) {
-    // With a refused stop, the old tap still counts as running: only the
-    // identity test keeps its queued buffers from being delivered.
     for (bool stopFails : {false, true}) {
         SCOPED_TRACE(stopFails ? "stop refused" : "stop succeeded");
+        log::Capture logs;
         auto backend = fastBackend();
         auto counting = std::make_shared<testing::CountingBackend>(backend);
         auto m = SVCaptureManager::make(counting);
         m->setCaptureStartTime(MediaTime::make(1, 1));
         const int32_t pidA = 3001, pidB = 3002;
         SampleSink a, b;
-        std::promise<void> startedA;
-        m->startAppAudioCaptureForProcessID(pidA, a.handler(), [&] { startedA.set_value(); });
-        ASSERT_EQ(startedA.get_future().wait_for(3s), std::future_status::ready);
+        Semaphore startedA;
+        m->startAppAudioCaptureForProcessID(pidA, a.handler(), [&] { startedA.signal(); });
+        ASSERT_TRUE(startedA.waitFor(3s));
         ASSERT_TRUE(a.waitFor(1));
 
         // Occupy the tap queue while A fills its three buffers, so that their
@@ -439,41 +390,23 @@ TEST(CaptureManager, BuffersOfAStoppedTapNeverReachTheNextTap) {
             backend->setFailTapStop(stopFails);
             m->stopAppAudioCapture();
             backend->setFailTapStop(false);
-            aAtStop = a.count();
+            EXPECT_FALSE(m->audioRecorderQueue());
+            EXPECT_EQ(
+                logs.count("SVRecordingManager:stopAudioCapture:error: -66607", log::Level::Error),
+                stopFails ? 1u : 0u);
+            if (stopFails) {
+                EXPECT_EQ(logs.count("SVRecordingManager: Audio Tap Queue has been disposed"), 0u);
+            }
+            aAtStop = a.size();
             m->startAppAudioCaptureForProcessID(pidB, b.handler(), nullptr);
         });
         ASSERT_TRUE(b.waitFor(3));
         m->stopAllCapture();
-        EXPECT_EQ(a.count(), aAtStop) << "a buffer of the stopped tap was delivered";
-        for (auto& s : b.samples())
+        EXPECT_EQ(a.size(), aAtStop) << "a buffer of the stopped tap was delivered";
+        for (auto& s : b.all())
             EXPECT_NEAR(frequencyOf(s), syntheticToneFrequencyForProcess(pidB), 1.0);
         EXPECT_EQ(backend->openSources(), 0);
     }
-}
-
-TEST(CaptureManager, FailedStopDropsTheTapAndItsLateBuffers) {
-    auto backend = fastBackend();
-    auto m = SVCaptureManager::make(backend);
-    log::Capture logs;
-    m->setCaptureStartTime(MediaTime::make(1, 1));
-    SampleSink a, b;
-    m->startAppAudioCaptureForProcessID(4001, a.handler(), nullptr);
-    ASSERT_TRUE(a.waitFor(1));
-    backend->setFailTapStop(true);
-    m->stopAppAudioCapture();
-    backend->setFailTapStop(false);
-    EXPECT_EQ(logs.count("SVRecordingManager:stopAudioCapture:error: -66607", log::Level::Error),
-              1u);
-    EXPECT_EQ(logs.count("SVRecordingManager: Audio Tap Queue has been disposed"), 0u);
-    SVCaptureManager::audioDispatchQueue()->sync([&] { EXPECT_FALSE(m->audioRecorderQueue()); });
-
-    m->startAppAudioCaptureForProcessID(4002, b.handler(), nullptr);
-    ASSERT_TRUE(b.waitFor(3));
-    m->stopAllCapture();
-    for (auto& s : b.samples())
-        EXPECT_NEAR(frequencyOf(s), syntheticToneFrequencyForProcess(4002), 1.0);
-    // Once no task refers to it, the dropped tap is torn down.
-    EXPECT_EQ(backend->openSources(), 0);
 }
 
 TEST(CaptureManager, TapThatCannotStartLogsAndNeverCallsDidStart) {

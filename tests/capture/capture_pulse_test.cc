@@ -3,15 +3,12 @@
 // records the tapped process only, in contiguous 57344-byte buffers.
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <future>
-#include <mutex>
-
 #include "capture/capture_manager.h"
 #include "platform/audio/pulse_audio.h"
 #include "platform/audio/testing/private_pulse_server.h"
 #include "platform/host_clock.h"
 #include "tests/audio/audio_analysis.h"
+#include "tests/support/test_util.h"
 
 using namespace std::chrono_literals;
 
@@ -34,68 +31,45 @@ TEST(CaptureManagerPulse, MicrophoneAndTapOfOneProcess) {
     EXPECT_TRUE(server->waitForPlaybackStreams(tapped, 1, 10s));
     EXPECT_TRUE(server->waitForPlaybackStreams(other, 1, 10s));
 
-    std::mutex mutex;
-    std::condition_variable arrived;
-    std::vector<std::shared_ptr<SampleBuffer>> mic, app;
-    std::vector<uint64_t> appArrivals;
-    std::promise<void> tapStarted, micStarted;
+    test::Collected<std::shared_ptr<SampleBuffer>> mic, app;
+    test::Collected<uint64_t> appArrivals;
+    test::Collected<bool> didStart;
     m->startAppAudioCaptureForProcessID(
         tapped,
         [&](const std::shared_ptr<SampleBuffer>& s) {
-            std::lock_guard lock(mutex);
-            app.push_back(s);
-            appArrivals.push_back(HostClock::now());
-            arrived.notify_all();
+            appArrivals.add(HostClock::now());
+            app.add(s);
         },
-        [&] { tapStarted.set_value(); });
-    ASSERT_EQ(tapStarted.get_future().wait_for(3s), std::future_status::ready);
-    m->startMicrophoneCaptureWithOutput(
-        [&](const std::shared_ptr<SampleBuffer>& s) {
-            std::lock_guard lock(mutex);
-            mic.push_back(s);
-        },
-        [&] { micStarted.set_value(); });
-    ASSERT_EQ(micStarted.get_future().wait_for(3s), std::future_status::ready);
+        [&] { didStart.add(true); });
+    ASSERT_TRUE(didStart.waitFor(1, 3s));
+    m->startMicrophoneCaptureWithOutput([&](const auto& s) { mic.add(s); },
+                                        [&] { didStart.add(true); });
+    ASSERT_TRUE(didStart.waitFor(2, 3s));
     // As the first video frame would.
     m->setCaptureStartTime(HostClock::toMediaTime(HostClock::now()));
-    {
-        // Four tap buffers: about 2.6 s of audio.
-        std::unique_lock lock(mutex);
-        EXPECT_TRUE(arrived.wait_for(lock, 30s, [&] { return app.size() >= 4; }));
-    }
+    EXPECT_TRUE(app.waitFor(4, 30s));  // about 2.6 s of audio
     m->stopAllCapture();
     testing::PrivatePulseServer::reap(tapped);
     testing::PrivatePulseServer::reap(other);
 
-    std::lock_guard lock(mutex);
-    ASSERT_GE(app.size(), 4u);
-    std::vector<double> x;
-    for (size_t i = 0; i < app.size(); ++i) {
-        EXPECT_EQ(app[i]->dataLength(), 57344u);
-        EXPECT_EQ(app[i]->numSamples(), 28672);
-        if (i > 0) {
-            double step =
-                subtract(app[i]->presentationTime(), app[i - 1]->presentationTime()).seconds();
-            EXPECT_NEAR(step, 28672.0 / 44100.0, 0.003);
-        }
-        double age = HostClock::toSeconds(appArrivals[i]) - app[i]->presentationTime().seconds();
+    const auto samples = app.all();
+    const auto arrivals = appArrivals.all();
+    ASSERT_GE(samples.size(), 4u);
+    testing::expectContiguous(samples, 28672.0 / 44100.0, 0.003);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        EXPECT_EQ(samples[i]->dataLength(), 57344u);
+        EXPECT_EQ(samples[i]->numSamples(), 28672);
+        double age = HostClock::toSeconds(arrivals[i]) - samples[i]->presentationTime().seconds();
         EXPECT_GT(age, 28672.0 / 44100.0);
         EXPECT_LT(age, 28672.0 / 44100.0 + 1.0);
-        if (i > 0) {
-            auto y = testing::pcm16Samples(*app[i]);
-            x.insert(x.end(), y.begin(), y.end());
-        }
     }
+    const auto x = testing::pcm16Samples(samples, 1);
     EXPECT_GT(testing::toneAmplitude(x, 44100, 440), 0.15);
     EXPECT_LT(testing::toneAmplitude(x, 44100, 880), 0.002);
 
     ASSERT_GE(mic.size(), 20u);
-    std::vector<double> y;
-    for (size_t i = 5; i < mic.size(); ++i) {
-        auto z = testing::pcm16Samples(*mic[i]);
-        y.insert(y.end(), z.begin(), z.end());
-    }
-    EXPECT_NEAR(testing::zeroCrossingFrequency(y, 44100), 700.0, 3.0);
+    EXPECT_NEAR(testing::zeroCrossingFrequency(testing::pcm16Samples(mic.all(), 5), 44100), 700.0,
+                3.0);
 }
 
 }  // namespace

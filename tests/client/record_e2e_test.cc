@@ -26,6 +26,9 @@
 #include "tests/process/process_helpers.h"
 #include "tests/support/test_util.h"
 
+#ifdef SV_TEST_HAVE_WAYLAND
+#include "platform/screen/testing/wayland_desktop.h"
+#endif
 #ifdef SV_TEST_HAVE_XVFB
 #include <xcb/xcb.h>
 
@@ -462,6 +465,7 @@ TEST_F(RecordEndToEndTest, BroadcastsALiveHLSStreamThroughTheUploadExtension) {
     const std::string log = daemon_.log();
     const auto at = log.find(started) + started.size();
     const pid_t extensionPid = std::stoi(log.substr(at, log.find(')', at) - at));
+    ASSERT_GT(extensionPid, 1);
     ASSERT_EQ(::kill(extensionPid, SIGKILL), 0);
     ASSERT_EQ(sv::test::waitForExit(p, 180s), 0) << sv::test::readFile(dir_ + "/broadcast.log");
     EXPECT_EQ(daemon_.logCount(started), 2u) << daemon_.log();
@@ -523,6 +527,144 @@ TEST_F(RecordEndToEndTest, BroadcastsALiveHLSStreamThroughTheUploadExtension) {
     segments = extinf(playlist);
     ASSERT_EQ(segments.size(), 2u) << sv::test::readFile(playlist);
     EXPECT_NEAR(segments[0], 5.05, 0.5);
+}
+
+#ifdef SV_TEST_HAVE_WAYLAND
+// A Wayland desktop user records their screen through the desktop portal: the
+// movie is the output at its own size in its colour, the portal's restore
+// token is kept, and a compositor that goes away mid-recording ends the next
+// recording with its error and the movie recorded so far.
+TEST_F(RecordEndToEndTest, ASystemRecordingOfAWaylandDesktopGoesThroughItsPortal) {
+    const char* ci = std::getenv("CI");
+    const bool inCI = ci && std::string(ci) == "true";
+    if (!sv::testing::WaylandDesktop::available()) {
+        if (inCI) FAIL() << "sway or the desktop portal is missing (scripts/install-deps.sh)";
+        GTEST_SKIP() << "sway or the desktop portal is not installed";
+    }
+    auto started = sv::testing::WaylandDesktop::start({.width = 640, .height = 360});
+    if (!started && !inCI)
+        GTEST_SKIP() << "no private Wayland desktop here: " << started.error().message();
+    ASSERT_TRUE(started) << started.error().message();
+    auto desktop = std::move(*started);
+    daemon_.stop(SIGTERM);
+    const std::string state = dir_ + "/state";
+    env_.insert(env_.end(),
+                {"DBUS_SESSION_BUS_ADDRESS=" + desktop->busAddress(),
+                 "WAYLAND_DISPLAY=" + desktop->waylandDisplay(), "XDG_STATE_HOME=" + state});
+    ASSERT_TRUE(daemon_.start(
+        SORVELD,
+        {.args = {"--screen-backend", "auto", "--audio-backend", "synthetic"}, .env = env_}))
+        << daemon_.log();
+    EXPECT_TRUE(daemon_.logged("Screen: using the portal screen backend (640x360)"))
+        << daemon_.log();
+
+    pid_t p = record({"--system", "--duration", "2"});
+    ASSERT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog() << desktop->logs();
+    auto reader = media::MovieReader::open(output()).valueOr(nullptr);
+    ASSERT_TRUE(reader);
+    const media::TrackInfo& video = reader->info().tracks.at(0);
+    EXPECT_EQ(video.width, 640);
+    EXPECT_EQ(video.height, 360);
+    EXPECT_EQ(video.rotation, 0);
+    EXPECT_GT(video.duration, 1.5);
+    // 0x3080C0 has a luma of about 111.
+    std::vector<int> lumas;
+    (void)reader->decode(
+        [&](const media::LumaFrame& f) {
+            lumas.push_back(f.data[180 * f.bytesPerRow + 320]);
+            lumas.push_back(f.data[4 * f.bytesPerRow + 4]);
+            return lumas.size() < 20;
+        },
+        nullptr);
+    ASSERT_FALSE(lumas.empty());
+    for (int luma : lumas) EXPECT_NEAR(luma, 111, 12);
+    EXPECT_FALSE(sv::test::readFile(state + "/sorvel/screencast-restore-token").empty());
+
+    p = record({"--system", "--duration", "60"});
+    waitForRecording();
+    ASSERT_TRUE(desktop->killCompositor());
+    EXPECT_EQ(sv::test::waitForExit(p, 60s), 1) << recordLog();
+    EXPECT_TRUE(contains(recordLog(), "(org.sorvel.SVRecordingErrorDomain -5804)")) << recordLog();
+    EXPECT_TRUE(contains(recordLog(), "the movie recorded so far is in")) << recordLog();
+    reader = media::MovieReader::open(output()).valueOr(nullptr);
+    ASSERT_TRUE(reader);
+    EXPECT_EQ(reader->info().tracks.at(0).width, 640);
+}
+#endif
+
+// A broadcast to the shipped processing extension: every frame reaches it
+// with the time it was captured at (a small age on arrival, none out of
+// order) as the screen's own image, both audio sources arrive without a gap,
+// a thumbnail of the screen is written, the extension's figures reach the
+// command as service information, and the extension is ended after the
+// finish. An extension killed mid-broadcast ends the broadcast with -5808.
+TEST_F(RecordEndToEndTest, BroadcastsSamplesToTheProcessingExtension) {
+    const std::string thumbs = dir_ + "/thumbs";
+    std::filesystem::create_directories(thumbs);
+    auto broadcast = [&](const std::string& duration, const std::string& log) {
+        return sv::test::spawnProcess(
+            {SORVEL, "record", "--broadcast", "org.sorvel.measure.processing", "--user-info",
+             R"({"directory": ")" + thumbs + R"("})", "--duration", duration, "--mic"},
+            env_, dir_ + "/" + log);
+    };
+    // The service information the command printed, in order.
+    auto infos = [&](const std::string& log) {
+        std::vector<Value> found;
+        std::istringstream in(sv::test::readFile(dir_ + "/" + log));
+        for (std::string line; std::getline(in, line);)
+            if (auto v = Value::parse(line, nullptr, false); v.is_object() && v.contains("frames"))
+                found.push_back(std::move(v));
+        return found;
+    };
+    pid_t p = broadcast("4", "measure.log");
+    ASSERT_EQ(sv::test::waitForExit(p, 120s), 0) << sv::test::readFile(dir_ + "/measure.log");
+    auto reports = infos("measure.log");
+    ASSERT_FALSE(reports.empty()) << sv::test::readFile(dir_ + "/measure.log");
+    const Value& last = reports.back();
+    EXPECT_EQ(last["finished"], true) << last.dump();
+    EXPECT_EQ(last["actions"], Value::array({"start", "finish"}));
+    EXPECT_GE(last["frames"].get<int64_t>(), 40) << last.dump();
+    // At most the broadcast's 30 per second (a loaded machine may make fewer).
+    EXPECT_LE(last["fps"].get<double>(), 30.5);
+    EXPECT_GE(last["fps"].get<double>(), 10.0);
+    EXPECT_LT(last["frameAgeMs"]["p50"].get<double>(), 1000.0) << "frames keep their capture time";
+    EXPECT_GE(last["frameAgeMs"]["p50"].get<double>(), 0.0);
+    EXPECT_EQ(last["outOfOrder"], 0);
+    EXPECT_EQ(last["unmapped"], 0);
+    EXPECT_GT(last["width"].get<int>(), 0);
+    for (const char* source : {"application", "microphone"}) {
+        EXPECT_GT(last["audio"][source]["buffers"].get<int64_t>(), 0) << source;
+        EXPECT_EQ(last["audio"][source]["gaps"], 0) << source;
+        EXPECT_NEAR(last["audio"][source]["seconds"].get<double>(), 4.0, 1.0) << source;
+    }
+    EXPECT_GE(last["thumbnails"].get<int64_t>(), 1);
+    const std::string png = sv::test::readFile(thumbs + "/thumbnail.png");
+    ASSERT_GT(png.size(), 24u);
+    EXPECT_EQ(png.substr(1, 3), "PNG");
+    EXPECT_EQ(uint8_t(png[18]) * 256 + uint8_t(png[19]), 320) << "thumbnail width";
+    EXPECT_TRUE(daemon_.logged(", 0 pixel bytes copied")) << daemon_.log();
+    EXPECT_TRUE(daemon_.logged("ended by signal 9"));
+
+    // Killed while it receives frames.
+    p = broadcast("60", "killed.log");
+    const std::string started = "started extension org.sorvel.measure.processing (pid ";
+    ASSERT_TRUE(daemon_.logged(started, 2));
+    ASSERT_TRUE(sv::test::eventually(
+        [&] {
+            auto now = infos("killed.log");
+            return !now.empty() && now.back()["frames"].get<int64_t>() > 0;
+        },
+        60s));
+    const std::string log = daemon_.log();
+    const auto at = log.rfind(started) + started.size();
+    const pid_t extensionPid = std::stoi(log.substr(at, log.find(')', at) - at));
+    ASSERT_GT(extensionPid, 1);
+    ASSERT_EQ(::kill(extensionPid, SIGKILL), 0);
+    EXPECT_EQ(sv::test::waitForExit(p, 60s), 1) << sv::test::readFile(dir_ + "/killed.log");
+    EXPECT_TRUE(contains(sv::test::readFile(dir_ + "/killed.log"),
+                         "(org.sorvel.SVRecordingErrorDomain -5808)"))
+        << sv::test::readFile(dir_ + "/killed.log");
+    EXPECT_TRUE(daemon_.answers(10s));
 }
 
 #ifdef SV_TEST_HAVE_XVFB

@@ -131,14 +131,5 @@ TEST(Semaphore, CountsAndTimesOut) {
     t.join();
 }
 
-TEST(Once, RunsExactlyOnceAcrossThreads) {
-    OnceFlag flag;
-    std::atomic<int> runs{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) threads.emplace_back([&] { dispatchOnce(flag, [&] { ++runs; }); });
-    for (auto& t : threads) t.join();
-    EXPECT_EQ(runs, 1);
-}
-
 }  // namespace
 }  // namespace sv

@@ -9,6 +9,12 @@
 //   config answers a broadcast fragment with a configuration of the clip
 //          duration in the user info's "nextClipDuration" and service
 //          information {"finished": the flag, "bytes": the fragment's size}
+//   sample a processing extension (on the SDK) that reports every call as
+//          service information: {"action", "userInfo"}, {"video": seconds
+//          of its time, "timescale", "width", "pixel": the first byte, or
+//          -1 without an image}, {"audio": the source, "time", "bytes",
+//          "samples", "rate"}
+//   slow   the same, taking 100 ms over every frame
 // Any other: answers every request with no items.
 #include <fcntl.h>
 #include <signal.h>
@@ -20,6 +26,11 @@
 #include <mutex>
 #include <string>
 
+#include <sorvel/processing_extension.h>
+
+#include <chrono>
+#include <thread>
+
 #include "platform/extension/app_extension.h"
 #include "platform/extension/extension_context.h"
 #include "protocol/broadcast_configuration.h"
@@ -27,10 +38,44 @@
 
 using namespace sv;
 
+namespace {
+
+class Reporter : public SVProcessingExtension {
+  public:
+    explicit Reporter(bool slow) : slow_(slow) {}
+    void broadcastDidReceiveAction(SVBroadcastAction action, const std::string& info) override {
+        report({{"action", int(action)}, {"userInfo", Value::parse(info, nullptr, false)}});
+    }
+    void processVideoFrame(const SVVideoFrame& f) override {
+        if (slow_) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        report({{"video", f.timing.presentationTime.seconds()},
+                {"timescale", f.timing.presentationTime.timescale},
+                {"width", f.width},
+                {"pixel", f.pixels ? int(f.pixels[0]) : -1}});
+    }
+    void processAudioBuffer(const SVAudioBuffer& b) override {
+        report({{"audio", int(b.source)},
+                {"time", b.timing.presentationTime.seconds()},
+                {"bytes", b.size},
+                {"samples", b.numSamples},
+                {"rate", b.format.sampleRate}});
+    }
+
+  private:
+    void report(const Value& v) { sendServiceInfo(v.dump()); }
+    bool slow_;
+};
+
+}  // namespace
+
 int main() {
     const char* idText = std::getenv(kExtensionIdentifierVariable);
     const std::string id = idText ? idText : "";
     const std::string role = id.substr(id.rfind('.') + 1);
+    if (role == "sample" || role == "slow") {
+        Reporter reporter(role == "slow");
+        return SVRunProcessingExtension(reporter);
+    }
     if (role == "mute") {
         for (;;) pause();
     }

@@ -1,28 +1,22 @@
 // Test helpers: frames with their index drawn into the pixels, audio tones,
-// writers with one video input, and a libavformat/libavcodec reader for what
-// a test wrote.
+// writers with one video input, and what a test wrote read back through the
+// movie reader.
 #pragma once
 
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-#include <libavutil/display.h>
-}
-
 #include "platform/audio_format.h"
 #include "platform/media/ffmpeg_util.h"
 #include "platform/media/media_settings.h"
 #include "platform/media/movie_file_writer.h"
+#include "platform/media/movie_reader.h"
 #include "platform/media_time.h"
 #include "platform/sample_buffer.h"
 #include "platform/shared_surface.h"
@@ -52,16 +46,18 @@ inline std::shared_ptr<SampleBuffer> makeFrame(SurfacePool& pool, int index, Med
     return SampleBuffer::makeVideo(s, pts);
 }
 
-// A 440 Hz tone of `frames` frames starting at `startFrame` (phase continuous).
-inline std::shared_ptr<SampleBuffer> makeTone(const AudioStreamFormat& f, int64_t startFrame,
-                                              int frames, MediaTime pts) {
+// `frames` frames of audio in format `f` at `pts`, every channel of frame i
+// the value `valueOf(i)` in [-1, 1].
+inline std::shared_ptr<SampleBuffer> makeAudio(const AudioStreamFormat& f, int frames,
+                                               MediaTime pts,
+                                               const std::function<double(int64_t)>& valueOf) {
     auto block = std::make_shared<DataBlock>(size_t(frames) * f.bytesPerFrame);
     for (int i = 0; i < frames; ++i) {
-        double v = 0.5 * std::sin(2 * M_PI * 440.0 * double(startFrame + i) / f.sampleRate);
+        const double v = valueOf(i);
         for (uint32_t c = 0; c < f.channelsPerFrame; ++c) {
             uint8_t* p = block->data() + size_t(i) * f.bytesPerFrame + c * f.bitsPerChannel / 8;
             float x = float(v);
-            auto u = uint16_t(int16_t(v * 32767));
+            auto u = uint16_t(int16_t(std::lround(v * 32767)));
             if (f.formatFlags & AudioStreamFormat::kFlagIsBigEndian) u = uint16_t(u << 8 | u >> 8);
             if (f.formatFlags & AudioStreamFormat::kFlagIsFloat)
                 std::memcpy(p, &x, 4);
@@ -70,6 +66,14 @@ inline std::shared_ptr<SampleBuffer> makeTone(const AudioStreamFormat& f, int64_
         }
     }
     return SampleBuffer::makeAudio(block, f, frames, pts);
+}
+
+// A 440 Hz tone of `frames` frames starting at `startFrame` (phase continuous).
+inline std::shared_ptr<SampleBuffer> makeTone(const AudioStreamFormat& f, int64_t startFrame,
+                                              int frames, MediaTime pts) {
+    return makeAudio(f, frames, pts, [&](int64_t i) {
+        return 0.5 * std::sin(2 * M_PI * 440.0 * double(startFrame + i) / f.sampleRate);
+    });
 }
 
 inline Value videoSettings(int w, int h, Value props = Value::object()) {
@@ -107,87 +111,11 @@ struct VideoWriter {
     std::shared_ptr<media::MovieWriterInput> video;
 };
 
-struct StreamInfo {
-    AVMediaType type = AVMEDIA_TYPE_UNKNOWN;
-    AVCodecID codec = AV_CODEC_ID_NONE;
-    int profile = 0;
-    int width = 0, height = 0;
-    int sampleRate = 0, channels = 0;
-    double startTime = 0;  // seconds, after the edit list
-    double duration = 0;
-    std::optional<std::vector<int32_t>> displayMatrix;
-};
-
-struct MovieInfo {
-    bool ok = false;
-    double duration = 0;
-    std::map<std::string, std::string> tags;
-    std::vector<StreamInfo> streams;
-};
-
-inline MovieInfo probeMovie(const std::string& path) {
-    MovieInfo info;
-    auto in = media::openInputFormat(path, nullptr);
-    if (!in) return info;
-    info.ok = true;
-    info.duration = in->duration / double(AV_TIME_BASE);
-    const AVDictionaryEntry* t = nullptr;
-    while ((t = av_dict_get(in->metadata, "", t, AV_DICT_IGNORE_SUFFIX)))
-        info.tags[t->key] = t->value;
-    for (unsigned i = 0; i < in->nb_streams; ++i) {
-        AVStream* st = in->streams[i];
-        const AVCodecParameters* p = st->codecpar;
-        StreamInfo s{
-            p->codec_type,           p->codec_id, p->profile, p->width, p->height, p->sample_rate,
-            p->ch_layout.nb_channels};
-        if (st->start_time != AV_NOPTS_VALUE) s.startTime = st->start_time * av_q2d(st->time_base);
-        if (st->duration != AV_NOPTS_VALUE) s.duration = st->duration * av_q2d(st->time_base);
-        size_t size = 0;
-        if (auto* m = reinterpret_cast<const int32_t*>(
-                av_stream_get_side_data(st, AV_PKT_DATA_DISPLAYMATRIX, &size));
-            m && size >= 36)
-            s.displayMatrix = std::vector<int32_t>(m, m + 9);
-        info.streams.push_back(s);
-    }
-    return info;
-}
-
-// Decodes track `index` (-1: the first video track), handing each frame and
-// its presentation time in seconds to `onFrame`. Returns the track's end in
-// seconds (huge when unknown).
-inline double decodeTrack(const std::string& path, int index,
-                          const std::function<void(const AVFrame&, double)>& onFrame) {
-    auto in = media::openInputFormat(path, nullptr);
-    if (!in) return 0;
-    if (index < 0) index = av_find_best_stream(in.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    if (index < 0 || index >= int(in->nb_streams)) return 0;
-    AVStream* st = in->streams[index];
-    const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
-    media::CodecContextPtr dec(avcodec_alloc_context3(codec));
-    media::PacketPtr pkt(av_packet_alloc());
-    media::FramePtr frame(av_frame_alloc());
-    if (!dec || !pkt || !frame || avcodec_parameters_to_context(dec.get(), st->codecpar) < 0)
-        return 0;
-    dec->thread_count = 1;
-    if (avcodec_open2(dec.get(), codec, nullptr) < 0) return 0;
-    auto receive = [&] {
-        while (avcodec_receive_frame(dec.get(), frame.get()) >= 0) {
-            int64_t ts = frame->best_effort_timestamp;
-            onFrame(*frame, ts == AV_NOPTS_VALUE ? 0 : ts * av_q2d(st->time_base));
-            av_frame_unref(frame.get());
-        }
-    };
-    while (av_read_frame(in.get(), pkt.get()) >= 0) {
-        if (pkt->stream_index == index) {
-            avcodec_send_packet(dec.get(), pkt.get());
-            receive();
-        }
-        av_packet_unref(pkt.get());
-    }
-    avcodec_send_packet(dec.get(), nullptr);
-    receive();
-    const int64_t start = st->start_time == AV_NOPTS_VALUE ? 0 : st->start_time;
-    return st->duration > 0 ? double(start + st->duration) * av_q2d(st->time_base) : 1e18;
+// What the movie at `path` holds, read as `sorvel inspect` reads it (nothing
+// when it cannot be read).
+inline media::MovieInfo probeMovie(const std::string& path) {
+    auto reader = media::MovieReader::open(path).valueOr(nullptr);
+    return reader ? reader->info() : media::MovieInfo{};
 }
 
 struct DecodedVideo {
@@ -195,22 +123,32 @@ struct DecodedVideo {
     std::vector<double> times;  // their presentation times in seconds
 };
 
-// Frames that the edit list hides (negative times) are left out.
+// The first video track's frames (those the edit list hides left out).
 inline DecodedVideo decodeVideo(const std::string& path) {
     DecodedVideo out;
-    const double end = decodeTrack(path, -1, [&](const AVFrame& f, double t) {
-        if (t < -1e-6) return;
-        int index = 0;  // read back from the centre of each cell of the luma plane
-        for (int bit = 0; bit < 16; ++bit) {
-            int x = (bit % 8) * f.width / 8 + f.width / 16,
-                y = (bit / 8) * f.height / 2 + f.height / 4;
-            if (f.data[0][y * f.linesize[0] + x] > 128) index |= 1 << bit;
-        }
-        out.indices.push_back(index);
-        out.times.push_back(t);
-    });
+    auto reader = media::MovieReader::open(path).valueOr(nullptr);
+    if (!reader) return out;
+    const media::TrackInfo* track = nullptr;
+    for (const auto& t : reader->info().tracks)
+        if (!track && t.kind == media::TrackKind::Video) track = &t;
+    if (!track) return out;
+    (void)reader->decode(
+        [&](const media::LumaFrame& f) {
+            if (f.track != track->index) return true;
+            int index = 0;  // read back from the centre of each cell
+            for (int bit = 0; bit < 16; ++bit) {
+                int x = (bit % 8) * f.width / 8 + f.width / 16,
+                    y = (bit / 8) * f.height / 2 + f.height / 4;
+                if (f.data[y * f.bytesPerRow + x] > 128) index |= 1 << bit;
+            }
+            out.indices.push_back(index);
+            out.times.push_back(f.time);
+            return true;
+        },
+        nullptr);
     // Reference frames kept only for decoding are shown for a few
     // microseconds just before the track's end: not a visible frame.
+    const double end = track->duration > 0 ? track->startTime + track->duration : 1e18;
     for (size_t i = out.times.size(); i-- > 0;) {
         const double next = i + 1 < out.times.size() ? out.times[i + 1] : end;
         if (next - out.times[i] < 1e-3) {
@@ -221,13 +159,14 @@ inline DecodedVideo decodeVideo(const std::string& path) {
     return out;
 }
 
-// One audio track as mono at its own rate (the first planar float channel).
+// One audio track as mono at its own rate (its first channel).
 inline std::vector<double> decodeAudio(const std::string& path, int track) {
     std::vector<double> out;
-    decodeTrack(path, track, [&](const AVFrame& f, double) {
-        const auto* p = reinterpret_cast<const float*>(f.data[0]);
-        out.insert(out.end(), p, p + f.nb_samples);
-    });
+    if (auto reader = media::MovieReader::open(path).valueOr(nullptr))
+        (void)reader->decode(nullptr, [&](const media::PCMBlock& b) {
+            if (b.track == track) out.insert(out.end(), b.channels[0], b.channels[0] + b.frames);
+            return true;
+        });
     return out;
 }
 

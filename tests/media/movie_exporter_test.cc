@@ -61,10 +61,10 @@ TEST_F(MovieExporterTest, ExactStartBetweenKeyFramesKeepsTransformAndTags) {
     ASSERT_EQ(video.indices.size(), 30u);
     EXPECT_NEAR(video.times.front(), 0.0, 1e-3);
     for (size_t i = 0; i < video.indices.size(); ++i) EXPECT_EQ(video.indices[i], int(40 + i));
-    MovieInfo info = probeMovie(*dir / "out.mp4");
+    auto info = probeMovie(*dir / "out.mp4");
     EXPECT_NEAR(info.duration, 1.0, 0.002);
-    ASSERT_TRUE(info.streams[0].displayMatrix);
-    EXPECT_EQ((*info.streams[0].displayMatrix)[0], -65536);
+    ASSERT_TRUE(info.tracks[0].displayMatrix);
+    EXPECT_EQ((*info.tracks[0].displayMatrix)[0], -65536);
     EXPECT_EQ(info.tags["org.sorvel.content-identifier"], "com.example.x");
 }
 

@@ -209,14 +209,14 @@ TEST(MovieFileWriter, AudioIsConvertedPlacedAndGapsFilled) {
     w.finish();
     ASSERT_EQ(w.writer->status(), Status::Completed);
 
-    MovieInfo info = probeMovie(path);
-    ASSERT_EQ(info.streams.size(), 3u);
+    auto info = probeMovie(path);
+    ASSERT_EQ(info.tracks.size(), 3u);
     // The lead before the session is cut: each track ends its length after
     // the first frame (a fragmented movie starts all tracks a few frames in,
     // where the reordered video begins; the last AAC frame's padding stays).
-    const double start = info.streams[0].startTime;
-    EXPECT_NEAR(info.streams[1].startTime + info.streams[1].duration - start, 1.5, 0.03);
-    EXPECT_NEAR(info.streams[2].startTime + info.streams[2].duration - start, 1.0, 0.03);
+    const double start = info.tracks[0].startTime;
+    EXPECT_NEAR(info.tracks[1].startTime + info.tracks[1].duration - start, 1.5, 0.03);
+    EXPECT_NEAR(info.tracks[2].startTime + info.tracks[2].duration - start, 1.0, 0.03);
 
     // Samples [from, to) of an audio track at 44.1 kHz.
     auto part = [&](int track, size_t from, size_t to) {

@@ -33,14 +33,15 @@ TEST(FrameStampMovie, EveryFrameReadsBackAfterH264) {
         ASSERT_TRUE(url);
         std::vector<FrameStamp> read;
         int unreadable = 0;
-        decodeTrack(url->path, -1, [&](const AVFrame& f, double t) {
-            if (t < -1e-6) return;
-            auto stamp = readFrameStamp(f.data[0], f.width, f.height, f.linesize[0]);
-            if (stamp)
-                read.push_back(*stamp);
-            else
-                ++unreadable;
-        });
+        auto reader = media::MovieReader::open(url->path);
+        ASSERT_TRUE(reader) << reader.error().message();
+        ASSERT_TRUE((*reader)->decode(
+            [&](const media::LumaFrame& f) {
+                auto stamp = readFrameStamp(f.data, f.width, f.height, f.bytesPerRow);
+                stamp ? read.push_back(*stamp) : void(++unreadable);
+                return true;
+            },
+            nullptr));
         EXPECT_EQ(unreadable, 0);
         ASSERT_EQ(read.size(), script.size());
         for (size_t i = 0; i < read.size(); ++i) EXPECT_EQ(read[i], script[i].stamp) << i;

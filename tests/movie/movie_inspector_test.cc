@@ -56,23 +56,14 @@ MovieInspection inspect(const std::string& path) {
 TEST_F(MovieInspectorTest, CleanRecordingHasEveryFrameAndAudioInSync) {
     const auto in = inspect(cleanMovie());
     ASSERT_EQ(in.movie.tracks.size(), 3u);
+    // Codecs and sizes are the writer's tests' question; the counts here.
     const auto& v = in.movie.tracks[0];
-    EXPECT_EQ(v.kind, media::TrackKind::Video);
-    EXPECT_EQ(v.codec, "h264");
-    EXPECT_EQ(v.profile, "Main");
-    EXPECT_EQ(v.width, 320);
     EXPECT_EQ(v.frameCount, 150);
     EXPECT_NEAR(v.duration, 2.5, 0.01);
     ASSERT_TRUE(v.displayMatrix);
     EXPECT_EQ((*v.displayMatrix)[0], 1 << 16);
-    for (int i : {1, 2}) {
-        const auto& a = in.movie.tracks[size_t(i)];
-        EXPECT_EQ(a.kind, media::TrackKind::Audio);
-        EXPECT_EQ(a.codec, "aac");
-        EXPECT_EQ(a.profile, "LC");
-        EXPECT_EQ(a.sampleRate, 44100);
-        EXPECT_NEAR(double(a.sampleCount), 2.5 * 44100, 2048);
-    }
+    for (int i : {1, 2})
+        EXPECT_NEAR(double(in.movie.tracks[size_t(i)].sampleCount), 2.5 * 44100, 2048);
 
     ASSERT_TRUE(in.stamps);
     const auto& s = *in.stamps;

@@ -45,29 +45,28 @@ TEST_F(MovieWriterTest, WritesThreeTracksWithMetadataTransformAndSync) {
     auto url = record(path("a.mp4"), {751, 1333}, storeInfo(), o);
     ASSERT_TRUE(url);
     EXPECT_EQ(url->path, path("a.mp4"));
-    MovieInfo info = probeMovie(url->path);
-    ASSERT_TRUE(info.ok);
-    ASSERT_EQ(info.streams.size(), 3u);
-    EXPECT_EQ(info.streams[0].codec, AV_CODEC_ID_H264);
-    EXPECT_EQ(info.streams[0].profile, FF_PROFILE_H264_MAIN);
-    EXPECT_EQ(info.streams[0].width, 752);
-    EXPECT_EQ(info.streams[0].height, 1334);
+    auto info = probeMovie(url->path);
+    ASSERT_EQ(info.tracks.size(), 3u);
+    EXPECT_EQ(info.tracks[0].codec, "h264");
+    EXPECT_EQ(info.tracks[0].profile, "Main");
+    EXPECT_EQ(info.tracks[0].width, 752);
+    EXPECT_EQ(info.tracks[0].height, 1334);
     // The first frame's transform (a quarter turn), not the later ones.
-    ASSERT_TRUE(info.streams[0].displayMatrix);
-    const auto& m = *info.streams[0].displayMatrix;
+    ASSERT_TRUE(info.tracks[0].displayMatrix);
+    const auto& m = *info.tracks[0].displayMatrix;
     EXPECT_EQ(std::vector<int32_t>(m.begin(), m.begin() + 5),
               (std::vector<int32_t>{0, 65536, 0, -65536, 0}));
     // All tracks run from the first frame (where the fragmented movie's
     // timeline starts, a few frames past zero): audio from before it was
     // cut.
-    const double start = info.streams[0].startTime;
+    const double start = info.tracks[0].startTime;
     for (int i : {1, 2}) {
-        EXPECT_EQ(info.streams[i].codec, AV_CODEC_ID_AAC);
-        EXPECT_EQ(info.streams[i].profile, FF_PROFILE_AAC_LOW);
-        EXPECT_EQ(info.streams[i].sampleRate, 44100);
-        EXPECT_EQ(info.streams[i].channels, 2);
-        EXPECT_LE(info.streams[i].startTime, start + 1e-3);
-        EXPECT_NEAR(info.streams[i].startTime + info.streams[i].duration - start, 0.5, 0.05);
+        EXPECT_EQ(info.tracks[i].codec, "aac");
+        EXPECT_EQ(info.tracks[i].profile, "LC");
+        EXPECT_EQ(info.tracks[i].sampleRate, 44100);
+        EXPECT_EQ(info.tracks[i].channels, 2);
+        EXPECT_LE(info.tracks[i].startTime, start + 1e-3);
+        EXPECT_NEAR(info.tracks[i].startTime + info.tracks[i].duration - start, 0.5, 0.05);
     }
     EXPECT_NEAR(info.duration - start, 0.5, 0.05);
     for (const auto& [tag, value] :
@@ -90,11 +89,11 @@ TEST_F(MovieWriterTest, WithoutStoreInfoOrAudioTheTracksStillExistInOrder) {
     o.audio = false;
     auto url = record(path("b.mp4"), {64, 64}, nullptr, o);
     ASSERT_TRUE(url);
-    MovieInfo info = probeMovie(url->path);
-    ASSERT_EQ(info.streams.size(), 3u);
-    EXPECT_EQ(info.streams[0].type, AVMEDIA_TYPE_VIDEO);
-    EXPECT_EQ(info.streams[1].type, AVMEDIA_TYPE_AUDIO);
-    EXPECT_EQ(info.streams[2].type, AVMEDIA_TYPE_AUDIO);
+    auto info = probeMovie(url->path);
+    ASSERT_EQ(info.tracks.size(), 3u);
+    EXPECT_EQ(info.tracks[0].kind, media::TrackKind::Video);
+    EXPECT_EQ(info.tracks[1].kind, media::TrackKind::Audio);
+    EXPECT_EQ(info.tracks[2].kind, media::TrackKind::Audio);
     for (const char* tag : {"title", "genre", "org.sorvel.content-identifier"})
         EXPECT_FALSE(info.tags.count(tag)) << tag;
 }

@@ -109,28 +109,16 @@ inline std::shared_ptr<SampleBuffer> scriptedAudio(const AudioStreamFormat& f, i
                                                    int frames, int64_t trackStart,
                                                    const HostTimeOf& hostTimeOf, double delay,
                                                    double toneHz) {
-    auto block = std::make_shared<DataBlock>(size_t(frames) * f.bytesPerFrame);
-    for (int i = 0; i < frames; ++i) {
+    const int64_t pts =
+        trackStart + int64_t(std::llround(double(firstSample) * 1e9 / f.sampleRate));
+    return makeAudio(f, frames, MediaTime::make(pts, 1000000000), [&](int64_t i) {
         const int64_t n = firstSample + i;
         const int64_t t = trackStart + int64_t(std::llround(double(n) * 1e9 / f.sampleRate));
         const int64_t h = hostTimeOf(t) - int64_t(std::llround(delay * 1e9));
-        double v = 0.25 * std::sin(2 * M_PI * toneHz * double(n) / f.sampleRate) +
-                   (h >= 0 ? syntheticClickValue(uint64_t(h)) : 0.0);
-        v = std::clamp(v, -1.0, 1.0);
-        for (uint32_t c = 0; c < f.channelsPerFrame; ++c) {
-            uint8_t* p = block->data() + size_t(i) * f.bytesPerFrame + c * f.bitsPerChannel / 8;
-            if (f.formatFlags & AudioStreamFormat::kFlagIsFloat) {
-                float x = float(v);
-                std::memcpy(p, &x, 4);
-            } else {
-                auto u = uint16_t(int16_t(std::lround(v * 32767)));
-                std::memcpy(p, &u, 2);
-            }
-        }
-    }
-    const int64_t pts =
-        trackStart + int64_t(std::llround(double(firstSample) * 1e9 / f.sampleRate));
-    return SampleBuffer::makeAudio(block, f, frames, MediaTime::make(pts, 1000000000));
+        return std::clamp(0.25 * std::sin(2 * M_PI * toneHz * double(n) / f.sampleRate) +
+                              (h >= 0 ? syntheticClickValue(uint64_t(h)) : 0.0),
+                          -1.0, 1.0);
+    });
 }
 
 // Writes the script to `path` and returns the finished movie's URL. Audio

@@ -52,10 +52,10 @@ TEST_F(TrimTest, CutsWholeSecondsAndStartsAtTheRightFrame) {
     EXPECT_EQ(url->path, out);
     EXPECT_TRUE(capture.contains("SVMovieWriter: Export Trim succeeded"));
 
-    MovieInfo info = probeMovie(out);
-    ASSERT_EQ(info.streams.size(), 3u);
+    auto info = probeMovie(out);
+    ASSERT_EQ(info.tracks.size(), 3u);
     EXPECT_NEAR(info.duration, 54.0, 0.1);
-    for (const auto& s : info.streams) {
+    for (const auto& s : info.tracks) {
         EXPECT_NEAR(s.startTime, 0.0, 0.1);
         EXPECT_NEAR(s.duration, 54.0, 0.15);
     }

@@ -5,8 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
-#include <condition_variable>
+#include <climits>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -16,8 +18,10 @@
 
 #include "platform/host_clock.h"
 #include "platform/screen/frame_stamp.h"
+#include "platform/screen/screen_backend.h"
 #include "platform/screen/screen_capture.h"
 #include "platform/screen/synthetic_screen.h"
+#include "tests/support/test_util.h"
 
 namespace sv::test {
 
@@ -51,10 +55,10 @@ struct ReceivedFrame {
     uint64_t surfaceID = 0;
 };
 
-class Recorder : public ScreenCaptureControllerDelegate {
+// What a controller delivered: every frame, and the samples of the last
+// `keep` frames (their surfaces stay out of the pool while kept).
+class Recorder : public ScreenCaptureControllerDelegate, public Collected<ReceivedFrame> {
   public:
-    // Keep the samples of the last `keep` frames (their surfaces stay out of
-    // the pool while kept).
     explicit Recorder(size_t keep = 1) : keep_(keep) {}
 
     // Called on the delivery thread inside the frame callback, after the
@@ -65,115 +69,105 @@ class Recorder : public ScreenCaptureControllerDelegate {
     void screenCaptureControllerDidReceiveSampleBuffer(ScreenCaptureController& controller,
                                                        const std::shared_ptr<SampleBuffer>& sample,
                                                        uint32_t flags) override {
-        {
-            std::lock_guard lock(mutex_);
-            const auto& image = sample->imageBuffer();
-            frames_.push_back({HostClock::fromMediaTime(sample->presentationTime()),
-                               sample->duration(), flags, std::this_thread::get_id(),
-                               image ? image->width() : 0, image ? image->height() : 0,
-                               image ? image->surfaceID() : 0});
-            if (keep_ > 0) {
-                samples_.push_back(sample);
-                if (samples_.size() > keep_) samples_.erase(samples_.begin());
-            }
+        if (keep_ > 0) {
+            std::lock_guard lock(samplesMutex_);
+            samples_.push_back(sample);
+            if (samples_.size() > keep_) samples_.erase(samples_.begin());
         }
-        cv_.notify_all();
+        const auto& image = sample->imageBuffer();
+        add({HostClock::fromMediaTime(sample->presentationTime()), sample->duration(), flags,
+             std::this_thread::get_id(), image ? image->width() : 0, image ? image->height() : 0,
+             image ? image->surfaceID() : 0});
         if (onFrame) onFrame(controller, sample);
     }
     void screenCaptureControllerDidFailWithStatus(ScreenCaptureController& c,
                                                   int32_t status) override {
-        failure(c, [&] { failedStatuses_.push_back(status); });
+        failure(c, status);
     }
     void screenCaptureControllerWasPreempted(ScreenCaptureController& c) override {
-        failure(c, [&] { ++preempted_; });
+        failure(c, kPreempted);
     }
     void screenCaptureControllerMediaServicesWereReset(ScreenCaptureController& c) override {
-        failure(c, [&] { ++resets_; });
+        failure(c, kReset);
     }
 
-    size_t frameCount() const {
-        std::lock_guard lock(mutex_);
-        return frames_.size();
-    }
-    std::vector<ReceivedFrame> frames() const {
-        std::lock_guard lock(mutex_);
-        return frames_;
-    }
+    size_t frameCount() const { return size(); }
+    std::vector<ReceivedFrame> frames() const { return all(); }
+    bool waitForFrames(size_t n) { return waitFor(n, kWait); }
     std::shared_ptr<SampleBuffer> lastSample() const {
-        std::lock_guard lock(mutex_);
+        std::lock_guard lock(samplesMutex_);
         return samples_.empty() ? nullptr : samples_.back();
     }
     void dropSamples() {
-        std::lock_guard lock(mutex_);
+        std::lock_guard lock(samplesMutex_);
         samples_.clear();
     }
-    std::vector<int32_t> failedStatuses() const {
-        std::lock_guard lock(mutex_);
-        return failedStatuses_;
-    }
-    int preempted() const {
-        std::lock_guard lock(mutex_);
-        return preempted_;
-    }
-    int resets() const {
-        std::lock_guard lock(mutex_);
-        return resets_;
-    }
-    size_t failureCount() const {
-        std::lock_guard lock(mutex_);
-        return failedStatuses_.size() + size_t(preempted_) + size_t(resets_);
-    }
-    std::thread::id failureThread() const {
-        std::lock_guard lock(mutex_);
-        return failureThread_;
-    }
-
-    bool waitForFrames(size_t n) {
-        std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, kWait, [&] { return frames_.size() >= n; });
-    }
-    bool waitForFailures(size_t n) {
-        std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, kWait, [&] {
-            return failedStatuses_.size() + size_t(preempted_) + size_t(resets_) >= n;
-        });
-    }
-    // Waits for a delivered frame that satisfies `pred` (tested on the
-    // delivery thread's sample as it arrives) and returns it.
+    // Waits for a kept frame that satisfies `pred` and returns it.
     std::shared_ptr<SampleBuffer> waitForFrame(
         const std::function<bool(const SharedSurface&)>& pred) {
-        std::unique_lock lock(mutex_);
         std::shared_ptr<SampleBuffer> found;
-        cv_.wait_for(lock, kWait, [&] {
-            for (auto& s : samples_)
-                if (s->imageBuffer() && pred(*s->imageBuffer())) found = s;
-            return found != nullptr;
-        });
+        waitForItems(
+            [&](const std::vector<ReceivedFrame>&) {
+                std::lock_guard lock(samplesMutex_);
+                for (auto& s : samples_)
+                    if (s->imageBuffer() && pred(*s->imageBuffer())) found = s;
+                return found != nullptr;
+            },
+            kWait);
         return found;
     }
 
+    // Failures in order: the status of a failure, or kPreempted or kReset.
+    static constexpr int64_t kPreempted = INT64_MIN, kReset = INT64_MIN + 1;
+    std::vector<int32_t> failedStatuses() const {
+        std::vector<int32_t> statuses;
+        for (auto [status, thread] : failures_.all())
+            if (status != kPreempted && status != kReset) statuses.push_back(int32_t(status));
+        return statuses;
+    }
+    int preempted() const { return count(kPreempted); }
+    int resets() const { return count(kReset); }
+    size_t failureCount() const { return failures_.size(); }
+    bool waitForFailures(size_t n) { return failures_.waitFor(n, kWait); }
+    std::thread::id failureThread() const {
+        auto all = failures_.all();
+        return all.empty() ? std::thread::id() : all.back().second;
+    }
+
   private:
-    template <typename F>
-    void failure(ScreenCaptureController& c, F&& record) {
-        {
-            std::lock_guard lock(mutex_);
-            record();
-            failureThread_ = std::this_thread::get_id();
-        }
-        cv_.notify_all();
+    void failure(ScreenCaptureController& c, int64_t status) {
+        failures_.add({status, std::this_thread::get_id()});
         if (onFailure) onFailure(c);
+    }
+    int count(int64_t kind) const {
+        auto all = failures_.all();
+        return int(std::count_if(all.begin(), all.end(), [&](auto& f) { return f.first == kind; }));
     }
 
     const size_t keep_;
-    mutable std::mutex mutex_;
-    std::condition_variable cv_;
-    std::vector<ReceivedFrame> frames_;
+    mutable std::mutex samplesMutex_;
     std::vector<std::shared_ptr<SampleBuffer>> samples_;
-    std::vector<int32_t> failedStatuses_;
-    int preempted_ = 0;
-    int resets_ = 0;
-    std::thread::id failureThread_;
+    Collected<std::pair<int64_t, std::thread::id>> failures_;
 };
+
+using Pred = std::function<bool(const SharedSurface&)>;
+inline Pred allOf(std::vector<Pred> preds) {
+    return [=](const SharedSurface& s) {
+        return std::all_of(preds.begin(), preds.end(), [&](const Pred& p) { return p(s); });
+    };
+}
+
+// A 60 Hz controller of `backend`, not started yet, delivering to a new
+// `recorder` that keeps `keep` frames.
+inline std::shared_ptr<ScreenCaptureController> makeRecorded(ScreenBackend& backend,
+                                                             WindowSize size,
+                                                             std::shared_ptr<Recorder>& recorder,
+                                                             size_t keep = 1) {
+    recorder = std::make_shared<Recorder>(keep);
+    auto c = backend.makeCaptureController(size, MediaTime::make(1, 60));
+    c->setDelegate(recorder);
+    return c;
+}
 
 // A controller of a display of its own, delivering at 60 Hz: waiting for it
 // to deliver n more frames proves that n deadlines have passed without the

@@ -28,10 +28,7 @@ struct Rig {
     // A new recorder and a controller delivering to it, not started yet:
     // set the recorder's hooks, then start.
     std::shared_ptr<ScreenCaptureController> make(WindowSize size, size_t keep = 1) {
-        recorder = std::make_shared<Recorder>(keep);
-        auto c = backend->makeCaptureController(size, MediaTime::make(1, 60));
-        c->setDelegate(recorder);
-        return c;
+        return test::makeRecorded(*backend, size, recorder, keep);
     }
     std::shared_ptr<ScreenCaptureController> start(WindowSize size, size_t keep = 1) {
         auto c = make(size, keep);
@@ -58,16 +55,15 @@ TEST(ScreenCaptureController, PixelSizesAndIntervals) {
     EXPECT_EQ(controller->pixelHeight(), 752);
 
     // Intervals a peer could send that would spin or stall the thread.
-    EXPECT_EQ(PacedCaptureController::sanitizedInterval(MediaTime::invalid()),
-              MediaTime::make(1, 60));
-    EXPECT_EQ(PacedCaptureController::sanitizedInterval(MediaTime::make(0, 60)),
-              MediaTime::make(1, 60));
-    EXPECT_EQ(PacedCaptureController::sanitizedInterval(MediaTime::make(-1, 30)),
-              MediaTime::make(1, 60));
-    EXPECT_EQ(PacedCaptureController::sanitizedInterval(MediaTime::make(1, 1'000'000)),
-              MediaTime::make(1, 1000));
-    EXPECT_EQ(PacedCaptureController::sanitizedInterval(MediaTime::make(3600, 1)),
-              MediaTime::make(10, 1));
+    const std::pair<MediaTime, MediaTime> intervals[] = {
+        {MediaTime::invalid(), MediaTime::make(1, 60)},
+        {MediaTime::make(0, 60), MediaTime::make(1, 60)},
+        {MediaTime::make(-1, 30), MediaTime::make(1, 60)},
+        {MediaTime::make(1, 1'000'000), MediaTime::make(1, 1000)},
+        {MediaTime::make(3600, 1), MediaTime::make(10, 1)}};
+    for (auto [in, out] : intervals)
+        EXPECT_EQ(PacedCaptureController::sanitizedInterval(in), out)
+            << in.value << "/" << in.timescale;
     EXPECT_EQ(
         backend.makeCaptureController({64, 64}, MediaTime::make(1, 30))->minimumFrameInterval(),
         MediaTime::make(1, 30));
@@ -142,25 +138,19 @@ TEST(SyntheticScreen, MirrorShowsEverythingCloneOnlyTheClonedLayers) {
     auto shows = [](Probe p, uint32_t color) {
         return [=](const SharedSurface& s) { return pixelAt(s, p.x, p.y) == color; };
     };
-    auto all = [](std::vector<std::function<bool(const SharedSurface&)>> preds) {
-        return [=](const SharedSurface& s) {
-            for (auto& p : preds)
-                if (!p(s)) return false;
-            return true;
-        };
-    };
+    using test::allOf;
     auto mirror = rig.recorder->waitForFrame(
-        all({shows(aOnly, colorA), shows(overlap, colorB), shows(bOnly, colorB),
-             shows(outside, kSyntheticBackgroundColor)}));
+        allOf({shows(aOnly, colorA), shows(overlap, colorB), shows(bOnly, colorB),
+               shows(outside, kSyntheticBackgroundColor)}));
     ASSERT_TRUE(mirror);
     EXPECT_EQ(mirror->imageBuffer()->width(), 800);
 
     // Cloning A: B lies on top of A but must not appear, nor the background.
     rig.backend->mirroringService()->setLayerContextsToClone({a});
     rig.backend->mirroringService()->setCloneMirroringMode(kCloneMirroringModeClone);
-    auto clone = rig.recorder->waitForFrame(all({shows(aOnly, colorA), shows(overlap, colorA),
-                                                 shows(bOnly, kSyntheticCloneBackgroundColor),
-                                                 shows(outside, kSyntheticCloneBackgroundColor)}));
+    auto clone = rig.recorder->waitForFrame(allOf(
+        {shows(aOnly, colorA), shows(overlap, colorA), shows(bOnly, kSyntheticCloneBackgroundColor),
+         shows(outside, kSyntheticCloneBackgroundColor)}));
     ASSERT_TRUE(clone);
     for (int32_t y = 0; y < 450; y += 3)
         for (int32_t x = 0; x < 800; x += 3)

@@ -22,6 +22,7 @@
 namespace sv {
 namespace {
 
+using test::allOf;
 using test::pixelAt;
 using test::Recorder;
 using test::Ticker;
@@ -62,10 +63,7 @@ class X11ScreenTest : public ::testing::Test {
     }
 
     std::shared_ptr<ScreenCaptureController> make(WindowSize size, size_t keep = 1) {
-        recorder = std::make_shared<Recorder>(keep);
-        auto c = backend->makeCaptureController(size, MediaTime::make(1, 60));
-        c->setDelegate(recorder);
-        return c;
+        return test::makeRecorded(*backend, size, recorder, keep);
     }
 
     void checkMirrorAndClone();
@@ -76,7 +74,7 @@ class X11ScreenTest : public ::testing::Test {
     std::shared_ptr<Recorder> recorder;
 };
 
-using Pred = std::function<bool(const SharedSurface&)>;
+using test::Pred;
 // Scaling may move a flat colour by a step or two of a channel.
 bool near(uint32_t a, uint32_t b) {
     for (int shift = 0; shift < 32; shift += 8)
@@ -85,13 +83,6 @@ bool near(uint32_t a, uint32_t b) {
 }
 Pred shows(int32_t x, int32_t y, uint32_t color) {
     return [=](const SharedSurface& s) { return near(pixelAt(s, x, y), color); };
-}
-Pred all(std::vector<Pred> preds) {
-    return [=](const SharedSurface& s) {
-        for (auto& p : preds)
-            if (!p(s)) return false;
-        return true;
-    };
 }
 // Pixels of a square around (x, y) that are not `color`.
 int otherPixels(const SharedSurface& s, int32_t x, int32_t y, int32_t radius, uint32_t color) {
@@ -133,8 +124,8 @@ void X11ScreenTest::checkMirrorAndClone() {
     auto controller = make({1600, 900});
     controller->startCapture();
     auto frame =
-        recorder->waitForFrame(all({shows(200, 200, opaque(kRed)), shows(500, 350, opaque(kBlue)),
-                                    shows(900, 400, opaque(kBlue))}));
+        recorder->waitForFrame(allOf({shows(200, 200, opaque(kRed)), shows(500, 350, opaque(kBlue)),
+                                      shows(900, 400, opaque(kBlue))}));
     ASSERT_TRUE(frame);
     EXPECT_EQ(frame->imageBuffer()->width(), 1600);
     EXPECT_GT(otherPixels(*frame->imageBuffer(), 905, 605, 6, opaque(kBlue)), 0)
@@ -149,9 +140,10 @@ void X11ScreenTest::checkMirrorAndClone() {
     mirroring->setCloneMirroringMode(kCloneMirroringModeClone);
     controller = make({800, 450});
     controller->startCapture();
-    frame = recorder->waitForFrame(all({shows(70, 5, opaque(kRed)), shows(730, 445, opaque(kRed)),
-                                        shows(400, 300, opaque(kRed)),  // under B
-                                        shows(55, 200, 0xFF000000), shows(745, 200, 0xFF000000)}));
+    frame =
+        recorder->waitForFrame(allOf({shows(70, 5, opaque(kRed)), shows(730, 445, opaque(kRed)),
+                                      shows(400, 300, opaque(kRed)),  // under B
+                                      shows(55, 200, 0xFF000000), shows(745, 200, 0xFF000000)}));
     ASSERT_TRUE(frame) << "clone mode did not show A alone at its own aspect";
     const SharedSurface& s = *frame->imageBuffer();
     EXPECT_EQ(s.width(), 800);
@@ -164,8 +156,8 @@ void X11ScreenTest::checkMirrorAndClone() {
     // corner neither covers black, still no pointer.
     mirroring->setLayerContextsToClone({a->id(), b->id()});
     frame =
-        recorder->waitForFrame(all({shows(400, 225, opaque(kBlue)), shows(100, 100, opaque(kRed)),
-                                    shows(700, 400, opaque(kBlue)), shows(650, 50, 0xFF000000)}));
+        recorder->waitForFrame(allOf({shows(400, 225, opaque(kBlue)), shows(100, 100, opaque(kRed)),
+                                      shows(700, 400, opaque(kBlue)), shows(650, 50, 0xFF000000)}));
     ASSERT_TRUE(frame);
     EXPECT_EQ(otherPixels(*frame->imageBuffer(), 662, 375, 5, opaque(kBlue)), 0);
     // Raising A puts it on top; A moved over B makes the box A's alone
@@ -173,7 +165,7 @@ void X11ScreenTest::checkMirrorAndClone() {
     a->raise();
     ASSERT_TRUE(recorder->waitForFrame(shows(400, 225, opaque(kRed))));
     a->move(400, 300);
-    ASSERT_TRUE(recorder->waitForFrame(all(
+    ASSERT_TRUE(recorder->waitForFrame(allOf(
         {shows(730, 445, opaque(kRed)), shows(70, 5, opaque(kRed)), shows(55, 200, 0xFF000000)})));
     a->move(100, 100);
     controller->stopCapture();
@@ -267,8 +259,8 @@ TEST_F(X11ScreenTest, MirrorOfOneMonitor) {
     auto controller = make({800, 900});
     controller->startCapture();
     // B's right part at the monitor's left, the root beyond it, none of A.
-    auto frame =
-        recorder->waitForFrame(all({shows(100, 400, opaque(kBlue)), shows(500, 100, 0xFF000000)}));
+    auto frame = recorder->waitForFrame(
+        allOf({shows(100, 400, opaque(kBlue)), shows(500, 100, 0xFF000000)}));
     ASSERT_TRUE(frame) << "the monitor alone was not shown";
     const SharedSurface& s = *frame->imageBuffer();
     EXPECT_EQ(s.width(), 800);

@@ -4,8 +4,8 @@
 #include "session/recording_session.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -39,24 +39,18 @@ std::shared_ptr<AppExtension> uploadExtension() {
 using namespace std::chrono_literals;
 using testing::hostTime;
 
-struct Errors : SVRecordingSessionDelegate {
+// The errors the session stopped with, each with the movie it kept.
+struct Errors : SVRecordingSessionDelegate,
+                test::Collected<std::pair<int64_t, std::optional<URL>>> {
     void recordingSessionStoppedWithError(const Error& e,
                                           const std::optional<URL>& movie) override {
-        std::lock_guard lock(mutex);
-        codes.push_back(e.code);
-        movies.push_back(movie);
+        add({e.code, movie});
     }
     std::vector<int64_t> list() {
-        std::lock_guard lock(mutex);
+        std::vector<int64_t> codes;
+        for (const auto& [code, movie] : all()) codes.push_back(code);
         return codes;
     }
-    std::vector<std::optional<URL>> movieList() {
-        std::lock_guard lock(mutex);
-        return movies;
-    }
-    std::mutex mutex;
-    std::vector<int64_t> codes;
-    std::vector<std::optional<URL>> movies;
 };
 
 struct Finished {
@@ -181,7 +175,7 @@ TEST_F(RecordingSessionTest, StartCompletesOnTheFirstFrameOnItsThread) {
     Finished f = finish();
     EXPECT_EQ(f.url, s->outputURL());
     EXPECT_FALSE(f.error);
-    EXPECT_EQ(testing::probeMovie(f.url->path).streams.size(), 3u);
+    EXPECT_EQ(testing::probeMovie(f.url->path).tracks.size(), 3u);
     EXPECT_FALSE(c->isCapturing());
     EXPECT_EQ(screen->mirroring->cloneMirroringMode(), kCloneMirroringModeEnded);
     // The controller and its frame surfaces go with the recording.
@@ -326,23 +320,23 @@ TEST_F(RecordingSessionTest, ScreenFailuresStopTheSessionAndKeepTheMovie) {
     c->fail(SyntheticScreenFailure::Failed);
     EXPECT_FALSE(s->isRecording());
     EXPECT_FALSE(c->isCapturing());
-    ASSERT_TRUE(test::eventually([&] { return errors->list().size() == 1; }, 30s));
-    auto movie = errors->movieList()[0];
+    ASSERT_TRUE(errors->waitFor(1, 30s));
+    auto movie = errors->all()[0].second;
     ASSERT_TRUE(movie);
     EXPECT_NEAR(testing::probeMovie(movie->path).duration, 1.5, 0.1);
     c = start();
     c->fail(SyntheticScreenFailure::Preempted);
     s->stopWithError(_svUserErrorForCode(-5800));  // not recording: nothing
-    ASSERT_TRUE(test::eventually([&] { return errors->list().size() == 2; }, 30s));
+    ASSERT_TRUE(errors->waitFor(2, 30s));
     EXPECT_EQ(errors->list(), (std::vector<int64_t>{-5804, -5800}));
-    EXPECT_FALSE(errors->movieList()[1]);
+    EXPECT_FALSE(errors->all()[1].second);
 }
 
 TEST_F(RecordingSessionTest, MediaServicesResetStopsAPhoneSessionForGoodNotADesktopOne) {
     auto c = start();
     c->deliver(frame(1.0));
     c->fail(SyntheticScreenFailure::MediaServicesReset);
-    ASSERT_TRUE(test::eventually([&] { return !errors->list().empty(); }, 30s));
+    ASSERT_TRUE(errors->waitFor(1, 30s));
     EXPECT_EQ(errors->list(), std::vector<int64_t>{-5804});
     std::atomic<int> started{0};
     c = start([&] { ++started; });
@@ -446,19 +440,133 @@ TEST_F(RecordingSessionTest, OrientationSizesAndHostileSizes) {
     EXPECT_EQ(s->windowSize(), (WindowSize{1600, 2}));
 }
 
-TEST_F(RecordingSessionTest, SampleBufferBroadcastsWriteNoMovie) {
-    auto handle = uploadExtension();
-    EXPECT_FALSE(s->enableBroadcastWithExtension(handle, 1, Value::object()));
-    auto c = start();
+// An extension of the test program in a bundle of its own under `root`; its
+// role is the last component of its identifier (tests/extension).
+std::shared_ptr<AppExtension> testExtension(const test::TempDir& root, const std::string& role) {
+    std::filesystem::create_directories(root / role);
+    std::filesystem::create_symlink(TEST_EXTENSION, root / (role + "/extension"));
+    std::ofstream(root / (role + "/bundle.json"))
+        << R"({"identifier": "com.example.test.)" << role
+        << R"(", "extension": {"point": "org.sorvel.broadcast-services", "executable": )"
+        << R"("extension", "attributes": {"SVBroadcastProcessMode": )"
+        << R"("SVBroadcastProcessModeSampleBuffer"}}})";
+    return AppExtension::extensionWithBundlePath(root / role);
+}
+
+// Service information over the live link, as the session's delegate gets it.
+struct LinkInfos : Errors {
+    void broadcastSessionLinkDidUpdateServiceInfo(const Value& info) override {
+        std::lock_guard lock(infoMutex);
+        infos.push_back(info);
+        cv.notify_all();
+    }
+    // The reports holding `key`, once `n` of them came (within 30 s).
+    std::vector<Value> reports(const char* key, size_t n) {
+        std::unique_lock lock(infoMutex);
+        std::vector<Value> found;
+        cv.wait_for(lock, 30s, [&] {
+            found.clear();
+            for (const auto& i : infos)
+                if (i.contains(key)) found.push_back(i);
+            return found.size() >= n;
+        });
+        return found;
+    }
+    std::mutex infoMutex;
+    std::condition_variable cv;
+    std::vector<Value> infos;
+};
+
+// Sample-buffer mode through a real processing extension: the actions in
+// order with the user info, every frame as the capture's own surface mapped
+// in the extension with the time it was captured at (not moved by the
+// pause), audio with its time and exactly its bytes, audio in more than one
+// buffer skipped; the extension's service information reaches the delegate;
+// no movie is written and the finish ends the extension.
+TEST_F(RecordingSessionTest, SampleBufferBroadcastsHandOverEveryPayloadWithItsOriginalTimes) {
+    auto delegate = std::make_shared<LinkInfos>();
+    s->setDelegate(delegate);
+    test::TempDir bundles;
+    auto extension = testExtension(bundles, "sample");
+    ASSERT_TRUE(extension);
+    EXPECT_FALSE(s->enableBroadcastWithExtension(extension, 1, Value{{"room", "a"}}));
+    ASSERT_EQ(s->broadcastProcessMode(), 1);
+    ASSERT_TRUE(s->broadcastUploadExtensionProxy());
+    auto c = start();  // after the extension acknowledged the start
     EXPECT_EQ(c->minimumFrameInterval(), MediaTime::make(1, 30));
     EXPECT_FALSE(s->movieWriter());
     c->deliver(frame(1.0));
-    Finished f = finish();  // answered at once, without a movie
-    EXPECT_FALSE(f.url || f.error);
-    s->enableBroadcastWithExtension(handle, 7, std::nullopt);
+    s->pauseSession();
+    s->resumeSessionWithContextID(7);
+    ASSERT_TRUE(c->waitCapturing());
+    c->deliver(frame(5.0));
+    const auto mono = AudioStreamFormat::pcm16(48000, 1, false);
+    auto split = AudioStreamFormat::pcm16(48000, 2, false);
+    split.formatFlags |= AudioStreamFormat::kFlagIsNonInterleaved;
+    split.bytesPerFrame = split.bytesPerPacket = 2;
+    auto route = s->_appAudioOutputRoute();
+    route(SampleBuffer::makeAudio(std::make_shared<DataBlock>(480 * 4), split, 480,
+                                  hostTime(5.2)));            // one buffer per channel
+    route(testing::makeTone(mono, 0, 48000, hostTime(5.3)));  // 96000 bytes: in two parts
+    EXPECT_EQ(finish().url, std::nullopt);
+
+    auto actions = delegate->reports("action", 4);
+    ASSERT_EQ(actions.size(), 4u);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(actions[i]["action"], i + 1);
+    EXPECT_EQ(actions[0]["userInfo"], (Value{{"room", "a"}}));
+    auto frames = delegate->reports("video", 2);
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[0]["video"], 1.0);
+    EXPECT_EQ(frames[1]["video"], 5.0) << "the paused gap is not cut out for the extension";
+    EXPECT_EQ(frames[0]["timescale"], 1000000000);
+    EXPECT_EQ(frames[0]["width"], 64);
+    EXPECT_EQ(frames[0]["pixel"], 16) << "the frame's own pixels, mapped";
+    auto audio = delegate->reports("audio", 2);
+    ASSERT_EQ(audio.size(), 2u) << "audio in two buffers is skipped";
+    EXPECT_EQ(audio[0]["time"], 5.3);
+    EXPECT_EQ(audio[0]["bytes"], 65536);
+    EXPECT_EQ(audio[0]["samples"], 32768);
+    EXPECT_EQ(audio[0]["rate"], 48000.0);
+    EXPECT_NEAR(audio[1]["time"].get<double>(), 5.3 + 32768 / 48000.0, 1e-9) << "joined";
+    EXPECT_EQ(audio[1]["samples"], 48000 - 32768);
+    EXPECT_FALSE(s->broadcastUploadExtensionProxy());
+    EXPECT_TRUE(test::eventually([&] { return extension->pidForRunningProcess() < 0; }, 10s));
+    EXPECT_TRUE(delegate->list().empty());
+}
+
+// A link that never comes up is given up after the bounded wait (the session
+// then records without broadcast); a slow extension loses frames instead of
+// holding up the capture; an extension killed mid-broadcast stops the
+// session with -5808.
+TEST_F(RecordingSessionTest, ALinkThatFailsOrLagsOrBreaksNeverHoldsUpTheSession) {
+    test::TempDir bundles;
+    auto mute = testExtension(bundles, "mute");
+    SVRecordingSession::setBroadcastLinkWait(300ms);
+    s->enableBroadcastWithExtension(mute, 1, std::nullopt);
+    SVRecordingSession::setBroadcastLinkWait(kDefaultBroadcastLinkWait);
     EXPECT_EQ(s->broadcastProcessMode(), 0);
-    s->disableBroadcast();
     EXPECT_FALSE(s->broadcastExtension());
+    EXPECT_TRUE(test::eventually([&] { return mute->pidForRunningProcess() < 0; }, 10s));
+
+    auto slow = testExtension(bundles, "slow");
+    s->enableBroadcastWithExtension(slow, 1, std::nullopt);
+    auto proxy = s->broadcastUploadExtensionProxy();
+    ASSERT_TRUE(proxy);
+    auto c = start();
+    for (int i = 0; i < 40; ++i) c->deliver(frame(1.0 + i / 30.0));
+    const auto stats = proxy->statistics();
+    EXPECT_EQ(stats.videoSent + stats.videoDropped, 40u);
+    EXPECT_GE(stats.videoDropped, 40u - 2 * SVBroadcastExtensionProxy::kMaxVideoPayloadsInFlight);
+    EXPECT_EQ(s->progress().framesDropped, int64_t(stats.videoDropped));
+    EXPECT_EQ(stats.videoBytesCopied, 0u) << "frames cross as surfaces";
+
+    const pid_t pid = slow->pidForRunningProcess();
+    ASSERT_GT(pid, 0);
+    ASSERT_EQ(::kill(pid, SIGKILL), 0);
+    EXPECT_TRUE(test::eventually([&] { return !errors->list().empty(); }, 30s));
+    EXPECT_EQ(errors->list(), std::vector<int64_t>{kSVRecordingErrorBroadcast});
+    EXPECT_FALSE(s->isRecording());
+    EXPECT_FALSE(s->broadcastUploadExtensionProxy());
 }
 
 // Upload mode through a real extension process: fragments rotate after the
@@ -469,18 +577,8 @@ TEST_F(RecordingSessionTest, SampleBufferBroadcastsWriteNoMovie) {
 // is removed once its request completed.
 TEST_F(RecordingSessionTest, UploadBroadcastsRotateFragmentsAndTakeTheExtensionsAnswers) {
     struct Delegate : Errors {
-        void broadcastSessionDidUpdateServiceInfo(const Value& info) override {
-            std::lock_guard lock(infoMutex);
-            infos.push_back(info);
-            cv.notify_all();
-        }
-        bool infosAtLeast(size_t n) {
-            std::unique_lock lock(infoMutex);
-            return cv.wait_for(lock, 30s, [&] { return infos.size() >= n; });
-        }
-        std::mutex infoMutex;
-        std::condition_variable cv;
-        std::vector<Value> infos;
+        void broadcastSessionDidUpdateServiceInfo(const Value& info) override { infos.add(info); }
+        test::Collected<Value> infos;
     };
     auto delegate = std::make_shared<Delegate>();
     s->setDelegate(delegate);
@@ -506,20 +604,20 @@ TEST_F(RecordingSessionTest, UploadBroadcastsRotateFragmentsAndTakeTheExtensions
     EXPECT_EQ(s->broadcastFragmentIndex(), 1);
     deliverUntil(101.04);
     EXPECT_EQ(s->broadcastFragmentIndex(), 2);
-    ASSERT_TRUE(delegate->infosAtLeast(1));  // fragment 1 answered: clip duration 0.5 now
-    deliverUntil(102.6);                     // new fragments at 101.567 and 102.1
+    ASSERT_TRUE(delegate->infos.waitFor(1, 30s));  // fragment 1 answered: clip duration 0.5 now
+    deliverUntil(102.6);                           // new fragments at 101.567 and 102.1
     EXPECT_EQ(s->broadcastFragmentIndex(), 4);
     Finished f = finish();
     EXPECT_FALSE(f.url || f.error);
-    ASSERT_TRUE(delegate->infosAtLeast(4));
-    std::lock_guard lock(delegate->infoMutex);
-    ASSERT_EQ(delegate->infos.size(), 4u);
+    ASSERT_TRUE(delegate->infos.waitFor(4, 30s));
+    const auto infos = delegate->infos.all();
+    ASSERT_EQ(infos.size(), 4u);
     // Answers come in the order the extension finished them: one of the
     // four fragments, the last, was marked finished.
     int finished = 0;
     for (size_t i = 0; i < 4; ++i) {
-        finished += delegate->infos[i]["finished"] == "1";
-        EXPECT_GT(delegate->infos[i]["bytes"].get<int64_t>(), 0) << i;
+        finished += infos[i]["finished"] == "1";
+        EXPECT_GT(infos[i]["bytes"].get<int64_t>(), 0) << i;
     }
     EXPECT_EQ(finished, 1);
     EXPECT_TRUE(test::eventually(

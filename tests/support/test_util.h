@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -130,6 +132,40 @@ auto awaitOnce(Start&& start, SourceLocation at = SourceLocation::current()) {
     EXPECT_EQ(s->record->calls.load(), 1) << "at " << s->record->where;
     if constexpr (sizeof...(Args) == 1) return std::get<0>(s->result);
 }
+
+// Values another thread hands over, kept in order; a test waits, bounded,
+// for the count or the newest value it needs.
+template <typename T>
+class Collected {
+  public:
+    void add(T value) {
+        std::lock_guard lock(mutex_);
+        items_.push_back(std::move(value));
+        changed_.notify_all();
+    }
+    bool waitFor(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+        return waitForItems([n](const std::vector<T>& all) { return all.size() >= n; }, timeout);
+    }
+    // Waits until `pred` holds for everything collected so far.
+    template <typename P>
+    bool waitForItems(P pred, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return pred(std::as_const(items_)); });
+    }
+    std::vector<T> all() const {
+        std::lock_guard lock(mutex_);
+        return items_;
+    }
+    size_t size() const {
+        std::lock_guard lock(mutex_);
+        return items_.size();
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<T> items_;
+};
 
 // Sets (or, with nullopt, unsets) environment variables for one scope.
 class ScopedEnv {

@@ -1,8 +1,6 @@
 // The synthetic window system on a synthetic display: applications launched
 // and sent back and forth, the change handler and layout observers on their
 // queues, the layout override, the process's backend choice.
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -11,69 +9,16 @@
 #include "platform/ui/synthetic_window_system.h"
 #include "tests/process/process_helpers.h"
 #include "tests/support/test_util.h"
+#include "tests/ui/recorders.h"
 
 using namespace sv;
 using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kGenerous = 20s;
-
-std::vector<int32_t> levelsOf(const DisplayLayout& layout) {
-    std::vector<int32_t> levels;
-    for (const auto& e : layout.elements) levels.push_back(e.level);
-    return levels;
-}
-
-struct LayoutRecorder : DisplayLayoutObserver {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<DisplayLayout> layouts;
-    bool offQueue = false;
-    void layoutMonitorDidUpdateDisplayLayout(DisplayLayoutMonitor& monitor,
-                                             const DisplayLayout& layout,
-                                             const DisplayLayoutTransitionContext&) override {
-        std::lock_guard lock(mutex);
-        offQueue = offQueue || !monitor.queue()->isCurrent();
-        layouts.push_back(layout);
-        changed.notify_all();
-    }
-    bool waitFor(const std::function<bool(const DisplayLayout&)>& pred) {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, kGenerous,
-                                [&] { return !layouts.empty() && pred(layouts.back()); });
-    }
-    bool waitForLevels(const std::vector<int32_t>& levels) {
-        return waitFor([&](const DisplayLayout& l) { return levelsOf(l) == levels; });
-    }
-    std::vector<DisplayLayout> all() {
-        std::lock_guard lock(mutex);
-        return layouts;
-    }
-};
-
-struct InfoRecorder {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<Value> infos;
-    bool offQueue = false;
-    ApplicationStateMonitor::ChangeHandler handler(
-        const std::shared_ptr<ApplicationStateMonitor>& m) {
-        std::weak_ptr<ApplicationStateMonitor> weak = m;
-        return [this, weak](const Value& info) {
-            std::lock_guard lock(mutex);
-            auto monitor = weak.lock();
-            offQueue = offQueue || !monitor || !monitor->queue()->isCurrent();
-            infos.push_back(info);
-            changed.notify_all();
-        };
-    }
-    std::vector<Value> waitForCount(size_t n) {
-        std::unique_lock lock(mutex);
-        changed.wait_for(lock, kGenerous, [&] { return infos.size() >= n; });
-        return infos;
-    }
-};
+using test::InfoRecorder;
+using test::LayoutRecorder;
+using test::levelsOf;
 
 // {bundle, frontmost, pid} of a change dictionary.
 std::tuple<std::string, bool, int64_t> summary(const Value& info) {
@@ -181,7 +126,8 @@ TEST_F(SyntheticWindowSystemTest, ChangeHandlerAndInformationComeOnTheMonitorsQu
     system_->launchApplication("org.example.alpha", 100);
     system_->launchApplication("org.example.beta", 200);
     system_->terminate("org.example.beta");
-    auto infos = recorder.waitForCount(5);
+    ASSERT_TRUE(recorder.waitFor(5));
+    auto infos = recorder.all();
     ASSERT_EQ(infos.size(), 5u);
     using S = std::tuple<std::string, bool, int64_t>;
     // Losers first: alpha gives up frontmost before beta takes it, and beta
@@ -210,8 +156,9 @@ TEST_F(SyntheticWindowSystemTest, ChangeHandlerAndInformationComeOnTheMonitorsQu
     InfoRecorder second;
     monitor->setChangeHandler(second.handler(monitor));
     system_->setForeground("org.example.alpha", false, 0);
-    EXPECT_EQ(second.waitForCount(1).size(), 1u);
-    EXPECT_EQ(recorder.waitForCount(5).size(), 5u);
+    ASSERT_TRUE(second.waitFor(1));
+    EXPECT_EQ(second.size(), 1u);
+    EXPECT_EQ(recorder.size(), 5u);
     EXPECT_FALSE(recorder.offQueue || second.offQueue);
 }
 
@@ -311,7 +258,7 @@ TEST_F(SyntheticWindowSystemTest, ConcurrentDriversLeaveAConsistentStateAndLastL
 
     // The last layout delivered is the one the display shows now.
     auto expected = system_->currentLayout();
-    ASSERT_TRUE(recorder->waitFor([&](const DisplayLayout& l) { return l == expected; }));
+    ASSERT_TRUE(recorder->waitForLast([&](const DisplayLayout& l) { return l == expected; }));
     size_t frontmost = 0;
     for (const auto& app : system_->applications()) {
         frontmost += app.isFrontmost();

@@ -4,9 +4,7 @@
 // manager would.
 #include <unistd.h>
 
-#include <condition_variable>
 #include <cstdlib>
-#include <mutex>
 
 #include <gtest/gtest.h>
 
@@ -18,20 +16,13 @@
 #include "platform/ui/x11_window_system.h"
 #include "tests/process/process_helpers.h"
 #include "tests/support/test_util.h"
+#include "tests/ui/recorders.h"
 
 using namespace sv;
 using namespace sv::testing;
 using namespace std::chrono_literals;
 
 namespace {
-
-constexpr auto kGenerous = 20s;
-
-std::vector<int32_t> levelsOf(const DisplayLayout& layout) {
-    std::vector<int32_t> levels;
-    for (const auto& e : layout.elements) levels.push_back(e.level);
-    return levels;
-}
 
 std::vector<std::string> ownersOf(const DisplayLayout& layout) {
     std::vector<std::string> owners;
@@ -41,60 +32,9 @@ std::vector<std::string> ownersOf(const DisplayLayout& layout) {
     return owners;
 }
 
-// Collects what a monitor delivers, and whether it came on the monitor's queue.
-struct LayoutRecorder : DisplayLayoutObserver {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<DisplayLayout> layouts;
-    bool offQueue = false;
-
-    void layoutMonitorDidUpdateDisplayLayout(DisplayLayoutMonitor& monitor,
-                                             const DisplayLayout& layout,
-                                             const DisplayLayoutTransitionContext&) override {
-        std::lock_guard lock(mutex);
-        offQueue = offQueue || !monitor.queue()->isCurrent();
-        layouts.push_back(layout);
-        changed.notify_all();
-    }
-    // Waits until the latest layout has these levels.
-    bool waitForLevels(const std::vector<int32_t>& levels) {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, kGenerous, [&] {
-            return !layouts.empty() && levelsOf(layouts.back()) == levels;
-        });
-    }
-    std::vector<DisplayLayout> all() {
-        std::lock_guard lock(mutex);
-        return layouts;
-    }
-};
-
-struct InfoRecorder {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<Value> infos;
-    bool offQueue = false;
-
-    ApplicationStateMonitor::ChangeHandler handler(
-        const std::shared_ptr<ApplicationStateMonitor>& m) {
-        std::weak_ptr<ApplicationStateMonitor> weak = m;
-        return [this, weak](const Value& info) {
-            std::lock_guard lock(mutex);
-            auto monitor = weak.lock();
-            offQueue = offQueue || !monitor || !monitor->queue()->isCurrent();
-            infos.push_back(info);
-            changed.notify_all();
-        };
-    }
-    bool waitForCount(size_t n) {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, kGenerous, [&] { return infos.size() >= n; });
-    }
-    std::vector<Value> all() {
-        std::lock_guard lock(mutex);
-        return infos;
-    }
-};
+using sv::test::InfoRecorder;
+using sv::test::LayoutRecorder;
+using sv::test::levelsOf;
 
 Value requestInfo(ApplicationStateMonitor& monitor, const std::string& bundleID) {
     return sv::test::awaitOnce<Value>([&](std::function<void(Value)> done) {
@@ -229,7 +169,7 @@ TEST_F(X11WindowSystemTest, ChangeHandlerHearsActivationsOnItsQueueLosersFirst) 
     monitor->setChangeHandler(recorder.handler(monitor));
 
     client_->setActiveWindow(b);
-    ASSERT_TRUE(recorder.waitForCount(2));
+    ASSERT_TRUE(recorder.waitFor(2));
     auto infos = recorder.all();
     ASSERT_EQ(infos.size(), 2u);
     EXPECT_EQ(stringAt(infos[0], kApplicationInfoBundleIDKey), "org.example.alpha");
@@ -242,7 +182,7 @@ TEST_F(X11WindowSystemTest, ChangeHandlerHearsActivationsOnItsQueueLosersFirst) 
     // The frontmost application's window goes away: it is reported, not
     // frontmost, with its last process, so a follower can let go of it.
     client_->destroy(b);
-    ASSERT_TRUE(recorder.waitForCount(3));
+    ASSERT_TRUE(recorder.waitFor(3));
     infos = recorder.all();
     EXPECT_EQ(stringAt(infos[2], kApplicationInfoBundleIDKey), "org.example.beta");
     EXPECT_EQ(boolAt(infos[2], kApplicationInfoFrontmostKey), false);
@@ -257,7 +197,7 @@ TEST_F(X11WindowSystemTest, ChangeHandlerHearsActivationsOnItsQueueLosersFirst) 
     InfoRecorder second;
     monitor->setChangeHandler(second.handler(monitor));
     client_->setActiveWindow(a);
-    ASSERT_TRUE(second.waitForCount(1));
+    ASSERT_TRUE(second.waitFor(1));
     EXPECT_EQ(boolAt(second.all().at(0), kApplicationInfoFrontmostKey), true);
     EXPECT_EQ(recorder.all().size(), 3u);
     EXPECT_FALSE(recorder.offQueue || second.offQueue);
