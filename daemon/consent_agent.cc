@@ -117,20 +117,22 @@ size_t SVConsentAgentRegistry::alertsAtAgent() const {
     return pending_.size();
 }
 
-bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& request,
-                                          AlertReply reply) {
+Result<void> SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& request,
+                                                  AlertReply reply) {
+    // Logged where the alert fails (SystemAlert::create).
+    auto unavailable = [](const std::string& why) {
+        return Error::make(kSystemAlertErrorDomain, kSystemAlertErrorUnavailable, why);
+    };
     std::shared_ptr<ipc::Connection> agent;
     {
         std::lock_guard lock(mutex_);
         if (pending_.size() >= kMaxAlertsAtAgent) {
-            log::error("SVConsentAgentRegistry: %lu alerts already wait for the consent agent",
-                       pending_.size());
-            return false;
+            return unavailable(std::to_string(pending_.size()) +
+                               " alerts already wait for the consent agent");
         }
         if (!currentLocked(&agent)) {
             if (agentWait_.count() <= 0) {
-                log::error("SVConsentAgentRegistry: no consent agent is registered");
-                return false;
+                return unavailable("no consent agent is registered");
             }
             log::info("SVConsentAgentRegistry: alert %lu waits for a consent agent", alertID);
             pending_.emplace(alertID, Pending{reply, {}});
@@ -141,12 +143,12 @@ bool SVConsentAgentRegistry::presentAlert(uint64_t alertID, const AlertRequest& 
                                                  self->expireWaiting(alertID);
                                          });
             waiting_.push_back({alertID, request, std::move(reply), std::move(timer)});
-            return true;
+            return {};
         }
         pending_.emplace(alertID, Pending{reply, {}});
     }
     send(agent, alertID, request, reply);
-    return true;
+    return {};
 }
 
 void SVConsentAgentRegistry::expireWaiting(uint64_t alertID) {

@@ -74,7 +74,8 @@ class SVConsentAgentRegistry : public AlertPresenter,
     size_t alertsAtAgent() const;
 
     // AlertPresenter
-    bool presentAlert(uint64_t alertID, const AlertRequest& request, AlertReply reply) override;
+    Result<void> presentAlert(uint64_t alertID, const AlertRequest& request,
+                              AlertReply reply) override;
     // Tells the agent showing the alert to take it down, when that agent
     // asked for withdrawals; others keep showing it, and their answer, when
     // it comes, is ignored.

@@ -167,18 +167,8 @@ int parse(int argc, char** argv, Options& o) {
     return 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    // Every recording runs encoder, writer and capture threads of its own;
-    // with an arena per thread (glibc's default allows eight per core) each
-    // recording leaves freed memory scattered over arenas that trimming
-    // cannot give back, and an idle daemon grew by tens of MB. Two arenas
-    // keep it within about 15 MB of its idle size after any number of
-    // recordings (bench/soak), before any thread starts.
-    mallopt(M_ARENA_MAX, kMallocArenas);
-    Options options;
-    if (int rc = parse(argc, argv, options)) return rc == -2 ? 0 : rc;
+// Log level, runtime directory and home as the options say.
+void applySettings(const Options& options) {
     if (options.logLevel == "debug") sv::log::setDebugEnabled(true);
     if (options.logLevel == "quiet") sv::log::setOutputEnabled(false);
     if (options.logLevel == "default") {
@@ -187,12 +177,11 @@ int main(int argc, char** argv) {
     }
     if (!options.runtimeDirectory.empty()) sv::ipc::setRuntimeDirectory(options.runtimeDirectory);
     if (!options.home.empty()) sv::MovieStore::shared().setHomeDirectory(options.home);
-    // Never a shared directory for the movies: without a home, refuse to start.
-    if (auto home = sv::MovieStore::shared().homeDirectory(); !home) {
-        std::fprintf(stderr, "sorveld: %s; pass --home DIR\n",
-                     home.error().localizedDescription().value_or("no home directory").c_str());
-        return 1;
-    }
+}
+
+// The audio, screen and window-system backends; false (with the reason
+// printed) when one cannot be used.
+bool setUpBackends(const Options& options) {
     // Without the option the backend is chosen when capture is first used.
     if (options.audioBackend && *options.audioBackend != sv::AudioBackendKind::Automatic)
         sv::setProcessAudioBackend(sv::makeAudioBackend(*options.audioBackend));
@@ -201,36 +190,31 @@ int main(int argc, char** argv) {
         if (!screen) {
             std::fprintf(stderr, "sorveld: cannot use the screen backend: %s\n",
                          screen.error().message().c_str());
-            return 1;
+            return false;
         }
         sv::setProcessScreenBackend(std::move(*screen));
     }
     // The window system follows the screen: the synthetic one on the
     // synthetic screen's display, X11 with the X11 screen.
-    {
-        auto screen = sv::processScreenBackend();
-        const bool synthetic =
-            std::dynamic_pointer_cast<sv::SyntheticScreenBackend>(screen) != nullptr;
-        // A Wayland desktop is seen through its X server (Xwayland) when it
-        // has one; without one there is no window system to watch.
-        const char* display = std::getenv("DISPLAY");
-        const bool x11 =
-            !synthetic && (!screen || screen->name() != "portal" || (display && *display));
-        auto ui = sv::makeUiBackend(x11 ? sv::UiBackendKind::X11 : sv::UiBackendKind::Synthetic);
-        if (!ui) {
-            std::fprintf(stderr, "sorveld: cannot use the window system: %s\n",
-                         ui.error().message().c_str());
-            return 1;
-        }
-        sv::setProcessUiBackend(std::move(*ui));
+    auto screen = sv::processScreenBackend();
+    const bool synthetic = std::dynamic_pointer_cast<sv::SyntheticScreenBackend>(screen) != nullptr;
+    // A Wayland desktop is seen through its X server (Xwayland) when it has
+    // one; without one there is no window system to watch.
+    const char* display = std::getenv("DISPLAY");
+    const bool x11 = !synthetic && (!screen || screen->name() != "portal" || (display && *display));
+    auto ui = sv::makeUiBackend(x11 ? sv::UiBackendKind::X11 : sv::UiBackendKind::Synthetic);
+    if (!ui) {
+        std::fprintf(stderr, "sorveld: cannot use the window system: %s\n",
+                     ui.error().message().c_str());
+        return false;
     }
+    sv::setProcessUiBackend(std::move(*ui));
+    return true;
+}
 
-    sv::log::info("sorveld Starting!");
-    // A movie that outgrows the file size limit fails its write (EFBIG) and
-    // ends its recording like a full disk, instead of killing the service.
-    std::signal(SIGXFSZ, SIG_IGN);
-    // A recording in progress is finished before the service ends, and the
-    // message that tells its client leaves before the process does.
+// A recording in progress is finished before the service ends, and the
+// message that tells its client leaves before the process does.
+void finishRecordingsOnTermination() {
     sv::stopMainRunLoopOnTerminationSignalsAfter(
         [](int, std::function<void()> done) {
             auto manager = sv::sharedRecordingManager();
@@ -244,7 +228,11 @@ int main(int argc, char** argv) {
             });
         },
         std::chrono::seconds(15));
+}
 
+// Starts the manager and the shell channel, runs the main run loop and
+// tears both down; the exit status.
+int serve(const Options& options) {
     // Consent alerts go to the consent agent that registers on the shell
     // channel.
     sv::SVRecordingSession::setBroadcastLinkWait(
@@ -295,4 +283,33 @@ int main(int argc, char** argv) {
     manager.reset();
     sv::log::flush();
     return -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Every recording runs encoder, writer and capture threads of its own;
+    // with an arena per thread (glibc's default allows eight per core) each
+    // recording leaves freed memory scattered over arenas that trimming
+    // cannot give back, and an idle daemon grew by tens of MB. Two arenas
+    // keep it within about 15 MB of its idle size after any number of
+    // recordings (bench/soak), before any thread starts.
+    mallopt(M_ARENA_MAX, kMallocArenas);
+    Options options;
+    if (int rc = parse(argc, argv, options)) return rc == -2 ? 0 : rc;
+    applySettings(options);
+    // Never a shared directory for the movies: without a home, refuse to start.
+    if (auto home = sv::MovieStore::shared().homeDirectory(); !home) {
+        std::fprintf(stderr, "sorveld: %s; pass --home DIR\n",
+                     home.error().localizedDescription().value_or("no home directory").c_str());
+        return 1;
+    }
+    if (!setUpBackends(options)) return 1;
+
+    sv::log::info("sorveld Starting!");
+    // A movie that outgrows the file size limit fails its write (EFBIG) and
+    // ends its recording like a full disk, instead of killing the service.
+    std::signal(SIGXFSZ, SIG_IGN);
+    finishRecordingsOnTermination();
+    return serve(options);
 }

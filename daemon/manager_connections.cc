@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "daemon/recording_manager.h"
+#include "platform/ipc/typed_methods.h"
 #include "platform/log.h"
 #include "platform/process/process_info.h"
 #include "protocol/recording_protocol.h"
@@ -74,11 +75,39 @@ Result<WindowSize> windowSizeOf(const Value& v) {
     return WindowSize{toFloat(*width), toFloat(*height)};
 }
 
-std::optional<std::string> bundleIDOf(const Value& v) {
-    if (!v.is_string()) return std::nullopt;
-    auto s = v.get<std::string>();
-    if (s.size() > kMaxBundleIDBytes) return std::nullopt;
-    return s;
+Result<std::string> bundleIDOf(const Value& v) {
+    if (!v.is_string() || v.get_ref<const std::string&>().size() > kMaxBundleIDBytes)
+        return malformed("a bundle identifier of at most 255 bytes");
+    return v.get<std::string>();
+}
+
+// The interface already checked the type of flags; anything else is
+// refused all the same.
+Result<bool> flagOf(const Value& v) {
+    if (!v.is_boolean()) return malformed("a flag is true or false");
+    return v.get<bool>();
+}
+
+Result<double> clipDurationOf(const Value& v) {
+    if (!v.is_number() || !std::isfinite(v.get<double>()))
+        return malformed("clip durations are finite numbers");
+    return v.get<double>();
+}
+
+Result<uint32_t> contextIDOf(const Value& v) {
+    if (auto id = integerOf<uint32_t>(v)) return *id;
+    return malformed("a layer context identifier is an unsigned integer");
+}
+
+// Optional arguments: anything but what they should be counts as absent.
+Result<std::optional<Bytes>> optionalBytesOf(const Value& v) {
+    if (const Bytes* data = bytesOf(v)) return std::optional<Bytes>(*data);
+    return std::optional<Bytes>();
+}
+
+Result<std::optional<Value>> optionalObjectOf(const Value& v) {
+    if (v.is_object()) return std::optional<Value>(v);
+    return std::optional<Value>();
 }
 
 }  // namespace
@@ -205,13 +234,126 @@ void SVRecordingManager::applicationDisconnectedWithBundleID(
     platform_->applicationDisconnected(bundleID, client->pid);
 }
 
+namespace {
+
+// Runs a request on the manager's queue, in the order of its connection's
+// requests (see makeExportedObject).
+using Submit = std::function<void(std::function<void(SVRecordingManager&)>)>;
+using Client = std::shared_ptr<SVClientConnection>;
+using Reply = const ipc::ReplyHandler&;
+using StartHandler = SVRecordingManager::StartHandler;
+using SetupHandler = SVRecordingManager::SetupHandler;
+using StopHandler = SVRecordingManager::StopHandler;
+using DiscardHandler = SVRecordingManager::DiscardHandler;
+
+// Set-up, start, stop, pause, resume and discard: the recording's requests.
+void addRecordingMethods(ipc::TypedMethods& methods, const Submit& run, const Client& client) {
+    methods.on(
+        method::kStartRecording,
+        [run, client](Reply reply, std::vector<uint32_t> ids, WindowSize size, bool mic,
+                      bool camera, bool broadcast, bool system) {
+            StartHandler handler = [reply](OptionalError error, bool m, bool c) {
+                reply(ipc::Arguments().add(errorValue(error)).add(Value(m)).add(Value(c)));
+            };
+            run([=, ids = std::move(ids)](SVRecordingManager& m) {
+                m.startRecordingWindowLayerContextIDs(client, ids, size, mic, camera, broadcast,
+                                                      system, handler);
+            });
+        },
+        contextIDsOf, windowSizeOf, flagOf, flagOf, flagOf, flagOf);
+    methods.on(
+        method::kSetupBroadcast,
+        [run, client](Reply reply, std::string host, std::string extension,
+                      std::optional<Bytes> configuration, std::optional<Value> userInfo) {
+            SetupHandler handler = [reply](OptionalError error) {
+                reply(ipc::Arguments().add(errorValue(error)));
+            };
+            run([=](SVRecordingManager& m) {
+                m.setupBroadcastWithHostBundleID(client, host, extension, configuration, userInfo,
+                                                 handler);
+            });
+        },
+        bundleIDOf, bundleIDOf, optionalBytesOf, optionalObjectOf);
+    auto stopHandler = [](const ipc::ReplyHandler& reply) -> StopHandler {
+        if (!reply) return nullptr;
+        return [reply](std::optional<URL> movie, OptionalError error) {
+            reply(ipc::Arguments().add(urlValue(movie)).add(errorValue(error)));
+        };
+    };
+    methods.on(method::kStopRecording, [run, client, stopHandler](Reply reply) {
+        run([client, handler = stopHandler(reply)](SVRecordingManager& m) {
+            m.stopRecordingWithHandler(client, handler);
+        });
+    });
+    methods.on(
+        method::kStopRecordingWithClip,
+        [run, client, stopHandler](Reply reply, double start, double end) {
+            run([=, handler = stopHandler(reply)](SVRecordingManager& m) {
+                m.stopRecordingWithStartClipDuration(client, start, end, handler);
+            });
+        },
+        clipDurationOf, clipDurationOf);
+    methods.on(method::kPauseRecording, [run, client](Reply) {
+        run([=](SVRecordingManager& m) { m.pauseRecording(client); });
+    });
+    methods.on(
+        method::kResumeRecording,
+        [run, client](Reply, uint32_t id) {
+            run([=](SVRecordingManager& m) {
+                m.resumeRecordingWithWindowLayerContextID(client, id);
+            });
+        },
+        contextIDOf);
+}
+
+// What the application tells of itself: microphone, warnings, desktop
+// audio, whether it is active.
+void addSettingMethods(ipc::TypedMethods& methods, const Submit& run, const Client& client) {
+    methods.on(
+        method::kSetMicrophoneEnabled,
+        [run, client](Reply, bool enabled) {
+            run([=](SVRecordingManager& m) { m.setMicrophoneEnabled(client, enabled); });
+        },
+        flagOf);
+    methods.on(method::kDiscardRecording, [run, client](Reply reply) {
+        DiscardHandler handler;
+        if (reply) handler = [reply] { reply(); };
+        run([=](SVRecordingManager& m) { m.discardRecordingWithHandler(client, handler); });
+    });
+    methods.on(method::kEnableRecordingWarnings, [run, client](Reply) {
+        run([client](SVRecordingManager&) { client->acceptsWarnings = true; });
+    });
+    methods.on(
+        method::kSetSystemRecordingDesktopAudio,
+        [run, client](Reply, bool desktop) {
+            run([client, desktop](SVRecordingManager&) { client->desktopAudio = desktop; });
+        },
+        flagOf);
+    for (const char* name : {method::kClientDidBecomeActive, method::kClientDidResignActive}) {
+        const bool active = name == method::kClientDidBecomeActive;
+        methods.on(
+            name,
+            [run, client, active](Reply, std::string bundleID) {
+                run([=](SVRecordingManager& m) {
+                    if (active)
+                        m.clientDidBecomeActiveWithBundleID(client, bundleID);
+                    else
+                        m.clientDidResignActiveWithBundleID(client, bundleID);
+                });
+            },
+            bundleIDOf);
+    }
+}
+
+}  // namespace
+
 std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
     const std::shared_ptr<SVClientConnection>& client) {
     std::weak_ptr<SVRecordingManager> weak = weak_from_this();
     // Each method reads its arguments on the connection's queue, then waits
     // for the manager's queue, so a client that floods requests is held
     // back by its own connection.
-    auto run = [weak, client](std::function<void(SVRecordingManager&)> request) {
+    Submit run = [weak, client](std::function<void(SVRecordingManager&)> request) {
         auto self = weak.lock();
         if (!self) return;
         self->queue_->sync([&] {
@@ -219,97 +361,9 @@ std::shared_ptr<ipc::ExportedObject> SVRecordingManager::makeExportedObject(
         });
     };
     auto table = std::make_shared<ipc::MethodTable>();
-    table->on(method::kStartRecording, [run, client](ipc::Invocation& inv) {
-        ipc::ReplyHandler reply = inv.handler();
-        auto ids = contextIDsOf(inv.at(0));
-        if (!ids) return logMalformed(inv, ids.error().message());
-        auto size = windowSizeOf(inv.at(1));
-        if (!size) return logMalformed(inv, size.error().message());
-        const bool mic = inv.at(2).get<bool>(), camera = inv.at(3).get<bool>(),
-                   broadcast = inv.at(4).get<bool>(), system = inv.at(5).get<bool>();
-        StartHandler handler = [reply](OptionalError error, bool m, bool c) {
-            reply(ipc::Arguments().add(errorValue(error)).add(Value(m)).add(Value(c)));
-        };
-        run([=, ids = std::move(*ids)](SVRecordingManager& m) {
-            m.startRecordingWindowLayerContextIDs(client, ids, *size, mic, camera, broadcast,
-                                                  system, handler);
-        });
-    });
-    table->on(method::kSetupBroadcast, [run, client](ipc::Invocation& inv) {
-        ipc::ReplyHandler reply = inv.handler();
-        auto host = bundleIDOf(inv.at(0));
-        auto extension = bundleIDOf(inv.at(1));
-        if (!host || !extension)
-            return logMalformed(inv, "bundle identifiers of at most 255 bytes");
-        SetupHandler handler = [reply](OptionalError error) {
-            reply(ipc::Arguments().add(errorValue(error)));
-        };
-        std::optional<Bytes> configuration;
-        if (const Bytes* data = bytesOf(inv.at(2))) configuration = *data;
-        std::optional<Value> userInfo;
-        if (inv.at(3).is_object()) userInfo = inv.at(3);
-        run([=](SVRecordingManager& m) {
-            m.setupBroadcastWithHostBundleID(client, *host, *extension, configuration, userInfo,
-                                             handler);
-        });
-    });
-    auto stopHandler = [](ipc::ReplyHandler reply) -> StopHandler {
-        if (!reply) return nullptr;
-        return [reply](std::optional<URL> movie, OptionalError error) {
-            reply(ipc::Arguments().add(urlValue(movie)).add(errorValue(error)));
-        };
-    };
-    table->on(method::kStopRecording, [run, client, stopHandler](ipc::Invocation& inv) {
-        StopHandler handler = stopHandler(inv.handler());
-        run([=](SVRecordingManager& m) { m.stopRecordingWithHandler(client, handler); });
-    });
-    table->on(method::kStopRecordingWithClip, [run, client, stopHandler](ipc::Invocation& inv) {
-        auto start = inv.at(0).get<double>(), end = inv.at(1).get<double>();
-        if (!std::isfinite(start) || !std::isfinite(end))
-            return logMalformed(inv, "clip durations are finite numbers");
-        StopHandler handler = stopHandler(inv.handler());
-        run([=](SVRecordingManager& m) {
-            m.stopRecordingWithStartClipDuration(client, start, end, handler);
-        });
-    });
-    table->on(method::kPauseRecording, [run, client](ipc::Invocation&) {
-        run([=](SVRecordingManager& m) { m.pauseRecording(client); });
-    });
-    table->on(method::kResumeRecording, [run, client](ipc::Invocation& inv) {
-        auto id = inv.integerAt<uint32_t>(0);
-        if (!id) return logMalformed(inv, "a layer context identifier is an unsigned integer");
-        run([=](SVRecordingManager& m) { m.resumeRecordingWithWindowLayerContextID(client, *id); });
-    });
-    table->on(method::kSetMicrophoneEnabled, [run, client](ipc::Invocation& inv) {
-        const bool enabled = inv.at(0).get<bool>();
-        run([=](SVRecordingManager& m) { m.setMicrophoneEnabled(client, enabled); });
-    });
-    table->on(method::kDiscardRecording, [run, client](ipc::Invocation& inv) {
-        ipc::ReplyHandler reply = inv.handler();
-        DiscardHandler handler;
-        if (reply) handler = [reply] { reply(); };
-        run([=](SVRecordingManager& m) { m.discardRecordingWithHandler(client, handler); });
-    });
-    table->on(method::kEnableRecordingWarnings, [run, client](ipc::Invocation&) {
-        run([client](SVRecordingManager&) { client->acceptsWarnings = true; });
-    });
-    table->on(method::kSetSystemRecordingDesktopAudio, [run, client](ipc::Invocation& inv) {
-        const bool desktop = inv.at(0).get<bool>();
-        run([client, desktop](SVRecordingManager&) { client->desktopAudio = desktop; });
-    });
-    for (const char* name : {method::kClientDidBecomeActive, method::kClientDidResignActive}) {
-        const bool active = name == method::kClientDidBecomeActive;
-        table->on(name, [run, client, active](ipc::Invocation& inv) {
-            auto bundleID = bundleIDOf(inv.at(0));
-            if (!bundleID) return logMalformed(inv, "a bundle identifier of at most 255 bytes");
-            run([=](SVRecordingManager& m) {
-                if (active)
-                    m.clientDidBecomeActiveWithBundleID(client, *bundleID);
-                else
-                    m.clientDidResignActiveWithBundleID(client, *bundleID);
-            });
-        });
-    }
+    ipc::TypedMethods methods(table, logMalformed);
+    addRecordingMethods(methods, run, client);
+    addSettingMethods(methods, run, client);
     return table;
 }
 

@@ -10,7 +10,7 @@ PACKAGES=(
   nlohmann-json3-dev libspdlog-dev libfmt-dev libasio-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
-  libx264-dev libyuv-dev ffmpeg
+  libx264-dev libyuv-dev ffmpeg libcurl4-openssl-dev
   libpulse-dev pulseaudio pulseaudio-utils systemd
   libx11-dev libxext-dev libxfixes-dev libxrandr-dev
   libxcb1-dev libxcb-shm0-dev libxcb-composite0-dev libxcb-randr0-dev libxcb-xfixes0-dev libxcb-res0-dev xvfb openbox x11-xserver-utils

@@ -1032,6 +1032,14 @@ void SVRecordingSession::_finishPreviousFragment(std::function<void()> then,
         std::lock_guard lock(seamMutex_);
         if (!onlyWriter || (previousFragment_ && previousFragment_->writer == onlyWriter))
             previous.swap(previousFragment_);
+        if (previous) {
+            ++fragmentsFinishing_;
+        } else if (then && fragmentsFinishing_ > 0) {
+            // An earlier fragment is still being finished (its seam closed
+            // just now): what follows waits for its hand-over.
+            afterFragmentsFinish_.push_back(std::move(then));
+            return;
+        }
     }
     if (!previous) {
         if (then) then();
@@ -1039,9 +1047,14 @@ void SVRecordingSession::_finishPreviousFragment(std::function<void()> then,
     }
     std::weak_ptr<SVRecordingSession> weak = weak_from_this();
     previous->writer->finishWritingWithHandler([weak, then](std::optional<URL> url) {
-        if (auto self = weak.lock())
+        std::vector<std::function<void()>> waiting;
+        if (auto self = weak.lock()) {
             self->_notifyBroadcastExtensionOfCompletedMovieWithURL(url, false);
+            std::lock_guard lock(self->seamMutex_);
+            if (--self->fragmentsFinishing_ == 0) waiting.swap(self->afterFragmentsFinish_);
+        }
         if (then) then();
+        for (auto& next : waiting) next();
     });
 }
 

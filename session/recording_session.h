@@ -429,6 +429,12 @@ class SVRecordingSession : public ScreenCaptureControllerDelegate,
     };
     std::mutex seamMutex_;
     std::optional<PreviousFragment> previousFragment_;
+    // Fragments taken from previousFragment_ whose writers are still
+    // finishing, and what waits for them: a later fragment is handed to the
+    // extension only after the earlier ones, so the final fragment never
+    // overtakes the one before it. Guarded by seamMutex_.
+    int fragmentsFinishing_ = 0;
+    std::vector<std::function<void()>> afterFragmentsFinish_;
     // The audio inputs (bit 0: application, bit 1: microphone) that
     // delivered audio since the start.
     std::atomic<unsigned> audioInputsSeen_{0};

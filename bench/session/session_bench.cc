@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "bench/bench_util.h"
+#include "bench/session/reference_ffmpeg.h"
 #include "bench/session/timed_delegate.h"
 #include "movie/movie_inspector.h"
 #include "platform/audio/synthetic_audio.h"
@@ -118,7 +119,8 @@ Recording record(double seconds) {
     }
     rusage after{};
     getrusage(RUSAGE_SELF, &after);
-    session->screenCaptureController()->setDelegate({});
+    // The session lets go of its controller once the movie is finished.
+    if (auto controller = session->screenCaptureController()) controller->setDelegate({});
 
     Recording r;
     r.movie = url->path;
@@ -144,14 +146,11 @@ struct Ffmpeg {
 // writer's settings, with two AAC tracks from generated tones.
 Ffmpeg encodeWithFfmpeg(const SyntheticDisplay& display, int64_t frames, const std::string& out) {
     const double seconds = double(frames) / 60;
-    char cmd[2048];
-    std::snprintf(cmd, sizeof cmd,
-                  "ffmpeg -v error -y -f rawvideo -pix_fmt bgra -s %dx%d -r 60 -i - "
-                  "-f lavfi -i sine=f=620:r=44100:d=%.3f -f lavfi -i sine=f=440:r=44100:d=%.3f "
-                  "-map 0:v -map 1:a -map 2:a -c:v libx264 -preset %s -profile:v main "
-                  "-pix_fmt yuv420p -b:v 5000000 -g 120 -thread_type slice -c:a aac -b:a 128000 "
-                  "-ac 2 -ar 44100 %s",
-                  kWidth, kHeight, seconds, seconds, media::kDefaultX264Preset, out.c_str());
+    char input[256];
+    std::snprintf(input, sizeof input,
+                  "ffmpeg -v error -y -f rawvideo -pix_fmt bgra -s %dx%d -r 60 -i - ", kWidth,
+                  kHeight);
+    const std::string cmd = input + bench::referenceEncoding(seconds, 5'000'000) + " " + out;
     int fds[2];
     if (pipe(fds) != 0) return {};
     const pid_t pid = fork();
@@ -160,7 +159,7 @@ Ffmpeg encodeWithFfmpeg(const SyntheticDisplay& display, int64_t frames, const s
         dup2(fds[0], 0);
         close(fds[0]);
         close(fds[1]);
-        execl("/bin/sh", "sh", "-c", cmd, static_cast<char*>(nullptr));
+        execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
     close(fds[0]);
@@ -190,12 +189,10 @@ Ffmpeg encodeWithFfmpeg(const SyntheticDisplay& display, int64_t frames, const s
         }
     }
     close(fds[1]);
-    int status = 0;
-    rusage child{};
-    wait4(pid, &status, 0, &child);
-    result.cpu = bench::cpuSeconds(child);
-    result.peakRssMiB = double(child.ru_maxrss) / 1024.0;
-    result.ok = writing && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    const bench::ChildResult child = bench::waitForChild(pid);
+    result.cpu = child.cpu;
+    result.peakRssMiB = child.peakRssMiB;
+    result.ok = writing && child.succeeded;
     return result;
 }
 
@@ -305,22 +302,7 @@ int run(double seconds, const std::optional<std::string>& keep) {
 }  // namespace sv
 
 int main(int argc, char** argv) {
-    double seconds = 60;
-    std::optional<std::string> keep;
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        if (a == "--seconds" && i + 1 < argc) {
-            seconds = std::atof(argv[++i]);
-        } else if (a == "--keep" && i + 1 < argc) {
-            keep = argv[++i];
-        } else {
-            std::fprintf(stderr, "usage: session_bench [--seconds N] [--keep DIR]\n");
-            return 2;
-        }
-    }
-    if (!(seconds >= 3 && seconds <= 3600)) {
-        std::fprintf(stderr, "session_bench: --seconds must be between 3 and 3600\n");
-        return 2;
-    }
-    return sv::run(seconds, keep);
+    auto args = sv::bench::parseRecordingArguments("session_bench", argc, argv);
+    if (!args) return 2;
+    return sv::run(args->seconds, args->keep);
 }

@@ -42,6 +42,7 @@
 #include <vector>
 
 #include "bench/bench_util.h"
+#include "bench/session/reference_ffmpeg.h"
 #include "bench/session/timed_delegate.h"
 #include "movie/movie_inspector.h"
 #include "platform/audio/synthetic_audio.h"
@@ -203,7 +204,8 @@ Recording record(double seconds, pid_t server, pid_t animator) {
     r.serverCpu = processCpuSeconds(server) - server0;
     r.cpu = bench::cpuSeconds(after) - bench::cpuSeconds(before);
     r.peakRssMiB = double(after.ru_maxrss) / 1024.0;
-    session->screenCaptureController()->setDelegate({});
+    // The session lets go of its controller once the movie is finished.
+    if (auto controller = session->screenCaptureController()) controller->setDelegate({});
     r.progress = session->progress();
     std::tie(r.deliveryMs, r.deliveryCpuMs) = timed->times();
     r.framesPreempted = timed->switches().second;
@@ -228,16 +230,15 @@ Ffmpeg recordWithFfmpeg(const std::string& display, double seconds, const Movie&
                         const std::string& out, pid_t server) {
     const int w = movie.width > 0 ? movie.width : kWidth;
     const int h = movie.height > 0 ? movie.height : kHeight;
-    char command[1024];
-    std::snprintf(command, sizeof command,
-                  "ffmpeg -nostdin -v error -y -f x11grab -framerate 60 -video_size %dx%d -i %s "
-                  "-f lavfi -i sine=f=620:r=44100:d=%.3f -f lavfi -i sine=f=440:r=44100:d=%.3f "
-                  "-map 0:v -map 1:a -map 2:a -t %.3f -fps_mode passthrough "
-                  "-vf scale=%d:%d:flags=bilinear -c:v libx264 "
-                  "-preset %s -profile:v main -pix_fmt yuv420p -b:v %d -g 120 "
-                  "-thread_type slice -c:a aac -b:a 128000 -ac 2 -ar 44100",
-                  kWidth, kHeight, display.c_str(), seconds, seconds, seconds, w, h,
-                  media::kDefaultX264Preset, w >= 1600 || h >= 1600 ? 5'000'000 : 3'000'000);
+    char input[256], videoOptions[256];
+    std::snprintf(input, sizeof input,
+                  "ffmpeg -nostdin -v error -y -f x11grab -framerate 60 -video_size %dx%d -i %s ",
+                  kWidth, kHeight, display.c_str());
+    std::snprintf(videoOptions, sizeof videoOptions,
+                  "-t %.3f -fps_mode passthrough -vf scale=%d:%d:flags=bilinear", seconds, w, h);
+    const std::string command =
+        input + bench::referenceEncoding(seconds, w >= 1600 || h >= 1600 ? 5'000'000 : 3'000'000,
+                                         videoOptions);
     std::vector<std::string> args;
     std::istringstream words(command);
     for (std::string word; words >> word;) args.push_back(word);
@@ -246,13 +247,11 @@ Ffmpeg recordWithFfmpeg(const std::string& display, double seconds, const Movie&
     const double server0 = processCpuSeconds(server);
     const pid_t pid = spawn(args);
     if (pid < 0) return result;
-    int status = 0;
-    rusage child{};
-    wait4(pid, &status, 0, &child);
+    const bench::ChildResult child = bench::waitForChild(pid);
     result.serverCpu = processCpuSeconds(server) - server0;
-    result.cpu = bench::cpuSeconds(child);
-    result.peakRssMiB = double(child.ru_maxrss) / 1024.0;
-    result.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    result.cpu = child.cpu;
+    result.peakRssMiB = child.peakRssMiB;
+    result.ok = child.succeeded;
     if (result.ok) result.movie = videoOf(out);
     return result;
 }
@@ -374,23 +373,9 @@ int run(double seconds, const std::optional<std::string>& keep) {
 }  // namespace sv
 
 int main(int argc, char** argv) {
-    double seconds = 60;
-    std::optional<std::string> keep;
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        if (a == "--animate" && i + 1 < argc) return sv::animate(argv[i + 1]);
-        if (a == "--seconds" && i + 1 < argc) {
-            seconds = std::atof(argv[++i]);
-        } else if (a == "--keep" && i + 1 < argc) {
-            keep = argv[++i];
-        } else {
-            std::fprintf(stderr, "usage: x11_record_bench [--seconds N] [--keep DIR]\n");
-            return 2;
-        }
-    }
-    if (!(seconds >= 3 && seconds <= 3600)) {
-        std::fprintf(stderr, "x11_record_bench: --seconds must be between 3 and 3600\n");
-        return 2;
-    }
-    return sv::run(seconds, keep);
+    // The animator is this program again (see run).
+    if (argc == 3 && std::string(argv[1]) == "--animate") return sv::animate(argv[2]);
+    auto args = sv::bench::parseRecordingArguments("x11_record_bench", argc, argv);
+    if (!args) return 2;
+    return sv::run(args->seconds, args->keep);
 }

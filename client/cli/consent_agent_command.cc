@@ -286,77 +286,92 @@ ConsentResponse askZenity(const std::string& zenity, const ConsentAlert& alert) 
     }
 }
 
-int runConsentAgent(int argc, char** argv) {
+// The command line of the agent; `exitStatus` is set when the command is
+// done (help, a usage error).
+struct AgentArguments {
     std::optional<sv::ConsentPolicy> policy;
     bool gui = false, once = false;
+    std::optional<int> exitStatus;
+};
+
+AgentArguments parseAgentArguments(int argc, char** argv) {
+    AgentArguments args;
+    auto fail = [&](const std::string& message) {
+        args.exitStatus = usageError(message);
+        return args;
+    };
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
         const char* v = nullptr;
         if (a == "-h" || a == "--help") {
             std::fputs(kUsage, stdout);
-            return 0;
+            args.exitStatus = 0;
+            return args;
         } else if (a == "--answer") {
-            if (!(v = value()) || !(policy = sv::parseConsentPolicy(v)))
-                return usageError("--answer takes accept, accept-without-mic or decline");
+            if (!(v = value()) || !(args.policy = sv::parseConsentPolicy(v)))
+                return fail("--answer takes accept, accept-without-mic or decline");
         } else if (a == "--gui") {
-            gui = true;
+            args.gui = true;
         } else if (a == "--once") {
-            once = true;
+            args.once = true;
         } else if (a == "--runtime-dir") {
-            if (!(v = value())) return usageError("--runtime-dir needs a directory");
+            if (!(v = value())) return fail("--runtime-dir needs a directory");
             sv::ipc::setRuntimeDirectory(v);
         } else {
-            return usageError("unknown option " + a);
+            return fail("unknown option " + a);
         }
     }
-    if (gui && policy) return usageError("--gui and --answer exclude each other");
-    std::string zenity;
-    if (gui) {
-        zenity = findInPath("zenity");
-        if (zenity.empty()) {
-            std::fprintf(stderr,
-                         "sorvel consent-agent: --gui needs zenity, which is not installed "
-                         "(apt-get install zenity)\n");
-            return 1;
-        }
-        if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY")) {
-            std::fprintf(stderr, "sorvel consent-agent: --gui needs a display (DISPLAY)\n");
-            return 1;
-        }
-    }
-    sv::log::setOutputEnabled(false);
+    if (args.gui && args.policy) return fail("--gui and --answer exclude each other");
+    return args;
+}
 
-    // Shared with the agent's closures, which may outlive this function by
-    // a moment.
-    auto loop = std::make_shared<sv::cli::MainLoop>();
-    sv::ConsentAgent::Options options;
-    options.preferredLanguages = sv::preferredLanguages();
-    if (policy) {
-        options.presenter = [p = *policy](const ConsentAlert& alert,
-                                          sv::ConsentAgent::Answer answer) {
+// The zenity that shows the dialogs, or nothing (with the reason printed)
+// when the dialogs cannot be shown.
+std::optional<std::string> dialogProgram() {
+    std::string zenity = findInPath("zenity");
+    if (zenity.empty()) {
+        std::fprintf(stderr,
+                     "sorvel consent-agent: --gui needs zenity, which is not installed "
+                     "(apt-get install zenity)\n");
+        return std::nullopt;
+    }
+    if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY")) {
+        std::fprintf(stderr, "sorvel consent-agent: --gui needs a display (DISPLAY)\n");
+        return std::nullopt;
+    }
+    return zenity;
+}
+
+// Asks the user as the arguments say: a fixed answer, a dialog or the
+// terminal.
+sv::ConsentAgent::Presenter presenterFor(const AgentArguments& args, const std::string& zenity) {
+    if (args.policy)
+        return [p = *args.policy](const ConsentAlert& alert, sv::ConsentAgent::Answer answer) {
             ConsentResponse r = sv::responseForPolicy(alert, p);
             std::fprintf(stderr, "sorvel consent-agent: \"%s\": %s\n", alert.title.c_str(),
                          sv::consentResponseName(r));
             answer(r);
         };
-    } else if (gui) {
-        options.presenter = [zenity](const ConsentAlert& alert, sv::ConsentAgent::Answer answer) {
+    if (args.gui)
+        return [zenity](const ConsentAlert& alert, sv::ConsentAgent::Answer answer) {
             static auto queue = sv::DispatchQueue::serial("org.sorvel.consent-agent.dialog");
             queue->async([zenity, alert, answer] {
                 if (Showing::instance().mayShowDialog(alert.alertID))
                     answer(askZenity(zenity, alert));
             });
         };
-    } else {
-        options.presenter = presentInTerminal;
-    }
-    options.withdraw = [](uint64_t alertID) { Showing::instance().withdraw(alertID); };
-    // Read and written on the loop's thread only.
-    auto agent = std::make_shared<std::shared_ptr<sv::ConsentAgent>>();
+    return presentInTerminal;
+}
+
+// The agent's events, printed (and acted on) on the loop's thread. `agent`
+// is read and written on the loop's thread only.
+sv::ConsentAgent::EventHandler eventPrinter(
+    std::shared_ptr<sv::cli::MainLoop> loop,
+    std::shared_ptr<std::shared_ptr<sv::ConsentAgent>> agent, bool once) {
     auto waitingShown = std::make_shared<bool>(false);
-    options.events = [loop, agent, waitingShown, once](sv::ConsentAgent::Event event,
-                                                       const std::string& detail) {
+    return [loop, agent, waitingShown, once](sv::ConsentAgent::Event event,
+                                             const std::string& detail) {
         loop->post([loop, agent, waitingShown, once, event, detail] {
             using E = sv::ConsentAgent::Event;
             switch (event) {
@@ -387,6 +402,28 @@ int runConsentAgent(int argc, char** argv) {
             }
         });
     };
+}
+
+int runConsentAgent(int argc, char** argv) {
+    AgentArguments args = parseAgentArguments(argc, argv);
+    if (args.exitStatus) return *args.exitStatus;
+    std::string zenity;
+    if (args.gui) {
+        auto program = dialogProgram();
+        if (!program) return 1;
+        zenity = *program;
+    }
+    sv::log::setOutputEnabled(false);
+
+    // Shared with the agent's closures, which may outlive this function by
+    // a moment.
+    auto loop = std::make_shared<sv::cli::MainLoop>();
+    auto agent = std::make_shared<std::shared_ptr<sv::ConsentAgent>>();
+    sv::ConsentAgent::Options options;
+    options.preferredLanguages = sv::preferredLanguages();
+    options.presenter = presenterFor(args, zenity);
+    options.withdraw = [](uint64_t alertID) { Showing::instance().withdraw(alertID); };
+    options.events = eventPrinter(loop, agent, args.once);
     // The events only reach the agent through the loop, which runs below.
     *agent = sv::ConsentAgent::create(std::move(options));
     loop->handleTerminationSignals([loop = loop.get()](int) { loop->quit(0); });

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <variant>
 #include <vector>
 
 extern "C" {
@@ -27,17 +28,23 @@ namespace {
 class DirectoryDestination : public Destination {
   public:
     explicit DirectoryDestination(std::string directory) : directory_(std::move(directory)) {}
-    std::optional<std::string> put(const std::string& localPath, const std::string& name) override {
+    // Written beside the published file, then renamed over it.
+    std::optional<std::string> put(const std::string& name, std::string contents) override {
+        const fs::path target = fs::path(directory_) / name;
+        const fs::path part = fs::path(directory_) / ("." + name + ".part");
+        {
+            std::ofstream out(part, std::ios::binary | std::ios::trunc);
+            out.write(contents.data(), std::streamsize(contents.size()));
+            if (!out.flush()) return "cannot write " + part.string();
+        }
         std::error_code ec;
-        fs::rename(localPath, fs::path(directory_) / name, ec);
+        fs::rename(part, target, ec);
         if (ec) return "cannot publish " + name + ": " + ec.message();
         return std::nullopt;
     }
     std::string locationOf(const std::string& name) const override {
         return (fs::path(directory_) / name).string();
     }
-    // Beside the published files, so publishing is a rename.
-    std::string scratchDirectory() const override { return directory_; }
     std::optional<std::string> fetch(const std::string& name) const override {
         std::ifstream in(fs::path(directory_) / name, std::ios::binary);
         if (!in) return std::nullopt;
@@ -102,15 +109,71 @@ struct InputCloser {
         }
     }
 };
+// Segments are written into memory (a dynamic buffer).
 struct OutputCloser {
     void operator()(AVFormatContext* c) const {
-        if (c->pb) avio_closep(&c->pb);
+        if (c->pb) {
+            uint8_t* bytes = nullptr;
+            avio_close_dyn_buf(c->pb, &bytes);
+            av_free(bytes);
+        }
         avformat_free_context(c);
     }
 };
 struct PacketFree {
     void operator()(AVPacket* p) const { av_packet_free(&p); }
 };
+
+using Input = std::unique_ptr<AVFormatContext, InputCloser>;
+
+// The fragment read through `reader` (which must outlive it), or why not.
+std::variant<Input, std::string> openFragment(FdReader& reader) {
+    constexpr int kBufferSize = 64 * 1024;
+    auto* buffer = static_cast<uint8_t*>(av_malloc(kBufferSize));
+    if (!buffer) return "out of memory";
+    AVIOContext* io = avio_alloc_context(buffer, kBufferSize, 0, &reader, &FdReader::read, nullptr,
+                                         &FdReader::seek);
+    if (!io) {
+        av_free(buffer);
+        return "out of memory";
+    }
+    AVFormatContext* rawIn = avformat_alloc_context();
+    if (!rawIn) {
+        av_freep(&io->buffer);
+        avio_context_free(&io);
+        return "out of memory";
+    }
+    rawIn->pb = io;
+    rawIn->flags |= AVFMT_FLAG_CUSTOM_IO;
+    if (int r = avformat_open_input(&rawIn, nullptr, nullptr, nullptr); r < 0) {
+        // avformat_open_input freed the context, not the custom I/O.
+        av_freep(&io->buffer);
+        avio_context_free(&io);
+        return "not a movie: " + averror(r);
+    }
+    Input in(rawIn);
+    if (int r = avformat_find_stream_info(in.get(), nullptr); r < 0)
+        return "unreadable movie: " + averror(r);
+    return in;
+}
+
+// How long a fragment lasts, in 90 kHz ticks: until the next one's first
+// frame, its last frame's time plus one frame interval (the median one: a
+// last packet often carries no duration, and a capture stall must not
+// stretch it); without video, until its last packet ends.
+int64_t fragmentLength90k(std::vector<int64_t> videoTimes90k, int64_t anyEnd90k) {
+    if (videoTimes90k.empty()) return anyEnd90k;
+    std::sort(videoTimes90k.begin(), videoTimes90k.end());
+    std::vector<int64_t> steps;
+    for (size_t i = 1; i < videoTimes90k.size(); ++i)
+        steps.push_back(videoTimes90k[i] - videoTimes90k[i - 1]);
+    int64_t interval = 3000;  // 1/30 s, for a fragment of one frame
+    if (!steps.empty()) {
+        std::nth_element(steps.begin(), steps.begin() + steps.size() / 2, steps.end());
+        interval = steps[steps.size() / 2];
+    }
+    return videoTimes90k.back() + interval;
+}
 
 }  // namespace
 
@@ -148,68 +211,42 @@ double Publisher::publishedSeconds() const {
     return total;
 }
 
-std::optional<std::string> Publisher::addFragment(int fd, bool finished) {
+Publisher::Remuxed Publisher::remux(int fd) const {
+    Remuxed result;
+    auto fail = [&](std::string why) {
+        result.error = std::move(why);
+        return std::move(result);
+    };
     FdReader reader{fd};
-    constexpr int kBufferSize = 64 * 1024;
-    auto* buffer = static_cast<uint8_t*>(av_malloc(kBufferSize));
-    if (!buffer) return "out of memory";
-    AVIOContext* io = avio_alloc_context(buffer, kBufferSize, 0, &reader, &FdReader::read, nullptr,
-                                         &FdReader::seek);
-    if (!io) {
-        av_free(buffer);
-        return "out of memory";
-    }
-    AVFormatContext* rawIn = avformat_alloc_context();
-    if (!rawIn) {
-        av_freep(&io->buffer);
-        avio_context_free(&io);
-        return "out of memory";
-    }
-    rawIn->pb = io;
-    rawIn->flags |= AVFMT_FLAG_CUSTOM_IO;
-    if (int r = avformat_open_input(&rawIn, nullptr, nullptr, nullptr); r < 0) {
-        // avformat_open_input freed the context, not the custom I/O.
-        av_freep(&io->buffer);
-        avio_context_free(&io);
-        return "not a movie: " + averror(r);
-    }
-    std::unique_ptr<AVFormatContext, InputCloser> in(rawIn);
-    if (int r = avformat_find_stream_info(in.get(), nullptr); r < 0)
-        return "unreadable movie: " + averror(r);
-
-    char name[32];
-    std::snprintf(name, sizeof name, "segment_%05zu.ts", segments_.size());
-    const std::string scratch = destination_->scratchDirectory() + "/." + name + ".part";
+    auto opened = openFragment(reader);
+    if (auto* why = std::get_if<std::string>(&opened)) return fail(std::move(*why));
+    Input in = std::move(std::get<Input>(opened));
     AVFormatContext* rawOut = nullptr;
-    if (int r = avformat_alloc_output_context2(&rawOut, nullptr, "mpegts", scratch.c_str()); r < 0)
-        return "no MPEG-TS muxer: " + averror(r);
+    if (int r = avformat_alloc_output_context2(&rawOut, nullptr, "mpegts", nullptr); r < 0)
+        return fail("no MPEG-TS muxer: " + averror(r));
     std::unique_ptr<AVFormatContext, OutputCloser> out(rawOut);
     int videoIndex = -1;
     for (unsigned i = 0; i < in->nb_streams; ++i) {
         AVStream* s = avformat_new_stream(out.get(), nullptr);
-        if (!s) return "out of memory";
+        if (!s) return fail("out of memory");
         if (avcodec_parameters_copy(s->codecpar, in->streams[i]->codecpar) < 0)
-            return "cannot copy stream parameters";
+            return fail("cannot copy stream parameters");
         s->codecpar->codec_tag = 0;
         s->time_base = in->streams[i]->time_base;
         if (in->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && videoIndex < 0)
             videoIndex = int(i);
     }
-    if (int r = avio_open(&out->pb, scratch.c_str(), AVIO_FLAG_WRITE); r < 0)
-        return "cannot write " + scratch + ": " + averror(r);
+    if (int r = avio_open_dyn_buf(&out->pb); r < 0) return fail("out of memory");
     if (int r = avformat_write_header(out.get(), nullptr); r < 0)
-        return "cannot start the segment: " + averror(r);
+        return fail("cannot start the segment: " + averror(r));
 
     // Every stream of a fragment starts at its first video frame (time 0):
     // the segment's timestamps are moved to where the last one ended.
     const AVRational ticks90k{1, 90000};
-    // The fragment lasts until the next one's first frame: its last frame's
-    // time plus one frame interval (the median one: a last packet often
-    // carries no duration, and a capture stall must not stretch it).
-    std::vector<int64_t> videoTimes90k;
+    std::vector<int64_t> videoTimes90k;  // for fragmentLength90k
     int64_t anyEnd90k = 0;
     std::unique_ptr<AVPacket, PacketFree> packet(av_packet_alloc());
-    if (!packet) return "out of memory";
+    if (!packet) return fail("out of memory");
     int r = 0;
     while ((r = av_read_frame(in.get(), packet.get())) >= 0) {
         const unsigned index = unsigned(packet->stream_index);
@@ -226,49 +263,48 @@ std::optional<std::string> Publisher::addFragment(int fd, bool finished) {
         av_packet_rescale_ts(packet.get(), tb, out->streams[index]->time_base);
         packet->pos = -1;
         if (int w = av_interleaved_write_frame(out.get(), packet.get()); w < 0)
-            return "cannot write the segment: " + averror(w);
+            return fail("cannot write the segment: " + averror(w));
     }
-    if (r != AVERROR_EOF) return "cannot read the fragment: " + averror(r);
-    if (int w = av_write_trailer(out.get()); w < 0) return "cannot end the segment: " + averror(w);
-    avio_closep(&out->pb);
+    if (r != AVERROR_EOF) return fail("cannot read the fragment: " + averror(r));
+    if (int w = av_write_trailer(out.get()); w < 0)
+        return fail("cannot end the segment: " + averror(w));
+    uint8_t* bytes = nullptr;
+    const int size = avio_close_dyn_buf(out->pb, &bytes);
+    out->pb = nullptr;
+    if (!bytes || size < 0) return fail("out of memory");
+    result.bytes.assign(reinterpret_cast<const char*>(bytes), size_t(size));
+    av_free(bytes);
 
-    int64_t length90k = anyEnd90k;
-    if (!videoTimes90k.empty()) {
-        std::sort(videoTimes90k.begin(), videoTimes90k.end());
-        std::vector<int64_t> steps;
-        for (size_t i = 1; i < videoTimes90k.size(); ++i)
-            steps.push_back(videoTimes90k[i] - videoTimes90k[i - 1]);
-        int64_t interval = 3000;  // 1/30 s, for a fragment of one frame
-        if (!steps.empty()) {
-            std::nth_element(steps.begin(), steps.begin() + steps.size() / 2, steps.end());
-            interval = steps[steps.size() / 2];
-        }
-        length90k = videoTimes90k.back() + interval;
-    }
-    if (auto error = destination_->put(scratch, name)) return error;
-    segments_.push_back({name, double(length90k) / 90000.0});
-    nextStart90k_ += length90k;
-    return writePlaylist(finished);
+    result.length90k = fragmentLength90k(std::move(videoTimes90k), anyEnd90k);
+    return result;
+}
+
+std::optional<std::string> Publisher::addFragment(int fd, bool finished) {
+    Remuxed segment = remux(fd);
+    if (segment.error) return segment.error;
+    char name[32];
+    std::snprintf(name, sizeof name, "segment_%05zu.ts", segments_.size());
+    if (auto error = destination_->put(name, std::move(segment.bytes))) return error;
+    segments_.push_back({name, double(segment.length90k) / 90000.0});
+    nextStart90k_ += segment.length90k;
+    finished_ = finished_ || finished;
+    return writePlaylist(finished_);
 }
 
 std::optional<std::string> Publisher::writePlaylist(bool finished) {
     double longest = 1;
     for (const auto& s : segments_) longest = std::max(longest, s.seconds);
-    const std::string scratch = destination_->scratchDirectory() + "/." + kPlaylistName + ".part";
-    {
-        std::ofstream playlist(scratch, std::ios::trunc);
-        playlist << "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-PLAYLIST-TYPE:EVENT\n"
-                 << "#EXT-X-TARGETDURATION:" << int(std::ceil(longest)) << "\n"
-                 << "#EXT-X-MEDIA-SEQUENCE:0\n";
-        char line[64];
-        for (const auto& s : segments_) {
-            std::snprintf(line, sizeof line, "#EXTINF:%.6f,\n", s.seconds);
-            playlist << line << s.name << "\n";
-        }
-        if (finished) playlist << "#EXT-X-ENDLIST\n";
-        if (!playlist.flush()) return "cannot write the playlist";
+    std::ostringstream playlist;
+    playlist << "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-PLAYLIST-TYPE:EVENT\n"
+             << "#EXT-X-TARGETDURATION:" << int(std::ceil(longest)) << "\n"
+             << "#EXT-X-MEDIA-SEQUENCE:0\n";
+    char line[64];
+    for (const auto& s : segments_) {
+        std::snprintf(line, sizeof line, "#EXTINF:%.6f,\n", s.seconds);
+        playlist << line << s.name << "\n";
     }
-    return destination_->put(scratch, kPlaylistName);
+    if (finished) playlist << "#EXT-X-ENDLIST\n";
+    return destination_->put(kPlaylistName, playlist.str());
 }
 
 }  // namespace hls

@@ -3,13 +3,15 @@
 // of the segment before, and the playlist is rewritten after every segment
 // (with its end tag after the last one).
 //
-// Where segments and playlists go is a Destination: a directory now; an
-// HTTP ingest point that takes them by PUT fits the same interface.
+// Where segments and playlists go is a Destination: a directory, or an HTTP
+// ingest point that takes them by PUT (http_destination.h).
 //
 // One publisher belongs to one thread at a time (the extension's request
 // thread).
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,15 +24,24 @@ namespace hls {
 class Destination {
   public:
     virtual ~Destination() = default;
-    // Stores the local file `localPath` as `name`; an error text or nothing.
-    virtual std::optional<std::string> put(const std::string& localPath,
-                                           const std::string& name) = 0;
+    // Publishes `contents` as `name`; an error text or nothing. May return
+    // before the file is out (an upload): what fails later is counted in
+    // stats().
+    virtual std::optional<std::string> put(const std::string& name, std::string contents) = 0;
     // Where a player finds `name` (a path or a URL).
     virtual std::string locationOf(const std::string& name) const = 0;
-    // A directory for files being written.
-    virtual std::string scratchDirectory() const = 0;
     // The text of the published file `name`, or nothing.
     virtual std::optional<std::string> fetch(const std::string& name) const = 0;
+    // Waits, at most `limit`, until every file put is out.
+    virtual void flush(std::chrono::milliseconds limit) { (void)limit; }
+
+    struct Stats {
+        uint64_t retries = 0;                   // tries after a failed one
+        uint64_t dropped = 0;                   // files given up
+        size_t pending = 0;                     // files not out yet
+        std::vector<std::string> droppedNames;  // the latest few dropped
+    };
+    virtual Stats stats() const { return {}; }
 };
 
 // Files in a local directory (created if missing), renamed into place.
@@ -46,10 +57,14 @@ class Publisher {
     explicit Publisher(std::unique_ptr<Destination> destination);
 
     // Remuxes the fragment readable through `fd` into the next segment and
-    // republishes the playlist (ended when `finished`). An error text or nothing.
+    // republishes the playlist, ended once a fragment came `finished` (a
+    // fragment answered after the last one, when the service's requests
+    // overlap, is still published, and the playlist stays ended). An error
+    // text or nothing.
     std::optional<std::string> addFragment(int fd, bool finished);
 
     std::string playlistLocation() const { return destination_->locationOf(kPlaylistName); }
+    Destination& destination() { return *destination_; }
     size_t segmentCount() const { return segments_.size(); }
     double publishedSeconds() const;
 
@@ -58,6 +73,15 @@ class Publisher {
         std::string name;
         double seconds = 0;
     };
+    // The fragment readable through `fd` as one MPEG-TS segment whose
+    // timestamps start at nextStart90k_, with its length in 90 kHz ticks;
+    // or why it cannot be.
+    struct Remuxed {
+        std::string bytes;
+        int64_t length90k = 0;
+        std::optional<std::string> error;
+    };
+    Remuxed remux(int fd) const;
     std::optional<std::string> writePlaylist(bool finished);
 
     std::unique_ptr<Destination> destination_;
@@ -65,6 +89,7 @@ class Publisher {
     // Where the next segment's timestamps start, in 90 kHz ticks. Starts
     // above 0 so that decode times before the first frame stay positive.
     int64_t nextStart90k_ = 90000;
+    bool finished_ = false;
 };
 
 }  // namespace hls

@@ -4,21 +4,32 @@
 // stream goes:
 //   {"directory": "/srv/www/live"}       the playlist index.m3u8 and its
 //                                        segments are written there
+//   {"url": "https://ingest.example/live"}  they are uploaded by PUT below
+//                                        that URL (http:// or https://)
 // and receives, after every fragment, service information
 //   {"playlist": "<where index.m3u8 is>", "segments": N, "seconds": S,
-//    "finished": true|false}
-// or {"error": "..."} when a fragment could not be published.
+//    "finished": true|false, "retries": R, "dropped": D, "pending": P,
+//    "droppedSegments": [...]}
+// (retries, files given up and files not out yet, all 0 for a directory;
+// an upload never holds up the broadcast, see http_destination.h), or
+// {"error": "..."} when a fragment could not be published.
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
 
+#include <curl/curl.h>
 #include <sorvel/upload_extension.h>
 #include <nlohmann/json.hpp>
 
 #include "hls_publisher.h"
+#include "http_destination.h"
 
 namespace {
+
+// How long the answer to the last fragment waits for uploads still queued.
+constexpr std::chrono::seconds kFinalUploadWait{10};
 
 class HLSUploadExtension : public sv::SVUploadExtension {
   public:
@@ -37,10 +48,18 @@ class HLSUploadExtension : public sv::SVUploadExtension {
             info = {{"error", error}};
             result.errorMessage = error;
         } else {
+            // The last fragment: what is still being uploaded gets a while
+            // to go out before the service ends this process.
+            if (fragment.finished) publisher_->destination().flush(kFinalUploadWait);
+            const auto stats = publisher_->destination().stats();
             info = {{"playlist", publisher_->playlistLocation()},
                     {"segments", publisher_->segmentCount()},
                     {"seconds", publisher_->publishedSeconds()},
-                    {"finished", fragment.finished}};
+                    {"finished", fragment.finished},
+                    {"retries", stats.retries},
+                    {"dropped", stats.dropped},
+                    {"pending", stats.pending}};
+            if (!stats.droppedNames.empty()) info["droppedSegments"] = stats.droppedNames;
         }
         result.serviceInfoJSON = info.dump();
         completion(std::move(result));
@@ -56,9 +75,12 @@ class HLSUploadExtension : public sv::SVUploadExtension {
             return nullptr;
         }
         if (auto url = userInfo.find("url"); url != userInfo.end()) {
-            // An ingest URL takes a Destination that PUTs each file.
-            *error = "publishing to an ingest URL is not supported yet; use \"directory\"";
-            return nullptr;
+            if (!url->is_string() || !hls::isHttpUrl(url->get<std::string>())) {
+                *error = "the \"url\" of the user info is no http:// or https:// URL";
+                return nullptr;
+            }
+            return std::make_unique<hls::Publisher>(
+                hls::makeHttpDestination(url->get<std::string>()));
         }
         auto directory = userInfo.find("directory");
         if (directory == userInfo.end() || !directory->is_string() ||
@@ -77,6 +99,16 @@ class HLSUploadExtension : public sv::SVUploadExtension {
 }  // namespace
 
 int main() {
-    HLSUploadExtension extension;
-    return sv::SVRunUploadExtension(extension);
+    // Before any thread: libcurl's global set-up is not thread-safe.
+    if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+        std::fprintf(stderr, "hls-upload-extension: libcurl cannot start\n");
+        return 1;
+    }
+    int status = 0;
+    {
+        HLSUploadExtension extension;
+        status = sv::SVRunUploadExtension(extension);
+    }
+    curl_global_cleanup();
+    return status;
 }

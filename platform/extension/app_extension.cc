@@ -221,16 +221,7 @@ struct AppExtension::Impl : ipc::ListenerDelegate, std::enable_shared_from_this<
             errno != ESRCH)
             log::error("extension %@: cannot signal pid %i: %@", identifier, int32_t(p->pid),
                        std::string(std::strerror(errno)));
-        if (p->connection) {
-            p->connection->setInvalidationHandler(nullptr);
-            p->connection->invalidate();
-        }
-        if (p->listener) p->listener->invalidate();
-        std::vector<Request> broken;
-        for (auto& r : p->queued) broken.push_back(std::move(r));
-        for (auto& [id, r] : p->sent) broken.push_back(std::move(r));
-        breakRequests(std::move(broken),
-                      extensionError(code, std::string("the extension ended: ") + why));
+        retire(std::move(p), extensionError(code, std::string("the extension ended: ") + why));
     }
 
     // Reaped: on the handle's queue.
@@ -247,6 +238,13 @@ struct AppExtension::Impl : ipc::ListenerDelegate, std::enable_shared_from_this<
             if (!process || process->generation != generation) return;  // already ended
             p = std::move(process);
         }
+        retire(std::move(p),
+               extensionError(kExtensionErrorEnded, "the extension ended before answering"));
+    }
+
+    // Closes the link to a process that ended (or is being ended) and
+    // breaks its requests, queued and sent, with `error`.
+    void retire(std::unique_ptr<Process> p, const Error& error) {
         if (p->connection) {
             p->connection->setInvalidationHandler(nullptr);
             p->connection->invalidate();
@@ -255,8 +253,7 @@ struct AppExtension::Impl : ipc::ListenerDelegate, std::enable_shared_from_this<
         std::vector<Request> broken;
         for (auto& r : p->queued) broken.push_back(std::move(r));
         for (auto& [id, r] : p->sent) broken.push_back(std::move(r));
-        breakRequests(std::move(broken),
-                      extensionError(kExtensionErrorEnded, "the extension ended before answering"));
+        breakRequests(std::move(broken), error);
     }
 
     Result<void> spawnLocked() {

@@ -66,27 +66,21 @@ void displayMatrixFor(const AffineTransform& t, int32_t m[9]) {
     m[8] = 1 << 30;
 }
 
-InputFormatPtr openInputFormat(const std::string& path, int* error) {
+Result<InputFormatPtr> openInputFormat(const std::string& path) {
     AVFormatContext* opened = nullptr;
     // On failure avformat_open_input frees what it allocated.
     int r = avformat_open_input(&opened, path.c_str(), nullptr, nullptr);
     InputFormatPtr ctx(opened);
     if (r >= 0) r = avformat_find_stream_info(ctx.get(), nullptr);
-    if (r < 0) {
-        if (error) *error = r;
-        return nullptr;
-    }
+    if (r < 0) return makeError(r, "opening " + path);
     return ctx;
 }
 
-OutputFormatPtr makeMPEG4Output(const std::string& path, int* error) {
+Result<OutputFormatPtr> makeMPEG4Output(const std::string& path) {
     AVFormatContext* made = nullptr;
     int r = avformat_alloc_output_context2(&made, nullptr, "mp4", path.c_str());
     OutputFormatPtr ctx(made);
-    if (r < 0 || !ctx) {
-        if (error) *error = r < 0 ? r : AVERROR(ENOMEM);
-        return nullptr;
-    }
+    if (r < 0 || !ctx) return makeError(r < 0 ? r : AVERROR(ENOMEM), "MPEG-4 muxer");
     return ctx;
 }
 

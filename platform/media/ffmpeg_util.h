@@ -124,12 +124,12 @@ inline constexpr int64_t kStartInterleaveMicroseconds = 300000;
 inline constexpr size_t kMaxPacketsBeforeVideo = 256;
 inline constexpr int64_t kInterleaveMicroseconds = 40000;
 
-// `path` opened for reading with its stream information read; empty, with
-// the FFmpeg error code in `error`, when that fails.
-InputFormatPtr openInputFormat(const std::string& path, int* error);
-// An MPEG-4 muxer for `path` (the file itself is not opened yet); empty,
-// with the error code in `error`, when that fails.
-OutputFormatPtr makeMPEG4Output(const std::string& path, int* error);
+// `path` opened for reading with its stream information read; an error
+// (makeError: FFmpeg's code and text) when that fails.
+Result<InputFormatPtr> openInputFormat(const std::string& path);
+// An MPEG-4 muxer for `path` (the file itself is not opened yet); an error
+// (makeError) when that fails.
+Result<OutputFormatPtr> makeMPEG4Output(const std::string& path);
 // Copies of `packet` share its data; empty when out of memory.
 inline PacketPtr clonePacket(const AVPacket* packet) {
     return PacketPtr(av_packet_clone(packet));

@@ -81,17 +81,17 @@ class RangeCopy {
 
   private:
     std::optional<CopyFailure> openInput() {
-        int r = 0;
-        in_ = openInputFormat(inputPath_, &r);
-        if (!in_) return CopyFailure{r, "opening " + inputPath_};
+        auto in = openInputFormat(inputPath_);
+        if (!in) return CopyFailure{int(in.error().code), "opening " + inputPath_};
+        in_ = std::move(*in);
         return std::nullopt;
     }
 
     // The muxer and one output track per audio or video track of the input.
     std::optional<CopyFailure> createOutput() {
-        int r = 0;
-        out_ = makeMPEG4Output(outputPath_, &r);
-        if (!out_) return CopyFailure{r, "MPEG-4 muxer"};
+        auto out = makeMPEG4Output(outputPath_);
+        if (!out) return CopyFailure{int(out.error().code), "MPEG-4 muxer"};
+        out_ = std::move(*out);
         cuts_.resize(in_->nb_streams);
         int mapped = 0;
         for (unsigned i = 0; i < in_->nb_streams; ++i) {
@@ -320,12 +320,12 @@ std::shared_ptr<MovieAsset> MovieAsset::assetWithURL(const URL& url) {
     installLogForwarding();
     auto asset = std::make_shared<MovieAsset>();
     asset->url_ = url;
-    int r = 0;
-    InputFormatPtr in = openInputFormat(url.path, &r);
-    if (!in) {
-        asset->error_ = makeError(r, "opening " + url.path);
+    auto opened = openInputFormat(url.path);
+    if (!opened) {
+        asset->error_ = opened.error();
         return asset;
     }
+    InputFormatPtr in = std::move(*opened);
     for (unsigned i = 0; i < in->nb_streams; ++i)
         if (isCopiedType(in->streams[i]->codecpar->codec_type)) ++asset->tracks_;
     if (asset->tracks_ == 0 || in->duration == AV_NOPTS_VALUE || in->duration <= 0) {

@@ -30,9 +30,9 @@ Result<std::shared_ptr<MovieFileWriter>> MovieFileWriter::create(const URL& url,
         return fail(AVERROR(EISDIR), url.path);
 
     auto muxer = std::make_shared<Muxer>(url.path);
-    int r = 0;
-    muxer->ctx = makeMPEG4Output(url.path, &r);
-    if (!muxer->ctx) return fail(r, "MPEG-4 muxer");
+    auto ctx = makeMPEG4Output(url.path);
+    if (!ctx) return ctx.error();
+    muxer->ctx = std::move(*ctx);
     return std::shared_ptr<MovieFileWriter>(new MovieFileWriter(url, std::move(muxer)));
 }
 

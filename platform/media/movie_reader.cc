@@ -198,6 +198,138 @@ bool toFloat(const AVFrame& f, Track& t) {
     return true;
 }
 
+// A decoder for one track, with the limits of a hostile file.
+Result<CodecPtr> openDecoder(AVStream& st) {
+    const AVCodec* codec = avcodec_find_decoder(st.codecpar->codec_id);
+    if (!codec)
+        return makeError(AVERROR_DECODER_NOT_FOUND, "track " + std::to_string(st.index) +
+                                                        ": no decoder for " +
+                                                        avcodec_get_name(st.codecpar->codec_id));
+    CodecPtr dec(avcodec_alloc_context3(codec));
+    if (!dec) return makeError(AVERROR(ENOMEM), "allocating a decoder");
+    int r = avcodec_parameters_to_context(dec.get(), st.codecpar);
+    if (r >= 0) {
+        dec->max_pixels = MovieReader::kMaxPixels;
+#if SV_UNDER_THREAD_SANITIZER
+        // FFmpeg's frame threads hand frames over with atomics that
+        // ThreadSanitizer cannot see: decode on the caller's thread.
+        dec->thread_count = 1;
+#else
+        dec->thread_count = 0;  // as many as the machine has
+#endif
+        dec->pkt_timebase = st.time_base;
+        r = avcodec_open2(dec.get(), codec, nullptr);
+    }
+    if (r < 0) return makeError(r, "track " + std::to_string(st.index) + ": opening the decoder");
+    return dec;
+}
+
+// A decoder for every track a callback wants; the other tracks are
+// discarded unread.
+Result<std::vector<Track>> openDecoders(AVFormatContext& ctx, bool wantVideo, bool wantAudio) {
+    std::vector<Track> tracks(ctx.nb_streams);
+    for (unsigned i = 0; i < ctx.nb_streams; ++i) {
+        AVStream* st = ctx.streams[i];
+        tracks[i].stream = st;
+        const auto type = st->codecpar->codec_type;
+        if (!(type == AVMEDIA_TYPE_VIDEO && wantVideo) &&
+            !(type == AVMEDIA_TYPE_AUDIO && wantAudio)) {
+            st->discard = AVDISCARD_ALL;
+            continue;
+        }
+        auto decoder = openDecoder(*st);
+        if (!decoder) return decoder.error();
+        tracks[i].decoder = std::move(*decoder);
+    }
+    return tracks;
+}
+
+// What the decoding loop hands its frames to; `frame` is the one scratch
+// frame of the read.
+struct Delivery {
+    const MovieReader::VideoCallback& onVideo;
+    const MovieReader::AudioCallback& onAudio;
+    AVFrame* frame;
+};
+
+// Hands one decoded frame to its callback: false when the callback asked
+// to end.
+bool deliverFrame(const AVFrame& f, Track& t, const Delivery& d) {
+    const int64_t ts = f.best_effort_timestamp;
+    const double time = seconds(ts, t.stream->time_base);
+    // Frames before the movie's start are hidden by its edit list.
+    if (ts == AV_NOPTS_VALUE || time < -1e-6) return true;
+    if (t.stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
+        LumaFrame luma{t.stream->index,
+                       f.data[0],
+                       f.width,
+                       f.height,
+                       f.linesize[0],
+                       time,
+                       seconds(f.pkt_duration, t.stream->time_base)};
+        if (f.data[0] && f.width > 0 && f.height > 0 &&
+            (hasLumaPlane(f.format) || toGray(f, t, luma)))
+            return d.onVideo(luma);
+    } else if (toFloat(f, t)) {
+        PCMBlock block{t.stream->index, t.pointers.data(), int(t.pointers.size()),
+                       f.nb_samples,    f.sample_rate,     time};
+        return d.onAudio(block);
+    }
+    return true;
+}
+
+// Hands every frame the decoder has ready to the callbacks: false when a
+// callback asked to end.
+Result<bool> drain(Track& t, const Delivery& d) {
+    for (;;) {
+        int r = avcodec_receive_frame(t.decoder.get(), d.frame);
+        if (r == AVERROR(EAGAIN) || r == AVERROR_EOF) return true;
+        if (r < 0) {
+            if (++t.errors > kMaxConsecutiveErrors)
+                return makeError(r,
+                                 "track " + std::to_string(t.stream->index) + " cannot be decoded");
+            continue;
+        }
+        t.errors = 0;
+        const bool keepGoing = deliverFrame(*d.frame, t, d);
+        av_frame_unref(d.frame);
+        if (!keepGoing) return false;
+    }
+}
+
+// Feeds one packet to its track's decoder (and drops it); false when a
+// callback asked to end.
+Result<bool> decodePacket(std::vector<Track>& tracks, AVPacket& packet, const Delivery& d) {
+    const int index = packet.stream_index;
+    Track* t = index >= 0 && index < int(tracks.size()) ? &tracks[size_t(index)] : nullptr;
+    if (t) ++t->packets;
+    if (!t || !t->decoder) {
+        av_packet_unref(&packet);
+        return true;
+    }
+    int r = avcodec_send_packet(t->decoder.get(), &packet);
+    av_packet_unref(&packet);
+    if (r < 0 && r != AVERROR(EAGAIN)) {
+        if (++t->errors > kMaxConsecutiveErrors)
+            return makeError(r, "track " + std::to_string(index) + " cannot be decoded");
+        return true;
+    }
+    return drain(*t, d);
+}
+
+// A track whose index names more samples than the file holds was cut off.
+Result<void> checkComplete(const std::vector<Track>& tracks, const std::string& path) {
+    for (const Track& t : tracks) {
+        const int expected = avformat_index_get_entries_count(t.stream);
+        if (t.decoder && t.packets < expected)
+            return makeError(AVERROR_INVALIDDATA,
+                             path + " is truncated: track " + std::to_string(t.stream->index) +
+                                 " ends after " + std::to_string(t.packets) + " of " +
+                                 std::to_string(expected) + " samples");
+    }
+    return {};
+}
+
 }  // namespace
 
 Result<std::unique_ptr<MovieReader>> MovieReader::open(const std::string& path) {
@@ -221,126 +353,30 @@ Result<void> MovieReader::decode(const VideoCallback& onVideo, const AudioCallba
     auto opened = openFormat(path_);
     if (!opened) return opened.error();
     FormatPtr ctx = std::move(*opened);
-
-    std::vector<Track> tracks(ctx->nb_streams);
-    for (unsigned i = 0; i < ctx->nb_streams; ++i) {
-        AVStream* st = ctx->streams[i];
-        tracks[i].stream = st;
-        const auto type = st->codecpar->codec_type;
-        if (!(type == AVMEDIA_TYPE_VIDEO && onVideo) && !(type == AVMEDIA_TYPE_AUDIO && onAudio)) {
-            st->discard = AVDISCARD_ALL;
-            continue;
-        }
-        const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
-        if (!codec)
-            return makeError(AVERROR_DECODER_NOT_FOUND,
-                             "track " + std::to_string(i) + ": no decoder for " +
-                                 avcodec_get_name(st->codecpar->codec_id));
-        CodecPtr dec(avcodec_alloc_context3(codec));
-        if (!dec) return makeError(AVERROR(ENOMEM), "allocating a decoder");
-        int r = avcodec_parameters_to_context(dec.get(), st->codecpar);
-        if (r >= 0) {
-            dec->max_pixels = kMaxPixels;
-#if SV_UNDER_THREAD_SANITIZER
-            // FFmpeg's frame threads hand frames over with atomics that
-            // ThreadSanitizer cannot see: decode on the caller's thread.
-            dec->thread_count = 1;
-#else
-            dec->thread_count = 0;  // as many as the machine has
-#endif
-            dec->pkt_timebase = st->time_base;
-            r = avcodec_open2(dec.get(), codec, nullptr);
-        }
-        if (r < 0) return makeError(r, "track " + std::to_string(i) + ": opening the decoder");
-        tracks[i].decoder = std::move(dec);
-    }
+    auto tracks = openDecoders(*ctx, bool(onVideo), bool(onAudio));
+    if (!tracks) return tracks.error();
 
     PacketPtr packet(av_packet_alloc());
     FramePtr frame(av_frame_alloc());
     if (!packet || !frame) return makeError(AVERROR(ENOMEM), "allocating a packet and a frame");
-
-    bool stopped = false;
-    // Hands every frame the decoder has ready to the callbacks. An error on
-    // a failure; `stopped` when a callback asked to end.
-    auto drain = [&](Track& t) -> Result<void> {
-        for (;;) {
-            int r = avcodec_receive_frame(t.decoder.get(), frame.get());
-            if (r == AVERROR(EAGAIN) || r == AVERROR_EOF) return {};
-            if (r < 0) {
-                if (++t.errors > kMaxConsecutiveErrors)
-                    return makeError(
-                        r, "track " + std::to_string(t.stream->index) + " cannot be decoded");
-                continue;
-            }
-            t.errors = 0;
-            const AVFrame& f = *frame;
-            const int64_t ts = f.best_effort_timestamp;
-            const double time = seconds(ts, t.stream->time_base);
-            bool keepGoing = true;
-            // Frames before the movie's start are hidden by its edit list.
-            if (ts != AV_NOPTS_VALUE && time >= -1e-6) {
-                if (t.stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
-                    LumaFrame luma{t.stream->index,
-                                   f.data[0],
-                                   f.width,
-                                   f.height,
-                                   f.linesize[0],
-                                   time,
-                                   seconds(f.pkt_duration, t.stream->time_base)};
-                    if (f.data[0] && f.width > 0 && f.height > 0 &&
-                        (hasLumaPlane(f.format) || toGray(f, t, luma)))
-                        keepGoing = onVideo(luma);
-                } else if (toFloat(f, t)) {
-                    PCMBlock block{t.stream->index, t.pointers.data(), int(t.pointers.size()),
-                                   f.nb_samples,    f.sample_rate,     time};
-                    keepGoing = onAudio(block);
-                }
-            }
-            av_frame_unref(frame.get());
-            if (!keepGoing) {
-                stopped = true;
-                return {};
-            }
-        }
-    };
+    const Delivery deliver{onVideo, onAudio, frame.get()};
 
     for (;;) {
         int r = av_read_frame(ctx.get(), packet.get());
         if (r == AVERROR_EOF) break;
         if (r < 0) return makeError(r, "reading " + path_);
-        const int index = packet->stream_index;
-        Track* t = index >= 0 && index < int(tracks.size()) ? &tracks[size_t(index)] : nullptr;
-        if (t) ++t->packets;
-        if (!t || !t->decoder) {
-            av_packet_unref(packet.get());
-            continue;
-        }
-        r = avcodec_send_packet(t->decoder.get(), packet.get());
-        av_packet_unref(packet.get());
-        if (r < 0 && r != AVERROR(EAGAIN)) {
-            if (++t->errors > kMaxConsecutiveErrors)
-                return makeError(r, "track " + std::to_string(index) + " cannot be decoded");
-            continue;
-        }
-        if (auto drained = drain(*t); !drained) return drained;
-        if (stopped) return {};
+        auto more = decodePacket(*tracks, *packet, deliver);
+        if (!more) return more.error();
+        if (!*more) return {};
     }
-    for (Track& t : tracks) {
+    for (Track& t : *tracks) {
         if (!t.decoder) continue;
         avcodec_send_packet(t.decoder.get(), nullptr);
-        if (auto drained = drain(t); !drained) return drained;
-        if (stopped) return {};
+        auto more = drain(t, deliver);
+        if (!more) return more.error();
+        if (!*more) return {};
     }
-    // A track whose index names more samples than the file holds was cut off.
-    for (const Track& t : tracks) {
-        const int expected = avformat_index_get_entries_count(t.stream);
-        if (t.decoder && t.packets < expected)
-            return makeError(AVERROR_INVALIDDATA,
-                             path_ + " is truncated: track " + std::to_string(t.stream->index) +
-                                 " ends after " + std::to_string(t.packets) + " of " +
-                                 std::to_string(expected) + " samples");
-    }
-    return {};
+    return checkComplete(*tracks, path_);
 }
 
 }  // namespace sv::media

@@ -579,9 +579,9 @@ class X11FrameSource final : public FrameSource {
         return buf;
     }
 
-    GrabResult grabCloned(const BasicDisplayMirroringService::Snapshot& mirroring) {
-        xcb_connection_t* c = conn_.get();
-        composedValid_ = false;
+    // Whether the windows of `mirroring` can be cloned (resolving them when
+    // the set changed); the failure to report when not.
+    std::optional<GrabResult> refuseClone(const BasicDisplayMirroringService::Snapshot& mirroring) {
         if (!info_.composite) {
             if (!warnedNoComposite_)
                 log::error(
@@ -600,10 +600,24 @@ class X11FrameSource final : public FrameSource {
                 return failed(CaptureFailure::Kind::Failed, kScreenCaptureSourceGone);
             cloneVersion_ = mirroring.version;
         }
-        GrabResult result;
-        result.presentationTime = HostClock::now();
+        return std::nullopt;
+    }
 
-        // Where every window is, in one round trip.
+    // A cloned window that shows, where its pixmap lies.
+    struct Placed {
+        size_t index;
+        int32_t stack;
+        int32_t x, y, w, h;  // the pixmap's rectangle in root coordinates
+    };
+    struct Placement {
+        std::vector<Placed> placed;          // viewable windows, in cloned_ order
+        bool gone = false;                   // a window was destroyed
+        Reply<xcb_query_tree_reply_t> tree;  // the root's children
+    };
+
+    // Where every window is, in one round trip.
+    Placement placeCloned() {
+        xcb_connection_t* c = conn_.get();
         struct Query {
             xcb_get_window_attributes_cookie_t attributes;
             xcb_get_geometry_cookie_t geometry;
@@ -616,14 +630,8 @@ class X11FrameSource final : public FrameSource {
             queries.push_back({xcb_get_window_attributes(c, w.window),
                                xcb_get_geometry(c, w.window),
                                xcb_translate_coordinates(c, w.window, info_.root, 0, 0)});
-        Reply<xcb_query_tree_reply_t> tree(xcb_query_tree_reply(c, treeCookie, nullptr));
-        struct Placed {
-            size_t index;
-            int32_t stack;
-            int32_t x, y, w, h;  // the pixmap's rectangle in root coordinates
-        };
-        std::vector<Placed> placed;
-        bool gone = false;
+        Placement result;
+        result.tree.reset(xcb_query_tree_reply(c, treeCookie, nullptr));
         for (size_t i = 0; i < cloned_.size(); ++i) {
             Reply<xcb_get_window_attributes_reply_t> a(
                 xcb_get_window_attributes_reply(c, queries[i].attributes, nullptr));
@@ -632,53 +640,50 @@ class X11FrameSource final : public FrameSource {
             Reply<xcb_translate_coordinates_reply_t> p(
                 xcb_translate_coordinates_reply(c, queries[i].position, nullptr));
             if (!a || !g || !p) {
-                if (!gone)
+                if (!result.gone)
                     log::error("Screen capture: cloned window 0x%@ was destroyed",
                                hex(cloned_[i].window));
-                gone = true;
+                result.gone = true;
                 continue;
             }
             // Minimised, on another workspace or hidden for a moment: the
             // window still exists, so its picture only pauses.
             if (a->map_state != XCB_MAP_STATE_VIEWABLE) continue;
             const int32_t bw = g->border_width;
-            placed.push_back(
+            result.placed.push_back(
                 {i, 0, p->dst_x - bw, p->dst_y - bw, g->width + 2 * bw, g->height + 2 * bw});
         }
-        if (xcb_connection_has_error(c)) return {};
-        if (gone) return failed(CaptureFailure::Kind::Failed, kScreenCaptureSourceGone);
-        if (placed.empty()) {
-            // Nothing on screen: the last picture is repeated, so the movie
-            // keeps its frame rate and shows where the windows were.
-            if (haveClonedPicture_) {
-                composed_ = composeBuffer_.data();
-                composedValid_ = true;
-            }
-            return result;
-        }
-        if (!tree) return {};
+        return result;
+    }
 
-        // Stacking order: the root's children come bottom to top; windows
-        // under one top-level window are drawn parent first.
-        const xcb_window_t* children = xcb_query_tree_children(tree.get());
-        const int childCount = xcb_query_tree_children_length(tree.get());
+    // Stacking order: the root's children come bottom to top; windows under
+    // one top-level window are drawn parent first. False when a window's
+    // top-level cannot be found.
+    bool stackPlaced(std::vector<Placed>& placed, const xcb_query_tree_reply_t& tree) {
+        const xcb_window_t* children = xcb_query_tree_children(&tree);
+        const int childCount = xcb_query_tree_children_length(&tree);
         for (Placed& p : placed) {
             ClonedWindow& w = cloned_[p.index];
             auto at = std::find(children, children + childCount, w.topLevel);
             if (at == children + childCount) {
                 // Reparented since it was resolved.
-                if (!findTopLevel(w)) return {};
+                if (!findTopLevel(w)) return false;
                 at = std::find(children, children + childCount, w.topLevel);
             }
             p.stack = int32_t(at - children) * 64 + std::min(w.depth, 63);
         }
         std::stable_sort(placed.begin(), placed.end(),
                          [](const Placed& a, const Placed& b) { return a.stack < b.stack; });
+        return true;
+    }
 
-        // The picture is the bounding box of the windows, wherever they are
-        // (partly off the screen included: a redirected window's pixmap
-        // holds all of it), so an application's recording shows its windows
-        // at their own size and follows them as they move.
+    // Draws the windows, bottom first, into the composed picture: the
+    // bounding box of the windows, wherever they are (partly off the screen
+    // included: a redirected window's pixmap holds all of it), so an
+    // application's recording shows its windows at their own size and
+    // follows them as they move. False when there is nothing to draw.
+    bool composePlaced(const std::vector<Placed>& placed) {
+        xcb_connection_t* c = conn_.get();
         int32_t bx0 = INT32_MAX, by0 = INT32_MAX, bx1 = INT32_MIN, by1 = INT32_MIN;
         for (const Placed& p : placed) {
             bx0 = std::min(bx0, p.x);
@@ -690,7 +695,7 @@ class X11FrameSource final : public FrameSource {
         // are cut at the far edge.
         const int32_t bw = std::min(bx1 - bx0, kMaxComposedSide);
         const int32_t bh = std::min(by1 - by0, kMaxComposedSide);
-        if (bw <= 0 || bh <= 0) return {};
+        if (bw <= 0 || bh <= 0) return false;
         const size_t composeBytes = size_t(bw) * size_t(bh) * 4;
         if (composeBuffer_.size() != composeBytes) composeBuffer_.assign(composeBytes, 0);
         uint8_t* out = composeBuffer_.data();
@@ -718,6 +723,29 @@ class X11FrameSource final : public FrameSource {
         composedHeight_ = bh;
         composedValid_ = true;
         haveClonedPicture_ = true;
+        return true;
+    }
+
+    GrabResult grabCloned(const BasicDisplayMirroringService::Snapshot& mirroring) {
+        composedValid_ = false;
+        if (auto refused = refuseClone(mirroring)) return std::move(*refused);
+        GrabResult result;
+        result.presentationTime = HostClock::now();
+        Placement placement = placeCloned();
+        if (xcb_connection_has_error(conn_.get())) return {};
+        if (placement.gone) return failed(CaptureFailure::Kind::Failed, kScreenCaptureSourceGone);
+        if (placement.placed.empty()) {
+            // Nothing on screen: the last picture is repeated, so the movie
+            // keeps its frame rate and shows where the windows were.
+            if (haveClonedPicture_) {
+                composed_ = composeBuffer_.data();
+                composedValid_ = true;
+            }
+            return result;
+        }
+        if (!placement.tree || !stackPlaced(placement.placed, *placement.tree) ||
+            !composePlaced(placement.placed))
+            return {};
         return result;
     }
 

@@ -152,16 +152,18 @@ std::vector<std::pair<AlertResponse, std::string>> AlertRequest::buttons() const
     return list;
 }
 
-std::optional<std::string> AlertRequest::validationError() const {
-    if (defaultButton.empty()) return "an alert needs a default button";
-    if (title.size() > kAlertMaxTitleBytes) return "alert title too long";
-    if (message.size() > kAlertMaxMessageBytes) return "alert message too long";
+Result<void> AlertRequest::validate() const {
+    if (defaultButton.empty()) return invalidRequest("an alert needs a default button");
+    if (title.size() > kAlertMaxTitleBytes) return invalidRequest("alert title too long");
+    if (message.size() > kAlertMaxMessageBytes) return invalidRequest("alert message too long");
     for (const auto* b : {&alternateButton, &otherButton})
-        if (*b && (*b)->size() > kAlertMaxButtonBytes) return "alert button title too long";
-    if (defaultButton.size() > kAlertMaxButtonBytes) return "alert button title too long";
-    if (options & ~kAlertLevelMask) return "unknown alert options";
-    if (timeout.count() < 0) return "negative alert time-out";
-    return std::nullopt;
+        if (*b && (*b)->size() > kAlertMaxButtonBytes)
+            return invalidRequest("alert button title too long");
+    if (defaultButton.size() > kAlertMaxButtonBytes)
+        return invalidRequest("alert button title too long");
+    if (options & ~kAlertLevelMask) return invalidRequest("unknown alert options");
+    if (timeout.count() < 0) return invalidRequest("negative alert time-out");
+    return {};
 }
 
 AlertRequest AlertRequest::sanitized() const {
@@ -206,7 +208,7 @@ Result<AlertRequest> AlertRequest::fromValue(const Value& value) {
     r.defaultButton = **def;
     r.alternateButton = *alternate;
     r.otherButton = *other;
-    if (auto invalid = r.validationError()) return invalidRequest(*invalid);
+    if (auto valid = r.validate(); !valid) return valid.error();
     return r;
 }
 
@@ -354,19 +356,19 @@ Result<std::shared_ptr<SystemAlert>> SystemAlert::create(
         return Error::make(kSystemAlertErrorDomain, code, why);
     };
     request = request.sanitized();
-    if (auto invalid = request.validationError())
-        return fail(kSystemAlertErrorInvalidRequest, *invalid);
+    if (auto valid = request.validate(); !valid)
+        return fail(kSystemAlertErrorInvalidRequest, valid.error().message());
     if (!presenter) return fail(kSystemAlertErrorNoPresenter, "no alert presenter is installed");
 
     auto state = std::make_shared<State>();
     state->id = gNextAlertID.fetch_add(1);
     state->presenter = presenter;
     AlertReply reply(std::make_shared<AlertReply::Token>(state));
-    if (!presenter->presentAlert(state->id, request, std::move(reply))) {
+    if (auto shown = presenter->presentAlert(state->id, request, std::move(reply)); !shown) {
         // Whatever the presenter kept of the reply must not answer an alert
         // that was never shown as Cancelled later on: mark it answered now.
         state->finish(AlertResponse::Cancelled);
-        return fail(kSystemAlertErrorUnavailable, "the alert presenter cannot show alerts now");
+        return fail(kSystemAlertErrorUnavailable, shown.error().message());
     }
     log::debug("SystemAlert: showing alert %lu %@", state->id, request.description());
     auto alert = std::shared_ptr<SystemAlert>(new SystemAlert(request, state));

@@ -90,8 +90,9 @@ struct AlertRequest {
 
     // The buttons that are shown, in role order (default, alternate, other).
     std::vector<std::pair<AlertResponse, std::string>> buttons() const;
-    // Why the request cannot be shown, or nullopt when it can.
-    std::optional<std::string> validationError() const;
+    // Whether the request can be shown; an error of kSystemAlertErrorDomain
+    // (kSystemAlertErrorInvalidRequest) saying why not.
+    Result<void> validate() const;
     // The request with every text made safe (see above).
     AlertRequest sanitized() const;
 
@@ -127,11 +128,13 @@ class AlertReply {
 class AlertPresenter {
   public:
     virtual ~AlertPresenter() = default;
-    // Shows `request` and returns at once. True: the alert is up and `reply`
-    // will answer it (from any thread; dropping it unanswered answers
-    // Cancelled). False: no alert can be shown now (nobody to show it to), and
-    // `reply` is ignored.
-    virtual bool presentAlert(uint64_t alertID, const AlertRequest& request, AlertReply reply) = 0;
+    // Shows `request` and returns at once. Success: the alert is up and
+    // `reply` will answer it (from any thread; dropping it unanswered answers
+    // Cancelled). An error (kSystemAlertErrorDomain,
+    // kSystemAlertErrorUnavailable) saying why no alert can be shown now
+    // (nobody to show it to); `reply` is then ignored.
+    virtual Result<void> presentAlert(uint64_t alertID, const AlertRequest& request,
+                                      AlertReply reply) = 0;
     // The alert is no longer wanted (released unanswered, timed out,
     // cancelled): take it off the screen. Any thread, never while the
     // presenter is inside presentAlert for the same alert.

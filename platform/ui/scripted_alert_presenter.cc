@@ -51,12 +51,14 @@ std::vector<uint64_t> ScriptedAlertPresenter::withdrawnAlerts() const {
     return withdrawn_;
 }
 
-bool ScriptedAlertPresenter::presentAlert(uint64_t alertID, const AlertRequest& request,
-                                          AlertReply reply) {
+Result<void> ScriptedAlertPresenter::presentAlert(uint64_t alertID, const AlertRequest& request,
+                                                  AlertReply reply) {
     (void)alertID;
     {
         std::lock_guard lock(mutex_);
-        if (!available_) return false;
+        if (!available_)
+            return Error::make(kSystemAlertErrorDomain, kSystemAlertErrorUnavailable,
+                               "the alert presenter cannot show alerts now");
     }
     std::optional<AlertResponse> answer;
     if (script_) answer = script_(request);
@@ -73,7 +75,7 @@ bool ScriptedAlertPresenter::presentAlert(uint64_t alertID, const AlertRequest& 
     }
     if (answer) reply(*answer);
     changed_.notify_all();
-    return true;
+    return {};
 }
 
 void ScriptedAlertPresenter::withdrawAlert(uint64_t alertID) {

@@ -46,7 +46,8 @@ class ScriptedAlertPresenter : public AlertPresenter {
     // Identifiers of the alerts withdrawn by their callers, in order.
     std::vector<uint64_t> withdrawnAlerts() const;
 
-    bool presentAlert(uint64_t alertID, const AlertRequest& request, AlertReply reply) override;
+    Result<void> presentAlert(uint64_t alertID, const AlertRequest& request,
+                              AlertReply reply) override;
     void withdrawAlert(uint64_t alertID) override;
 
   private:

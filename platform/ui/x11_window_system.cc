@@ -272,6 +272,33 @@ bool isLocalMachine(const std::optional<std::string>& machine, const std::string
     return *machine == host || shortName(*machine) == shortName(host);
 }
 
+// A viewable top-level on the screen, before its properties are read.
+struct Candidate {
+    xcb_window_t window;
+    bool overrideRedirect;
+    bool coversScreen;
+    PropertyCookies cookies;
+};
+
+struct ScannedWindow {
+    xcb_window_t topLevel = XCB_NONE;
+    xcb_window_t client = XCB_NONE;
+    int32_t level = kDisplayLayoutLevelNormal;
+    int32_t pid = -1;     // trusted owner process, or -1
+    bool remote = false;  // WM_CLIENT_MACHINE names another host
+    xcb_window_t leader = XCB_NONE;
+    // The owner's bundle, or for a process outside bundles the identifier
+    // its window gives ("x11:" + desktop application id or WM_CLASS class).
+    std::optional<std::string> bundleID;
+    std::optional<std::string> desktopID;
+};
+
+// The owner of the active window: its process (or -1) and application.
+struct ActiveOwner {
+    int32_t pid = -1;
+    std::optional<std::string> bundleID;
+};
+
 std::string localHostName() {
     char buf[256] = {};
     if (gethostname(buf, sizeof buf - 1) != 0) return {};
@@ -366,6 +393,27 @@ struct X11WindowSystem::Core {
     }
     std::optional<std::string> bundleOfProcess(uint32_t pid);
     void scan();
+    // The steps of one scan, in order; event thread.
+    struct RootView {
+        xcb_window_t active = XCB_NONE, wmCheck = XCB_NONE;
+        std::vector<xcb_window_t> children;  // bottom to top
+    };
+    // What the next scan finds of the top-levels (replaces topLevels and
+    // selected once the scan is done).
+    struct Watched {
+        std::unordered_map<xcb_window_t, TopLevel> topLevels;
+        std::unordered_set<xcb_window_t> selected;
+    };
+    std::optional<RootView> readRoot();
+    std::vector<Candidate> findCandidates(const RootView& root, Watched& next);
+    std::vector<xcb_window_t> findClients(const std::vector<Candidate>& candidates,
+                                          std::vector<WindowProperties>& props, Watched& next);
+    std::vector<xcb_window_t> searchFramedClients(const std::vector<xcb_window_t>& frames);
+    std::vector<ScannedWindow> ownedWindows(const std::vector<Candidate>& candidates,
+                                            const std::vector<WindowProperties>& props,
+                                            const std::vector<xcb_window_t>& clients);
+    void findServerPids(std::vector<ScannedWindow>& windows);
+    ActiveOwner activeOwner(xcb_window_t active, const std::vector<ScannedWindow>& windows);
     void publish(DisplayLayout newLayout, std::map<std::string, ApplicationState> newApps,
                  std::optional<std::string> newFrontmost);
     void connectionLost();
@@ -463,18 +511,6 @@ std::optional<std::string> X11WindowSystem::Core::bundleOfProcess(uint32_t pid) 
 
 namespace {
 
-struct ScannedWindow {
-    xcb_window_t topLevel = XCB_NONE;
-    xcb_window_t client = XCB_NONE;
-    int32_t level = kDisplayLayoutLevelNormal;
-    int32_t pid = -1;  // trusted owner process, or -1
-    xcb_window_t leader = XCB_NONE;
-    // The owner's bundle, or for a process outside bundles the identifier
-    // its window gives ("x11:" + desktop application id or WM_CLASS class).
-    std::optional<std::string> bundleID;
-    std::optional<std::string> desktopID;
-};
-
 int32_t levelOf(const WindowProperties& p, bool overrideRedirect, bool coversScreen,
                 const xcb_atom_t (&a)[kAtomCount]) {
     auto type = [&](int i) { return contains(p.types, a[i]); };
@@ -492,218 +528,8 @@ int32_t levelOf(const WindowProperties& p, bool overrideRedirect, bool coversScr
     return kDisplayLayoutLevelNormal;
 }
 
-}  // namespace
-
-void X11WindowSystem::Core::scan() {
-    xcb_connection_t* c = connection.get();
-    auto treeCookie = xcb_query_tree(c, root);
-    auto activeCookie =
-        xcb_get_property(c, 0, root, atoms[kNetActiveWindow], XCB_ATOM_WINDOW, 0, 1);
-    auto checkCookie =
-        xcb_get_property(c, 0, root, atoms[kNetSupportingWmCheck], XCB_ATOM_WINDOW, 0, 1);
-    Reply<xcb_query_tree_reply_t> tree(xcb_query_tree_reply(c, treeCookie, nullptr));
-    auto active = values32<xcb_window_t>(c, activeCookie, nullptr);
-    auto check = values32<xcb_window_t>(c, checkCookie, nullptr);
-    xcb_window_t activeWindow = active.empty() ? XCB_NONE : active[0];
-    xcb_window_t wmCheck = check.empty() ? XCB_NONE : check[0];
-    if (!tree) return;
-
-    // Bottom to top; only the topmost kX11MaxScannedWindows.
-    auto* childPtr = xcb_query_tree_children(tree.get());
-    std::vector<xcb_window_t> children(childPtr,
-                                       childPtr + xcb_query_tree_children_length(tree.get()));
-    if (children.size() > kX11MaxScannedWindows)
-        children.erase(children.begin(), children.end() - long(kX11MaxScannedWindows));
-
-    std::vector<xcb_get_window_attributes_cookie_t> attrCookies;
-    std::vector<xcb_get_geometry_cookie_t> geometryCookies;
-    for (auto w : children) {
-        attrCookies.push_back(xcb_get_window_attributes(c, w));
-        geometryCookies.push_back(xcb_get_geometry(c, w));
-    }
-
-    struct Candidate {
-        xcb_window_t window;
-        bool overrideRedirect;
-        bool coversScreen;
-        PropertyCookies cookies;
-    };
-    std::vector<Candidate> candidates;
-    std::unordered_map<xcb_window_t, TopLevel> newTopLevels;
-    std::unordered_set<xcb_window_t> newSelected;
-    const uint32_t topMask[] = {XCB_EVENT_MASK_STRUCTURE_NOTIFY |
-                                XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY |
-                                XCB_EVENT_MASK_PROPERTY_CHANGE};
-    for (size_t i = 0; i < children.size(); ++i) {
-        xcb_window_t w = children[i];
-        Reply<xcb_get_window_attributes_reply_t> attr(
-            xcb_get_window_attributes_reply(c, attrCookies[i], nullptr));
-        Reply<xcb_get_geometry_reply_t> geo(xcb_get_geometry_reply(c, geometryCookies[i], nullptr));
-        if (!attr || !geo) continue;  // gone meanwhile
-        int32_t b = 2 * geo->border_width;
-        int32_t x = geo->x, y = geo->y, width = geo->width + b, height = geo->height + b;
-        bool visible = onScreen(x, y, width, height);
-        newTopLevels[w] = {i > 0 ? children[i - 1] : xcb_window_t(XCB_NONE), visible};
-        // Every top-level is watched, mapped or not, so that its properties
-        // are current when it appears.
-        if (!selected.count(w)) xcb_change_window_attributes(c, w, XCB_CW_EVENT_MASK, topMask);
-        newSelected.insert(w);
-        if (attr->map_state != XCB_MAP_STATE_VIEWABLE ||
-            attr->_class != XCB_WINDOW_CLASS_INPUT_OUTPUT || !visible || w == wmCheck)
-            continue;
-        bool covers = x <= 0 && y <= 0 && x + width >= screenWidth && y + height >= screenHeight;
-        candidates.push_back(
-            {w, bool(attr->override_redirect), covers, requestProperties(c, w, atoms)});
-    }
-
-    // Every phase below sends its requests for all windows before it reads
-    // a reply, so a scan costs a handful of round trips however many
-    // windows the screen has.
-    std::vector<WindowProperties> props(candidates.size());
-    std::vector<xcb_window_t> clients(candidates.size());
-    std::vector<size_t> framed;  // candidates whose client is to be found
-    for (size_t i = 0; i < candidates.size(); ++i) {
-        props[i] = readProperties(c, candidates[i].cookies);
-        clients[i] = candidates[i].window;
-        const auto& p = props[i];
-        if (!(p.hasPid || p.hasWmState || p.hasType || candidates[i].overrideRedirect))
-            framed.push_back(i);
-    }
-
-    // Window manager frames: the client is the descendant with WM_STATE,
-    // searched breadth-first, three levels deep, at most 64 windows a level.
-    constexpr size_t kMaxSearchedPerLevel = 64;
-    std::vector<std::vector<xcb_window_t>> level(framed.size());
-    std::vector<xcb_window_t> found(framed.size(), XCB_NONE);
-    for (size_t f = 0; f < framed.size(); ++f) level[f] = {candidates[framed[f]].window};
-    for (int depth = 0; depth < 3; ++depth) {
-        std::vector<std::vector<xcb_query_tree_cookie_t>> treeCookies(framed.size());
-        for (size_t f = 0; f < framed.size(); ++f)
-            if (found[f] == XCB_NONE)
-                for (auto parent : level[f]) treeCookies[f].push_back(xcb_query_tree(c, parent));
-        std::vector<std::vector<xcb_get_property_cookie_t>> stateCookies(framed.size());
-        for (size_t f = 0; f < framed.size(); ++f) {
-            std::vector<xcb_window_t> next;
-            for (auto cookie : treeCookies[f]) {
-                Reply<xcb_query_tree_reply_t> sub(xcb_query_tree_reply(c, cookie, nullptr));
-                if (!sub) continue;
-                auto* kids = xcb_query_tree_children(sub.get());
-                size_t n = size_t(xcb_query_tree_children_length(sub.get()));
-                size_t room = kMaxSearchedPerLevel - next.size();
-                next.insert(next.end(), kids, kids + std::min(n, room));
-            }
-            level[f] = std::move(next);
-            for (auto k : level[f])
-                stateCookies[f].push_back(
-                    xcb_get_property(c, 0, k, atoms[kWmState], atoms[kWmState], 0, 0));
-        }
-        for (size_t f = 0; f < framed.size(); ++f) {
-            for (size_t k = 0; k < stateCookies[f].size(); ++k) {
-                Reply<xcb_get_property_reply_t> r(
-                    xcb_get_property_reply(c, stateCookies[f][k], nullptr));
-                if (found[f] == XCB_NONE && r && r->type != XCB_ATOM_NONE) found[f] = level[f][k];
-            }
-        }
-    }
-    std::vector<std::pair<size_t, PropertyCookies>> clientCookies;
-    const uint32_t clientMask[] = {XCB_EVENT_MASK_PROPERTY_CHANGE};
-    for (size_t f = 0; f < framed.size(); ++f) {
-        if (found[f] == XCB_NONE) continue;  // a bare window: it is its own client
-        size_t i = framed[f];
-        clients[i] = found[f];
-        clientCookies.emplace_back(i, requestProperties(c, found[f], atoms));
-        if (!selected.count(found[f]))
-            xcb_change_window_attributes(c, found[f], XCB_CW_EVENT_MASK, clientMask);
-        newSelected.insert(found[f]);
-    }
-    for (const auto& [i, cookies] : clientCookies) props[i] = readProperties(c, cookies);
-
-    // Owners: the window's own _NET_WM_PID, else its client leader's.
-    std::vector<ScannedWindow> windows;
-    std::vector<bool> remote;  // per window: WM_CLIENT_MACHINE names another host
-    std::vector<std::pair<size_t, xcb_get_property_cookie_t>> leaderCookies;
-    for (size_t i = 0; i < candidates.size(); ++i) {
-        const auto& p = props[i];
-        if (contains(p.types, atoms[kTypeDesktop]) || contains(p.types, atoms[kTypeDock]))
-            continue;  // the desktop's furniture, see the header
-        if (contains(p.states, atoms[kStateHidden]) || p.wmState == 3) continue;
-        ScannedWindow sw;
-        sw.topLevel = candidates[i].window;
-        sw.client = clients[i];
-        sw.level = levelOf(p, candidates[i].overrideRedirect, candidates[i].coversScreen, atoms);
-        sw.leader = p.clientLeader;
-        sw.desktopID = p.desktopID;
-        bool local = isLocalMachine(p.clientMachine, hostName);
-        remote.push_back(!local);
-        if (p.hasPid && local)
-            sw.pid = int32_t(p.pid);
-        else if (local && p.clientLeader != XCB_NONE && p.clientLeader != sw.client)
-            leaderCookies.emplace_back(
-                windows.size(),
-                xcb_get_property(c, 0, p.clientLeader, atoms[kNetWmPid], XCB_ATOM_CARDINAL, 0, 1));
-        windows.push_back(std::move(sw));
-    }
-    for (const auto& [w, cookie] : leaderCookies) {
-        auto leaderPid = values32<uint32_t>(c, cookie, nullptr);
-        if (!leaderPid.empty() && leaderPid[0] > 0) windows[w].pid = int32_t(leaderPid[0]);
-    }
-    if (serverKnowsPids) {
-        // Clients that set no _NET_WM_PID (plain xcb or Xlib programs): the
-        // server knows which local process made the window.
-        std::vector<size_t> unowned;
-        std::vector<xcb_window_t> clientWindows;
-        for (size_t i = 0; i < windows.size(); ++i)
-            if (windows[i].pid <= 0 && !remote[i]) {
-                unowned.push_back(i);
-                clientWindows.push_back(windows[i].client);
-            }
-        auto pids = serverPidsOf(c, resourceIdMask, clientWindows);
-        for (size_t k = 0; k < unowned.size(); ++k)
-            if (pids[k] > 0 && pids[k] <= uint32_t(INT32_MAX))
-                windows[unowned[k]].pid = int32_t(pids[k]);
-    }
-    for (auto& sw : windows) {
-        if (sw.pid <= 0) continue;
-        sw.bundleID = bundleOfProcess(uint32_t(sw.pid));
-        // A local process outside bundles: the application its window names.
-        if (!sw.bundleID) sw.bundleID = sw.desktopID;
-    }
-    topLevels = std::move(newTopLevels);
-    selected = std::move(newSelected);
-    xcb_flush(c);
-
-    // The owner of the active window: one of the windows above (the active
-    // window may be the frame or the client), else the window's own claim.
-    int32_t activePid = -1;
-    std::optional<std::string> activeBundle;
-    if (activeWindow != XCB_NONE) {
-        auto it = std::find_if(windows.begin(), windows.end(), [&](const ScannedWindow& w) {
-            return w.client == activeWindow || w.topLevel == activeWindow;
-        });
-        if (it != windows.end()) {
-            activePid = it->pid;
-            activeBundle = it->bundleID;
-        } else {
-            WindowProperties p = readProperties(c, requestProperties(c, activeWindow, atoms));
-            const bool local = isLocalMachine(p.clientMachine, hostName);
-            uint32_t pid = p.hasPid && local ? p.pid : 0;
-            if (!pid && local && serverKnowsPids)
-                pid = serverPidsOf(c, resourceIdMask, {activeWindow})[0];
-            if (pid > 0 && pid <= uint32_t(INT32_MAX)) {
-                activePid = int32_t(pid);
-                activeBundle = bundleOfProcess(pid);
-                if (!activeBundle) activeBundle = p.desktopID;
-            }
-        }
-    }
-    // Processes that no longer own a window leave the bundle cache.
-    std::erase_if(bundles, [&](const auto& entry) {
-        return uint32_t(activePid) != entry.first &&
-               std::none_of(windows.begin(), windows.end(),
-                            [&](const ScannedWindow& w) { return uint32_t(w.pid) == entry.first; });
-    });
-
-    // One element per owner, at the position of its topmost window.
+// One element per owner, at the position of its topmost window.
+DisplayLayout layoutOf(const std::vector<ScannedWindow>& windows) {
     auto ownerKey = [](const ScannedWindow& w) -> std::string {
         if (w.bundleID) return "b:" + *w.bundleID;
         if (w.pid > 0) return "p:" + std::to_string(w.pid);
@@ -734,37 +560,296 @@ void X11WindowSystem::Core::scan() {
     for (const auto& [key, g] : groups) ordered.push_back(&g);
     std::sort(ordered.begin(), ordered.end(),
               [](const Group* a, const Group* b) { return a->topmost < b->topmost; });
-    DisplayLayout newLayout;
-    for (const auto* g : ordered) newLayout.elements.push_back(g->element);
+    DisplayLayout layout;
+    for (const auto* g : ordered) layout.elements.push_back(g->element);
+    return layout;
+}
 
-    // Applications: foreground with a counted window, frontmost with the
-    // active one. The pid reported is that of the topmost window (or of the
-    // active window for the frontmost application).
-    std::map<std::string, ApplicationState> newApps;
+// Applications: foreground with a counted window, frontmost with the
+// active one. The pid reported is that of the topmost window (or of the
+// active window for the frontmost application).
+std::map<std::string, ApplicationState> applicationsOf(const std::vector<ScannedWindow>& windows,
+                                                       const ActiveOwner& active) {
+    std::map<std::string, ApplicationState> apps;
     for (const auto& w : windows) {
         if (!w.bundleID) continue;
-        auto& s = newApps[*w.bundleID];
+        auto& s = apps[*w.bundleID];
         s.bundleIdentifier = *w.bundleID;
         s.pid = w.pid;
         s.state |= kApplicationStateRunning | kApplicationStateForeground;
     }
-    if (activeBundle) {
-        auto& s = newApps[*activeBundle];
-        s.bundleIdentifier = *activeBundle;
-        s.pid = activePid;
+    if (active.bundleID) {
+        auto& s = apps[*active.bundleID];
+        s.bundleIdentifier = *active.bundleID;
+        s.pid = active.pid;
         s.state |= kApplicationStateRunning | kApplicationStateFrontmost;
     }
+    return apps;
+}
+
+// Counted top-level and client windows with a trusted owner process.
+std::unordered_map<uint32_t, int32_t> windowOwnersOf(const std::vector<ScannedWindow>& windows) {
     std::unordered_map<uint32_t, int32_t> owners;
     for (const auto& w : windows) {
         if (w.pid <= 0) continue;
         owners[w.client] = w.pid;
         owners[w.topLevel] = w.pid;
     }
+    return owners;
+}
+
+}  // namespace
+
+// Every step of a scan sends its requests for all windows before it reads
+// a reply, so a scan costs a handful of round trips however many windows
+// the screen has.
+void X11WindowSystem::Core::scan() {
+    auto rootView = readRoot();
+    if (!rootView) return;
+    Watched next;
+    auto candidates = findCandidates(*rootView, next);
+    std::vector<WindowProperties> props;
+    auto clients = findClients(candidates, props, next);
+    auto windows = ownedWindows(candidates, props, clients);
+    topLevels = std::move(next.topLevels);
+    selected = std::move(next.selected);
+    xcb_flush(connection.get());
+
+    ActiveOwner active = activeOwner(rootView->active, windows);
+    // Processes that no longer own a window leave the bundle cache.
+    std::erase_if(bundles, [&](const auto& entry) {
+        return uint32_t(active.pid) != entry.first &&
+               std::none_of(windows.begin(), windows.end(),
+                            [&](const ScannedWindow& w) { return uint32_t(w.pid) == entry.first; });
+    });
+    auto owners = windowOwnersOf(windows);
     {
         std::lock_guard lock(mutex);
         windowOwners = std::move(owners);
     }
-    publish(std::move(newLayout), std::move(newApps), activeBundle);
+    publish(layoutOf(windows), applicationsOf(windows, active), active.bundleID);
+}
+
+std::optional<X11WindowSystem::Core::RootView> X11WindowSystem::Core::readRoot() {
+    xcb_connection_t* c = connection.get();
+    auto treeCookie = xcb_query_tree(c, root);
+    auto activeCookie =
+        xcb_get_property(c, 0, root, atoms[kNetActiveWindow], XCB_ATOM_WINDOW, 0, 1);
+    auto checkCookie =
+        xcb_get_property(c, 0, root, atoms[kNetSupportingWmCheck], XCB_ATOM_WINDOW, 0, 1);
+    Reply<xcb_query_tree_reply_t> tree(xcb_query_tree_reply(c, treeCookie, nullptr));
+    auto active = values32<xcb_window_t>(c, activeCookie, nullptr);
+    auto check = values32<xcb_window_t>(c, checkCookie, nullptr);
+    if (!tree) return std::nullopt;
+    RootView view;
+    view.active = active.empty() ? XCB_NONE : active[0];
+    view.wmCheck = check.empty() ? XCB_NONE : check[0];
+    // Bottom to top; only the topmost kX11MaxScannedWindows.
+    auto* childPtr = xcb_query_tree_children(tree.get());
+    view.children.assign(childPtr, childPtr + xcb_query_tree_children_length(tree.get()));
+    if (view.children.size() > kX11MaxScannedWindows)
+        view.children.erase(view.children.begin(),
+                            view.children.end() - long(kX11MaxScannedWindows));
+    return view;
+}
+
+// Watches every top-level and asks for the properties of those that show
+// on the screen.
+std::vector<Candidate> X11WindowSystem::Core::findCandidates(const RootView& view, Watched& next) {
+    xcb_connection_t* c = connection.get();
+    const auto& children = view.children;
+    std::vector<xcb_get_window_attributes_cookie_t> attrCookies;
+    std::vector<xcb_get_geometry_cookie_t> geometryCookies;
+    for (auto w : children) {
+        attrCookies.push_back(xcb_get_window_attributes(c, w));
+        geometryCookies.push_back(xcb_get_geometry(c, w));
+    }
+    std::vector<Candidate> candidates;
+    const uint32_t topMask[] = {XCB_EVENT_MASK_STRUCTURE_NOTIFY |
+                                XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY |
+                                XCB_EVENT_MASK_PROPERTY_CHANGE};
+    for (size_t i = 0; i < children.size(); ++i) {
+        xcb_window_t w = children[i];
+        Reply<xcb_get_window_attributes_reply_t> attr(
+            xcb_get_window_attributes_reply(c, attrCookies[i], nullptr));
+        Reply<xcb_get_geometry_reply_t> geo(xcb_get_geometry_reply(c, geometryCookies[i], nullptr));
+        if (!attr || !geo) continue;  // gone meanwhile
+        int32_t b = 2 * geo->border_width;
+        int32_t x = geo->x, y = geo->y, width = geo->width + b, height = geo->height + b;
+        bool visible = onScreen(x, y, width, height);
+        next.topLevels[w] = {i > 0 ? children[i - 1] : xcb_window_t(XCB_NONE), visible};
+        // Every top-level is watched, mapped or not, so that its properties
+        // are current when it appears.
+        if (!selected.count(w)) xcb_change_window_attributes(c, w, XCB_CW_EVENT_MASK, topMask);
+        next.selected.insert(w);
+        if (attr->map_state != XCB_MAP_STATE_VIEWABLE ||
+            attr->_class != XCB_WINDOW_CLASS_INPUT_OUTPUT || !visible || w == view.wmCheck)
+            continue;
+        bool covers = x <= 0 && y <= 0 && x + width >= screenWidth && y + height >= screenHeight;
+        candidates.push_back(
+            {w, bool(attr->override_redirect), covers, requestProperties(c, w, atoms)});
+    }
+    return candidates;
+}
+
+// The client window of each candidate (itself, or the one a window
+// manager's frame holds), with its properties in `props`.
+std::vector<xcb_window_t> X11WindowSystem::Core::findClients(
+    const std::vector<Candidate>& candidates, std::vector<WindowProperties>& props, Watched& next) {
+    xcb_connection_t* c = connection.get();
+    props.assign(candidates.size(), {});
+    std::vector<xcb_window_t> clients(candidates.size());
+    std::vector<size_t> framed;  // candidates whose client is to be found
+    std::vector<xcb_window_t> frames;
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        props[i] = readProperties(c, candidates[i].cookies);
+        clients[i] = candidates[i].window;
+        const auto& p = props[i];
+        if (!(p.hasPid || p.hasWmState || p.hasType || candidates[i].overrideRedirect)) {
+            framed.push_back(i);
+            frames.push_back(candidates[i].window);
+        }
+    }
+    auto found = searchFramedClients(frames);
+    std::vector<std::pair<size_t, PropertyCookies>> clientCookies;
+    const uint32_t clientMask[] = {XCB_EVENT_MASK_PROPERTY_CHANGE};
+    for (size_t f = 0; f < framed.size(); ++f) {
+        if (found[f] == XCB_NONE) continue;  // a bare window: it is its own client
+        size_t i = framed[f];
+        clients[i] = found[f];
+        clientCookies.emplace_back(i, requestProperties(c, found[f], atoms));
+        if (!selected.count(found[f]))
+            xcb_change_window_attributes(c, found[f], XCB_CW_EVENT_MASK, clientMask);
+        next.selected.insert(found[f]);
+    }
+    for (const auto& [i, cookies] : clientCookies) props[i] = readProperties(c, cookies);
+    return clients;
+}
+
+// Window manager frames: the client is the descendant with WM_STATE,
+// searched breadth-first, three levels deep, at most 64 windows a level.
+// XCB_NONE where there is none.
+std::vector<xcb_window_t> X11WindowSystem::Core::searchFramedClients(
+    const std::vector<xcb_window_t>& frames) {
+    xcb_connection_t* c = connection.get();
+    constexpr size_t kMaxSearchedPerLevel = 64;
+    const size_t n = frames.size();
+    std::vector<std::vector<xcb_window_t>> level(n);
+    std::vector<xcb_window_t> found(n, XCB_NONE);
+    for (size_t f = 0; f < n; ++f) level[f] = {frames[f]};
+    for (int depth = 0; depth < 3; ++depth) {
+        std::vector<std::vector<xcb_query_tree_cookie_t>> treeCookies(n);
+        for (size_t f = 0; f < n; ++f)
+            if (found[f] == XCB_NONE)
+                for (auto parent : level[f]) treeCookies[f].push_back(xcb_query_tree(c, parent));
+        std::vector<std::vector<xcb_get_property_cookie_t>> stateCookies(n);
+        for (size_t f = 0; f < n; ++f) {
+            std::vector<xcb_window_t> nextLevel;
+            for (auto cookie : treeCookies[f]) {
+                Reply<xcb_query_tree_reply_t> sub(xcb_query_tree_reply(c, cookie, nullptr));
+                if (!sub) continue;
+                auto* kids = xcb_query_tree_children(sub.get());
+                size_t count = size_t(xcb_query_tree_children_length(sub.get()));
+                size_t room = kMaxSearchedPerLevel - nextLevel.size();
+                nextLevel.insert(nextLevel.end(), kids, kids + std::min(count, room));
+            }
+            level[f] = std::move(nextLevel);
+            for (auto k : level[f])
+                stateCookies[f].push_back(
+                    xcb_get_property(c, 0, k, atoms[kWmState], atoms[kWmState], 0, 0));
+        }
+        for (size_t f = 0; f < n; ++f) {
+            for (size_t k = 0; k < stateCookies[f].size(); ++k) {
+                Reply<xcb_get_property_reply_t> r(
+                    xcb_get_property_reply(c, stateCookies[f][k], nullptr));
+                if (found[f] == XCB_NONE && r && r->type != XCB_ATOM_NONE) found[f] = level[f][k];
+            }
+        }
+    }
+    return found;
+}
+
+// The windows that count, with their level and owner: the window's own
+// _NET_WM_PID, else its client leader's, else what the server knows.
+std::vector<ScannedWindow> X11WindowSystem::Core::ownedWindows(
+    const std::vector<Candidate>& candidates, const std::vector<WindowProperties>& props,
+    const std::vector<xcb_window_t>& clients) {
+    xcb_connection_t* c = connection.get();
+    std::vector<ScannedWindow> windows;
+    std::vector<std::pair<size_t, xcb_get_property_cookie_t>> leaderCookies;
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        const auto& p = props[i];
+        if (contains(p.types, atoms[kTypeDesktop]) || contains(p.types, atoms[kTypeDock]))
+            continue;  // the desktop's furniture, see the header
+        if (contains(p.states, atoms[kStateHidden]) || p.wmState == 3) continue;
+        ScannedWindow sw;
+        sw.topLevel = candidates[i].window;
+        sw.client = clients[i];
+        sw.level = levelOf(p, candidates[i].overrideRedirect, candidates[i].coversScreen, atoms);
+        sw.leader = p.clientLeader;
+        sw.desktopID = p.desktopID;
+        bool local = isLocalMachine(p.clientMachine, hostName);
+        sw.remote = !local;
+        if (p.hasPid && local)
+            sw.pid = int32_t(p.pid);
+        else if (local && p.clientLeader != XCB_NONE && p.clientLeader != sw.client)
+            leaderCookies.emplace_back(
+                windows.size(),
+                xcb_get_property(c, 0, p.clientLeader, atoms[kNetWmPid], XCB_ATOM_CARDINAL, 0, 1));
+        windows.push_back(std::move(sw));
+    }
+    for (const auto& [w, cookie] : leaderCookies) {
+        auto leaderPid = values32<uint32_t>(c, cookie, nullptr);
+        if (!leaderPid.empty() && leaderPid[0] > 0) windows[w].pid = int32_t(leaderPid[0]);
+    }
+    findServerPids(windows);
+    for (auto& sw : windows) {
+        if (sw.pid <= 0) continue;
+        sw.bundleID = bundleOfProcess(uint32_t(sw.pid));
+        // A local process outside bundles: the application its window names.
+        if (!sw.bundleID) sw.bundleID = sw.desktopID;
+    }
+    return windows;
+}
+
+// Clients that set no _NET_WM_PID (plain xcb or Xlib programs): the server
+// knows which local process made the window.
+void X11WindowSystem::Core::findServerPids(std::vector<ScannedWindow>& windows) {
+    if (!serverKnowsPids) return;
+    std::vector<size_t> unowned;
+    std::vector<xcb_window_t> clientWindows;
+    for (size_t i = 0; i < windows.size(); ++i)
+        if (windows[i].pid <= 0 && !windows[i].remote) {
+            unowned.push_back(i);
+            clientWindows.push_back(windows[i].client);
+        }
+    auto pids = serverPidsOf(connection.get(), resourceIdMask, clientWindows);
+    for (size_t k = 0; k < unowned.size(); ++k)
+        if (pids[k] > 0 && pids[k] <= uint32_t(INT32_MAX))
+            windows[unowned[k]].pid = int32_t(pids[k]);
+}
+
+// The owner of the active window: one of `windows` (the active window may
+// be the frame or the client), else the window's own claim.
+ActiveOwner X11WindowSystem::Core::activeOwner(xcb_window_t activeWindow,
+                                               const std::vector<ScannedWindow>& windows) {
+    ActiveOwner owner;
+    if (activeWindow == XCB_NONE) return owner;
+    auto it = std::find_if(windows.begin(), windows.end(), [&](const ScannedWindow& w) {
+        return w.client == activeWindow || w.topLevel == activeWindow;
+    });
+    if (it != windows.end()) return {it->pid, it->bundleID};
+    xcb_connection_t* c = connection.get();
+    WindowProperties p = readProperties(c, requestProperties(c, activeWindow, atoms));
+    const bool local = isLocalMachine(p.clientMachine, hostName);
+    uint32_t pid = p.hasPid && local ? p.pid : 0;
+    if (!pid && local && serverKnowsPids) pid = serverPidsOf(c, resourceIdMask, {activeWindow})[0];
+    if (pid > 0 && pid <= uint32_t(INT32_MAX)) {
+        owner.pid = int32_t(pid);
+        owner.bundleID = bundleOfProcess(pid);
+        if (!owner.bundleID) owner.bundleID = p.desktopID;
+    }
+    return owner;
 }
 
 void X11WindowSystem::Core::publish(DisplayLayout newLayout,

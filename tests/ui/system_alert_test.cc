@@ -124,7 +124,9 @@ TEST(SystemAlertTest, AWaitEndsCancelledWhenThePresenterGoesAwayOrDropsTheAlert)
     {
         // A presenter that accepts the alert and forgets its reply.
         struct Forgetful : AlertPresenter {
-            bool presentAlert(uint64_t, const AlertRequest&, AlertReply) override { return true; }
+            Result<void> presentAlert(uint64_t, const AlertRequest&, AlertReply) override {
+                return {};
+            }
         };
         auto alert = SystemAlert::create(consentRequest(false), std::make_shared<Forgetful>())
                          .valueOr(nullptr);
