@@ -791,6 +791,28 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
 }
 
 #ifdef X11_RECORDER
+// Whether a window manager runs on `display`: it names itself on the root
+// window once it manages windows.
+bool windowManagerRunning(const std::string& display) {
+    xcb_connection_t* c = xcb_connect(display.c_str(), nullptr);
+    bool running = false;
+    const char name[] = "_NET_SUPPORTING_WM_CHECK";
+    auto* atom =
+        xcb_connection_has_error(c)
+            ? nullptr
+            : xcb_intern_atom_reply(c, xcb_intern_atom(c, 1, sizeof name - 1, name), nullptr);
+    if (atom && atom->atom != XCB_ATOM_NONE) {
+        xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(c)).data->root;
+        auto* property = xcb_get_property_reply(
+            c, xcb_get_property(c, 0, root, atom->atom, XCB_ATOM_WINDOW, 0, 1), nullptr);
+        running = property && xcb_get_property_value_length(property) > 0;
+        std::free(property);
+    }
+    std::free(atom);
+    xcb_disconnect(c);
+    return running;
+}
+
 // An ordinary X11 application (plain xcb: no _NET_WM_PID) under a window
 // manager records its own 640x360 window: the movie is the window at its own
 // size, a white window laid over the whole screen never reaches it, and
@@ -804,6 +826,10 @@ TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
     env_.push_back("DISPLAY=" + x->displayName());
     pid_t wm = sv::test::spawnProcess({"/usr/bin/openbox"}, env_, dir_ + "/openbox.log");
     ASSERT_GT(wm, 0) << "openbox is not installed (scripts/install-deps.sh installs it)";
+    // An application window mapped before the window manager runs is in no
+    // one's foreground: the recording would be refused.
+    ASSERT_TRUE(sv::test::eventually([&] { return windowManagerRunning(x->displayName()); }, 30s))
+        << sv::test::readFile(dir_ + "/openbox.log");
     daemon_.stop(SIGTERM);
     ASSERT_TRUE(daemon_.start(
         SORVELD,
