@@ -11,19 +11,20 @@
 // - never_reading: a peer sends calls with replies for 4 s and never reads
 //   one; the daemon's CPU, log lines and bytes, the round trips of a
 //   well-formed peer meanwhile, and when the peer is disconnected.
-// - out_of_range: a purge whose urgency is -2^63-1 (and 2^31); whether a
-//   fresh movie survives.
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 
 #include "bench/bench_util.h"
+#include "protocol/service_names.h"
 #include "tests/daemon/hostile_peer.h"
 #include "tests/process/private_daemon.h"
 #include "tests/process/process_helpers.h"
@@ -35,49 +36,51 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-constexpr const char* kShellService = "org.sorvel.sorveld.shell";
 constexpr const char* kPurgeable = "purgeableSpaceWithUrgency:handler:";
-constexpr const char* kPurge = "purgeWithAmount:urgency:handler:";
 // Answered without a log line of the daemon's own.
 constexpr const char* kCancel = "cancelPurgeWithHandler:";
 
 std::string gDaemon = SORVELD_PATH;
 
-// A private daemon in a temporary home and runtime directory.
-class Daemon {
-  public:
-    Daemon() { ready_ = daemon_.start(gDaemon, {.answerTimeout = 10s}); }
-    ~Daemon() {
-        if (daemon_.stop(SIGTERM, 5s) < 0) std::fprintf(stderr, "sorveld did not end on SIGTERM\n");
+// Lines and bytes the daemon's log gained since a mark.
+struct LogMark {
+    std::string path;
+    size_t start = std::filesystem::file_size(path);
+    size_t bytes() const { return std::filesystem::file_size(path) - start; }
+    size_t lines() const {
+        std::ifstream in(path, std::ios::binary);
+        in.seekg(std::streamoff(start));
+        return size_t(std::count(std::istreambuf_iterator<char>(in), {}, '\n'));
     }
-    bool ready() const { return ready_; }
-    pid_t pid() const { return daemon_.pid(); }
-    std::string shellPath() const { return daemon_.run + "/" + kShellService; }
-    std::string store() const { return daemon_.store; }
-    LogFile log() const { return LogFile(daemon_.logPath, SIZE_MAX); }
-
-    // One purgeable-space call answered within `timeout`.
-    static bool roundTrip(RawPeer& p, uint64_t id, std::chrono::milliseconds timeout = 2s) {
-        return callAndWait(p, rawCall(kPurgeable, {cborInt(0), cborInt(int64_t(id))}), id, timeout);
-    }
-
-  private:
-    PrivateDaemon daemon_{"sv-hostile-bench-"};
-    bool ready_ = false;
 };
 
+// A private daemon, or null (with a message) when it did not answer.
+std::unique_ptr<PrivateDaemon> startDaemon(const char* scenario) {
+    auto d = std::make_unique<PrivateDaemon>("sv-hostile-bench-");
+    if (d->start(gDaemon, {.answerTimeout = 10s})) return d;
+    std::fprintf(stderr, "%s: daemon not ready\n", scenario);
+    return nullptr;
+}
+std::string shellPath(const PrivateDaemon& d) {
+    return d.run + "/" + kShellServiceName;
+}
+// One purgeable-space call answered within `timeout`.
+bool roundTrip(RawPeer& p, uint64_t id, std::chrono::milliseconds timeout = 2s) {
+    return callAndWait(p, rawCall(kPurgeable, {cborInt(0), cborInt(int64_t(id))}), id, timeout);
+}
+
 void idleConnections() {
-    Daemon d;
-    if (!d.ready()) return (void)std::fprintf(stderr, "idle: daemon not ready\n");
+    auto d = startDaemon("idle");
+    if (!d) return;
     constexpr int kConnections = 2000;
-    size_t before = residentKiB(d.pid());
+    size_t before = residentKiB(d->pid());
     std::vector<RawPeer> peers;
     int served = 0;
     for (int i = 0; i < kConnections; ++i) {
-        peers.push_back(RawPeer::connect(d.shellPath()));
-        if (peers.back().valid() && Daemon::roundTrip(peers.back(), 1, 1s)) ++served;
+        peers.push_back(RawPeer::connect(shellPath(*d)));
+        if (peers.back().valid() && roundTrip(peers.back(), 1, 1s)) ++served;
     }
-    size_t after = residentKiB(d.pid());
+    size_t after = residentKiB(d->pid());
     bench::report("idle_connections_opened", kConnections, "connections");
     bench::report("idle_connections_served", served, "connections");
     bench::report("idle_rss_before", double(before) / 1024, "MiB");
@@ -87,36 +90,35 @@ void idleConnections() {
 }
 
 void descriptorExhaustion() {
-    Daemon d;
-    if (!d.ready()) return (void)std::fprintf(stderr, "descriptors: daemon not ready\n");
-    RawPeer good = RawPeer::connect(d.shellPath());
+    auto d = startDaemon("descriptors");
+    if (!d) return;
+    RawPeer good = RawPeer::connect(shellPath(*d));
     uint64_t id = 1;
-    Daemon::roundTrip(good, id++);
+    roundTrip(good, id++);
     rlimit limit{64, 64};
     rlimit old{};
-    if (prlimit(d.pid(), RLIMIT_NOFILE, &limit, &old) != 0) {
+    if (prlimit(d->pid(), RLIMIT_NOFILE, &limit, &old) != 0) {
         std::perror("prlimit");
         return;
     }
-    LogFile log = d.log();
-    log.mark();
+    LogMark log{d->logPath};
     std::vector<RawPeer> hostile;
-    for (int i = 0; i < 100; ++i) hostile.push_back(RawPeer::connect(d.shellPath()));
-    eventually([&] { return descriptorCount(d.pid()) >= 60; }, 2s);
-    double cpu0 = cpuSeconds(d.pid());
+    for (int i = 0; i < 100; ++i) hostile.push_back(RawPeer::connect(shellPath(*d)));
+    eventually([&] { return descriptorCount(d->pid()) >= 60; }, 2s);
+    double cpu0 = cpuSeconds(d->pid());
     auto t0 = Clock::now();
     std::this_thread::sleep_for(3s);  // the measurement window
-    double cpu = cpuSeconds(d.pid()) - cpu0;
+    double cpu = cpuSeconds(d->pid()) - cpu0;
     double seconds = std::chrono::duration<double>(Clock::now() - t0).count();
     auto g0 = Clock::now();
-    bool goodServed = Daemon::roundTrip(good, id++, 5s);
+    bool goodServed = roundTrip(good, id++, 5s);
     double goodMs = std::chrono::duration<double, std::milli>(Clock::now() - g0).count();
-    size_t lines = log.linesSinceMark();
+    size_t lines = log.lines();
     hostile.clear();
     bool newServed = eventually(
         [&] {
-            RawPeer p = RawPeer::connect(d.shellPath());
-            return p.valid() && Daemon::roundTrip(p, 1, 1s);
+            RawPeer p = RawPeer::connect(shellPath(*d));
+            return p.valid() && roundTrip(p, 1, 1s);
         },
         10s);
     bench::report("fd_exhaustion_daemon_cpu", cpu / seconds, "s/s");
@@ -127,13 +129,12 @@ void descriptorExhaustion() {
 }
 
 void neverReadingPeer() {
-    Daemon d;
-    if (!d.ready()) return (void)std::fprintf(stderr, "never_reading: daemon not ready\n");
-    RawPeer good = RawPeer::connect(d.shellPath());
-    RawPeer hostile = RawPeer::connect(d.shellPath(), 4096);
-    LogFile log = d.log();
-    log.mark();
-    double cpu0 = cpuSeconds(d.pid());
+    auto d = startDaemon("never_reading");
+    if (!d) return;
+    RawPeer good = RawPeer::connect(shellPath(*d));
+    RawPeer hostile = RawPeer::connect(shellPath(*d), 4096);
+    LogMark log{d->logPath};
+    double cpu0 = cpuSeconds(d->pid());
     auto t0 = Clock::now();
     uint64_t sent = 0, goodId = 1;
     int goodFailures = 0, goodCalls = 0;
@@ -149,45 +150,25 @@ void neverReadingPeer() {
         if (Clock::now() >= nextGood) {
             auto g0 = Clock::now();
             ++goodCalls;
-            if (!Daemon::roundTrip(good, goodId++, 2s)) ++goodFailures;
+            if (!roundTrip(good, goodId++, 2s)) ++goodFailures;
             goodMaxMs = std::max(
                 goodMaxMs, std::chrono::duration<double, std::milli>(Clock::now() - g0).count());
             nextGood = Clock::now() + 250ms;
         }
     }
     std::this_thread::sleep_for(1s);  // what the daemon still spends after the flood
-    double cpu = cpuSeconds(d.pid()) - cpu0;
+    double cpu = cpuSeconds(d->pid()) - cpu0;
     double seconds = std::chrono::duration<double>(Clock::now() - t0).count();
     bench::report("never_reading_calls_sent", double(sent), "calls");
     bench::report("never_reading_daemon_cpu", cpu / seconds, "s/s");
-    bench::report("never_reading_log_lines", double(log.linesSinceMark()), "lines");
-    bench::report("never_reading_log_bytes", double(log.bytesSinceMark()), "bytes");
+    bench::report("never_reading_log_lines", double(log.lines()), "lines");
+    bench::report("never_reading_log_bytes", double(log.bytes()), "bytes");
     bench::report("never_reading_good_peer_calls", goodCalls, "calls");
     bench::report("never_reading_good_peer_failures", goodFailures, "calls");
     bench::report("never_reading_good_peer_max_round_trip", goodMaxMs, "ms");
     bool closed = hostile.hungUp(20s);
     bench::report("never_reading_peer_disconnected_after",
                   closed ? std::chrono::duration<double>(Clock::now() - t0).count() : -1, "s");
-}
-
-void outOfRangeUrgency() {
-    Daemon d;
-    if (!d.ready()) return (void)std::fprintf(stderr, "out_of_range: daemon not ready\n");
-    std::string movie = d.store() + "fresh.mp4";
-    auto attempt = [&](const Bytes& urgency) {
-        std::ofstream(movie) << "movie";
-        RawPeer p = RawPeer::connect(d.shellPath());
-        p.send(rawCall(kPurge, {cborInt(0), urgency, cborInt(7)}));
-        bool replied = replyIdOf(p.receive(1s)) == 7;
-        bool kept = access(movie.c_str(), F_OK) == 0;
-        return std::make_pair(replied, kept);
-    };
-    auto [replied1, kept1] = attempt(cborNegative(uint64_t(INT64_MAX) + 1));
-    bench::report("out_of_range_below_int64_answered", replied1, "bool");
-    bench::report("out_of_range_below_int64_movie_kept", kept1, "bool");
-    auto [replied2, kept2] = attempt(cborInt(int64_t(INT32_MAX) + 1));
-    bench::report("out_of_range_above_int32_answered", replied2, "bool");
-    bench::report("out_of_range_above_int32_movie_kept", kept2, "bool");
 }
 
 }  // namespace
@@ -208,6 +189,5 @@ int main(int argc, char** argv) {
     if (wanted("idle")) idleConnections();
     if (wanted("descriptors")) descriptorExhaustion();
     if (wanted("never_reading")) neverReadingPeer();
-    if (wanted("out_of_range")) outOfRangeUrgency();
     return 0;
 }

@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/bench_util.h"
 #include "platform/dispatch.h"
 #include "platform/ipc/ipc.h"
 #include "platform/log.h"
@@ -96,10 +97,6 @@ double percentile(std::vector<double> v, double p) {
     return v[std::min(v.size() - 1, size_t(p * double(v.size())))];
 }
 
-void print(const char* name, double value, const char* unit) {
-    std::printf("%s %.3f %s\n", name, value, unit);
-}
-
 }  // namespace
 
 int main() {
@@ -156,12 +153,12 @@ int main() {
     }
     double ipc50 = percentile(ipcTimes, 0.5), ipc99 = percentile(ipcTimes, 0.99);
     double raw50 = percentile(rawTimes, 0.5), raw99 = percentile(rawTimes, 0.99);
-    print("ipc_call_reply_roundtrip_p50", ipc50, "us");
-    print("ipc_call_reply_roundtrip_p99", ipc99, "us");
-    print("socketpair_roundtrip_p50", raw50, "us");
-    print("socketpair_roundtrip_p99", raw99, "us");
-    print("ipc_roundtrip_p50_vs_socketpair", ipc50 / raw50, "x");
-    print("ipc_roundtrip_p99_vs_socketpair", ipc99 / raw99, "x");
+    bench::report("ipc_call_reply_roundtrip_p50", ipc50, "us");
+    bench::report("ipc_call_reply_roundtrip_p99", ipc99, "us");
+    bench::report("socketpair_roundtrip_p50", raw50, "us");
+    bench::report("socketpair_roundtrip_p99", raw99, "us");
+    bench::report("ipc_roundtrip_p50_vs_socketpair", ipc50 / raw50, "x");
+    bench::report("ipc_roundtrip_p99_vs_socketpair", ipc99 / raw99, "x");
 
     // One-way frames carrying a surface; every kWindow frames the sender
     // waits for an answer, so both runs keep the same number in flight.
@@ -211,9 +208,9 @@ int main() {
     }
     rawSync();
     double rawRate = kFrames / std::chrono::duration<double>(Clock::now() - t0).count();
-    print("ipc_oneway_surface_messages", ipcRate, "msg/s");
-    print("socketpair_oneway_surface_messages", rawRate, "msg/s");
-    print("ipc_oneway_surface_vs_socketpair", ipcRate / rawRate, "x");
+    bench::report("ipc_oneway_surface_messages", ipcRate, "msg/s");
+    bench::report("socketpair_oneway_surface_messages", rawRate, "msg/s");
+    bench::report("ipc_oneway_surface_vs_socketpair", ipcRate / rawRate, "x");
 
     c->invalidate();
     kill(child, SIGTERM);

@@ -85,8 +85,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "soak_bench: the daemon did not start\n");
         return 1;
     }
-    pid_t agent = spawnWithInput({SORVEL, "consent-agent", "--answer", "accept"}, env, "",
-                                 daemon.root + "/agent.log");
+    pid_t agent = spawnProcess({SORVEL, "consent-agent", "--answer", "accept"}, env,
+                               daemon.root + "/agent.log");
     if (!eventually(
             [&] {
                 return test::readFile(daemon.root + "/agent.log").find("registered") !=
@@ -101,9 +101,9 @@ int main(int argc, char** argv) {
     int failed = 0;
     const std::string movie = daemon.root + "/movie.mp4";
     for (int i = 0; i < recordings; ++i) {
-        pid_t p = spawnWithInput(
+        pid_t p = spawnProcess(
             {SORVEL, "record", "-o", movie, "--mic", "--duration", std::to_string(seconds)}, env,
-            "", daemon.root + "/record.log");
+            daemon.root + "/record.log");
         if (waitForExit(p, std::chrono::seconds(int(seconds) + 120)) != 0) ++failed;
         std::filesystem::remove(movie);
         const Sample s = settled(daemon.pid());

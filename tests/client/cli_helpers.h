@@ -1,69 +1,29 @@
-// Running `sorvel` commands as child processes in the client tests: with a
-// given standard input, or on a pseudo-terminal the test types into.
+// Running `sorvel` commands on a pseudo-terminal the test types into (other
+// children start through spawnProcess).
 #pragma once
 
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
-extern char** environ;
+#include "tests/process/process_helpers.h"
 
 namespace sv::test {
 
-inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-// Starts `argv` with `extraEnv` added, standard input from `stdinFile`
-// (/dev/null when empty) and standard output and error to `outputFile`.
-// The environment with `extra` ("NAME=value") replacing variables of the
-// same name.
-inline std::vector<std::string> environmentWith(const std::vector<std::string>& extra) {
-    std::vector<std::string> env;
-    for (char** e = environ; *e; ++e) {
-        std::string entry = *e;
-        std::string name = entry.substr(0, entry.find('=') + 1);
-        bool replaced = false;
-        for (const auto& x : extra) replaced = replaced || x.compare(0, name.size(), name) == 0;
-        if (!replaced) env.push_back(entry);
-    }
-    env.insert(env.end(), extra.begin(), extra.end());
-    return env;
-}
-
+// spawnProcess with the arguments in the order some callers give them:
+// standard input from `inputFile` (/dev/null when empty), output to
+// `outputFile`.
 inline pid_t spawnWithInput(const std::vector<std::string>& argv,
-                            const std::vector<std::string>& extraEnv, const std::string& stdinFile,
+                            const std::vector<std::string>& extraEnv, const std::string& inputFile,
                             const std::string& outputFile) {
-    std::vector<std::string> env = environmentWith(extraEnv);
-    std::vector<char*> a, en;
-    for (const auto& s : argv) a.push_back(const_cast<char*>(s.c_str()));
-    a.push_back(nullptr);
-    for (const auto& s : env) en.push_back(const_cast<char*>(s.c_str()));
-    en.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, stdinFile.empty() ? "/dev/null" : stdinFile.c_str(),
-                                     O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 1, outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0600);
-    posix_spawn_file_actions_adddup2(&fa, 1, 2);
-    pid_t pid = -1;
-    int rc = posix_spawn(&pid, a[0], &fa, nullptr, a.data(), en.data());
-    posix_spawn_file_actions_destroy(&fa);
-    return rc == 0 ? pid : -1;
+    return spawnProcess(argv, extraEnv, outputFile, inputFile.empty() ? "/dev/null" : inputFile);
 }
 
 // A child on a pseudo-terminal: what it writes is collected, keys are typed.
@@ -107,17 +67,15 @@ class PtyChild {
     }
     // Exit status (as waitForExit counts it), reading the output meanwhile.
     int wait(std::chrono::seconds timeout) {
-        auto end = std::chrono::steady_clock::now() + timeout;
-        while (std::chrono::steady_clock::now() < end) {
-            int status = 0;
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                drain();
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            drain(std::chrono::milliseconds(20));
-        }
-        return -1;
+        int status = 0;
+        auto ended = [&] {
+            drain();
+            return waitpid(pid_, &status, WNOHANG) == pid_;
+        };
+        if (!eventually(ended, timeout)) return -1;
+        pid_ = -1;
+        drain();
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
   private:

@@ -71,15 +71,10 @@ TEST(ConsentPolicyTest, EachPolicyPicksItsButtonForEveryAlertShape) {
 
 class ConsentAgentTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        dir_ = sv::test::makeTempDir("sv-agent-");
-        ASSERT_FALSE(dir_.empty());
-        ipc::setRuntimeDirectory(dir_);
-    }
+    void SetUp() override { ipc::setRuntimeDirectory(dir_); }
     void TearDown() override {
         if (agent_) agent_->stop();
         if (shell_) shell_->die();
-        std::filesystem::remove_all(dir_);
     }
     // The daemon's shell channel: accepts registrations (or refuses them).
     void startShell(bool refuse = false) {
@@ -113,12 +108,13 @@ class ConsentAgentTest : public ::testing::Test {
         sv::test::writeFile(in, input);
         std::vector<std::string> argv{SORVEL, "consent-agent", "--runtime-dir", dir_};
         argv.insert(argv.end(), args.begin(), args.end());
-        child_ = sv::test::spawnWithInput(argv, env, in, out);
+        child_ = sv::test::spawnProcess(argv, env, out, in);
         EXPECT_GT(child_, 0);
         return out;
     }
 
-    std::string dir_;
+    sv::test::TempDir tmp_;
+    const std::string& dir_ = tmp_.path();
     std::shared_ptr<FakeService> shell_;
     std::shared_ptr<ConsentAgent> agent_;
     pid_t child_ = -1;

@@ -21,20 +21,18 @@ class PythonPeerTest : public ::testing::Test {
   protected:
     void SetUp() override {
         if (access("/usr/bin/python3", X_OK) != 0) GTEST_SKIP() << "no python3";
-        dir_ = sv::test::makeTempDir("sv-pypeer-");
-        ASSERT_FALSE(dir_.empty());
         ipc::setRuntimeDirectory(dir_);
     }
     void TearDown() override {
         if (service_) service_->die();
-        if (!dir_.empty()) std::filesystem::remove_all(dir_);
     }
     pid_t peer(const char* mode, const char* service) {
         return sv::test::spawnProcess(
             {"/usr/bin/python3", std::string(CLIENT_TEST_SOURCE_DIR) + "/python_recording_peer.py",
              mode, ipc::servicePath(service)});
     }
-    std::string dir_;
+    sv::test::TempDir tmp_;
+    const std::string& dir_ = tmp_.path();
     std::shared_ptr<FakeService> service_;
 };
 

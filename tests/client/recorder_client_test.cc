@@ -85,8 +85,6 @@ using StopResult = std::pair<std::optional<std::string>, std::optional<SVRecorde
 class RecorderClientTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        dir_ = sv::test::makeTempDir("sv-client-");
-        ASSERT_FALSE(dir_.empty());
         ipc::setRuntimeDirectory(dir_);
         static int counter = 0;
         service_ =
@@ -96,7 +94,6 @@ class RecorderClientTest : public ::testing::Test {
         client_.reset();
         if (daemon_) daemon_->die();
         daemon_.reset();
-        std::filesystem::remove_all(dir_);
     }
 
     // A daemon that answers with `script` (replies of any shape allowed).
@@ -139,7 +136,9 @@ class RecorderClientTest : public ::testing::Test {
             [&](auto done) { client().discardRecordingWithHandler(done); });
     }
 
-    std::string dir_, service_;
+    sv::test::TempDir tmp_;
+    const std::string& dir_ = tmp_.path();
+    std::string service_;
     std::shared_ptr<FakeService> daemon_;
     Executor executor_;
     std::shared_ptr<Delegate> delegate_ = std::make_shared<Delegate>();

@@ -51,9 +51,9 @@ TEST(X11ExampleTest, RecordsItsWindowAndFollowsTheFocus) {
     ASSERT_TRUE(daemon);
 
     std::string log = dir + "/example.log";
-    pid_t child = sv::test::spawnWithInput(
-        {std::string(X11_RECORDER), "--seconds", "600", "-o", output},
-        {"DISPLAY=" + x->displayName(), "SORVEL_RUNTIME_DIR=" + dir}, "", log);
+    pid_t child =
+        sv::test::spawnProcess({std::string(X11_RECORDER), "--seconds", "600", "-o", output},
+                               {"DISPLAY=" + x->displayName(), "SORVEL_RUNTIME_DIR=" + dir}, log);
     auto start = daemon->waitForCall(method::kStartRecording);
     ASSERT_TRUE(start) << sv::test::readFile(log);
     ASSERT_EQ(start->args[0].size(), 1u);

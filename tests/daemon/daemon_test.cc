@@ -1,6 +1,7 @@
 // sorveld as a process in a temporary home and runtime directory, driven
-// through the shell channel like the operating system's side drives it; and
-// the manager's purge and lock-button rules with a recording in progress.
+// through the shell channel like the operating system's side drives it (the
+// purge and lock-button rules during a recording are tested end to end in
+// recording_test.cc).
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,22 +9,19 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "client/shell_client.h"
-#include "daemon/recording_manager.h"
-#include "platform/log.h"
-#include "platform/process/purgeable_space.h"
 #include "protocol/service_names.h"
-#include "support/movie_store.h"
 #include "tests/process/private_daemon.h"
 #include "tests/process/process_helpers.h"
 
 using namespace sv;
 using namespace std::chrono_literals;
+using sv::test::contains;
 using sv::test::eventually;
+using sv::test::exists;
 using sv::test::PrivateDaemon;
 using sv::test::spawnProcess;
 using sv::test::waitForExit;
@@ -38,17 +36,6 @@ void makeFile(const std::string& path, size_t size, std::chrono::seconds age) {
     times[0].tv_sec -= age.count();
     times[1] = times[0];
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-}
-
-bool exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
-std::string readAll(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
 }
 
 class DaemonTest : public ::testing::Test {
@@ -67,34 +54,27 @@ class DaemonTest : public ::testing::Test {
                       &log_ = daemon.logPath;
 };
 
-TEST_F(DaemonTest, StartsWithItsStoreAndEndsOnSigterm) {
+// One idle daemon through its life: its store and socket, a second daemon
+// refused, purge calls by urgency, the lock button, the command-line shell,
+// and the end on SIGTERM.
+TEST_F(DaemonTest, AnIdleDaemonAnswersTheShellAndEndsOnSigterm) {
     startDaemon();
     struct stat st {};
     ASSERT_EQ(stat(store_.c_str(), &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0700u);
     EXPECT_TRUE(exists(ipc::servicePath(kDaemonServiceName)));
-
     // A second daemon on the same runtime directory refuses to start.
     pid_t second =
         spawnProcess({SORVELD, "--runtime-dir", run_, "--home", home_, "--log-level", "quiet"});
     EXPECT_EQ(waitForExit(second), 1);
 
-    EXPECT_EQ(daemon.stop(SIGTERM), 255);  // the entry point returns -1 when its run loop ends
-    EXPECT_NE(readAll(log_).find("sorveld Starting!"), std::string::npos);
-    EXPECT_FALSE(exists(ipc::servicePath(kShellServiceName)));
-}
-
-TEST_F(DaemonTest, AnswersPurgeCallsByUrgencyWhileIdle) {
-    startDaemon();
     makeFile(store_ + "old1.mp4", 1000, 2 * 86400s);
     makeFile(store_ + "old2.mp4", 2000, 86400s + 60s);
     makeFile(store_ + "new.mp4", 500, 3600s);
     ShellClient shell;
-
     auto r = shell.purgeableSpaceAndWait(0);
     ASSERT_FALSE(r.error) << r.error->description();
-    struct stat st {};
     ASSERT_EQ(stat(store_.c_str(), &st), 0);
     EXPECT_EQ(r.bytes, int64_t(st.st_size));  // the size attribute of the store directory
 
@@ -109,8 +89,17 @@ TEST_F(DaemonTest, AnswersPurgeCallsByUrgencyWhileIdle) {
     r = shell.periodicAndWait(0, 0);
     EXPECT_EQ(r.bytes, 700);
     EXPECT_TRUE(exists(store_ + "new.mp4"));
-
     EXPECT_FALSE(shell.cancelPurgeAndWait().error);
+
+    // The lock button while idle changes nothing; the command-line tool
+    // speaks for the shell as well.
+    EXPECT_FALSE(shell.lockButtonPressedAndWait().error);
+    EXPECT_TRUE(daemon.logged("SVRecordingManager: _handleLockButtonWasPressedNotification"));
+    pid_t cli = spawnProcess({SORVEL, "shell", "--runtime-dir", run_, "lock"});
+    EXPECT_EQ(waitForExit(cli), 0);
+    EXPECT_TRUE(daemon.logged("SVRecordingManager: _handleLockButtonWasPressedNotification", 2));
+    EXPECT_EQ(daemon.logCount("stopRecordingWithHandler"), 0u);
+    EXPECT_TRUE(exists(store_ + "new.mp4"));
 
     // A sparse file: byte counts beyond 32 bits travel whole.
     constexpr int64_t kHuge = int64_t(3) << 30;
@@ -119,30 +108,12 @@ TEST_F(DaemonTest, AnswersPurgeCallsByUrgencyWhileIdle) {
     r = shell.purgeAndWait(0, 3);  // urgent: everything goes
     EXPECT_EQ(r.bytes, 500 + kHuge);
     EXPECT_TRUE(std::filesystem::is_empty(store_));
-    EXPECT_TRUE(eventually([&] {
-        std::string text = readAll(log_);
-        return text.find("SVRecordingManager: cache delete purge callback") != std::string::npos &&
-               text.find("SVRecordingManager: cache delete periodic callback") != std::string::npos;
-    }));
-}
+    EXPECT_TRUE(daemon.logged("SVRecordingManager: cache delete purge callback"));
+    EXPECT_TRUE(daemon.logged("SVRecordingManager: cache delete periodic callback"));
 
-TEST_F(DaemonTest, LockButtonWhileIdleChangesNothing) {
-    startDaemon();
-    makeFile(store_ + "keep.mp4", 100, 60s);
-    ShellClient shell;
-    EXPECT_FALSE(shell.lockButtonPressedAndWait().error);
-    EXPECT_TRUE(eventually([&] {
-        return readAll(log_).find("SVRecordingManager: _handleLockButtonWasPressedNotification") !=
-               std::string::npos;
-    }));
-    EXPECT_EQ(readAll(log_).find("stopRecordingWithHandler"), std::string::npos);
-    EXPECT_TRUE(exists(store_ + "keep.mp4"));
-    EXPECT_FALSE(shell.purgeableSpaceAndWait(0).error);  // still serving
-
-    // The command-line tool speaks for the shell as well.
-    pid_t cli = spawnProcess({SORVEL, "shell", "--runtime-dir", run_, "lock"});
-    EXPECT_EQ(waitForExit(cli), 0);
-    daemon.stop(SIGTERM);
+    EXPECT_EQ(daemon.stop(SIGTERM), 255);  // the entry point returns -1 when its run loop ends
+    EXPECT_EQ(daemon.logCount("sorveld Starting!"), 1u);
+    EXPECT_FALSE(exists(ipc::servicePath(kShellServiceName)));
     cli = spawnProcess({SORVEL, "shell", "--runtime-dir", run_, "purge", "--urgency", "3"});
     EXPECT_EQ(waitForExit(cli), 1);  // nobody answers
 }
@@ -162,8 +133,7 @@ TEST_F(DaemonTest, SocketActivatedDaemonEndsWhenIdle) {
         {}, log_);
     // The activator makes each socket (bind, then listen) and says so; only
     // then does a connection wake the daemon.
-    ASSERT_TRUE(eventually(
-        [&] { return readAll(log_).find("Listening on " + shellPath) != std::string::npos; }));
+    ASSERT_TRUE(daemon.logged("Listening on " + shellPath));
     {
         ShellClient shell;
         auto r = shell.purgeAndWait(0, 3);
@@ -173,57 +143,11 @@ TEST_F(DaemonTest, SocketActivatedDaemonEndsWhenIdle) {
     const std::string agentLog = daemon.root + "/agent.log";
     pid_t agent = spawnProcess(
         {SORVEL, "consent-agent", "--answer", "decline", "--runtime-dir", run_}, {}, agentLog);
-    EXPECT_TRUE(
-        eventually([&] { return readAll(agentLog).find("registered") != std::string::npos; }));
+    EXPECT_TRUE(eventually([&] { return contains(sv::test::readFile(agentLog), "registered"); }));
     EXPECT_EQ(waitForExit(activator, 15s), 255);
     kill(agent, SIGTERM);
     waitForExit(agent);
-    EXPECT_NE(readAll(log_).find("idle with no open transaction; ending"), std::string::npos);
-}
-
-// The manager in this process, with a session that records.
-TEST_F(DaemonTest, PurgeAndLockButtonDuringARecording) {
-    MovieStore::shared().setHomeDirectory(home_);
-    log::Capture capture;
-    auto manager = SVRecordingManager::create();
-    ASSERT_TRUE(manager->publicListener());
-    auto session = SVRecordingSession::initWithBundleID("org.sorvel.tests.app");
-    session->setRecording(true);
-    manager->setCurrentRecordingSession(session);
-    makeFile(store_ + "old.mp4", 1000, 2 * 86400s);
-    makeFile(store_ + "recording.mp4", 4000, 1s);
-
-    // Low urgency never touches a running recording.
-    EXPECT_EQ(PurgeableSpaceService::shared().purge(0, 2), 0);
-    EXPECT_TRUE(exists(store_ + "old.mp4"));
-    // The periodic clean-up runs regardless.
-    EXPECT_EQ(PurgeableSpaceService::shared().periodic(0, 0), 1000);
-
-    // Urgent: the recording is stopped and told -5805, then everything goes.
-    EXPECT_EQ(PurgeableSpaceService::shared().purge(0, 3), 4000);
-    EXPECT_TRUE(std::filesystem::is_empty(store_));
-    EXPECT_TRUE(capture.contains("SVRecordingManager: stopRecordingWithHandler:"));
-    EXPECT_TRUE(capture.contains("SVRecordingManager:recordingSessionStoppedWithError:movieURL:"));
-
-    // A new recording (a session of its own: the stopped one is still being
-    // finished), and the device is locked.
-    auto next = SVRecordingSession::initWithBundleID("org.sorvel.tests.other");
-    next->setRecording(true);
-    manager->setCurrentRecordingSession(next);
-    capture.clear();
-    NotificationCenter::defaultCenter().post(kLockButtonPressedNotification);
-    EXPECT_TRUE(capture.contains("SVRecordingManager: _handleLockButtonWasPressedNotification"));
-    EXPECT_TRUE(capture.contains("SVRecordingManager: stopRecordingWithHandler:"));
-
-    next->setRecording(false);
-    capture.clear();
-    NotificationCenter::defaultCenter().post(kLockButtonPressedNotification);
-    EXPECT_FALSE(capture.contains("SVRecordingManager: stopRecordingWithHandler:"));
-
-    manager->publicListener()->invalidate();
-    std::weak_ptr<SVRecordingManager> weak = manager;
-    manager.reset();
-    EXPECT_FALSE(weak.expired());  // the purge callback keeps it for the life of the process
+    EXPECT_EQ(daemon.logCount("idle with no open transaction; ending"), 1u);
 }
 
 }  // namespace

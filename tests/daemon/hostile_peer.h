@@ -1,8 +1,8 @@
 // A local process that talks to the daemon's sockets directly, the way a
 // hostile peer of the same user would: raw SOCK_SEQPACKET connections,
 // hand-made CBOR (including values the library would never encode), and the
-// daemon's own figures read from /proc. Used by the hostile-peer tests and
-// by bench/ipc/daemon_hostile_bench.
+// daemon's own figures read from /proc. Used by the hostile-peer and IPC
+// tests and by bench/ipc/daemon_hostile_bench.
 #pragma once
 
 #include <dirent.h>
@@ -34,10 +34,8 @@ namespace sv::test {
 // Resident set size (VmRSS) of `pid` in KiB; 0 when it cannot be read.
 inline size_t residentKiB(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(in, line)) {
+    for (std::string line; std::getline(in, line);)
         if (line.rfind("VmRSS:", 0) == 0) return std::stoul(line.substr(6));
-    }
     return 0;
 }
 
@@ -69,72 +67,6 @@ inline size_t descriptorCount(pid_t pid) {
     }
     return n;
 }
-
-// A log file that grows while the daemon writes it; counts what was added
-// since the last mark. Reads only what is new on each call, and keeps at
-// most `keepBytes` of it: a daemon that floods its log fails a bound long
-// before that, and the test must not drown reading it.
-class LogFile {
-  public:
-    explicit LogFile(std::string path, size_t keepBytes = 16 << 20)
-        : path_(std::move(path)), keep_(keepBytes) {}
-
-    // Counts from the end of the file as it is now.
-    void mark() {
-        struct stat st {};
-        start_ = ::stat(path_.c_str(), &st) == 0 ? size_t(st.st_size) : 0;
-        read_ = start_;
-        text_.clear();
-    }
-    // What was added since the mark (up to the bytes kept).
-    const std::string& sinceMark() {
-        update();
-        return text_;
-    }
-    size_t linesSinceMark() { return countLines({}); }
-    size_t linesSinceMarkContaining(std::string_view fragment) { return countLines(fragment); }
-    size_t bytesSinceMark() const {
-        struct stat st {};
-        return ::stat(path_.c_str(), &st) == 0 && size_t(st.st_size) > start_
-                   ? size_t(st.st_size) - start_
-                   : 0;
-    }
-
-  private:
-    void update() {
-        if (text_.size() >= keep_) return;
-        std::ifstream in(path_, std::ios::binary);
-        in.seekg(std::streamoff(read_));
-        std::string chunk(std::min<size_t>(keep_ - text_.size(), 1 << 20), '\0');
-        while (text_.size() < keep_ &&
-               in.read(chunk.data(), std::streamsize(chunk.size())).gcount() > 0) {
-            size_t n = size_t(in.gcount());
-            text_.append(chunk.data(), n);
-            read_ += n;
-            if (n < chunk.size()) break;
-        }
-    }
-    // Complete lines only: the last one may still be being written.
-    size_t countLines(std::string_view fragment) {
-        update();
-        size_t n = 0, begin = 0;
-        while (true) {
-            size_t end = text_.find('\n', begin);
-            if (end == std::string::npos) break;
-            if (std::string_view(text_).substr(begin, end - begin).find(fragment) !=
-                std::string_view::npos)
-                ++n;
-            begin = end + 1;
-        }
-        return n;
-    }
-
-    std::string path_;
-    size_t keep_;
-    size_t start_ = 0;  // file offset of the mark
-    size_t read_ = 0;   // file offset read up to
-    std::string text_;
-};
 
 // ---- hand-made messages ----
 
@@ -179,24 +111,18 @@ class RawPeer {
     RawPeer() = default;
     explicit RawPeer(int fd) : fd_(fd) {}
     RawPeer(RawPeer&& o) noexcept : fd_(std::exchange(o.fd_, -1)), buffer_(std::move(o.buffer_)) {}
-    RawPeer& operator=(RawPeer&& o) noexcept {
-        if (this != &o) {
-            close();
-            fd_ = std::exchange(o.fd_, -1);
-            buffer_ = std::move(o.buffer_);
-        }
-        return *this;
-    }
     ~RawPeer() { close(); }
 
     // Connects to the socket at `path`; invalid when the connection is
     // refused or the backlog is full. `receiveBuffer` > 0 shrinks the socket's
-    // receive buffer (a peer that means not to read).
-    static RawPeer connect(const std::string& path, int receiveBuffer = 0) {
+    // receive buffer (a peer that means not to read); `sendBuffer` > 0 sets
+    // the send buffer (a peer that sends oversized messages).
+    static RawPeer connect(const std::string& path, int receiveBuffer = 0, int sendBuffer = 0) {
         int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         if (fd < 0) return RawPeer();
         if (receiveBuffer > 0)
             setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+        if (sendBuffer > 0) setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
         std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
@@ -214,16 +140,30 @@ class RawPeer {
         fd_ = -1;
     }
 
-    // Sends one datagram without waiting; false when the socket would block
-    // or is broken.
-    bool trySend(const Bytes& bytes) {
-        return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
-               ssize_t(bytes.size());
+    // Sends one datagram (with `fds` attached) without waiting; false when
+    // the socket would block or is broken.
+    bool trySend(const Bytes& bytes, const std::vector<int>& fds = {}) {
+        iovec iov{const_cast<uint8_t*>(bytes.data()), bytes.size()};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        std::vector<char> control(CMSG_SPACE(sizeof(int) * fds.size()));
+        if (!fds.empty()) {
+            msg.msg_control = control.data();
+            msg.msg_controllen = control.size();
+            cmsghdr* c = CMSG_FIRSTHDR(&msg);
+            c->cmsg_level = SOL_SOCKET;
+            c->cmsg_type = SCM_RIGHTS;
+            c->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
+            std::memcpy(CMSG_DATA(c), fds.data(), sizeof(int) * fds.size());
+        }
+        return ::sendmsg(fd_, &msg, MSG_NOSIGNAL | MSG_DONTWAIT) == ssize_t(bytes.size());
     }
     // Sends one datagram, waiting up to `timeout` for room.
-    bool send(const Bytes& bytes, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    bool send(const Bytes& bytes, const std::vector<int>& fds = {},
+              std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
         auto end = std::chrono::steady_clock::now() + timeout;
-        while (!trySend(bytes)) {
+        while (!trySend(bytes, fds)) {
             if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
             if (!waitFor(POLLOUT, end)) return false;
         }
@@ -307,7 +247,7 @@ inline bool callAndWait(RawPeer& p, const Bytes& call, uint64_t replyId,
                         std::chrono::milliseconds timeout) {
     using Clock = std::chrono::steady_clock;
     auto end = Clock::now() + timeout;
-    if (!p.send(call, timeout)) return false;
+    if (!p.send(call, {}, timeout)) return false;
     while (Clock::now() < end) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
         auto m = p.receive(left + std::chrono::milliseconds(1));

@@ -36,11 +36,10 @@
 #include "tests/process/private_daemon.h"
 #include "tests/process/process_helpers.h"
 
-extern char** environ;
-
 using namespace sv;
 using namespace std::chrono_literals;
 using sv::test::eventually;
+using sv::test::exists;
 using sv::test::PrivateDaemon;
 using sv::test::waitForExit;
 
@@ -50,10 +49,6 @@ constexpr auto kAnswer = 30s;  // generous: sanitizer builds on a busy machine
 const std::string kAlpha = "org.sorvel.tests.alpha";
 const std::string kBeta = "org.sorvel.tests.beta";
 
-bool exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
 // One test application: commands go to its standard input, its report
 // lines come from its standard output.
 class App {
@@ -61,10 +56,7 @@ class App {
     App(const std::string& executable, const std::string& runtimeDir, const std::string& log) {
         int in[2], out[2];
         if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-        std::vector<std::string> env;
-        for (char** e = environ; *e; ++e)
-            if (std::strncmp(*e, "SORVEL_RUNTIME_DIR=", 19) != 0) env.emplace_back(*e);
-        env.push_back("SORVEL_RUNTIME_DIR=" + runtimeDir);
+        std::vector<std::string> env = test::environmentWith({"SORVEL_RUNTIME_DIR=" + runtimeDir});
         std::vector<char*> a{const_cast<char*>(executable.c_str()), nullptr}, en;
         for (auto& s : env) en.push_back(s.data());
         en.push_back(nullptr);
@@ -85,7 +77,6 @@ class App {
         if (pid_ > 0 && waitForExit(pid_, 10s) < 0) pid_ = -1;
         if (fromApp_ >= 0) close(fromApp_);
     }
-    pid_t pid() const { return pid_; }
 
     void send(const std::string& command) {
         std::string line = command + "\n";
@@ -308,27 +299,22 @@ class RecordingTest : public ::testing::Test {
         EXPECT_TRUE(answer) << "no answer to the start";
         return answer ? std::stoll(*answer) : 1;
     }
-    // Waits until the app's recording has written `frames` frames.
-    bool recorded(App& app, int64_t frames) {
-        return eventually(
-            [&] {
-                app.send("status");
-                auto s = app.expect("status ");
-                if (!s || *s == "null" || *s == "error") return false;
-                auto v = Value::parse(*s, nullptr, false);
-                return v.is_object() && v.value("framesWritten", int64_t(0)) >= frames;
-            },
-            kAnswer);
-    }
-    // Frames the app's last recording could not write (its encoder behind):
-    // what the movie may be missing. Kept after the recording ends.
-    int64_t framesDropped(App& app) {
+    // The app's recording status (its last recording's, once it ended); an
+    // empty object when there is none or it cannot be read.
+    Value status(App& app) {
         app.send("status");
         auto s = app.expect("status ");
         auto v = s ? Value::parse(*s, nullptr, false) : Value();
-        EXPECT_TRUE(v.is_object()) << (s ? *s : "no status");
-        return v.is_object() ? v.value("framesDropped", int64_t(0)) : 0;
+        return v.is_object() ? v : Value::object();
     }
+    // Waits until the app's recording has written `frames` frames.
+    bool recorded(App& app, int64_t frames) {
+        return eventually([&] { return status(app).value("framesWritten", int64_t(0)) >= frames; },
+                          kAnswer);
+    }
+    // Frames the app's last recording could not write (its encoder behind):
+    // what the movie may be missing.
+    int64_t framesDropped(App& app) { return status(app).value("framesDropped", int64_t(0)); }
     std::optional<StopReport> stop(App& app) {
         app.send("stop");
         return parseStop(app.expect("stopped "));
@@ -642,8 +628,15 @@ TEST_F(RecordingTest, LockButtonAndStoragePressure) {
 
     EXPECT_EQ(start(alpha), 0);  // exempt now
     ASSERT_TRUE(recorded(alpha, 5));
+    // Low urgency leaves even a days-old movie alone while recording; the
+    // periodic clean-up takes it all the same.
+    const std::string old = store_ + "old.mp4";
+    std::ofstream(old) << std::string(1000, 'm');
+    std::filesystem::last_write_time(old, std::filesystem::file_time_type::clock::now() - 48h);
     auto low = shell().purgeAndWait(0, 2);
     EXPECT_EQ(low.bytes, 0);
+    EXPECT_TRUE(exists(old));
+    EXPECT_EQ(shell().periodicAndWait(0, 0).bytes, 1000);
     ASSERT_TRUE(recorded(alpha, 15));
     EXPECT_FALSE(alpha.has("callback "));
     // The store holds the recording's partial movie alone (it took the
@@ -682,11 +675,7 @@ TEST_F(RecordingTest, PauseResumeTrimAndDiscard) {
     std::this_thread::sleep_for(1s);
     alpha.send("resume own");
     ASSERT_TRUE(logged("SVRecordingSession: resumeSessionWithContextID:"));
-    alpha.send("status");
-    auto before = alpha.expect("status ");
-    ASSERT_TRUE(before);
-    const int64_t framesBefore = Value::parse(*before).value("framesWritten", int64_t(0));
-    ASSERT_TRUE(recorded(alpha, framesBefore + 100));
+    ASSERT_TRUE(recorded(alpha, status(alpha).value("framesWritten", int64_t(0)) + 100));
     alpha.send("stopclip 1 1");
     auto trimmed = parseStop(alpha.expect("stopped "));
     ASSERT_TRUE(trimmed);
@@ -874,49 +863,43 @@ TEST_F(RecordingTest, MalformedRequestsAreDropped) {
     connection->setExportedInterface(clientProtocolInterface());
     connection->setExportedObject(std::make_shared<ipc::MethodTable>());
     connection->resume();
-    std::mutex mutex;
-    std::vector<std::string> answered;  // methods in the order they were answered
-    auto call = [&](const std::string& name, const std::string& method, ipc::Arguments args) {
-        connection->remoteObjectProxyWithErrorHandler([](const Error&) {})
-            .call(method, args, [&, name](const ipc::Received&) {
-                std::lock_guard lock(mutex);
-                answered.push_back(name);
-            });
-    };
     auto startArgs = [](Value ids, Value size) {
-        return ipc::Arguments()
-            .add(std::move(ids))
-            .add(std::move(size))
-            .add(Value(false))
-            .add(Value(false))
-            .add(Value(false))
-            .add(Value(false));
+        ipc::Arguments a;
+        a.add(std::move(ids)).add(std::move(size));
+        for (int i = 0; i < 4; ++i) a.add(Value(false));
+        return a;
     };
     const Value size{{"width", 10}, {"height", 10}};
-    call("wide", method::kStartRecording,
-         startArgs(Value::array({1, 2}), Value{{"width", "wide"}}));
-    call("2^32", method::kStartRecording, startArgs(Value::array({int64_t(1) << 32}), size));
-    call("-1", method::kStartRecording, startArgs(Value::array({-1}), size));
-    call("nan", method::kStopRecordingWithClip,
-         ipc::Arguments().add(Value(std::nan(""))).add(Value(1.0)));
-    call("long", method::kSetupBroadcast,
-         ipc::Arguments()
-             .add(Value(std::string(300, 'a')))
-             .add(Value("x"))
-             .add(Value(nullptr))
-             .add(Value(nullptr)));
-    // Well-formed: this process lies in no bundle, so it is refused -5803.
-    call("last", method::kStartRecording, startArgs(Value::array({1}), size));
+    const std::tuple<std::string, const char*, ipc::Arguments> calls[] = {
+        {"wide", method::kStartRecording,
+         startArgs(Value::array({1, 2}), Value{{"width", "wide"}})},
+        {"2^32", method::kStartRecording, startArgs(Value::array({int64_t(1) << 32}), size)},
+        {"-1", method::kStartRecording, startArgs(Value::array({-1}), size)},
+        {"nan", method::kStopRecordingWithClip,
+         ipc::Arguments().add(Value(std::nan(""))).add(Value(1.0))},
+        {"long", method::kSetupBroadcast,
+         ipc::Arguments().add(Value(std::string(300, 'a'))).add(Value("x")).addNull().addNull()},
+        // Well-formed: this process lies in no bundle, so it is refused -5803.
+        {"last", method::kStartRecording, startArgs(Value::array({1}), size)},
+    };
+    struct First {
+        std::mutex mutex;
+        std::optional<std::string> answered;
+    };
+    auto first = std::make_shared<First>();
+    for (const auto& [name, method, args] : calls)
+        connection->remoteObjectProxyWithErrorHandler([](const Error&) {})
+            .call(method, args, [first, name = name](const ipc::Received&) {
+                std::lock_guard lock(first->mutex);
+                if (!first->answered) first->answered = name;
+            });
     ASSERT_TRUE(eventually(
         [&] {
-            std::lock_guard lock(mutex);
-            return !answered.empty();
+            std::lock_guard lock(first->mutex);
+            return first->answered.has_value();
         },
         kAnswer));
-    {
-        std::lock_guard lock(mutex);
-        EXPECT_EQ(answered, std::vector<std::string>{"last"});
-    }
+    EXPECT_EQ(*first->answered, "last");
     EXPECT_TRUE(
         logged("dropped: a layer context identifier is an integer from 0 to 4294967295", 2));
     EXPECT_TRUE(logged("dropped: clip durations are finite numbers"));

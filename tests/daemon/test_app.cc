@@ -26,13 +26,13 @@
 #include <mutex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "client/shell_client.h"
 #include "platform/dispatch.h"
 #include "platform/log.h"
 #include "sorvel/recorder_client.h"
+#include "tests/process/process_helpers.h"
 
 namespace {
 
@@ -60,20 +60,21 @@ class Delegate : public sv::SVRecorderClientDelegate {
 // it accepts the client's connection, which may come a moment after the
 // question; asked again for a while, as `sorvel record` does.
 std::vector<uint32_t> ownLayers(sv::ShellClient& shell) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (true) {
-        sv::Semaphore done;
-        std::vector<uint32_t> result;
-        bool failed = false;
-        shell.layerContextIDsForCaller([&](std::vector<uint32_t> layers, sv::OptionalError e) {
-            result = std::move(layers);
-            failed = e.has_value();
-            done.signal();
-        });
-        done.wait();
-        if (!result.empty() || failed || std::chrono::steady_clock::now() > deadline) return result;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    std::vector<uint32_t> result;
+    sv::test::eventually(
+        [&] {
+            sv::Semaphore done;
+            bool failed = false;
+            shell.layerContextIDsForCaller([&](std::vector<uint32_t> layers, sv::OptionalError e) {
+                result = std::move(layers);
+                failed = e.has_value();
+                done.signal();
+            });
+            done.wait();
+            return !result.empty() || failed;
+        },
+        std::chrono::seconds(20));
+    return result;
 }
 
 }  // namespace

@@ -66,15 +66,6 @@ struct Outcome {
     }
 };
 
-size_t openDescriptors() {
-    size_t n = 0;
-    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-        (void)entry;
-        ++n;
-    }
-    return n;
-}
-
 // Gone for good: not even a zombie (kill(pid, 0) succeeds on a zombie).
 bool reaped(pid_t pid) {
     return pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
@@ -176,7 +167,7 @@ TEST_F(ExtensionTest, RequestHandsOverItemsAndExactlyTheGrantedFileReadOnly) {
     // descriptors); the second must leave nothing behind.
     size_t descriptorsBefore = 0;
     for (int round = 0; round < 2; ++round) {
-        if (round == 1) descriptorsBefore = openDescriptors();
+        if (round == 1) descriptorsBefore = test::openDescriptorCount();
         pid_t pid = -1;
         {
             auto echo = extension("com.example.test.echo");
@@ -225,8 +216,9 @@ TEST_F(ExtensionTest, RequestHandsOverItemsAndExactlyTheGrantedFileReadOnly) {
             EXPECT_TRUE(test::eventually([&] { return reaped(pid); }, 10s));
         }
     }
-    EXPECT_TRUE(test::eventually([&] { return openDescriptors() <= descriptorsBefore; }, 5s))
-        << openDescriptors() << " descriptors open, " << descriptorsBefore << " before";
+    EXPECT_TRUE(
+        test::eventually([&] { return test::openDescriptorCount() <= descriptorsBefore; }, 5s))
+        << test::openDescriptorCount() << " descriptors open, " << descriptorsBefore << " before";
 }
 
 TEST_F(ExtensionTest, ExtensionThatDiesOrNeverConnectsBreaksItsRequestAndIsReaped) {

@@ -18,6 +18,7 @@
 #include "tests/daemon/hostile_peer.h"
 #include "tests/ipc/test_protocol.h"
 #include "tests/process/process_helpers.h"
+#include "tests/support/test_util.h"
 
 using namespace sv;
 using namespace sv::ipc;
@@ -123,8 +124,6 @@ class Server : public ListenerDelegate, public std::enable_shared_from_this<Serv
 class IpcTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        dir_ = sv::test::makeTempDir("sv-ipc-");
-        ASSERT_FALSE(dir_.empty());
         setRuntimeDirectory(dir_);
         static int counter = 0;
         service_ = "org.sorvel.test" + std::to_string(getpid()) + "." + std::to_string(++counter);
@@ -133,7 +132,6 @@ class IpcTest : public ::testing::Test {
     void TearDown() override {
         if (listener_) listener_->invalidate();
         for (auto& c : server_->connections) c->invalidate();
-        std::filesystem::remove_all(dir_);
     }
 
     void listen(ListenerOptions options = {}) {
@@ -148,15 +146,23 @@ class IpcTest : public ::testing::Test {
         return spawnProcess(args, {"SORVEL_RUNTIME_DIR=" + dir_});
     }
 
-    std::string dir_, service_;
+    sv::test::TempDir tmp_;
+    const std::string& dir_ = tmp_.path();
+    std::string service_;
     std::shared_ptr<Server> server_;
     std::shared_ptr<Listener> listener_;
 };
 
+// Nothing is accepted before the listener resumes; then the peer is
+// identified by its process, and only its user may connect.
 TEST_F(IpcTest, AcceptedPeerIsIdentifiedByItsProcess) {
-    listen();
+    listener_ = Listener::named(service_).valueOr(nullptr);
+    ASSERT_TRUE(listener_);
+    listener_->setDelegate(server_);
     pid_t child = peer({"client", service_, "hello"});
     ASSERT_GT(child, 0);
+    EXPECT_TRUE(stays([&] { return !server_->snapshot(server_->connectionPids).empty(); }, 200ms));
+    listener_->resume();
     EXPECT_EQ(waitForExit(child), 0);
     EXPECT_EQ(server_->snapshot(server_->connectionPids), std::vector<pid_t>{child});
     EXPECT_EQ(server_->snapshot(server_->hellos), std::vector<int64_t>{child});
@@ -172,17 +178,6 @@ TEST_F(IpcTest, RefusedConnectionDeliversNothing) {
     EXPECT_EQ(waitForExit(child), 3);  // the child's call failed through its error handler
     EXPECT_FALSE(server_->snapshot(server_->connectionPids).empty());
     EXPECT_TRUE(server_->snapshot(server_->hellos).empty());
-}
-
-TEST_F(IpcTest, NoConnectionBeforeResume) {
-    listener_ = Listener::named(service_).valueOr(nullptr);
-    ASSERT_TRUE(listener_);
-    listener_->setDelegate(server_);
-    pid_t child = peer({"client", service_, "hello"});
-    EXPECT_TRUE(stays([&] { return !server_->snapshot(server_->connectionPids).empty(); }, 200ms));
-    listener_->resume();
-    EXPECT_EQ(waitForExit(child), 0);
-    EXPECT_EQ(server_->snapshot(server_->hellos), std::vector<int64_t>{child});
 }
 
 TEST_F(IpcTest, MessagesArriveInOrderAndDroppedRepliesNeverArrive) {
@@ -368,39 +363,6 @@ TEST_F(IpcTest, SurfaceCrossesWithoutCopyingItsPixels) {
     waitForExit(child);
 }
 
-// A raw peer on the named socket.
-int rawConnect(const std::string& path) {
-    int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        close(fd);
-        return -1;
-    }
-    int size = 1 << 20;
-    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-    return fd;
-}
-
-bool rawSend(int fd, const Bytes& bytes, const std::vector<int>& fds = {}) {
-    iovec iov{const_cast<uint8_t*>(bytes.data()), bytes.size()};
-    msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    std::vector<char> control(CMSG_SPACE(sizeof(int) * fds.size()));
-    if (!fds.empty()) {
-        msg.msg_control = control.data();
-        msg.msg_controllen = control.size();
-        cmsghdr* c = CMSG_FIRSTHDR(&msg);
-        c->cmsg_level = SOL_SOCKET;
-        c->cmsg_type = SCM_RIGHTS;
-        c->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
-        std::memcpy(CMSG_DATA(c), fds.data(), sizeof(int) * fds.size());
-    }
-    return sendmsg(fd, &msg, MSG_NOSIGNAL) == ssize_t(bytes.size());
-}
-
 Bytes call(const std::string& method, Value args, size_t fdCount = 0) {
     return encodeCbor(
         Value{{"v", 1}, {"t", 1}, {"m", method}, {"a", std::move(args)}, {"n", fdCount}});
@@ -410,8 +372,8 @@ TEST_F(IpcTest, HostileMessagesAreDroppedAndTheirDescriptorsClosed) {
     listen();
     log::Capture capture;
     size_t before = sv::test::openDescriptorCount();
-    int raw = rawConnect(servicePath(service_));
-    ASSERT_GE(raw, 0);
+    auto raw = test::RawPeer::connect(servicePath(service_), 0, 1 << 20);
+    ASSERT_TRUE(raw.valid());
     ASSERT_TRUE(eventually([&] { return server_->snapshot(server_->connections).size() == 1; }));
 
     int memfd = memfd_create("unsealed", MFD_CLOEXEC);
@@ -419,32 +381,30 @@ TEST_F(IpcTest, HostileMessagesAreDroppedAndTheirDescriptorsClosed) {
     int writable = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
     Bytes good = call("hello:", Value::array({42}));
 
-    EXPECT_TRUE(rawSend(raw, Bytes{0xff, 0x00, 0x13, 0x37}));                // not CBOR
-    EXPECT_TRUE(rawSend(raw, Bytes(good.begin(), good.end() - 3)));          // truncated
-    EXPECT_TRUE(rawSend(raw, call("nosuchMethod:", Value::array({1}))));     // unknown method
-    EXPECT_TRUE(rawSend(raw, call("hello:", Value::array({"forty-two"}))));  // wrong kind
-    EXPECT_TRUE(rawSend(raw, call("hello:", Value::array({42})), {memfd}));  // fd not announced
+    EXPECT_TRUE(raw.send(Bytes{0xff, 0x00, 0x13, 0x37}));                // not CBOR
+    EXPECT_TRUE(raw.send(Bytes(good.begin(), good.end() - 3)));          // truncated
+    EXPECT_TRUE(raw.send(call("nosuchMethod:", Value::array({1}))));     // unknown method
+    EXPECT_TRUE(raw.send(call("hello:", Value::array({"forty-two"}))));  // wrong kind
+    EXPECT_TRUE(raw.send(call("hello:", Value::array({42})), {memfd}));  // fd not announced
     Value surfaceRef = {{"$object", "surface"}, {"index", 0},
                         {"width", 16},          {"height", 16},
                         {"bytesPerRow", 64},    {"pixelFormat", uint32_t(PixelFormat::BGRA)}};
-    EXPECT_TRUE(rawSend(raw, call("takeSurface:withReply:", Value::array({surfaceRef, 1}), 1),
-                        {memfd}));  // unsealed memfd posing as a surface
+    EXPECT_TRUE(raw.send(call("takeSurface:withReply:", Value::array({surfaceRef, 1}), 1),
+                         {memfd}));  // unsealed memfd posing as a surface
     std::vector<int> many(kMaxObjectsPerMessage + 4, writable);
-    EXPECT_TRUE(
-        rawSend(raw, call("hello:", Value::array({1}), many.size()), many));  // too many fds
-    EXPECT_TRUE(rawSend(raw, good));                                          // still served
+    EXPECT_TRUE(raw.send(call("hello:", Value::array({1}), many.size()), many));  // too many fds
+    EXPECT_TRUE(raw.send(good));                                                  // still served
     ASSERT_TRUE(eventually([&] { return server_->snapshot(server_->hellos).size() == 1; }));
     EXPECT_EQ(server_->snapshot(server_->hellos)[0], 42);
     EXPECT_EQ(server_->invalidations, 0);
 
     Bytes huge(kMaxMessageBytes + 1000, 0xa0);
-    rawSend(raw, huge);  // the eighth rejected message: disconnected
+    raw.send(huge);  // the eighth rejected message: disconnected
     ASSERT_TRUE(eventually([&] { return server_->invalidations == 1; }));
-    char b;
-    EXPECT_EQ(recv(raw, &b, 1, 0), 0);  // end of stream
+    EXPECT_TRUE(raw.closedByPeer());
     EXPECT_GE(capture.countContaining("ipc: dropped a message"), 7u);
     EXPECT_EQ(capture.countContaining("ipc: disconnecting pid"), 1u);
-    close(raw);
+    raw.close();
     close(memfd);
     close(writable);
     server_->connections.clear();
@@ -513,20 +473,14 @@ TEST_F(IpcTest, EachUserHoldsAtMostTheLimitOfConnections) {
     EXPECT_EQ(capture.countContaining("ipc: refusing connections"), 2u);
 }
 
-// Back-pressure loses nothing: while a peer does not read its replies the
-// service stops reading its calls (the peer's sends block), and once the
-// peer reads again every call is answered, in order.
-TEST_F(IpcTest, APeerThatStopsReadingIsPausedAndLosesNothing) {
-    ListenerOptions options;
-    options.stalledPeerTimeout = 10min;  // not what this test is about, even when slow
-    listen(options);
-    auto peer = test::RawPeer::connect(servicePath(service_));
-    ASSERT_TRUE(peer.valid());
-    Value payload = std::string(2000, 'x');
+// Sends echo calls until the service stops reading them (the sends block
+// for a while); how many were sent.
+uint64_t sendUntilBlocked(test::RawPeer& peer) {
+    const Value payload = std::string(2000, 'x');
     uint64_t sent = 0;
     auto blockedSince = std::chrono::steady_clock::now();
     bool blocked = false;
-    ASSERT_TRUE(eventually(
+    EXPECT_TRUE(eventually(
         [&] {
             for (int i = 0; i < 64; ++i) {
                 if (!peer.trySend(call("echo:withReply:", Value::array({payload, sent + 1})))) {
@@ -540,6 +494,19 @@ TEST_F(IpcTest, APeerThatStopsReadingIsPausedAndLosesNothing) {
             return false;
         },
         30s));
+    return sent;
+}
+
+// Back-pressure loses nothing: while a peer does not read its replies the
+// service stops reading its calls (the peer's sends block), and once the
+// peer reads again every call is answered, in order.
+TEST_F(IpcTest, APeerThatStopsReadingIsPausedAndLosesNothing) {
+    ListenerOptions options;
+    options.stalledPeerTimeout = 10min;  // not what this test is about, even when slow
+    listen(options);
+    auto peer = test::RawPeer::connect(servicePath(service_));
+    ASSERT_TRUE(peer.valid());
+    const uint64_t sent = sendUntilBlocked(peer);
     // The service read only a bounded part of the calls.
     EXPECT_GT(sent, kReadPauseQueuedMessages);
 
@@ -553,6 +520,22 @@ TEST_F(IpcTest, APeerThatStopsReadingIsPausedAndLosesNothing) {
     EXPECT_TRUE(
         test::callAndWait(peer, call("echo:withReply:", Value::array({1, sent + 1})), sent + 1));
     EXPECT_EQ(server_->invalidations, 0);
+}
+
+// A peer that takes nothing sent to it for the stall timeout is disconnected,
+// with one line; a peer that reads is served throughout.
+TEST_F(IpcTest, APeerThatNeverReadsIsDisconnectedAfterTheStallTimeout) {
+    ListenerOptions options;
+    options.stalledPeerTimeout = 1s;
+    listen(options);
+    log::Capture capture;
+    auto reader = test::RawPeer::connect(servicePath(service_));
+    auto hostile = test::RawPeer::connect(servicePath(service_), 4096);
+    sendUntilBlocked(hostile);
+    EXPECT_TRUE(test::callAndWait(reader, call("echo:withReply:", Value::array({1, 1})), 1));
+    EXPECT_TRUE(hostile.hungUp(30s));
+    EXPECT_TRUE(test::callAndWait(reader, call("echo:withReply:", Value::array({1, 2})), 2));
+    EXPECT_EQ(capture.countContaining("it has taken nothing sent to it"), 1u);
 }
 
 // Nobody else can stand in for a service: a socket served by another user

@@ -6,9 +6,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
-#include <sstream>
 
 #include "platform/ipc/ipc.h"
 #include "protocol/service_names.h"
@@ -49,7 +47,7 @@ bool PrivateDaemon::start(const std::string& executable, Options options) {
     std::vector<std::string> argv{executable, "--runtime-dir", run,      "--home",
                                   home,       "--log-level",   "default"};
     argv.insert(argv.end(), options.args.begin(), options.args.end());
-    pid_ = spawnProcess(argv, options.env, logPath);
+    pid_ = spawnProcess(argv, options.env, logPath, "/dev/null", /*append=*/true);
     return pid_ > 0 && answers(options.answerTimeout);
 }
 
@@ -103,10 +101,7 @@ void PrivateDaemon::keep() {
 }
 
 std::string PrivateDaemon::log() const {
-    std::ifstream in(logPath);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return readFile(logPath);
 }
 
 size_t PrivateDaemon::logCount(const std::string& line) const {

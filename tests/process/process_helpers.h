@@ -14,6 +14,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,15 +24,28 @@ extern char** environ;
 
 namespace sv::test {
 
-// Starts `argv[0]` with `argv`, the current environment plus `extraEnv`
-// ("NAME=value"), stdout/stderr to `outputFile` when given. Returns the pid
-// or -1.
+// The environment with `extra` ("NAME=value") replacing variables of the
+// same name.
+inline std::vector<std::string> environmentWith(const std::vector<std::string>& extra) {
+    std::vector<std::string> env;
+    for (char** e = environ; *e; ++e) {
+        std::string entry = *e, name = entry.substr(0, entry.find('=') + 1);
+        bool replaced = false;
+        for (const auto& x : extra) replaced = replaced || x.compare(0, name.size(), name) == 0;
+        if (!replaced) env.push_back(entry);
+    }
+    env.insert(env.end(), extra.begin(), extra.end());
+    return env;
+}
+
+// Starts `argv[0]` with `argv` and the environment with `extraEnv`, standard
+// input from `inputFile`, standard output and error to `outputFile` when
+// given (emptied first unless `append`). Returns the pid or -1.
 inline pid_t spawnProcess(const std::vector<std::string>& argv,
                           const std::vector<std::string>& extraEnv = {},
-                          const std::string& outputFile = {}) {
-    std::vector<std::string> env;
-    for (char** e = environ; *e; ++e) env.emplace_back(*e);
-    for (const auto& e : extraEnv) env.push_back(e);
+                          const std::string& outputFile = {},
+                          const std::string& inputFile = "/dev/null", bool append = false) {
+    std::vector<std::string> env = environmentWith(extraEnv);
     std::vector<char*> a, en;
     for (const auto& s : argv) a.push_back(const_cast<char*>(s.c_str()));
     a.push_back(nullptr);
@@ -38,15 +53,31 @@ inline pid_t spawnProcess(const std::vector<std::string>& argv,
     en.push_back(nullptr);
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_addopen(&fa, 0, inputFile.c_str(), O_RDONLY, 0);
     if (!outputFile.empty()) {
-        posix_spawn_file_actions_addopen(&fa, 1, outputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND,
-                                         0600);
+        posix_spawn_file_actions_addopen(&fa, 1, outputFile.c_str(),
+                                         O_WRONLY | O_CREAT | (append ? O_APPEND : O_TRUNC), 0600);
         posix_spawn_file_actions_adddup2(&fa, 1, 2);
     }
     pid_t pid = -1;
     int rc = posix_spawn(&pid, a[0], &fa, nullptr, a.data(), en.data());
     posix_spawn_file_actions_destroy(&fa);
     return rc == 0 ? pid : -1;
+}
+
+inline bool exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+inline bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
 }
 
 // Exit status of `pid`, or -1 (after SIGKILL) when it did not end in time;

@@ -1,5 +1,6 @@
-// Process information, bundles, the notification centre and the
-// purgeable-space registry.
+// Process information, bundles, the notification centre and keep-alive
+// transactions (the purgeable-space registry is driven through the daemon in
+// tests/daemon).
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,7 +12,6 @@
 #include "platform/process/keep_alive.h"
 #include "platform/process/notification_center.h"
 #include "platform/process/process_info.h"
-#include "platform/process/purgeable_space.h"
 #include "platform/system/bundle.h"
 #include "tests/process/process_helpers.h"
 
@@ -93,22 +93,6 @@ TEST(KeepAliveTest, CountedTransactionsAndNoIdleExitWithoutSocketActivation) {
     unsetenv("LISTEN_PID");
     EXPECT_FALSE(KeepAlive::startedBySocketActivation());
     EXPECT_FALSE(k.armIdleExit(std::chrono::milliseconds(1), nullptr, [] { FAIL(); }));
-}
-
-TEST(PurgeableSpaceTest, CallsReachTheRegisteredCallbacks) {
-    auto& s = PurgeableSpaceService::shared();
-    PurgeableSpaceCallbacks cb;
-    int cancelled = 0;
-    cb.purgeable = [](int32_t urgency) { return int64_t(urgency) * 10; };
-    cb.purge = [](int64_t amount, int32_t urgency) { return amount + urgency; };
-    cb.cancel = [&] { ++cancelled; };
-    s.registerService("org.sorvel.test-cache-delete", cb);
-    EXPECT_EQ(s.serviceName(), "org.sorvel.test-cache-delete");
-    EXPECT_EQ(s.purgeableSpace(4), 40);
-    EXPECT_EQ(s.purge(100, 3), 103);
-    EXPECT_EQ(s.periodic(0, 0), std::nullopt);  // no periodic callback registered
-    s.cancelPurge();
-    EXPECT_EQ(cancelled, 1);
 }
 
 }  // namespace
