@@ -79,26 +79,6 @@ std::pair<std::shared_ptr<CaptureSession>, std::shared_ptr<Collector>> startMicr
     return {session, collector};
 }
 
-TEST_F(PulseTest, MicrophoneRecordsTheDefaultSource) {
-    auto [session, collector] = startMicrophone(backend_);
-    ASSERT_TRUE(collector->waitFor(45));
-    session->stopRunning();
-    const auto samples = collector->all();
-    const auto arrivals = collector->arrivals.all();
-    // Contiguous from the first sample on: the first reads wait for the
-    // server's timing instead of being stamped without it.
-    testing::expectContiguous(samples, 1024.0 / 44100.0, 0.003);
-    for (size_t i = 0; i < samples.size(); ++i) {
-        EXPECT_EQ(samples[i]->numSamples(), 1024);
-        // Stamped in the past, not long before delivery.
-        double age = HostClock::toSeconds(arrivals[i]) - samples[i]->presentationTime().seconds();
-        EXPECT_GT(age, 0.0);
-        EXPECT_LT(age, 1.5);  // generous: loaded CI machines
-    }
-    EXPECT_NEAR(testing::zeroCrossingFrequency(testing::pcm16Samples(samples, 5), 44100),
-                kSineSourceHz, 3.0);
-}
-
 // A tap of one process with four 0.1 s buffers, collecting what it hands
 // over (with the host time of each arrival) until stopped.
 struct TapBuffer {
@@ -153,7 +133,8 @@ class TapRun : public test::Collected<TapBuffer> {
     std::shared_ptr<AudioTapQueue> queue_;
 };
 
-TEST_F(PulseTest, TapRecordsOnlyTheTappedProcess) {
+// The tap of one process while the microphone records.
+TEST_F(PulseTest, TapRecordsOnlyTheTappedProcessAndTheMicrophoneTheSource) {
     pid_t a = server_->playTones({440}, 6.0);
     pid_t b = server_->playTones({880}, 6.0);
     ASSERT_GT(a, 0);
@@ -162,7 +143,10 @@ TEST_F(PulseTest, TapRecordsOnlyTheTappedProcess) {
     EXPECT_TRUE(server_->waitForPlaybackStreams(a, 1, 10s));
     EXPECT_TRUE(server_->waitForPlaybackStreams(b, 1, 10s));
     TapRun run(backend_, a);
+    auto [session, mic] = startMicrophone(backend_);  // meanwhile
     EXPECT_TRUE(run.waitForBuffers(16));
+    ASSERT_TRUE(mic->waitFor(45));
+    session->stopRunning();
     run.stop();
     testing::PrivatePulseServer::reap(a);
     testing::PrivatePulseServer::reap(b);
@@ -182,6 +166,22 @@ TEST_F(PulseTest, TapRecordsOnlyTheTappedProcess) {
         EXPECT_GT(age, 0.1);  // the whole buffer was recorded before delivery
         EXPECT_LT(age, 1.5);  // generous: loaded CI machines
     }
+
+    // The microphone records the default source, contiguous from the first
+    // sample on: the first reads wait for the server's timing instead of
+    // being stamped without it.
+    const auto samples = mic->all();
+    const auto arrivals = mic->arrivals.all();
+    testing::expectContiguous(samples, 1024.0 / 44100.0, 0.003);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        EXPECT_EQ(samples[i]->numSamples(), 1024);
+        // Stamped in the past, not long before delivery.
+        double age = HostClock::toSeconds(arrivals[i]) - samples[i]->presentationTime().seconds();
+        EXPECT_GT(age, 0.0);
+        EXPECT_LT(age, 1.5);
+    }
+    EXPECT_NEAR(testing::zeroCrossingFrequency(testing::pcm16Samples(samples, 5), 44100),
+                kSineSourceHz, 3.0);
 }
 
 TEST_F(PulseTest, TapFollowsStreamsOpenedLaterAndMixesThem) {
