@@ -6,7 +6,7 @@ namespace sv {
 namespace {
 
 // The round trip of whatever a peer sends is the fuzz target's question;
-// here, what a record that says nothing usable turns into.
+// here, what a record that says nothing usable turns into, and one round trip.
 TEST(BroadcastConfiguration, ForeignDataGivesDefaults) {
     const Bytes cases[] = {
         {},                                         // absent
@@ -26,6 +26,11 @@ TEST(BroadcastConfiguration, ForeignDataGivesDefaults) {
         encodeCbor(Value{{"videoCompressionProperties", {{"k", 1}}}, {"x", true}}));
     EXPECT_EQ(partial->clipDuration(), 0.0);
     EXPECT_TRUE(partial->videoCompressionProperties());
+    // What is kept goes back to the peer as it came.
+    partial->setClipDuration(-2.5);
+    auto back = SVBroadcastConfiguration::decodeFromData(partial->encodedData());
+    EXPECT_EQ(back->clipDuration(), -2.5);
+    EXPECT_EQ(*back->videoCompressionProperties(), (Value{{"k", 1}}));
 }
 
 }  // namespace
