@@ -5,12 +5,9 @@
 // arguments always produce the same inputs, so a failure in CI reproduces
 // locally with the same command.
 //
-// usage: <target> [--mutations N] [--seed S] [--verbose] [--emit DIR] PATH...
+// usage: <target> [--mutations N] PATH...
 //   PATH        a seed file or a directory of seed files
 //   --mutations mutated inputs in total (default 2000), spread over the seeds
-//   --seed      start value of the pseudo-random sequence (default 1)
-//   --verbose   name each input on stderr before running it
-//   --emit DIR  also write every generated input to DIR (for libFuzzer)
 //
 // A crash, sanitizer report or abort fails the run; under a sanitizer the
 // input that failed is written to ./crash-<target>-<input> first.
@@ -182,29 +179,12 @@ int main(int argc, char** argv) {
     gTargetName = fs::path(argv[0]).filename().string();
     if (LLVMFuzzerInitialize) LLVMFuzzerInitialize(&argc, &argv);
     size_t mutations = 2000;
-    uint64_t seed = 1;
-    bool verbose = false;
-    std::string emit;
     std::vector<std::string> paths;
     for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        auto value = [&]() -> std::string {
-            if (i + 1 >= argc) {
-                std::fprintf(stderr, "%s: %s needs a value\n", gTargetName.c_str(), a.c_str());
-                std::exit(2);
-            }
-            return argv[++i];
-        };
-        if (a == "--mutations")
-            mutations = std::strtoull(value().c_str(), nullptr, 10);
-        else if (a == "--seed")
-            seed = std::strtoull(value().c_str(), nullptr, 10);
-        else if (a == "--verbose")
-            verbose = true;
-        else if (a == "--emit")
-            emit = value();
+        if (std::string(argv[i]) == "--mutations" && i + 1 < argc)
+            mutations = std::strtoull(argv[++i], nullptr, 10);
         else
-            paths.push_back(a);
+            paths.push_back(argv[i]);
     }
     const auto files = seedFiles(paths);
     if (files.empty()) {
@@ -216,19 +196,12 @@ int main(int argc, char** argv) {
     } else {
         for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) signal(sig, onFatalSignal);
     }
-    if (!emit.empty()) fs::create_directories(emit);
 
     std::vector<Input> seeds;
     for (const auto& f : files) seeds.push_back(readFile(f));
     auto run = [&](const Input& input, const std::string& name) {
         gInputName = name;
         gCurrent = &input;
-        if (verbose)
-            std::fprintf(stderr, "%s: %s (%zu bytes)\n", gTargetName.c_str(), name.c_str(),
-                         input.size());
-        if (!emit.empty())
-            std::ofstream(fs::path(emit) / name, std::ios::binary)
-                .write(reinterpret_cast<const char*>(input.data()), std::streamsize(input.size()));
         // libFuzzer hands over a buffer of exactly the input's size; so does
         // this, so that reads past the end are caught the same way.
         std::unique_ptr<uint8_t[]> copy(new uint8_t[std::max<size_t>(input.size(), 1)]);
@@ -237,7 +210,7 @@ int main(int argc, char** argv) {
         gCurrent = nullptr;
     };
     for (size_t i = 0; i < seeds.size(); ++i) run(seeds[i], files[i].filename().string());
-    Mutator mutator(seed, seeds);
+    Mutator mutator(1, seeds);
     for (size_t k = 0; k < mutations; ++k) {
         const size_t from = k % seeds.size();
         run(mutator.mutate(seeds[from]),

@@ -4,12 +4,12 @@
 // $TMPDIR or /tmp. Created on first use, removed when the process exits.
 #pragma once
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "platform/value.h"
@@ -43,14 +43,8 @@ inline const std::string& scratchDirectory() {
 inline void writeFile(const std::string& path, const uint8_t* data, size_t size) {
     std::error_code ec;
     std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) std::abort();
-    for (size_t done = 0; done < size;) {
-        ssize_t n = write(fd, data + done, size - done);
-        if (n <= 0) std::abort();
-        done += size_t(n);
-    }
-    close(fd);
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (!out.write(reinterpret_cast<const char*>(data), std::streamsize(size))) std::abort();
 }
 
 inline void writeFile(const std::string& path, const std::string& text) {

@@ -22,6 +22,10 @@ namespace {
 
 constexpr double kSineSourceHz = 700.0;
 constexpr AudioStreamFormat kTapFormat = AudioStreamFormat::pcm16(44100.0, 1, true);
+// Delivered audio is stamped in the past, but not this many seconds: a
+// stamp that old is wrong, while a loaded machine may well deliver a second
+// or two late.
+constexpr double kStaleAfter = 5.0;
 
 class PulseTest : public ::testing::Test {
   protected:
@@ -79,26 +83,6 @@ std::pair<std::shared_ptr<CaptureSession>, std::shared_ptr<Collector>> startMicr
     return {session, collector};
 }
 
-TEST_F(PulseTest, MicrophoneRecordsTheDefaultSource) {
-    auto [session, collector] = startMicrophone(backend_);
-    ASSERT_TRUE(collector->waitFor(45));
-    session->stopRunning();
-    const auto samples = collector->all();
-    const auto arrivals = collector->arrivals.all();
-    // Contiguous from the first sample on: the first reads wait for the
-    // server's timing instead of being stamped without it.
-    testing::expectContiguous(samples, 1024.0 / 44100.0, 0.003);
-    for (size_t i = 0; i < samples.size(); ++i) {
-        EXPECT_EQ(samples[i]->numSamples(), 1024);
-        // Stamped in the past, not long before delivery.
-        double age = HostClock::toSeconds(arrivals[i]) - samples[i]->presentationTime().seconds();
-        EXPECT_GT(age, 0.0);
-        EXPECT_LT(age, 1.5);  // generous: loaded CI machines
-    }
-    EXPECT_NEAR(testing::zeroCrossingFrequency(testing::pcm16Samples(samples, 5), 44100),
-                kSineSourceHz, 3.0);
-}
-
 // A tap of one process with four 0.1 s buffers, collecting what it hands
 // over (with the host time of each arrival) until stopped.
 struct TapBuffer {
@@ -141,6 +125,15 @@ class TapRun : public test::Collected<TapBuffer> {
         }
         queue_.reset();
     }
+    // The tone's amplitude in the loudest buffer of [from, to): a loaded
+    // machine may starve the player, and the silence of its underruns must
+    // not count as the tone missing.
+    double loudest(size_t from, size_t to, double hz) const {
+        double loudest = 0;
+        for (size_t i = from; i < to; ++i)
+            loudest = std::max(loudest, testing::toneAmplitude(concat(i, i + 1), 44100, hz));
+        return loudest;
+    }
     std::vector<double> concat(size_t from, size_t to) const {
         std::vector<double> all;
         const auto buffers = this->all();
@@ -153,7 +146,8 @@ class TapRun : public test::Collected<TapBuffer> {
     std::shared_ptr<AudioTapQueue> queue_;
 };
 
-TEST_F(PulseTest, TapRecordsOnlyTheTappedProcess) {
+// The tap of one process while the microphone records.
+TEST_F(PulseTest, TapRecordsOnlyTheTappedProcessAndTheMicrophoneTheSource) {
     pid_t a = server_->playTones({440}, 6.0);
     pid_t b = server_->playTones({880}, 6.0);
     ASSERT_GT(a, 0);
@@ -162,7 +156,10 @@ TEST_F(PulseTest, TapRecordsOnlyTheTappedProcess) {
     EXPECT_TRUE(server_->waitForPlaybackStreams(a, 1, 10s));
     EXPECT_TRUE(server_->waitForPlaybackStreams(b, 1, 10s));
     TapRun run(backend_, a);
+    auto [session, mic] = startMicrophone(backend_);  // meanwhile
     EXPECT_TRUE(run.waitForBuffers(16));
+    ASSERT_TRUE(mic->waitFor(45));
+    session->stopRunning();
     run.stop();
     testing::PrivatePulseServer::reap(a);
     testing::PrivatePulseServer::reap(b);
@@ -170,20 +167,38 @@ TEST_F(PulseTest, TapRecordsOnlyTheTappedProcess) {
     const auto buffers = run.all();
     ASSERT_GE(buffers.size(), 16u);
     // The first buffers may predate the monitor streams.
-    // A player starved by a loaded machine leaves gaps of silence: the
-    // tapped tone is there, weaker on average, the other one never is.
-    auto x = run.concat(4, buffers.size());
-    EXPECT_GT(testing::toneAmplitude(x, 44100, 440), 0.05);
-    EXPECT_LT(testing::toneAmplitude(x, 44100, 880), 0.002);
+    EXPECT_GT(run.loudest(4, buffers.size(), 440), 0.15);
+    EXPECT_LT(testing::toneAmplitude(run.concat(4, buffers.size()), 44100, 880), 0.002);
 
     for (size_t i = 1; i < buffers.size(); ++i) {
-        // Contiguous: each stamp is the previous plus 0.1 s, within a few ms.
-        double step = double(buffers[i].time.hostTime - buffers[i - 1].time.hostTime) / 1e9;
-        EXPECT_NEAR(step, 0.1, 0.003) << "buffer " << i;
+        // Each stamp follows the sample time, 0.1 s a buffer: a buffer given
+        // back late (a loaded machine) leaves a gap in both, never a wrong
+        // stamp.
+        const double step = double(buffers[i].time.hostTime - buffers[i - 1].time.hostTime) / 1e9;
+        const double recorded =
+            (buffers[i].time.sampleTime - buffers[i - 1].time.sampleTime) / 44100;
+        EXPECT_GE(recorded, 0.1 - 1e-9) << "buffer " << i;
+        EXPECT_NEAR(step, recorded, 0.003) << "buffer " << i;
         double age = double(buffers[i].arrival - buffers[i].time.hostTime) / 1e9;
         EXPECT_GT(age, 0.1);  // the whole buffer was recorded before delivery
-        EXPECT_LT(age, 1.5);  // generous: loaded CI machines
+        EXPECT_LT(age, kStaleAfter);
     }
+
+    // The microphone records the default source, contiguous from the first
+    // sample on: the first reads wait for the server's timing instead of
+    // being stamped without it.
+    const auto samples = mic->all();
+    const auto arrivals = mic->arrivals.all();
+    testing::expectContiguous(samples, 1024.0 / 44100.0, 0.003);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        EXPECT_EQ(samples[i]->numSamples(), 1024);
+        // Stamped in the past, not long before delivery.
+        double age = HostClock::toSeconds(arrivals[i]) - samples[i]->presentationTime().seconds();
+        EXPECT_GT(age, 0.0);
+        EXPECT_LT(age, kStaleAfter);
+    }
+    EXPECT_NEAR(testing::zeroCrossingFrequency(testing::pcm16Samples(samples, 5), 44100),
+                kSineSourceHz, 3.0);
 }
 
 TEST_F(PulseTest, TapFollowsStreamsOpenedLaterAndMixesThem) {
@@ -196,7 +211,7 @@ TEST_F(PulseTest, TapFollowsStreamsOpenedLaterAndMixesThem) {
     testing::PrivatePulseServer::startPlaying(p);
     EXPECT_TRUE(server_->waitForPlaybackStreams(p, 2, 10s));
     // A fresh stream on an idle sink may take up to a second to flow: the
-    // last half second of two more seconds holds both tones.
+    // last second of two more seconds holds both tones.
     EXPECT_TRUE(run.waitForBuffers(run.size() + 20));
     run.stop();
     testing::PrivatePulseServer::reap(p);
@@ -204,9 +219,8 @@ TEST_F(PulseTest, TapFollowsStreamsOpenedLaterAndMixesThem) {
     const size_t n = run.all().size();
     ASSERT_GE(n, 25u);
     EXPECT_LT(testing::rms(run.concat(0, 5)), 0.001) << "silence before the process plays";
-    auto after = run.concat(n - 5, n);
-    EXPECT_GT(testing::toneAmplitude(after, 44100, 440), 0.15);
-    EXPECT_GT(testing::toneAmplitude(after, 44100, 660), 0.15);
+    EXPECT_GT(run.loudest(n - 10, n, 440), 0.15);
+    EXPECT_GT(run.loudest(n - 10, n, 660), 0.15);
 }
 
 // The server crashes in the middle of a recording and comes back: both
@@ -263,8 +277,9 @@ TEST(PulseBackend, SourcesOutliveTheirServerWithSilenceAndRecordAgain) {
         }
     const auto buffers = tap.all();
     for (size_t i = 1; i < tapBeforeReturn; ++i) {
+        // Within 10 ms: a loaded machine delays the silence of a lost server.
         double step = double(buffers[i].time.hostTime - buffers[i - 1].time.hostTime) / 1e9;
-        EXPECT_NEAR(step, 0.1, 0.003) << "tap buffer " << i;
+        EXPECT_NEAR(step, 0.1, 0.01) << "tap buffer " << i;
     }
     EXPECT_LT(testing::rms(tap.concat(tapBeforeReturn - 5, tapBeforeReturn)), 0.0005);
 

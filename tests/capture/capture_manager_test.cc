@@ -94,36 +94,35 @@ TEST(CaptureManager, MicrophoneDidStartRules) {
     m->stopAllCapture();
 }
 
-TEST(CaptureManager, DidStartIsNeverCalledWhenTheSessionNeverRuns) {
-    auto m = SVCaptureManager::make(std::make_shared<SyntheticAudioBackend>(
-        SyntheticAudioBackend::Options{.serverAvailable = false}));
-    bool called = false;
-    m->startMicrophoneCaptureWithOutput(nullptr, [&] { called = true; });
-    EXPECT_FALSE(called);
-    EXPECT_TRUE(m->micDidStartHandler());
-    EXPECT_EQ(m->captureSession()->observationCount("running"), 1u);
-    // Stopping removes the observation; the later removal errors are swallowed.
-    m->stopAllCapture();
-    EXPECT_EQ(m->captureSession()->observationCount("running"), 0u);
-    EXPECT_FALSE(called);
-}
-
-TEST(CaptureManager, NoDeviceStillStarts) {
-    auto m = SVCaptureManager::make(std::make_shared<SyntheticAudioBackend>(
-        SyntheticAudioBackend::Options{.hasMicrophone = false}));
-    bool called = false;
-    m->startMicrophoneCaptureWithOutput(nullptr, [&] { called = true; });
-    EXPECT_TRUE(called);
-    EXPECT_FALSE(m->captureDeviceAudioInput());
-    EXPECT_TRUE(m->captureSessionAudioDataOutput());
-    m->stopAllCapture();
+TEST(CaptureManager, DidStartFollowsTheSessionNotTheDevice) {
+    // Without a device the session still starts; with a device but no
+    // server it never runs, and the did-start closure waits on an observation.
+    for (bool server : {true, false}) {
+        SCOPED_TRACE(server);
+        auto m = SVCaptureManager::make(std::make_shared<SyntheticAudioBackend>(
+            SyntheticAudioBackend::Options{.hasMicrophone = !server, .serverAvailable = server}));
+        bool called = false;
+        m->startMicrophoneCaptureWithOutput(nullptr, [&] { called = true; });
+        EXPECT_EQ(called, server);
+        EXPECT_EQ(bool(m->captureDeviceAudioInput()), !server);
+        EXPECT_TRUE(m->captureSessionAudioDataOutput());
+        EXPECT_EQ(bool(m->micDidStartHandler()), !server);
+        EXPECT_EQ(m->captureSession()->observationCount("running"), server ? 0u : 1u);
+        // Stopping removes the observation; later removal errors are swallowed.
+        m->stopAllCapture();
+        EXPECT_EQ(m->captureSession()->observationCount("running"), 0u);
+        EXPECT_EQ(called, server);
+    }
 }
 
 TEST(CaptureManager, CaptureSessionStartStopAndLogs) {
     log::Capture logs;
     auto m = SVCaptureManager::make(fastBackend());
-    m->stopCaptureSession();  // nothing in progress: only logs
+    m->stopCaptureSession();   // nothing in progress: only logs
+    m->stopAppAudioCapture();  // no tap: nothing at all
+    m->stopAppAudioCapture();
     EXPECT_EQ(logs.count("SVCaptureManager: stopDeviceCaptureSessionWithFinishHandler"), 1u);
+    EXPECT_EQ(logs.lines().size(), 1u);
     EXPECT_FALSE(m->captureSession());
 
     m->startCaptureSession();
@@ -205,9 +204,7 @@ TEST(CaptureManager, StopAllCaptureReturnsToIdle) {
     SVCaptureManager::audioDispatchQueue()->sync([&] { EXPECT_FALSE(m->audioRecorderQueue()); });
 }
 
-TEST(CaptureManager, TapBufferSize) {
-    EXPECT_EQ(SVCaptureManager::_tapBufferByteSize(AudioStreamFormat::pcm16(44100, 1, true), 0),
-              57344u);
+TEST(CaptureManager, TapBufferSize) {  // 44.1 kHz: in the tap test
     EXPECT_EQ(SVCaptureManager::_tapBufferByteSize(AudioStreamFormat::pcm16(8000, 1, true), 0),
               16000u);
     AudioStreamFormat vbr = AudioStreamFormat::pcm16(8000, 1, true);
@@ -241,13 +238,14 @@ TEST(CaptureManager, TapWaitsForTheStartTimeThenDelivers) {
     m->setCaptureStartTime(HostClock::toMediaTime(HostClock::now()));
     ASSERT_TRUE(sink.waitFor(4));
     EXPECT_FALSE(sink.wrongQueue);
-    // Recycled, not held back: the first buffer delivered was filled after
-    // several buffers' worth of audio had gone by (not the first three).
+    // Recycled, not held back: the first buffer delivered is not the first
+    // one filled. (A loaded machine may hand over a later buffer late, so
+    // which one it is says nothing.)
     const int64_t firstFrame =
         (int64_t(HostClock::fromMediaTime(sink.all().front()->presentationTime())) -
          int64_t(*counting->firstHostTime())) *
         44100 / HostClock::kTicksPerSecond;
-    EXPECT_GE(firstFrame, 3 * kTapBufferFrames);
+    EXPECT_GE(firstFrame, kTapBufferFrames - 1);
 
     SVCaptureManager::audioDispatchQueue()->sync([&] {
         auto state = m->audioRecorderQueue();
@@ -431,14 +429,6 @@ TEST(CaptureManager, TapThatCannotStartLogsAndNeverCallsDidStart) {
     SVCaptureManager::audioDispatchQueue()->sync([] {});
     EXPECT_EQ(logs.count("SVRecordingManager: Audio Tap Queue has been disposed"), 1u);
     EXPECT_FALSE(started);
-}
-
-TEST(CaptureManager, StopWithoutATapDoesNothing) {
-    auto m = SVCaptureManager::make(fastBackend());
-    log::Capture logs;
-    m->stopAppAudioCapture();
-    m->stopAppAudioCapture();
-    EXPECT_EQ(logs.lines().size(), 0u);
 }
 
 }  // namespace

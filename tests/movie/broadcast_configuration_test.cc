@@ -5,29 +5,8 @@
 namespace sv {
 namespace {
 
-TEST(BroadcastConfiguration, DefaultsAndRoundTrip) {
-    SVBroadcastConfiguration c;
-    EXPECT_EQ(c.clipDuration(), 0.0);
-    EXPECT_FALSE(c.videoCompressionProperties());
-
-    c.setClipDuration(-2.5);  // survives unchanged
-    c.setVideoCompressionProperties(Value{{"SVVideoAverageBitRateKey", 1000000}});
-    auto back = SVBroadcastConfiguration::decodeFromData(c.encodedData());
-    EXPECT_EQ(back->clipDuration(), -2.5);
-    ASSERT_TRUE(back->videoCompressionProperties());
-    EXPECT_EQ((*back->videoCompressionProperties())["SVVideoAverageBitRateKey"], 1000000);
-    // "clipDuration" is written first.
-    Value v = c.encodeWithCoder();
-    EXPECT_EQ(v.begin().key(), "clipDuration");
-    EXPECT_TRUE(v["clipDuration"].is_number_float());
-
-    // An empty dictionary is not written: it comes back null, not empty.
-    c.setVideoCompressionProperties(Value::object());
-    EXPECT_EQ(c.encodeWithCoder().size(), 1u);
-    EXPECT_FALSE(
-        SVBroadcastConfiguration::decodeFromData(c.encodedData())->videoCompressionProperties());
-}
-
+// The round trip of whatever a peer sends is the fuzz target's question;
+// here, what a record that says nothing usable turns into, and one round trip.
 TEST(BroadcastConfiguration, ForeignDataGivesDefaults) {
     const Bytes cases[] = {
         {},                                         // absent
@@ -47,6 +26,11 @@ TEST(BroadcastConfiguration, ForeignDataGivesDefaults) {
         encodeCbor(Value{{"videoCompressionProperties", {{"k", 1}}}, {"x", true}}));
     EXPECT_EQ(partial->clipDuration(), 0.0);
     EXPECT_TRUE(partial->videoCompressionProperties());
+    // What is kept goes back to the peer as it came.
+    partial->setClipDuration(-2.5);
+    auto back = SVBroadcastConfiguration::decodeFromData(partial->encodedData());
+    EXPECT_EQ(back->clipDuration(), -2.5);
+    EXPECT_EQ(*back->videoCompressionProperties(), (Value{{"k", 1}}));
 }
 
 }  // namespace

@@ -98,27 +98,6 @@ TEST_F(MovieWriterTest, WithoutStoreInfoOrAudioTheTracksStillExistInOrder) {
         EXPECT_FALSE(info.tags.count(tag)) << tag;
 }
 
-TEST_F(MovieWriterTest, MetadataItemsInOrderEvenWithoutAValue) {
-    auto info = storeInfo();
-    auto writer = SVMovieWriter::initWithWindowSize({64, 64}, path("m.mp4"), info);
-    auto items = writer->assetMetadata();
-    ASSERT_TRUE(items);
-    std::vector<std::string> keys;
-    for (const auto& item : *items) {
-        keys.push_back(item->key);
-        EXPECT_EQ(item->keySpace, media::kMetadataKeySpaceMovie);
-    }
-    ASSERT_EQ(keys, (std::vector<std::string>{
-                        media::kMetadataKeyTitle, media::kMetadataKeyArtist,
-                        media::kMetadataKeyContentIdentifier, media::kMetadataKeyEncodedBy,
-                        media::kMetadataKeyDescription, media::kMetadataKeyGenre}));
-    info->categories.reset();
-    info->appName.reset();
-    items = writer->assetMetadata();
-    EXPECT_FALSE((*items)[5]->value);  // a genre item without a value
-    EXPECT_FALSE((*items)[0]->value);
-}
-
 TEST_F(MovieWriterTest, BitRateSizeAndCustomProperties) {
     auto expectCompression = [](const std::shared_ptr<SVMovieWriter>& w, int64_t bitRate) {
         const Value& c = w->videoInput()->outputSettings()[media::kVideoCompressionPropertiesKey];

@@ -14,7 +14,8 @@ namespace {
 namespace fs = std::filesystem;
 using namespace sv::testing;
 
-// One 60 s recording (64x64 at 10 fps, both audio tracks) shared by the cases.
+// One 60 s recording (64x64 at 10 fps, both audio tracks, mirrored and
+// tagged) shared by the cases.
 class TrimTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
@@ -23,7 +24,10 @@ class TrimTest : public ::testing::Test {
         FeedOptions o;
         o.seconds = 60;
         o.fps = 10;
-        ASSERT_TRUE(record(source, {64, 64}, nullptr, o));
+        o.firstTransform = AffineTransform::scale(-1, 1);
+        auto info = std::make_shared<SVStoreInfo>();
+        info->bundleID = "com.example.x";
+        ASSERT_TRUE(record(source, {64, 64}, info, o));
     }
     static void TearDownTestSuite() { delete dir; }
 
@@ -67,6 +71,10 @@ TEST_F(TrimTest, CutsWholeSecondsAndStartsAtTheRightFrame) {
     EXPECT_NEAR(video.times.front(), 0.0, 1e-3);
     EXPECT_EQ(video.indices.back(), 559);
     EXPECT_TRUE(fs::exists(source));  // the source stays
+    // The transform and the tags go with the cut.
+    ASSERT_TRUE(info.tracks[0].displayMatrix);
+    EXPECT_EQ((*info.tracks[0].displayMatrix)[0], -65536);
+    EXPECT_EQ(info.tags["org.sorvel.content-identifier"], "com.example.x");
 
     // Under half a second at each end rounds to nothing cut.
     ASSERT_TRUE(trim(source, 0.4, 0.4, out));

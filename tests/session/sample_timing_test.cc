@@ -1,14 +1,13 @@
-// The session's timing arithmetic on its own: paused gaps and re-timed
-// frames, the orientation transforms, the size limit and the movie size of
-// whole-display recordings.
+// The session's timing arithmetic on its own: re-timed frames, the
+// orientation transforms, the size limit and the movie size of whole-display
+// recordings (the paused gaps are followed through whole frames by the
+// session's own test).
 #include "session/sample_timing.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 
-#include "capture/capture_manager.h"
-#include "platform/audio/synthetic_audio.h"
 #include "platform/shared_surface.h"
 
 namespace sv {
@@ -18,36 +17,6 @@ constexpr int32_t kNs = 1000000000;
 
 MediaTime at(double seconds) {
     return MediaTime::make(std::llround(seconds * kNs), kNs);
-}
-
-// The gap arithmetic; the session's own test follows whole frames through it.
-TEST(SampleTiming, PausedGapsAddUpAndTheRawTimeStartsTheAudio) {
-    SampleTimeline t;
-    t.noteFrame(at(7.5), true);  // a resume before any frame: the movie starts at 0
-    EXPECT_EQ(t.sampleTimeOffset, at(7.5));
-    EXPECT_FALSE(t.lastSampleTimestamp.isValid());
-    t.reset();
-    t.noteFrame(at(10.016), false);
-    t.noteFrame(at(15.000), true);
-    EXPECT_EQ(t.sampleTimeOffset, at(4.984));
-    EXPECT_EQ(t.lastSampleTimestamp, at(10.016));  // not moved by the first frame after
-    t.noteFrame(at(15.032), false);
-    t.noteFrame(at(30.000), true);
-    EXPECT_EQ(t.sampleTimeOffset, at(4.984 + 14.968));
-
-    // The re-timed frame goes on, and its raw time is the capture start.
-    auto captureManager = SVCaptureManager::make(std::make_shared<SyntheticAudioBackend>());
-    auto frame = SampleBuffer::makeVideo(SharedSurface::create(16, 16).value(), at(30.016));
-    MediaTime handedOn;
-    _updateSampleBufferWithOffset(frame, t.sampleTimeOffset, captureManager.get(),
-                                  [&](const auto& s) { handedOn = s->presentationTime(); });
-    EXPECT_EQ(handedOn, at(10.064));
-    EXPECT_EQ(captureManager->captureStartTime(), at(30.016));
-    // Without an offset the frame itself goes on, not a copy.
-    std::shared_ptr<SampleBuffer> seen;
-    _updateSampleBufferWithOffset(frame, MediaTime::zero(), nullptr,
-                                  [&](const auto& s) { seen = s; });
-    EXPECT_EQ(seen, frame);
 }
 
 TEST(SampleTiming, RetimedCopySharesTheImageAndReplacesEveryEntry) {

