@@ -38,7 +38,10 @@ llvm-cov report -instr-profile="$dir/all.profdata" -ignore-filename-regex="$igno
 awk -v root="$PWD/" '
   /^Filename/ || /^-+$/ { next }
   NF >= 13 {
-    f = $1; sub(root, "", f); split(f, p, "/"); d = (p[2] == "" ? "." : p[1])
+    f = $1; sub(root, "", f)
+    # Paths relative to the common prefix when generated sources widen it.
+    while (substr(f, 1, 3) == "../") f = substr(f, 4)
+    split(f, p, "/"); d = (p[2] == "" ? "." : p[1])
     if ($1 == "TOTAL") d = "TOTAL"
     # columns: regions missed cover functions missed cover lines missed cover branches missed cover
     L[d] += $8; LM[d] += $9; B[d] += $11; BM[d] += $12
