@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <vector>
 
 #include <wayland-client.h>
 
@@ -33,9 +34,20 @@ struct DisplayClose {
 
 // A client of its own connection showing one 64x64 toplevel with an app_id;
 // the compositor maps (and focuses) it once it has a buffer. Closing the
-// connection destroys the window and every proxy. Test thread only.
+// connection destroys the window; the client's proxies are freed first
+// (disconnecting leaves them allocated). Test thread only.
 struct TestToplevel {
+    ~TestToplevel() {
+        for (auto it = proxies.rbegin(); it != proxies.rend(); ++it) wl_proxy_destroy(*it);
+        display.reset();
+    }
+    template <typename T>
+    T* keep(T* proxy) {
+        if (proxy) proxies.push_back(reinterpret_cast<wl_proxy*>(proxy));
+        return proxy;
+    }
     std::unique_ptr<wl_display, DisplayClose> display;
+    std::vector<wl_proxy*> proxies;
     wl_compositor* compositor = nullptr;
     wl_shm* shm = nullptr;
     xdg_wm_base* wm = nullptr;
@@ -47,13 +59,14 @@ const wl_registry_listener kRegistry = {
         [](void* data, wl_registry* r, uint32_t name, const char* interface, uint32_t) {
             auto* t = static_cast<TestToplevel*>(data);
             if (!std::strcmp(interface, wl_compositor_interface.name))
-                t->compositor = static_cast<wl_compositor*>(
-                    wl_registry_bind(r, name, &wl_compositor_interface, 4));
+                t->compositor = t->keep(static_cast<wl_compositor*>(
+                    wl_registry_bind(r, name, &wl_compositor_interface, 4)));
             else if (!std::strcmp(interface, wl_shm_interface.name))
-                t->shm = static_cast<wl_shm*>(wl_registry_bind(r, name, &wl_shm_interface, 1));
+                t->shm =
+                    t->keep(static_cast<wl_shm*>(wl_registry_bind(r, name, &wl_shm_interface, 1)));
             else if (!std::strcmp(interface, xdg_wm_base_interface.name))
-                t->wm =
-                    static_cast<xdg_wm_base*>(wl_registry_bind(r, name, &xdg_wm_base_interface, 1));
+                t->wm = t->keep(static_cast<xdg_wm_base*>(
+                    wl_registry_bind(r, name, &xdg_wm_base_interface, 1)));
         },
     .global_remove = [](void*, wl_registry*, uint32_t) {},
 };
@@ -73,23 +86,24 @@ std::unique_ptr<TestToplevel> showToplevel(const std::string& socket, const std:
     t->display.reset(wl_display_connect(socket.c_str()));
     if (!t->display) return nullptr;
     wl_display* d = t->display.get();
-    wl_registry_add_listener(wl_display_get_registry(d), &kRegistry, t.get());
+    wl_registry_add_listener(t->keep(wl_display_get_registry(d)), &kRegistry, t.get());
     wl_display_roundtrip(d);
     if (!t->compositor || !t->shm || !t->wm) return nullptr;
     xdg_wm_base_add_listener(t->wm, &kWm, nullptr);
-    wl_surface* surface = wl_compositor_create_surface(t->compositor);
-    xdg_surface* xdg = xdg_wm_base_get_xdg_surface(t->wm, surface);
+    wl_surface* surface = t->keep(wl_compositor_create_surface(t->compositor));
+    xdg_surface* xdg = t->keep(xdg_wm_base_get_xdg_surface(t->wm, surface));
     xdg_surface_add_listener(xdg, &kXdgSurface, t.get());
-    xdg_toplevel_set_app_id(xdg_surface_get_toplevel(xdg), appID.c_str());
+    xdg_toplevel_set_app_id(t->keep(xdg_surface_get_toplevel(xdg)), appID.c_str());
     wl_surface_commit(surface);
     while (!t->configured)
         if (wl_display_dispatch(d) < 0) return nullptr;
     UniqueFd memory(memfd_create("sv-test-toplevel", MFD_CLOEXEC));
     constexpr int32_t kSide = 64, kStride = kSide * 4;
     if (!memory.valid() || ftruncate(memory.get(), kStride * kSide) != 0) return nullptr;
-    wl_shm_pool* pool = wl_shm_create_pool(t->shm, memory.get(), kStride * kSide);
+    wl_shm_pool* pool = t->keep(wl_shm_create_pool(t->shm, memory.get(), kStride * kSide));
     wl_surface_attach(
-        surface, wl_shm_pool_create_buffer(pool, 0, kSide, kSide, kStride, WL_SHM_FORMAT_XRGB8888),
+        surface,
+        t->keep(wl_shm_pool_create_buffer(pool, 0, kSide, kSide, kStride, WL_SHM_FORMAT_XRGB8888)),
         0, 0);
     wl_surface_commit(surface);
     if (wl_display_roundtrip(d) < 0) return nullptr;
