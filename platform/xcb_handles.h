@@ -10,6 +10,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 
 namespace sv {
 
@@ -24,5 +25,16 @@ struct XcbFreeDeleter {
 // A reply, error or event of type T.
 template <typename T>
 using XcbReply = std::unique_ptr<T, XcbFreeDeleter>;
+
+// xcb_connect for a process with threads: libxcb reads the X authority
+// through libXau, which keeps the file's name in a static buffer, so two
+// connections made at once race on it. Every connection a threaded process
+// makes goes through here, one at a time. Any thread; blocks while another
+// connection is being made.
+inline xcb_connection_t* connectXcbSerialized(const char* displayName, int* screenNumber) {
+    static std::mutex* connecting = new std::mutex;  // never destroyed: detached threads use it
+    std::lock_guard lock(*connecting);
+    return xcb_connect(displayName, screenNumber);
+}
 
 }  // namespace sv

@@ -34,9 +34,7 @@
 namespace sv {
 
 xcb_connection_t* connectToXServer(const char* displayName, int* screenNumber) {
-    static std::mutex* connecting = new std::mutex;  // never destroyed: used by detached threads
-    std::lock_guard lock(*connecting);
-    return xcb_connect(displayName, screenNumber);
+    return connectXcbSerialized(displayName, screenNumber);
 }
 
 namespace {

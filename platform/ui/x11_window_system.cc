@@ -58,7 +58,7 @@ Result<Connection> openConnection(const std::string& displayName, int* screenNum
         const char* env = std::getenv("DISPLAY");
         if (!env || !*env) return uiError(kUIErrorNoDisplay, "DISPLAY is not set");
     }
-    Connection c(xcb_connect(name, screenNumber));
+    Connection c(connectXcbSerialized(name, screenNumber));
     if (!c || xcb_connection_has_error(c.get()))
         return uiError(kUIErrorCannotConnect,
                        "cannot connect to X server " +

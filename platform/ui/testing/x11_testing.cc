@@ -50,7 +50,7 @@ void endProcess(pid_t pid) {
 
 Result<std::unique_ptr<X11TestClient>> X11TestClient::connect(const std::string& displayName) {
     int screenNumber = 0;
-    XcbConnection c(xcb_connect(displayName.c_str(), &screenNumber));
+    XcbConnection c(connectXcbSerialized(displayName.c_str(), &screenNumber));
     if (!c || xcb_connection_has_error(c.get()))
         return Error::make(kUIErrorDomain, kUIErrorCannotConnect,
                            "cannot connect to " + displayName);
