@@ -32,7 +32,7 @@ scripts/build.sh asan
 run_ctest build/asan -LE no_asan
 
 echo "== TSan build and threaded tests"
-export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp"
 scripts/build.sh tsan --target sv_threaded_tests
 run_ctest build/tsan -L threaded
 echo "== all tests passed in $(( $(date +%s) - start )) s"
