@@ -156,8 +156,14 @@ bool roundtripUntil(wl_display* display, std::chrono::steady_clock::time_point d
         [](void* data, wl_callback*, uint32_t) { *static_cast<bool*>(data) = true; }};
     wl_callback_add_listener(sync, &listener, &done);
     while (!done) {
-        while (wl_display_prepare_read(display) != 0)
-            if (wl_display_dispatch_pending(display) < 0) break;
+        bool failed = false;
+        while (!failed && wl_display_prepare_read(display) != 0)
+            failed = wl_display_dispatch_pending(display) < 0;
+        if (failed) break;
+        if (done) {  // answered by events already queued: nothing to wait for
+            wl_display_cancel_read(display);
+            break;
+        }
         wl_display_flush(display);
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                               deadline - std::chrono::steady_clock::now())
