@@ -60,6 +60,7 @@ void SVMovieWriter::startWritingHandler(StartHandler handler) {
 
 void SVMovieWriter::setupFileWriter() {
     log::info("SVMovieWriter: setupFileWriter");
+    sessionStartTime_ = MediaTime::invalid();
     lastVideoPresentationTime_ = MediaTime::invalid();
     lastAudio1PresentationTime_ = MediaTime::invalid();
     lastAudio2PresentationTime_ = MediaTime::invalid();
@@ -133,7 +134,10 @@ bool SVMovieWriter::appendVideoSampleBuffer(const std::shared_ptr<SampleBuffer>&
             if (videoInput_) videoInput_->setTransform(windowTransform);
             if (fileWriter_) fileWriter_->startWriting();
             if (fileWriterStatus() == int(Status::Unknown)) return false;
-            if (t.isValid()) fileWriter_->startSessionAtSourceTime(t);
+            if (t.isValid()) {
+                fileWriter_->startSessionAtSourceTime(t);
+                sessionStartTime_ = t;
+            }
             return videoInput_ && videoInput_->isReadyForMoreMediaData() &&
                    videoInput_->appendSampleBuffer(sample);
         default:
@@ -159,16 +163,37 @@ void SVMovieWriter::appendAudio(const std::shared_ptr<SampleBuffer>& sample,
 
 void SVMovieWriter::padAudioToVideoEnd(const std::shared_ptr<media::MovieWriterInput>& input,
                                        double end) {
-    if (!input || std::isnan(end) || !lastVideoPresentationTime_.isValid()) return;
-    const double missing = lastVideoPresentationTime_.seconds() - end;
-    if (!(missing > 0) || missing > kMaxEndPaddingSeconds) return;
+    if (!input || !lastVideoPresentationTime_.isValid()) return;
+    const double videoEnd = lastVideoPresentationTime_.seconds();
+    if (std::isnan(end)) {
+        if (sessionStartTime_.isValid())
+            appendSilence(input, sessionStartTime_.seconds(), videoEnd);
+        return;
+    }
+    if (videoEnd - end > kMaxEndPaddingSeconds) return;
+    appendSilence(input, end, videoEnd);
+}
+
+void SVMovieWriter::appendSilence(const std::shared_ptr<media::MovieWriterInput>& input,
+                                  double from, double to) {
     constexpr auto format = AudioStreamFormat::pcm16(44100.0, 1, false);
-    const auto frames = int64_t(missing * format.sampleRate);
-    if (frames <= 0) return;
-    auto silence =
-        SampleBuffer::makeAudio(std::make_shared<DataBlock>(size_t(frames) * format.bytesPerFrame),
-                                format, frames, MediaTime::makeWithSeconds(end, 44100));
-    if (silence && input->isReadyForMoreMediaData()) input->appendSampleBuffer(silence);
+    constexpr auto kMaxFrames = int64_t(kMaxEndPaddingSeconds * format.sampleRate);
+    const double step = double(media::kMaxFilledAudioGapSeconds) - kMaxEndPaddingSeconds;
+    std::shared_ptr<DataBlock> zeros;
+    for (double start = from; start < to;) {
+        const double end = std::min(start + step, to);
+        const int64_t frames = std::min(int64_t((end - start) * format.sampleRate), kMaxFrames);
+        if (frames <= 0) return;
+        if (!zeros) zeros = std::make_shared<DataBlock>(size_t(kMaxFrames) * format.bytesPerFrame);
+        const double at = end - double(frames) / format.sampleRate;
+        auto silence =
+            SampleBuffer::makeAudio(zeros, format, frames, MediaTime::makeWithSeconds(at, 44100));
+        if (!silence || !input->isReadyForMoreMediaData() || !input->appendSampleBuffer(silence)) {
+            log::error("SVMovieWriter: audio track padded only to %f s", start);
+            return;
+        }
+        start = end;
+    }
 }
 
 void SVMovieWriter::appendAudio1SampleBuffer(const std::shared_ptr<SampleBuffer>& sample) {

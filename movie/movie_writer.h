@@ -141,12 +141,21 @@ class SVMovieWriter : public std::enable_shared_from_this<SVMovieWriter> {
     void appendAudio(const std::shared_ptr<SampleBuffer>& sample,
                      const std::shared_ptr<media::MovieWriterInput>& input, MediaTime& last,
                      std::atomic<double>& end, const char* discardMessage);
-    // Silence from `end` to the last video frame on an audio track that
-    // received audio but ends before the video (the capture's last buffer,
-    // still filling at the stop, is lost): the tracks play as long as the
-    // video. At most kMaxEndPaddingSeconds.
+    // Silence up to the last video frame, so that every audio track plays
+    // as long as the video: on a track that received audio but ends before
+    // the video (the capture's last buffer, still filling at the stop, is
+    // lost), from `end`, at most kMaxEndPaddingSeconds; on a track that
+    // received none (`end` NaN: no application was tapped), from the
+    // session's start.
     void padAudioToVideoEnd(const std::shared_ptr<media::MovieWriterInput>& input, double end);
     static constexpr double kMaxEndPaddingSeconds = 2.0;
+    // Queues silence on `input` from `from` to `to` (seconds on the
+    // appended samples' clock) without blocking: short silent buffers on
+    // one shared block, each ending at most kMaxFilledAudioGapSeconds after
+    // the one before; the input fills the gap before each in small pieces
+    // as it encodes, so memory stays bounded however long the span is.
+    static void appendSilence(const std::shared_ptr<media::MovieWriterInput>& input, double from,
+                              double to);
 
     std::shared_ptr<media::MovieFileWriter> fileWriter_;
     std::shared_ptr<media::MovieWriterInput> videoInput_;
@@ -155,6 +164,7 @@ class SVMovieWriter : public std::enable_shared_from_this<SVMovieWriter> {
     std::string outputPath_;
     WindowSize windowSize_;
     std::shared_ptr<SVStoreInfo> storeInfo_;
+    MediaTime sessionStartTime_;  // of the first video frame
     MediaTime lastVideoPresentationTime_;
     MediaTime lastAudio1PresentationTime_;
     MediaTime lastAudio2PresentationTime_;

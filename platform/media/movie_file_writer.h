@@ -16,8 +16,9 @@
 //
 // Timing: every sample is placed at (presentation time - session start time),
 // so all tracks share the one clock of the appended samples. Audio before the
-// session start is cut; an audio gap of more than 1024 samples is filled with
-// silence, an overlap is cut, smaller differences are taken as continuous.
+// session start is cut; an audio gap of more than 1024 samples (up to
+// kMaxFilledAudioGapSeconds) is filled with silence, an overlap is cut,
+// smaller differences are taken as continuous.
 //
 // Threads: every method may be called from any thread, but an input must not
 // be appended to from two threads at once. The finish completion runs on the
@@ -43,6 +44,9 @@
 namespace sv::media {
 
 inline constexpr const char* kMovieWriterErrorDomain = "org.sorvel.MovieWriterErrorDomain";
+// The longest audio gap an input fills with silence; a longer jump is taken
+// as continuous (a clock that leapt, not a pause).
+inline constexpr int64_t kMaxFilledAudioGapSeconds = 600;
 
 enum class MediaType { Video, Audio };
 enum class FileType { MPEG4 };

@@ -22,7 +22,6 @@ namespace {
 constexpr size_t kVideoQueueCapacity = 8;   // ~130 ms at 60 fps, pixels stay in the caller's pool
 constexpr size_t kAudioQueueCapacity = 64;  // ~1.5 s of 1024-frame buffers
 constexpr int64_t kAudioJitterSamples = 1024;
-constexpr int64_t kMaxSilenceSeconds = 600;
 
 Result<CodecContextPtr> openVideoEncoder(const VideoSettings& s) {
     const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
@@ -437,7 +436,7 @@ void MovieWriterInput::Core::appendAudio(const uint8_t* const* planes, int count
     int64_t gap = position - nextAudioPos;
     int64_t tolerance = audioPlaced ? kAudioJitterSamples : 0;
     int skip = 0;
-    if (gap > kMaxSilenceSeconds * enc->sample_rate) {
+    if (gap > kMaxFilledAudioGapSeconds * enc->sample_rate) {
         log::error("MovieWriterInput: audio jumps %li samples ahead; taken as continuous", gap);
     } else if (gap > tolerance) {
         if (!writeSilence(gap, mux)) return drop("out of memory");

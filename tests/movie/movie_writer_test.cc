@@ -94,6 +94,9 @@ TEST_F(MovieWriterTest, WithoutStoreInfoOrAudioTheTracksStillExistInOrder) {
     EXPECT_EQ(info.tracks[0].kind, media::TrackKind::Video);
     EXPECT_EQ(info.tracks[1].kind, media::TrackKind::Audio);
     EXPECT_EQ(info.tracks[2].kind, media::TrackKind::Audio);
+    // Silence runs to the video's end on both audio tracks.
+    auto end = [&](int i) { return info.tracks[i].startTime + info.tracks[i].duration; };
+    for (int i : {1, 2}) EXPECT_NEAR(end(i), end(0), 1024.0 / 44100.0) << "audio track " << i;
     for (const char* tag : {"title", "genre", "org.sorvel.content-identifier"})
         EXPECT_FALSE(info.tags.count(tag)) << tag;
 }
