@@ -243,6 +243,8 @@ class Recorder : public sv::SVRecorderClientDelegate,
     void toggleMicrophone();
     void stop(bool discard);
     void stopped(std::optional<std::string> movie, std::optional<SVRecorderError> error);
+    // The stopped broadcast's command ends with the stop's exit status.
+    void endBroadcast();
     void finish(const std::optional<std::string>& movie,
                 const std::optional<SVRecorderError>& error, bool interrupted);
     double recordedSeconds() const;
@@ -276,7 +278,12 @@ class Recorder : public sv::SVRecorderClientDelegate,
     // command waits a little for the last fragment's service information.
     bool broadcastStopped_ = false;
     int broadcastStatus_ = 0;
+    // Service information printed in all, and by the time the user stopped.
     uint64_t serviceInfos_ = 0;
+    uint64_t serviceInfosAtStop_ = 0;
+    // The extension's last information ("finished": true) came after the
+    // stop; a processing extension sends it before the stop is answered.
+    bool finishedInfo_ = false;
     uint64_t hintTimer_ = 0, pollTimer_ = 0, durationTimer_ = 0;
 };
 
@@ -404,10 +411,9 @@ void Recorder::updateBroadcastServiceInfo(const std::string& serviceInfoJSON) {
     // After the stop: the information of the last fragment ends the command
     // (an extension marks it "finished": true).
     auto info = sv::Value::parse(serviceInfoJSON, nullptr, false);
-    if (phase_ == Phase::Stopping && broadcastStopped_ && sv::boolAt(info, "finished") == true) {
-        phase_ = Phase::Done;
-        loop_->quit(broadcastStatus_);
-    }
+    if (phase_ != Phase::Stopping || sv::boolAt(info, "finished") != true) return;
+    finishedInfo_ = true;
+    if (broadcastStopped_) endBroadcast();
 }
 
 void Recorder::start() {
@@ -611,6 +617,7 @@ void Recorder::stop(bool discard) {
     if (!paused_) recorded_ += Clock::now() - segmentStart_;
     phase_ = Phase::Stopping;
     discard_ = discard;
+    serviceInfosAtStop_ = serviceInfos_;
     loop_->cancel(pollTimer_);
     loop_->cancel(durationTimer_);
     loop_->unwatch(STDIN_FILENO);
@@ -626,6 +633,11 @@ void Recorder::stop(bool discard) {
         client_->stopRecordingWithHandler(handler);
 }
 
+void Recorder::endBroadcast() {
+    phase_ = Phase::Done;
+    loop_->quit(broadcastStatus_);
+}
+
 void Recorder::stopped(std::optional<std::string> movie, std::optional<SVRecorderError> error) {
     if (phase_ != Phase::Stopping) return;
     if (options_.broadcast && !discard_) {
@@ -638,12 +650,14 @@ void Recorder::stopped(std::optional<std::string> movie, std::optional<SVRecorde
         note("Broadcast stopped.");
         broadcastStopped_ = true;
         broadcastStatus_ = 0;
-        const uint64_t seen = serviceInfos_;
-        loop_->after(kLastServiceInfoWait, [this, seen] {
+        if (finishedInfo_) return endBroadcast();
+        loop_->after(kLastServiceInfoWait, [this] {
             if (phase_ == Phase::Done) return;
-            if (serviceInfos_ == seen) note("sorvel record: no service information after the stop");
-            phase_ = Phase::Done;
-            loop_->quit(broadcastStatus_);
+            if (serviceInfos_ == 0)
+                note("sorvel record: no service information from the extension");
+            else if (serviceInfos_ == serviceInfosAtStop_)
+                note("sorvel record: no service information after the stop");
+            endBroadcast();
         });
         return;
     }
