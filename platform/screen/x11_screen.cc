@@ -94,18 +94,12 @@ Error screenError(ScreenErrorCode code, const std::string& message) {
     return Error::make(kScreenErrorDomain, code, message);
 }
 
-// Opens a connection and learns the screen; an error when the server is
-// unreachable or its pixels are not 32-bit BGRX.
-Result<Connection> openConnection(const std::string& displayName, ScreenInfo& info) {
-    int screenNumber = 0;
-    Connection c(
-        connectToXServer(displayName.empty() ? nullptr : displayName.c_str(), &screenNumber));
-    if (!c || xcb_connection_has_error(c.get()))
-        return screenError(kScreenErrorCannotConnect, "cannot connect to the X server");
-    const xcb_setup_t* setup = xcb_get_setup(c.get());
+// The server's screen `number` (counted from 0), when its root window's
+// pixels are 32-bit BGRX, the one layout frames are read in.
+Result<xcb_screen_t*> bgrxScreen(const xcb_setup_t* setup, int number) {
     xcb_screen_t* screen = nullptr;
-    for (auto it = xcb_setup_roots_iterator(setup); it.rem; xcb_screen_next(&it), --screenNumber) {
-        if (screenNumber == 0) {
+    for (auto it = xcb_setup_roots_iterator(setup); it.rem; xcb_screen_next(&it), --number) {
+        if (number == 0) {
             screen = it.data;
             break;
         }
@@ -124,13 +118,12 @@ Result<Connection> openConnection(const std::string& displayName, ScreenInfo& in
         visual->red_mask != 0xFF0000 || visual->green_mask != 0xFF00 || visual->blue_mask != 0xFF)
         return screenError(kScreenErrorUnsupportedServer,
                            "the root window's pixels are not 32-bit BGRX");
-    info.root = screen->root;
-    info.rootDepth = screen->root_depth;
-    info.width = screen->width_in_pixels;
-    info.height = screen->height_in_pixels;
+    return screen;
+}
 
-    xcb_connection_t* conn = c.get();
-    // Ask every extension's version at once; one round trip.
+// Which extensions the server has, in the versions capture uses: every
+// version is asked at once, one round trip.
+void learnExtensions(xcb_connection_t* conn, ScreenInfo& info) {
     xcb_prefetch_extension_data(conn, &xcb_composite_id);
     xcb_prefetch_extension_data(conn, &xcb_xfixes_id);
     xcb_prefetch_extension_data(conn, &xcb_randr_id);
@@ -151,10 +144,15 @@ Result<Connection> openConnection(const std::string& displayName, ScreenInfo& in
     if (xfixesExt) xfixesCookie = xcb_xfixes_query_version(conn, 5, 0);
     if (randrExt) randrCookie = xcb_randr_query_version(conn, 1, 5);
     if (shmExt) shmCookie = xcb_shm_query_version(conn);
+    // A later major version than `major`, or a minor version of at least
+    // `minor` (the server answers with at most the version asked for).
+    auto atLeast = [](const auto& r, uint32_t major, uint32_t minor) {
+        return r && (r->major_version > major || r->minor_version >= minor);
+    };
     if (compositeExt) {
         Reply<xcb_composite_query_version_reply_t> r(
             xcb_composite_query_version_reply(conn, compositeCookie, nullptr));
-        info.composite = r && (r->major_version > 0 || r->minor_version >= 2);
+        info.composite = atLeast(r, 0, 2);
     }
     if (xfixesExt) {
         Reply<xcb_xfixes_query_version_reply_t> r(
@@ -165,16 +163,33 @@ Result<Connection> openConnection(const std::string& displayName, ScreenInfo& in
         Reply<xcb_randr_query_version_reply_t> r(
             xcb_randr_query_version_reply(conn, randrCookie, nullptr));
         info.randrAny = bool(r);
-        info.randr = r && (r->major_version > 1 || r->minor_version >= 3);
-        info.monitors = r && (r->major_version > 1 || r->minor_version >= 5);
+        info.randr = atLeast(r, 1, 3);
+        info.monitors = atLeast(r, 1, 5);
         info.randrFirstEvent = randrExt->first_event;
     }
     if (shmExt) {
         Reply<xcb_shm_query_version_reply_t> r(
             xcb_shm_query_version_reply(conn, shmCookie, nullptr));
-        info.shm = r && (r->major_version > 1 || r->minor_version >= 2) && isLocalSocket(conn);
+        info.shm = atLeast(r, 1, 2) && isLocalSocket(conn);
     }
-    if (xcb_connection_has_error(conn))
+}
+
+// Opens a connection and learns the screen; an error when the server is
+// unreachable or its pixels are not 32-bit BGRX.
+Result<Connection> openConnection(const std::string& displayName, ScreenInfo& info) {
+    int screenNumber = 0;
+    Connection c(
+        connectToXServer(displayName.empty() ? nullptr : displayName.c_str(), &screenNumber));
+    if (!c || xcb_connection_has_error(c.get()))
+        return screenError(kScreenErrorCannotConnect, "cannot connect to the X server");
+    auto screen = bgrxScreen(xcb_get_setup(c.get()), screenNumber);
+    if (!screen) return screen.error();
+    info.root = (*screen)->root;
+    info.rootDepth = (*screen)->root_depth;
+    info.width = (*screen)->width_in_pixels;
+    info.height = (*screen)->height_in_pixels;
+    learnExtensions(c.get(), info);
+    if (xcb_connection_has_error(c.get()))
         return screenError(kScreenErrorCannotConnect, "the X server closed the connection");
     return c;
 }
