@@ -125,6 +125,7 @@ struct PacketFree {
 };
 
 using Input = std::unique_ptr<AVFormatContext, InputCloser>;
+using Output = std::unique_ptr<AVFormatContext, OutputCloser>;
 
 // The fragment read through `reader` (which must outlive it), or why not.
 std::variant<Input, std::string> openFragment(FdReader& reader) {
@@ -175,6 +176,62 @@ int64_t fragmentLength90k(std::vector<int64_t> videoTimes90k, int64_t anyEnd90k)
     return videoTimes90k.back() + interval;
 }
 
+// An MPEG-TS segment in memory with the streams of `in`, its header
+// written, or why not.
+std::variant<Output, std::string> startSegment(const AVFormatContext& in) {
+    AVFormatContext* rawOut = nullptr;
+    if (int r = avformat_alloc_output_context2(&rawOut, nullptr, "mpegts", nullptr); r < 0)
+        return "no MPEG-TS muxer: " + averror(r);
+    Output out(rawOut);
+    for (unsigned i = 0; i < in.nb_streams; ++i) {
+        AVStream* s = avformat_new_stream(out.get(), nullptr);
+        if (!s) return "out of memory";
+        if (avcodec_parameters_copy(s->codecpar, in.streams[i]->codecpar) < 0)
+            return "cannot copy stream parameters";
+        s->codecpar->codec_tag = 0;
+        s->time_base = in.streams[i]->time_base;
+    }
+    if (avio_open_dyn_buf(&out->pb) < 0) return "out of memory";
+    if (int r = avformat_write_header(out.get(), nullptr); r < 0)
+        return "cannot start the segment: " + averror(r);
+    return out;
+}
+
+// Copies every packet of `in` to `out`, moved to start at `start90k`
+// (every stream of a fragment starts at its first video frame, time 0);
+// the fragment's length in 90 kHz ticks (fragmentLength90k), or why not.
+std::variant<int64_t, std::string> copyPackets(AVFormatContext& in, AVFormatContext& out,
+                                               int64_t start90k) {
+    int videoIndex = -1;
+    for (unsigned i = 0; i < in.nb_streams && videoIndex < 0; ++i)
+        if (in.streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) videoIndex = int(i);
+    const AVRational ticks90k{1, 90000};
+    std::vector<int64_t> videoTimes90k;
+    int64_t anyEnd90k = 0;
+    std::unique_ptr<AVPacket, PacketFree> packet(av_packet_alloc());
+    if (!packet) return "out of memory";
+    int r = 0;
+    while ((r = av_read_frame(&in, packet.get())) >= 0) {
+        const unsigned index = unsigned(packet->stream_index);
+        const AVRational tb = in.streams[index]->time_base;
+        const int64_t offset = av_rescale_q(start90k, ticks90k, tb);
+        if (packet->pts != AV_NOPTS_VALUE) {
+            const int64_t pts90k = av_rescale_q(packet->pts, tb, ticks90k);
+            anyEnd90k =
+                std::max(anyEnd90k, av_rescale_q(packet->pts + packet->duration, tb, ticks90k));
+            if (int(index) == videoIndex) videoTimes90k.push_back(pts90k);
+            packet->pts += offset;
+        }
+        if (packet->dts != AV_NOPTS_VALUE) packet->dts += offset;
+        av_packet_rescale_ts(packet.get(), tb, out.streams[index]->time_base);
+        packet->pos = -1;
+        if (int w = av_interleaved_write_frame(&out, packet.get()); w < 0)
+            return "cannot write the segment: " + averror(w);
+    }
+    if (r != AVERROR_EOF) return "cannot read the fragment: " + averror(r);
+    return fragmentLength90k(std::move(videoTimes90k), anyEnd90k);
+}
+
 }  // namespace
 
 std::unique_ptr<Destination> makeDirectoryDestination(const std::string& directory,
@@ -221,51 +278,12 @@ Publisher::Remuxed Publisher::remux(int fd) const {
     auto opened = openFragment(reader);
     if (auto* why = std::get_if<std::string>(&opened)) return fail(std::move(*why));
     Input in = std::move(std::get<Input>(opened));
-    AVFormatContext* rawOut = nullptr;
-    if (int r = avformat_alloc_output_context2(&rawOut, nullptr, "mpegts", nullptr); r < 0)
-        return fail("no MPEG-TS muxer: " + averror(r));
-    std::unique_ptr<AVFormatContext, OutputCloser> out(rawOut);
-    int videoIndex = -1;
-    for (unsigned i = 0; i < in->nb_streams; ++i) {
-        AVStream* s = avformat_new_stream(out.get(), nullptr);
-        if (!s) return fail("out of memory");
-        if (avcodec_parameters_copy(s->codecpar, in->streams[i]->codecpar) < 0)
-            return fail("cannot copy stream parameters");
-        s->codecpar->codec_tag = 0;
-        s->time_base = in->streams[i]->time_base;
-        if (in->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && videoIndex < 0)
-            videoIndex = int(i);
-    }
-    if (int r = avio_open_dyn_buf(&out->pb); r < 0) return fail("out of memory");
-    if (int r = avformat_write_header(out.get(), nullptr); r < 0)
-        return fail("cannot start the segment: " + averror(r));
+    auto started = startSegment(*in);
+    if (auto* why = std::get_if<std::string>(&started)) return fail(std::move(*why));
+    Output out = std::move(std::get<Output>(started));
+    auto copied = copyPackets(*in, *out, nextStart90k_);
+    if (auto* why = std::get_if<std::string>(&copied)) return fail(std::move(*why));
 
-    // Every stream of a fragment starts at its first video frame (time 0):
-    // the segment's timestamps are moved to where the last one ended.
-    const AVRational ticks90k{1, 90000};
-    std::vector<int64_t> videoTimes90k;  // for fragmentLength90k
-    int64_t anyEnd90k = 0;
-    std::unique_ptr<AVPacket, PacketFree> packet(av_packet_alloc());
-    if (!packet) return fail("out of memory");
-    int r = 0;
-    while ((r = av_read_frame(in.get(), packet.get())) >= 0) {
-        const unsigned index = unsigned(packet->stream_index);
-        const AVRational tb = in->streams[index]->time_base;
-        const int64_t offset = av_rescale_q(nextStart90k_, ticks90k, tb);
-        if (packet->pts != AV_NOPTS_VALUE) {
-            const int64_t pts90k = av_rescale_q(packet->pts, tb, ticks90k);
-            anyEnd90k =
-                std::max(anyEnd90k, av_rescale_q(packet->pts + packet->duration, tb, ticks90k));
-            if (int(index) == videoIndex) videoTimes90k.push_back(pts90k);
-            packet->pts += offset;
-        }
-        if (packet->dts != AV_NOPTS_VALUE) packet->dts += offset;
-        av_packet_rescale_ts(packet.get(), tb, out->streams[index]->time_base);
-        packet->pos = -1;
-        if (int w = av_interleaved_write_frame(out.get(), packet.get()); w < 0)
-            return fail("cannot write the segment: " + averror(w));
-    }
-    if (r != AVERROR_EOF) return fail("cannot read the fragment: " + averror(r));
     if (int w = av_write_trailer(out.get()); w < 0)
         return fail("cannot end the segment: " + averror(w));
     uint8_t* bytes = nullptr;
@@ -274,8 +292,7 @@ Publisher::Remuxed Publisher::remux(int fd) const {
     if (!bytes || size < 0) return fail("out of memory");
     result.bytes.assign(reinterpret_cast<const char*>(bytes), size_t(size));
     av_free(bytes);
-
-    result.length90k = fragmentLength90k(std::move(videoTimes90k), anyEnd90k);
+    result.length90k = std::get<int64_t>(copied);
     return result;
 }
 
