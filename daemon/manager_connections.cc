@@ -143,74 +143,84 @@ std::pair<std::string, bool> SVRecordingManager::identityOfProcess(pid_t pid, in
 bool SVRecordingManager::listenerShouldAcceptNewConnection(
     ipc::Listener&, const std::shared_ptr<ipc::Connection>& connection) {
     log::info("SVRecordingManager: shouldAcceptNewConnection:");
-    const pid_t pid = connection->processIdentifier();
-    if (pid == 0) return false;
-    // The file system is read here, on the listener's queue, not on the
-    // manager's. The identity is the process that connected, read through
-    // its process descriptor, never a later holder of its number.
-    UniqueFd pidfd = connection->peerProcessDescriptor();
-    auto identity = identityOfProcess(pid, pidfd.get());
-    std::string bundleID = std::move(identity.first);
-    const bool trusted = identity.second;
-    if (bundleID.size() > kMaxBundleIDBytes) {
-        log::error("SVRecordingManager: pid %i has a bundle identifier of %lu bytes; taken as none",
-                   int32_t(pid), bundleID.size());
-        bundleID.clear();
-    }
-    log::info("accepted client connection PID: %d", int32_t(pid));
+    auto client = identifyClient(connection);
+    if (!client) return false;
+    log::info("accepted client connection PID: %d", int32_t(client->pid));
     bool accepted = false;
     queue_->sync([&] {
-        auto client = std::make_shared<SVClientConnection>();
-        client->connection = connection;
-        client->pid = pid;
-        client->bundleID = bundleID;
-        client->trusted = trusted;
         accepted = true;
-
-        connection->setExportedObject(makeExportedObject(client));
-        connection->setExportedInterface(daemonProtocolInterface());
-        connection->setRemoteObjectInterface(clientProtocolInterface());
-        std::weak_ptr<SVRecordingManager> weak = weak_from_this();
-        auto disconnected = [weak, client] {
-            if (auto self = weak.lock())
-                self->queue_->async(
-                    [self, client] { self->applicationDisconnectedWithBundleID(client); });
-        };
-        connection->setInterruptionHandler([disconnected] {
-            log::info("connection INTERRUPTED");
-            disconnected();
-        });
-        connection->setInvalidationHandler([disconnected] {
-            log::info("connection INVALID");
-            disconnected();
-        });
-
-        auto session = recordingSessionForBundleID(bundleID);
-        if (session) {
-            session->setBundleID(bundleID);
-            // The application connects again: its older connection is
-            // silently replaced, without the handlers of a disconnect.
-            if (auto previous = session->clientProxy()) {
-                if (auto old = previous->connection()) {
-                    old->setInvalidationHandler(nullptr);
-                    old->setInterruptionHandler(nullptr);
-                    old->invalidate();
-                }
-            }
-            if (auto older = clientOfBundle(bundleID); older && older != client) {
-                older->ended = true;
-                older->heldRequests.clear();
-                if (auto alert = std::exchange(older->pendingAlert, nullptr)) alert->cancel();
-            }
-            clients_[bundleID] = client;
-            session->setClientProxy(SVClientProxy::initWithBundleIdentifier(bundleID, connection));
-        }
+        exportDaemonProtocol(client, connection);
+        auto session = recordingSessionForBundleID(client->bundleID);
+        if (session) attachClientToSession(client, connection, session);
         setCurrentRecordingSession(session);
-        platform_->applicationConnected(bundleID, pid);
+        platform_->applicationConnected(client->bundleID, client->pid);
         connection->resume();
-        expireAcknowledgementExemptionsForBundleID(bundleID);
+        expireAcknowledgementExemptionsForBundleID(client->bundleID);
     });
     return accepted;
+}
+
+std::shared_ptr<SVClientConnection> SVRecordingManager::identifyClient(
+    const std::shared_ptr<ipc::Connection>& connection) const {
+    const pid_t pid = connection->processIdentifier();
+    if (pid == 0) return nullptr;
+    // The identity is the process that connected, read through its process
+    // descriptor, never a later holder of its number.
+    UniqueFd pidfd = connection->peerProcessDescriptor();
+    auto identity = identityOfProcess(pid, pidfd.get());
+    auto client = std::make_shared<SVClientConnection>();
+    client->connection = connection;
+    client->pid = pid;
+    client->bundleID = std::move(identity.first);
+    client->trusted = identity.second;
+    if (client->bundleID.size() > kMaxBundleIDBytes) {
+        log::error("SVRecordingManager: pid %i has a bundle identifier of %lu bytes; taken as none",
+                   int32_t(pid), client->bundleID.size());
+        client->bundleID.clear();
+    }
+    return client;
+}
+
+void SVRecordingManager::exportDaemonProtocol(const std::shared_ptr<SVClientConnection>& client,
+                                              const std::shared_ptr<ipc::Connection>& connection) {
+    connection->setExportedObject(makeExportedObject(client));
+    connection->setExportedInterface(daemonProtocolInterface());
+    connection->setRemoteObjectInterface(clientProtocolInterface());
+    std::weak_ptr<SVRecordingManager> weak = weak_from_this();
+    auto disconnected = [weak, client] {
+        if (auto self = weak.lock())
+            self->queue_->async(
+                [self, client] { self->applicationDisconnectedWithBundleID(client); });
+    };
+    connection->setInterruptionHandler([disconnected] {
+        log::info("connection INTERRUPTED");
+        disconnected();
+    });
+    connection->setInvalidationHandler([disconnected] {
+        log::info("connection INVALID");
+        disconnected();
+    });
+}
+
+void SVRecordingManager::attachClientToSession(const std::shared_ptr<SVClientConnection>& client,
+                                               const std::shared_ptr<ipc::Connection>& connection,
+                                               const std::shared_ptr<SVRecordingSession>& session) {
+    const std::string& bundleID = client->bundleID;
+    session->setBundleID(bundleID);
+    if (auto previous = session->clientProxy()) {
+        if (auto old = previous->connection()) {
+            old->setInvalidationHandler(nullptr);
+            old->setInterruptionHandler(nullptr);
+            old->invalidate();
+        }
+    }
+    if (auto older = clientOfBundle(bundleID); older && older != client) {
+        older->ended = true;
+        older->heldRequests.clear();
+        if (auto alert = std::exchange(older->pendingAlert, nullptr)) alert->cancel();
+    }
+    clients_[bundleID] = client;
+    session->setClientProxy(SVClientProxy::initWithBundleIdentifier(bundleID, connection));
 }
 
 void SVRecordingManager::applicationDisconnectedWithBundleID(

@@ -431,7 +431,21 @@ class SVRecordingManager : public ipc::ListenerDelegate,
     std::shared_ptr<SVClientConnection> clientOfBundle(const std::string& bundleID) const;
     std::shared_ptr<ipc::ExportedObject> makeExportedObject(
         const std::shared_ptr<SVClientConnection>& client);
-    bool acceptConnection(const std::shared_ptr<ipc::Connection>& connection);
+    // The client behind `connection`, identified from its peer process; null
+    // for a peer whose process identifier reads as 0. Reads the file system:
+    // on the listener's queue, never the manager's.
+    std::shared_ptr<SVClientConnection> identifyClient(
+        const std::shared_ptr<ipc::Connection>& connection) const;
+    // On the queue: exports the daemon's protocol on the client's connection,
+    // whose end reaches applicationDisconnectedWithBundleID.
+    void exportDaemonProtocol(const std::shared_ptr<SVClientConnection>& client,
+                              const std::shared_ptr<ipc::Connection>& connection);
+    // On the queue: the client becomes the one of its application's session;
+    // an older connection of the application is replaced without the
+    // handlers of a disconnect.
+    void attachClientToSession(const std::shared_ptr<SVClientConnection>& client,
+                               const std::shared_ptr<ipc::Connection>& connection,
+                               const std::shared_ptr<SVRecordingSession>& session);
 
     SessionBook& book(const std::shared_ptr<SVRecordingSession>& session);
     // The number of the session's latest recording (0: none, or no book).
