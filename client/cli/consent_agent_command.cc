@@ -220,29 +220,49 @@ std::string findInPath(const std::string& program) {
     return {};
 }
 
-// A zenity question: accept buttons as OK and extra button, decline as
-// Cancel. Closing the window counts as Cancel, which declines as well.
-ConsentResponse askZenity(const std::string& zenity, const ConsentAlert& alert) {
-    std::vector<std::string> args = {zenity,
-                                     "--question",
-                                     "--no-markup",
-                                     "--width=460",
-                                     "--title=" + alert.title,
-                                     "--text=" + alert.title + "\n\n" + alert.message};
+// A zenity question for `alert`: its command line, and the label of its
+// extra button (empty for none).
+struct ZenityQuestion {
+    std::vector<std::string> args;
     std::string extra;
-    if (alert.alternateButton) {
-        args.push_back("--ok-label=" + *alert.alternateButton);
-        if (alert.otherButton) extra = *alert.otherButton;
-    } else if (alert.otherButton) {
-        args.push_back("--ok-label=" + *alert.otherButton);
-    } else {
-        return ConsentResponse::Cancel;
-    }
-    args.push_back("--cancel-label=" + alert.defaultButton);
-    if (!extra.empty()) args.push_back("--extra-button=" + extra);
+};
 
+// Accept buttons as OK and extra button, decline as Cancel; nullopt for an
+// alert without an accept button.
+std::optional<ZenityQuestion> zenityQuestion(const std::string& zenity, const ConsentAlert& alert) {
+    ZenityQuestion q;
+    q.args = {zenity,
+              "--question",
+              "--no-markup",
+              "--width=460",
+              "--title=" + alert.title,
+              "--text=" + alert.title + "\n\n" + alert.message};
+    if (alert.alternateButton) {
+        q.args.push_back("--ok-label=" + *alert.alternateButton);
+        if (alert.otherButton) q.extra = *alert.otherButton;
+    } else if (alert.otherButton) {
+        q.args.push_back("--ok-label=" + *alert.otherButton);
+    } else {
+        return std::nullopt;
+    }
+    q.args.push_back("--cancel-label=" + alert.defaultButton);
+    if (!q.extra.empty()) q.args.push_back("--extra-button=" + q.extra);
+    return q;
+}
+
+// How a dialog ended: its wait status and what it printed (at most about
+// 4 KiB, without the line end).
+struct DialogEnd {
+    int status = 0;
+    std::string printed;
+};
+
+// Runs the dialog program `args[0]` for the alert `alertID` (withdrawing
+// the alert ends it) until it exits; nullopt when it could not be started
+// or waited for.
+std::optional<DialogEnd> runDialog(std::vector<std::string> args, uint64_t alertID) {
     int pipeFds[2];
-    if (pipe2(pipeFds, O_CLOEXEC) != 0) return ConsentResponse::Cancel;
+    if (pipe2(pipeFds, O_CLOEXEC) != 0) return std::nullopt;
     sv::UniqueFd readEnd(pipeFds[0]), writeEnd(pipeFds[1]);
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
@@ -251,36 +271,47 @@ ConsentResponse askZenity(const std::string& zenity, const ConsentAlert& alert) 
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
     pid_t pid = -1;
-    int rc = posix_spawn(&pid, zenity.c_str(), &fa, nullptr, argv.data(), environ);
+    int rc = posix_spawn(&pid, args[0].c_str(), &fa, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&fa);
-    if (rc == 0) Showing::instance().dialogStarted(alert.alertID, pid);
+    if (rc != 0) return std::nullopt;
+    Showing::instance().dialogStarted(alertID, pid);
     writeEnd.reset();  // the child's copy is the only writer left
-    std::string printed;
+    DialogEnd ended;
     char buf[256];
     ssize_t n;
-    while (rc == 0 && (n = read(readEnd.get(), buf, sizeof buf)) != 0) {
+    while ((n = read(readEnd.get(), buf, sizeof buf)) != 0) {
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0 || printed.size() > 4096) break;
-        printed.append(buf, size_t(n));
+        if (n < 0 || ended.printed.size() > 4096) break;
+        ended.printed.append(buf, size_t(n));
     }
     readEnd.reset();
-    int status = 0;
-    const bool reaped = rc == 0 && waitpid(pid, &status, 0) == pid;
-    if (rc == 0) Showing::instance().dialogEnded(alert.alertID);
-    if (reaped && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM)
+    const bool reaped = waitpid(pid, &ended.status, 0) == pid;
+    Showing::instance().dialogEnded(alertID);
+    if (!reaped) return std::nullopt;
+    while (!ended.printed.empty() && (ended.printed.back() == '\n' || ended.printed.back() == '\r'))
+        ended.printed.pop_back();
+    return ended;
+}
+
+// Asks with a zenity question. Closing the window counts as Cancel, which
+// declines as well.
+ConsentResponse askZenity(const std::string& zenity, const ConsentAlert& alert) {
+    auto question = zenityQuestion(zenity, alert);
+    if (!question) return ConsentResponse::Cancel;
+    auto ended = runDialog(question->args, alert.alertID);
+    if (ended && WIFSIGNALED(ended->status) && WTERMSIG(ended->status) == SIGTERM)
         return ConsentResponse::Cancel;  // withdrawn (or ended by the user's session)
-    if (!reaped || !WIFEXITED(status)) {
+    if (!ended || !WIFEXITED(ended->status)) {
         std::fprintf(stderr, "sorvel consent-agent: zenity failed; the question is declined\n");
         return ConsentResponse::Cancel;
     }
-    while (!printed.empty() && (printed.back() == '\n' || printed.back() == '\r'))
-        printed.pop_back();
-    switch (WEXITSTATUS(status)) {
+    switch (WEXITSTATUS(ended->status)) {
         case 0:
             return alert.alternateButton ? ConsentResponse::Alternate : ConsentResponse::Other;
         case 1:
-            return !extra.empty() && printed == extra ? ConsentResponse::Other
-                                                      : ConsentResponse::Default;
+            return !question->extra.empty() && ended->printed == question->extra
+                       ? ConsentResponse::Other
+                       : ConsentResponse::Default;
         default:
             return ConsentResponse::Cancel;
     }
