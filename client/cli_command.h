@@ -3,6 +3,7 @@
 // subsystem adds a command without touching the others.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,5 +31,12 @@ const std::vector<Command>& commands();
 struct CliRegistration {
     explicit CliRegistration(const Command& c) { registerCommand(c); }
 };
+
+// "sorvel COMMAND: MESSAGE", a blank line and `usage` on standard error;
+// returns 2, the exit status of a usage error.
+int usageError(const char* command, const std::string& message, const char* usage);
+// A number of seconds: finite, 0 or more, nothing after it; nullopt
+// otherwise.
+std::optional<double> parseSeconds(const char* text);
 
 }  // namespace sv::cli

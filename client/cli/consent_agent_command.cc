@@ -59,8 +59,7 @@ constexpr const char* kUsage =
     "the dialog cannot be shown; 2 usage.\n";
 
 int usageError(const std::string& message) {
-    std::fprintf(stderr, "sorvel consent-agent: %s\n\n%s", message.c_str(), kUsage);
-    return 2;
+    return sv::cli::usageError("consent-agent", message, kUsage);
 }
 
 std::string localized(const char* key, const char* english) {

@@ -21,8 +21,7 @@ constexpr const char* kUsage =
     "  --json   print one JSON object (keys in docs/movie-inspector.md)\n";
 
 int usageError(const std::string& message) {
-    std::fprintf(stderr, "sorvel inspect: %s\n\n%s", message.c_str(), kUsage);
-    return 2;
+    return sv::cli::usageError("inspect", message, kUsage);
 }
 
 int runInspect(int argc, char** argv) {

@@ -93,17 +93,9 @@ constexpr auto kLayerWait = 3s;
 constexpr auto kLastServiceInfoWait = 10s;
 
 int usageError(const std::string& message) {
-    std::fprintf(stderr, "sorvel record: %s\n\n%s", message.c_str(), kUsage);
-    return 2;
+    return sv::cli::usageError("record", message, kUsage);
 }
-
-std::optional<double> parseSeconds(const char* text) {
-    char* end = nullptr;
-    errno = 0;
-    double v = std::strtod(text, &end);
-    if (errno || end == text || *end || !std::isfinite(v) || v < 0) return std::nullopt;
-    return v;
-}
+using sv::cli::parseSeconds;
 
 std::optional<uint32_t> parseLayer(const char* text) {
     char* end = nullptr;

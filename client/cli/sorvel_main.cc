@@ -1,6 +1,9 @@
 // Entry point of the `sorvel` command-line tool: dispatches to the
 // registered subcommands.
+#include <cerrno>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "client/cli_command.h"
@@ -16,6 +19,19 @@ void registerCommand(const Command& command) {
 }
 const std::vector<Command>& commands() {
     return registry();
+}
+
+int usageError(const char* command, const std::string& message, const char* usage) {
+    std::fprintf(stderr, "sorvel %s: %s\n\n%s", command, message.c_str(), usage);
+    return 2;
+}
+
+std::optional<double> parseSeconds(const char* text) {
+    char* end = nullptr;
+    errno = 0;
+    double v = std::strtod(text, &end);
+    if (errno || end == text || *end || !std::isfinite(v) || v < 0) return std::nullopt;
+    return v;
 }
 
 }  // namespace sv::cli

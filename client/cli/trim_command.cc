@@ -28,17 +28,9 @@ constexpr const char* kUsage =
     "a whole second), without re-encoding. OUTPUT is replaced if it exists.\n";
 
 int usageError(const char* message) {
-    std::fprintf(stderr, "sorvel trim: %s\n\n%s", message, kUsage);
-    return 2;
+    return sv::cli::usageError("trim", message, kUsage);
 }
-
-std::optional<double> parseSeconds(const char* text) {
-    char* end = nullptr;
-    errno = 0;
-    double v = std::strtod(text, &end);
-    if (errno || end == text || *end || !std::isfinite(v) || v < 0) return std::nullopt;
-    return v;
-}
+using sv::cli::parseSeconds;
 
 std::string absolute(const std::string& path) {
     std::error_code ec;
