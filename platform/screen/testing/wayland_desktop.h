@@ -1,7 +1,8 @@
 // Test and benchmark support for the portal screen backend: a private
 // Wayland desktop (platform/screen/testing/wayland-desktop.sh) of one
 // headless output filled with a solid colour, with its own session bus,
-// PipeWire and desktop portal. Not part of the daemon.
+// PipeWire and desktop portal, and client windows of a solid colour shown
+// in it. Not part of the daemon.
 //
 // Threads: one object belongs to the thread that made it.
 #pragma once
@@ -57,6 +58,22 @@ class WaylandDesktop {
     bool killCompositor();
     // The logs of every part, for a failed test's message.
     std::string logs() const;
+    // Runs a sway command (swaymsg) on the compositor; whether it succeeded.
+    bool swaymsg(const std::string& command) const;
+
+    // A client window of its own connection: one xdg-shell toplevel showing
+    // a solid colour. Destroying it closes the connection, which closes the
+    // window.
+    class Window {
+      public:
+        virtual ~Window() = default;
+    };
+    // Shows a `width` x `height` toplevel of colour `rgb` (0xRRGGBB) with the
+    // app_id `appID` and returns once the compositor has its picture; sway
+    // tiles it, and may draw it larger than its picture, unless a sway
+    // command floats it. Null when the compositor does not take it.
+    std::unique_ptr<Window> showWindow(const std::string& appID, int32_t width = 64,
+                                       int32_t height = 64, uint32_t rgb = 0) const;
 
   private:
     WaylandDesktop(pid_t group, std::string dir, std::string bus)
