@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "platform/unique_fd.h"
+#include "platform/wayland/wayland_display.h"
 #include "xdg-shell-client-protocol.h"
 
 namespace sv::testing {
@@ -53,10 +54,6 @@ void endGroup(pid_t group) {
     ::waitpid(group, nullptr, 0);
 }
 
-struct DisplayClose {
-    void operator()(wl_display* d) const { wl_display_disconnect(d); }
-};
-
 // The client's proxies are freed before it disconnects (disconnecting leaves
 // them allocated). The thread that showed it only.
 struct ClientWindow final : WaylandDesktop::Window {
@@ -69,7 +66,7 @@ struct ClientWindow final : WaylandDesktop::Window {
         if (proxy) proxies.push_back(reinterpret_cast<wl_proxy*>(proxy));
         return proxy;
     }
-    std::unique_ptr<wl_display, DisplayClose> display;
+    WaylandDisplay display;
     std::vector<wl_proxy*> proxies;
     wl_compositor* compositor = nullptr;
     wl_shm* shm = nullptr;
