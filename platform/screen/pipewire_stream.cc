@@ -1,12 +1,18 @@
 #include "platform/screen/pipewire_stream.h"
 
+#include <linux/dma-buf.h>
 #include <pipewire/pipewire.h>
 #include <spa/buffer/meta.h>
 #include <spa/param/video/format-utils.h>
 #include <spa/pod/builder.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
 
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <utility>
+#include <vector>
 
 #include "platform/host_clock.h"
 #include "platform/log.h"
@@ -40,6 +46,54 @@ uint32_t transformFlagsOf(uint32_t transform) {
         default:
             return 0;
     }
+}
+
+// DRM format modifiers (drm_fourcc.h): the linear layout, and none given
+// (the driver's implicit layout).
+constexpr uint64_t kModifierLinear = 0;
+constexpr uint64_t kModifierInvalid = (uint64_t(1) << 56) - 1;
+
+// One EnumFormat: BGRx/BGRA at about `size` and `fps`; with `modifiers`,
+// DMA-BUF pictures of those layouts (a choice for the producer unless it is
+// one), without, shared memory.
+const spa_pod* buildFormat(spa_pod_builder* b, spa_rectangle size, double fps,
+                           const std::vector<uint64_t>& modifiers) {
+    spa_pod_frame f, choice;
+    spa_pod_builder_push_object(b, &f, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat);
+    spa_pod_builder_prop(b, SPA_FORMAT_mediaType, 0);
+    spa_pod_builder_id(b, SPA_MEDIA_TYPE_video);
+    spa_pod_builder_prop(b, SPA_FORMAT_mediaSubtype, 0);
+    spa_pod_builder_id(b, SPA_MEDIA_SUBTYPE_raw);
+    spa_pod_builder_prop(b, SPA_FORMAT_VIDEO_format, 0);
+    spa_pod_builder_push_choice(b, &choice, SPA_CHOICE_Enum, 0);
+    spa_pod_builder_id(b, SPA_VIDEO_FORMAT_BGRx);
+    spa_pod_builder_id(b, SPA_VIDEO_FORMAT_BGRx);
+    spa_pod_builder_id(b, SPA_VIDEO_FORMAT_BGRA);
+    spa_pod_builder_pop(b, &choice);
+    if (modifiers.size() == 1) {
+        spa_pod_builder_prop(b, SPA_FORMAT_VIDEO_modifier, SPA_POD_PROP_FLAG_MANDATORY);
+        spa_pod_builder_long(b, int64_t(modifiers[0]));
+    } else if (!modifiers.empty()) {
+        spa_pod_builder_prop(b, SPA_FORMAT_VIDEO_modifier,
+                             SPA_POD_PROP_FLAG_MANDATORY | SPA_POD_PROP_FLAG_DONT_FIXATE);
+        spa_pod_builder_push_choice(b, &choice, SPA_CHOICE_Enum, 0);
+        spa_pod_builder_long(b, int64_t(modifiers[0]));
+        for (uint64_t m : modifiers) spa_pod_builder_long(b, int64_t(m));
+        spa_pod_builder_pop(b, &choice);
+    }
+    spa_pod_builder_prop(b, SPA_FORMAT_VIDEO_size, 0);
+    spa_pod_builder_push_choice(b, &choice, SPA_CHOICE_Range, 0);
+    spa_pod_builder_rectangle(b, size.width, size.height);
+    spa_pod_builder_rectangle(b, 1, 1);
+    spa_pod_builder_rectangle(b, 16384, 16384);
+    spa_pod_builder_pop(b, &choice);
+    spa_pod_builder_prop(b, SPA_FORMAT_VIDEO_framerate, 0);
+    spa_pod_builder_push_choice(b, &choice, SPA_CHOICE_Range, 0);
+    spa_pod_builder_fraction(b, uint32_t(std::max(1.0, fps + 0.5)), 1);
+    spa_pod_builder_fraction(b, 0, 1);
+    spa_pod_builder_fraction(b, 1000, 1);
+    spa_pod_builder_pop(b, &choice);
+    return static_cast<const spa_pod*>(spa_pod_builder_pop(b, &f));
 }
 
 void initPipeWire() {
@@ -128,53 +182,38 @@ class Stream final : public PipeWireStream {
             e.param_changed = [](void* data, uint32_t id, const spa_pod* param) {
                 static_cast<Stream*>(data)->paramChanged(id, param);
             };
+            e.add_buffer = [](void* data, pw_buffer* buffer) {
+                static_cast<Stream*>(data)->addBuffer(buffer);
+            };
+            e.remove_buffer = [](void* data, pw_buffer* buffer) {
+                static_cast<Stream*>(data)->mappings_.erase(buffer);
+            };
             e.process = [](void* data) { static_cast<Stream*>(data)->process(); };
             return e;
         }();
         pw_stream_add_listener(s->stream_, &s->streamListener_, &streamEvents, s.get());
 
-        uint8_t buffer[1024];
+        s->size_ = {uint32_t(width), uint32_t(height)};
+        s->fps_ = interval.isValid() && interval.seconds() > 0 ? 1.0 / interval.seconds() : 60.0;
+        s->renegotiate_ = pw_loop_add_event(
+            pw_thread_loop_get_loop(s->loop_),
+            [](void* data, uint64_t) { static_cast<Stream*>(data)->offerFormats({}); }, s.get());
+        if (!s->renegotiate_) {
+            unlock();
+            return fail("no event source");
+        }
+        uint8_t buffer[2048];
         spa_pod_builder b = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
-        const double fps =
-            interval.isValid() && interval.seconds() > 0 ? 1.0 / interval.seconds() : 60.0;
-        spa_rectangle defSize{uint32_t(width), uint32_t(height)}, minSize{1, 1},
-            maxSize{16384, 16384};
-        spa_fraction defRate{uint32_t(std::max(1.0, fps + 0.5)), 1}, minRate{0, 1},
-            maxRate{1000, 1};
-        spa_pod_frame f;
-        spa_pod_builder_push_object(&b, &f, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat);
-        spa_pod_builder_prop(&b, SPA_FORMAT_mediaType, 0);
-        spa_pod_builder_id(&b, SPA_MEDIA_TYPE_video);
-        spa_pod_builder_prop(&b, SPA_FORMAT_mediaSubtype, 0);
-        spa_pod_builder_id(&b, SPA_MEDIA_SUBTYPE_raw);
-        spa_pod_frame choice;
-        spa_pod_builder_prop(&b, SPA_FORMAT_VIDEO_format, 0);
-        spa_pod_builder_push_choice(&b, &choice, SPA_CHOICE_Enum, 0);
-        spa_pod_builder_id(&b, SPA_VIDEO_FORMAT_BGRx);
-        spa_pod_builder_id(&b, SPA_VIDEO_FORMAT_BGRx);
-        spa_pod_builder_id(&b, SPA_VIDEO_FORMAT_BGRA);
-        spa_pod_builder_pop(&b, &choice);
-        spa_pod_builder_prop(&b, SPA_FORMAT_VIDEO_size, 0);
-        spa_pod_builder_push_choice(&b, &choice, SPA_CHOICE_Range, 0);
-        spa_pod_builder_rectangle(&b, defSize.width, defSize.height);
-        spa_pod_builder_rectangle(&b, minSize.width, minSize.height);
-        spa_pod_builder_rectangle(&b, maxSize.width, maxSize.height);
-        spa_pod_builder_pop(&b, &choice);
-        spa_pod_builder_prop(&b, SPA_FORMAT_VIDEO_framerate, 0);
-        spa_pod_builder_push_choice(&b, &choice, SPA_CHOICE_Range, 0);
-        spa_pod_builder_fraction(&b, defRate.num, defRate.denom);
-        spa_pod_builder_fraction(&b, minRate.num, minRate.denom);
-        spa_pod_builder_fraction(&b, maxRate.num, maxRate.denom);
-        spa_pod_builder_pop(&b, &choice);
-        const auto* format = static_cast<const spa_pod*>(spa_pod_builder_pop(&b, &f));
-        if (!format) {
+        const spa_pod* params[] = {
+            buildFormat(&b, s->size_, s->fps_, {kModifierLinear, kModifierInvalid}),
+            buildFormat(&b, s->size_, s->fps_, {})};
+        if (!params[0] || !params[1]) {
             unlock();
             return screenError(kScreenErrorCannotConnect, "PipeWire: cannot describe the format");
         }
-        const spa_pod* params[] = {format};
         const int r = pw_stream_connect(
             s->stream_, PW_DIRECTION_INPUT, node,
-            pw_stream_flags(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS), params, 1);
+            pw_stream_flags(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS), params, 2);
         unlock();
         if (r < 0)
             return screenError(
@@ -190,6 +229,7 @@ class Stream final : public PipeWireStream {
             spa_hook_remove(&streamListener_);
             pw_stream_destroy(stream_);
         }
+        if (renegotiate_) pw_loop_destroy_source(pw_thread_loop_get_loop(loop_), renegotiate_);
         if (registry_) {
             spa_hook_remove(&registryListener_);
             pw_proxy_destroy(reinterpret_cast<pw_proxy*>(registry_));
@@ -218,9 +258,52 @@ class Stream final : public PipeWireStream {
         }
     }
 
-    // On the loop thread: the producer fixed the format.
+    // On the loop thread: offers the formats again, DMA-BUF ones of
+    // `modifiers` (none: shared memory alone) before shared memory.
+    void offerFormats(const std::vector<uint64_t>& modifiers) {
+        uint8_t buffer[2048];
+        spa_pod_builder b = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
+        const spa_pod* params[2];
+        uint32_t n = 0;
+        if (!modifiers.empty()) params[n++] = buildFormat(&b, size_, fps_, modifiers);
+        params[n++] = buildFormat(&b, size_, fps_, {});
+        if (!params[0] || !params[n - 1]) {
+            box_->end({CaptureFailure::Kind::Failed, kScreenCaptureGrabFailed});
+            return;
+        }
+        pw_stream_update_params(stream_, params, n);
+    }
+
+    // On the loop thread: DMA-BUFs are no longer offered.
+    void fallBackToSharedMemory(const char* why) {
+        if (sharedMemoryOnly_) return;
+        sharedMemoryOnly_ = true;
+        log::error("Screen capture: %@; asking for shared memory instead", why);
+        pw_loop_signal_event(pw_thread_loop_get_loop(loop_), renegotiate_);
+    }
+
+    // On the loop thread: the producer fixed the format, or (DMA-BUFs of a
+    // choice of layouts) asks this side to.
     void paramChanged(uint32_t id, const spa_pod* param) {
         if (id != SPA_PARAM_Format || !param) return;
+        const spa_pod_prop* modifier = spa_pod_find_prop(param, nullptr, SPA_FORMAT_VIDEO_modifier);
+        if (modifier && (modifier->flags & SPA_POD_PROP_FLAG_DONT_FIXATE)) {
+            uint32_t count = 0, choice = 0;
+            const spa_pod* values = spa_pod_get_values(&modifier->value, &count, &choice);
+            std::optional<uint64_t> chosen;
+            if (values && values->type == SPA_TYPE_Long) {
+                const auto* all = static_cast<const int64_t*>(SPA_POD_BODY_CONST(values));
+                for (uint32_t i = 0; i < count; ++i)
+                    if (uint64_t(all[i]) == kModifierLinear ||
+                        (uint64_t(all[i]) == kModifierInvalid && !chosen))
+                        chosen = uint64_t(all[i]);
+            }
+            if (!chosen || sharedMemoryOnly_)
+                fallBackToSharedMemory("the screen-cast stream offers no DMA-BUF layout to read");
+            else
+                offerFormats({*chosen});
+            return;
+        }
         spa_video_info_raw info{};
         if (spa_format_video_raw_parse(param, &info) < 0 ||
             (info.format != SPA_VIDEO_FORMAT_BGRx && info.format != SPA_VIDEO_FORMAT_BGRA) ||
@@ -232,15 +315,16 @@ class Stream final : public PipeWireStream {
         }
         width_ = int32_t(info.size.width);
         height_ = int32_t(info.size.height);
-        log::info("Screen capture: screen-cast stream %@x%@ at %@/%@ fps", width_, height_,
-                  info.framerate.num, info.framerate.denom);
-        // Shared memory only: a DMA-BUF would need the GPU to read back.
+        const bool dmabuf = modifier != nullptr;
+        log::info("Screen capture: screen-cast stream %@x%@ at %@/%@ fps, %@", width_, height_,
+                  info.framerate.num, info.framerate.denom, dmabuf ? "DMA-BUF" : "shared memory");
         uint8_t buffer[512];
         spa_pod_builder b = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
         spa_pod_frame f;
         spa_pod_builder_push_object(&b, &f, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers);
         spa_pod_builder_prop(&b, SPA_PARAM_BUFFERS_dataType, 0);
-        spa_pod_builder_int(&b, (1 << SPA_DATA_MemFd) | (1 << SPA_DATA_MemPtr));
+        spa_pod_builder_int(&b, (dmabuf ? 1 << SPA_DATA_DmaBuf : 0) | (1 << SPA_DATA_MemFd) |
+                                    (1 << SPA_DATA_MemPtr));
         const auto* buffers = static_cast<const spa_pod*>(spa_pod_builder_pop(&b, &f));
         spa_pod_builder_push_object(&b, &f, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta);
         spa_pod_builder_prop(&b, SPA_PARAM_META_type, 0);
@@ -262,6 +346,21 @@ class Stream final : public PipeWireStream {
         pw_stream_update_params(stream_, params, n);
     }
 
+    // On the loop thread: a DMA-BUF is mapped once, for as long as the
+    // stream has it; one that cannot be mapped ends DMA-BUFs for the stream.
+    void addBuffer(pw_buffer* b) {
+        const spa_buffer* buffer = b->buffer;
+        if (!buffer || buffer->n_datas < 1 || buffer->datas[0].type != SPA_DATA_DmaBuf) return;
+        const spa_data& d = buffer->datas[0];
+        auto mapping = DmaBufMapping::map(int(d.fd), size_t(d.mapoffset) + d.maxsize);
+        if (!mapping) {
+            log::error("Screen capture: %@", mapping.error().message());
+            fallBackToSharedMemory("a screen-cast DMA-BUF cannot be mapped");
+            return;
+        }
+        mappings_.insert_or_assign(b, std::move(*mapping));
+    }
+
     // On the loop thread: the newest buffer is copied once into a pooled
     // surface; older ones waiting behind it are returned unread.
     void process() {
@@ -271,18 +370,32 @@ class Stream final : public PipeWireStream {
             pw_stream_queue_buffer(stream_, b);
             b = newer;
         }
-        copy(*b->buffer);
+        const spa_buffer& buffer = *b->buffer;
+        if (buffer.n_datas >= 1 && buffer.datas[0].type == SPA_DATA_DmaBuf) {
+            auto it = mappings_.find(b);
+            if (it != mappings_.end()) {
+                const uint32_t offset = buffer.datas[0].mapoffset;
+                auto read = it->second.read([&](const uint8_t* data, size_t) {
+                    copy(buffer, data + offset, buffer.datas[0].maxsize);
+                });
+                if (!read) log::error("Screen capture: %@", read.error().message());
+            }
+        } else if (buffer.n_datas >= 1) {
+            copy(buffer, static_cast<const uint8_t*>(buffer.datas[0].data),
+                 buffer.datas[0].maxsize);
+        }
         pw_stream_queue_buffer(stream_, b);
     }
 
-    void copy(const spa_buffer& buffer) {
-        if (buffer.n_datas < 1 || width_ == 0) return;
+    // `data` holds the first data's `size` bytes.
+    void copy(const spa_buffer& buffer, const uint8_t* data, uint32_t size) {
+        if (width_ == 0) return;
         const spa_data& d = buffer.datas[0];
-        if (!d.data || !d.chunk || (d.chunk->flags & SPA_CHUNK_FLAG_CORRUPTED)) return;
+        if (!data || !d.chunk || (d.chunk->flags & SPA_CHUNK_FLAG_CORRUPTED)) return;
         const int64_t stride = d.chunk->stride > 0 ? d.chunk->stride : int64_t(width_) * 4;
         const uint64_t need = uint64_t(d.chunk->offset) + uint64_t(stride) * uint64_t(height_ - 1) +
                               uint64_t(width_) * 4;
-        if (stride < int64_t(width_) * 4 || need > d.maxsize) {
+        if (stride < int64_t(width_) * 4 || need > size) {
             static log::RateLimit limit;
             size_t suppressed = 0;
             if (limit.admit(suppressed))
@@ -299,7 +412,7 @@ class Stream final : public PipeWireStream {
             box_->end({CaptureFailure::Kind::Failed, kScreenCaptureSurfaceUnavailable});
             return;
         }
-        const auto* src = static_cast<const uint8_t*>(d.data) + d.chunk->offset;
+        const auto* src = data + d.chunk->offset;
         fitInto(src, int32_t(stride), width_, height_, **surface);
         setOpaque(**surface);
         uint32_t flags = 0;
@@ -335,13 +448,67 @@ class Stream final : public PipeWireStream {
     spa_hook registryListener_{};
     spa_hook coreListener_{};
     spa_hook streamListener_{};
+    spa_source* renegotiate_ = nullptr;  // offers shared memory alone
+    spa_rectangle size_{};
+    double fps_ = 60;
     // Loop thread only.
+    std::map<pw_buffer*, DmaBufMapping> mappings_;
+    bool sharedMemoryOnly_ = false;
     int32_t width_ = 0, height_ = 0;
     bool streaming_ = false;
     uint64_t pictures_ = 0;
 };
 
 }  // namespace
+
+Result<DmaBufMapping> DmaBufMapping::map(int fd, size_t size) {
+    // A DMA-BUF's size is where seeking to its end lands.
+    const off_t end = fd >= 0 ? ::lseek(fd, 0, SEEK_END) : -1;
+    if (size == 0 || end < 0 || uint64_t(end) < size)
+        return screenError(kScreenErrorUnsupportedServer,
+                           "a screen-cast DMA-BUF is smaller than its picture");
+    void* data = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+    if (data == MAP_FAILED)
+        return screenError(kScreenErrorUnsupportedServer,
+                           std::string("cannot map a screen-cast DMA-BUF: ") + strerror(errno));
+    return DmaBufMapping(fd, data, size);
+}
+
+DmaBufMapping::DmaBufMapping(DmaBufMapping&& other) noexcept
+    : fd_(std::exchange(other.fd_, -1)),
+      data_(std::exchange(other.data_, nullptr)),
+      size_(std::exchange(other.size_, 0)) {}
+
+DmaBufMapping& DmaBufMapping::operator=(DmaBufMapping&& other) noexcept {
+    if (this != &other) {
+        if (data_) ::munmap(data_, size_);
+        fd_ = std::exchange(other.fd_, -1);
+        data_ = std::exchange(other.data_, nullptr);
+        size_ = std::exchange(other.size_, 0);
+    }
+    return *this;
+}
+
+DmaBufMapping::~DmaBufMapping() {
+    if (data_) ::munmap(data_, size_);
+}
+
+Result<void> DmaBufMapping::read(const std::function<void(const uint8_t*, size_t)>& reader) const {
+    auto sync = [this](uint64_t flags) {
+        dma_buf_sync s{flags | DMA_BUF_SYNC_READ};
+        int r;
+        while ((r = ::ioctl(fd_, DMA_BUF_IOCTL_SYNC, &s)) < 0 &&
+               (errno == EINTR || errno == EAGAIN)) {
+        }
+        return r == 0 || errno == ENOTTY ? 0 : errno;
+    };
+    if (const int e = sync(DMA_BUF_SYNC_START))
+        return screenError(kScreenErrorUnsupportedServer,
+                           std::string("cannot read a screen-cast DMA-BUF: ") + strerror(e));
+    reader(data(), size_);
+    sync(DMA_BUF_SYNC_END);
+    return {};
+}
 
 Result<std::unique_ptr<PipeWireStream>> PipeWireStream::open(UniqueFd remote, uint32_t node,
                                                              int32_t width, int32_t height,

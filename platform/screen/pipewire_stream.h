@@ -1,11 +1,24 @@
 // The PipeWire side of the portal screen backend: one video stream of a
 // portal session, opened on the descriptor the portal hands out, whose
-// BGRx/BGRA shared-memory pictures are copied once into pooled surfaces and
-// left in a FrameBox for the controller's delivery thread. Internal to
-// platform/screen (platform/screen/portal_screen.h is the service).
+// BGRx/BGRA pictures are copied once into pooled surfaces and left in a
+// FrameBox for the controller's delivery thread. Internal to platform/screen
+// (platform/screen/portal_screen.h is the service).
+//
+// Buffers: the stream offers DMA-BUF pictures of the linear layout or the
+// driver's implicit one (modifiers LINEAR and INVALID; a producer offering a
+// choice gets LINEAR where it has it), which are mapped and read by the CPU,
+// and shared memory (memfd or plain memory) beside them. A producer that
+// offers no modifier, one of neither layout, or DMA-BUFs that cannot be
+// mapped gets shared memory only: the stream renegotiates without modifiers.
+// Untested here: the DMA-BUF path against a real GPU buffer (the test
+// machines have no render node; tests read a memfd in a DMA-BUF's place,
+// and the private desktop's producer offers shared memory only), and
+// whether an implicit layout maps as linear pixels (drivers' scanout buffers
+// usually do; others would record scrambled pictures).
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -31,6 +44,33 @@ struct FrameBox {
         std::lock_guard lock(mutex);
         if (!ended) ended = failure;
     }
+};
+
+// A DMA-BUF mapped for the CPU to read. Move-only; the descriptor is
+// borrowed and stays open while read() is used. The thread that mapped it.
+class DmaBufMapping {
+  public:
+    // Maps the first `size` bytes of `fd` read-only; an error
+    // (kScreenErrorDomain) when it is shorter than that (reading past its
+    // end would kill the process) or cannot be mapped.
+    static Result<DmaBufMapping> map(int fd, size_t size);
+    DmaBufMapping(DmaBufMapping&& other) noexcept;
+    DmaBufMapping& operator=(DmaBufMapping&& other) noexcept;
+    ~DmaBufMapping();
+
+    const uint8_t* data() const { return static_cast<const uint8_t*>(data_); }
+    size_t size() const { return size_; }
+    // Calls `reader` between DMA_BUF_IOCTL_SYNC's start and end of a CPU
+    // read, so that it sees what the GPU finished writing; a descriptor
+    // that is no DMA-BUF (a memfd) is read without. An error when the sync
+    // cannot start.
+    Result<void> read(const std::function<void(const uint8_t*, size_t)>& reader) const;
+
+  private:
+    DmaBufMapping(int fd, void* data, size_t size) : fd_(fd), data_(data), size_(size) {}
+    int fd_ = -1;
+    void* data_ = nullptr;
+    size_t size_ = 0;
 };
 
 class PipeWireStream {

@@ -1,13 +1,16 @@
 // The portal screen backend against a private Wayland desktop (headless
 // sway, PipeWire, the desktop portal and its wlroots backend): what a
 // recording shows and at what size and rate, a portal that refuses, and a
-// compositor that goes away mid-recording.
+// compositor that goes away mid-recording; and the mapping of a DMA-BUF
+// picture, a memfd standing in for the buffer (no GPU here).
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
+#include "platform/screen/pipewire_stream.h"
 #include "platform/screen/portal_screen.h"
 #include "platform/screen/testing/wayland_desktop.h"
 #include "tests/process/process_helpers.h"
@@ -146,6 +149,35 @@ TEST_F(PortalScreenTest, ACompositorThatGoesAwayEndsTheRun) {
     EXPECT_FALSE(controller->isCapturing());
     const size_t frames = recorder->frameCount();
     EXPECT_TRUE(test::stays([&] { return recorder->frameCount() != frames; }, 500ms));
+}
+
+// A buffer is read whole where it holds what its picture claims, and refused,
+// never read past its end, where it is shorter or no buffer at all.
+TEST(DmaBufMappingTest, ReadsABufferThatHoldsThePictureAndRefusesOneThatIsShorter) {
+    UniqueFd memory(memfd_create("sv-test-dmabuf", MFD_CLOEXEC));
+    ASSERT_TRUE(memory.valid());
+    std::vector<uint8_t> bytes(8192);
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = uint8_t(i * 7);
+    ASSERT_EQ(write(memory.get(), bytes.data(), bytes.size()), ssize_t(bytes.size()));
+    const struct {
+        int fd;
+        size_t size;
+        bool maps;
+    } cases[] = {{memory.get(), 8192, true},
+                 {memory.get(), 100, true},
+                 {memory.get(), 8193, false},
+                 {memory.get(), 0, false},
+                 {-1, 16, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.fd << " " << c.size);
+        auto mapping = DmaBufMapping::map(c.fd, c.size);
+        ASSERT_EQ(bool(mapping), c.maps);
+        if (!mapping) continue;
+        std::vector<uint8_t> read;
+        ASSERT_TRUE(mapping->read(
+            [&](const uint8_t* data, size_t size) { read.assign(data, data + size); }));
+        EXPECT_EQ(read, std::vector<uint8_t>(bytes.begin(), bytes.begin() + c.size));
+    }
 }
 
 }  // namespace
