@@ -12,7 +12,6 @@
 #include <cstring>
 #include <map>
 #include <utility>
-#include <vector>
 
 #include "platform/host_clock.h"
 #include "platform/log.h"
@@ -53,11 +52,10 @@ uint32_t transformFlagsOf(uint32_t transform) {
 constexpr uint64_t kModifierLinear = 0;
 constexpr uint64_t kModifierInvalid = (uint64_t(1) << 56) - 1;
 
-// One EnumFormat: BGRx/BGRA at about `size` and `fps`; with `modifiers`,
-// DMA-BUF pictures of those layouts (a choice for the producer unless it is
-// one), without, shared memory.
-const spa_pod* buildFormat(spa_pod_builder* b, spa_rectangle size, double fps,
-                           const std::vector<uint64_t>& modifiers) {
+// One EnumFormat: BGRx/BGRA at about `size` and `fps`; with `dmabuf`,
+// DMA-BUF pictures of the linear or the implicit layout (the producer, which
+// allocates them, chooses), else shared memory.
+const spa_pod* buildFormat(spa_pod_builder* b, spa_rectangle size, double fps, bool dmabuf) {
     spa_pod_frame f, choice;
     spa_pod_builder_push_object(b, &f, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat);
     spa_pod_builder_prop(b, SPA_FORMAT_mediaType, 0);
@@ -70,15 +68,13 @@ const spa_pod* buildFormat(spa_pod_builder* b, spa_rectangle size, double fps,
     spa_pod_builder_id(b, SPA_VIDEO_FORMAT_BGRx);
     spa_pod_builder_id(b, SPA_VIDEO_FORMAT_BGRA);
     spa_pod_builder_pop(b, &choice);
-    if (modifiers.size() == 1) {
-        spa_pod_builder_prop(b, SPA_FORMAT_VIDEO_modifier, SPA_POD_PROP_FLAG_MANDATORY);
-        spa_pod_builder_long(b, int64_t(modifiers[0]));
-    } else if (!modifiers.empty()) {
+    if (dmabuf) {
         spa_pod_builder_prop(b, SPA_FORMAT_VIDEO_modifier,
                              SPA_POD_PROP_FLAG_MANDATORY | SPA_POD_PROP_FLAG_DONT_FIXATE);
         spa_pod_builder_push_choice(b, &choice, SPA_CHOICE_Enum, 0);
-        spa_pod_builder_long(b, int64_t(modifiers[0]));
-        for (uint64_t m : modifiers) spa_pod_builder_long(b, int64_t(m));
+        spa_pod_builder_long(b, int64_t(kModifierLinear));
+        spa_pod_builder_long(b, int64_t(kModifierLinear));
+        spa_pod_builder_long(b, int64_t(kModifierInvalid));
         spa_pod_builder_pop(b, &choice);
     }
     spa_pod_builder_prop(b, SPA_FORMAT_VIDEO_size, 0);
@@ -197,16 +193,17 @@ class Stream final : public PipeWireStream {
         s->fps_ = interval.isValid() && interval.seconds() > 0 ? 1.0 / interval.seconds() : 60.0;
         s->renegotiate_ = pw_loop_add_event(
             pw_thread_loop_get_loop(s->loop_),
-            [](void* data, uint64_t) { static_cast<Stream*>(data)->offerFormats({}); }, s.get());
+            [](void* data, uint64_t) { static_cast<Stream*>(data)->offerSharedMemoryOnly(); },
+            s.get());
         if (!s->renegotiate_) {
             unlock();
             return fail("no event source");
         }
         uint8_t buffer[2048];
         spa_pod_builder b = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
-        const spa_pod* params[] = {
-            buildFormat(&b, s->size_, s->fps_, {kModifierLinear, kModifierInvalid}),
-            buildFormat(&b, s->size_, s->fps_, {})};
+        // DMA-BUFs first: the producer takes the first it can give.
+        const spa_pod* params[] = {buildFormat(&b, s->size_, s->fps_, true),
+                                   buildFormat(&b, s->size_, s->fps_, false)};
         if (!params[0] || !params[1]) {
             unlock();
             return screenError(kScreenErrorCannotConnect, "PipeWire: cannot describe the format");
@@ -258,20 +255,16 @@ class Stream final : public PipeWireStream {
         }
     }
 
-    // On the loop thread: offers the formats again, DMA-BUF ones of
-    // `modifiers` (none: shared memory alone) before shared memory.
-    void offerFormats(const std::vector<uint64_t>& modifiers) {
-        uint8_t buffer[2048];
+    // On the loop thread: the formats again, without DMA-BUFs.
+    void offerSharedMemoryOnly() {
+        uint8_t buffer[1024];
         spa_pod_builder b = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
-        const spa_pod* params[2];
-        uint32_t n = 0;
-        if (!modifiers.empty()) params[n++] = buildFormat(&b, size_, fps_, modifiers);
-        params[n++] = buildFormat(&b, size_, fps_, {});
-        if (!params[0] || !params[n - 1]) {
+        const spa_pod* format = buildFormat(&b, size_, fps_, false);
+        if (!format) {
             box_->end({CaptureFailure::Kind::Failed, kScreenCaptureGrabFailed});
             return;
         }
-        pw_stream_update_params(stream_, params, n);
+        pw_stream_update_params(stream_, &format, 1);
     }
 
     // On the loop thread: DMA-BUFs are no longer offered.
@@ -282,28 +275,13 @@ class Stream final : public PipeWireStream {
         pw_loop_signal_event(pw_thread_loop_get_loop(loop_), renegotiate_);
     }
 
-    // On the loop thread: the producer fixed the format, or (DMA-BUFs of a
-    // choice of layouts) asks this side to.
+    // On the loop thread: the producer fixed the format. DMA-BUFs of a
+    // choice of layouts are not fixed yet: the producer, which allocates
+    // them, chooses one and the format comes again.
     void paramChanged(uint32_t id, const spa_pod* param) {
         if (id != SPA_PARAM_Format || !param) return;
         const spa_pod_prop* modifier = spa_pod_find_prop(param, nullptr, SPA_FORMAT_VIDEO_modifier);
-        if (modifier && (modifier->flags & SPA_POD_PROP_FLAG_DONT_FIXATE)) {
-            uint32_t count = 0, choice = 0;
-            const spa_pod* values = spa_pod_get_values(&modifier->value, &count, &choice);
-            std::optional<uint64_t> chosen;
-            if (values && values->type == SPA_TYPE_Long) {
-                const auto* all = static_cast<const int64_t*>(SPA_POD_BODY_CONST(values));
-                for (uint32_t i = 0; i < count; ++i)
-                    if (uint64_t(all[i]) == kModifierLinear ||
-                        (uint64_t(all[i]) == kModifierInvalid && !chosen))
-                        chosen = uint64_t(all[i]);
-            }
-            if (!chosen || sharedMemoryOnly_)
-                fallBackToSharedMemory("the screen-cast stream offers no DMA-BUF layout to read");
-            else
-                offerFormats({*chosen});
-            return;
-        }
+        if (modifier && (modifier->flags & SPA_POD_PROP_FLAG_DONT_FIXATE)) return;
         spa_video_info_raw info{};
         if (spa_format_video_raw_parse(param, &info) < 0 ||
             (info.format != SPA_VIDEO_FORMAT_BGRx && info.format != SPA_VIDEO_FORMAT_BGRA) ||

@@ -5,11 +5,11 @@
 // (platform/screen/portal_screen.h is the service).
 //
 // Buffers: the stream offers DMA-BUF pictures of the linear layout or the
-// driver's implicit one (modifiers LINEAR and INVALID; a producer offering a
-// choice gets LINEAR where it has it), which are mapped and read by the CPU,
-// and shared memory (memfd or plain memory) beside them. A producer that
-// offers no modifier, one of neither layout, or DMA-BUFs that cannot be
-// mapped gets shared memory only: the stream renegotiates without modifiers.
+// driver's implicit one (modifiers LINEAR and INVALID; the producer, which
+// allocates them, chooses), which are mapped and read by the CPU, and
+// shared memory (memfd or plain memory) after them. A producer that has no
+// DMA-BUFs of those layouts gives shared memory; DMA-BUFs that cannot be
+// mapped make the stream renegotiate without them.
 // Untested here: the DMA-BUF path against a real GPU buffer (the test
 // machines have no render node; tests read a memfd in a DMA-BUF's place,
 // and the private desktop's producer offers shared memory only), and
