@@ -136,8 +136,9 @@ TEST_F(PortalScreenTest, ACancelledOrRefusedPortalRequestFailsTheRunWithItsStatu
 }
 
 // The compositor dies mid-recording: the run ends once with "source gone"
-// and nothing follows.
-TEST_F(PortalScreenTest, ACompositorThatGoesAwayEndsTheRun) {
+// and nothing follows; once the session has started it again, the next
+// run records.
+TEST_F(PortalScreenTest, ACompositorThatGoesAwayEndsTheRunAndTheNextRunRecordsItsSuccessor) {
     ASSERT_NO_FATAL_FAILURE(startDesktop());
     if (IsSkipped()) return;
     auto controller = make({640, 480});
@@ -149,6 +150,11 @@ TEST_F(PortalScreenTest, ACompositorThatGoesAwayEndsTheRun) {
     EXPECT_FALSE(controller->isCapturing());
     const size_t frames = recorder->frameCount();
     EXPECT_TRUE(test::stays([&] { return recorder->frameCount() != frames; }, 500ms));
+
+    ASSERT_TRUE(desktop->restartCompositor()) << desktop->logs();
+    controller->startCapture();
+    EXPECT_TRUE(recorder->waitForFrames(frames + 10)) << desktop->logs();
+    EXPECT_EQ(recorder->failureCount(), 1u);
 }
 
 // A buffer is read whole where it holds what its picture claims, and refused,

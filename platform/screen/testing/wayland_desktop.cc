@@ -189,7 +189,8 @@ Result<std::unique_ptr<WaylandDesktop>> WaylandDesktop::start(Options options) {
         ::_exit(127);
     }
     ::setpgid(pid, pid);
-    auto desktop = std::unique_ptr<WaylandDesktop>(new WaylandDesktop(pid, dir, {}));
+    auto desktop =
+        std::unique_ptr<WaylandDesktop>(new WaylandDesktop(pid, dir, {}, options.timeout));
     const auto deadline = std::chrono::steady_clock::now() + options.timeout;
     while (std::chrono::steady_clock::now() < deadline) {
         if (fs::exists(dir + "/ready")) {
@@ -220,6 +221,20 @@ bool WaylandDesktop::killCompositor() {
     const std::string proc = "/proc/" + std::to_string(pid);
     for (int i = 0; i < 100; ++i) {
         if (!fs::exists(proc)) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
+}
+
+bool WaylandDesktop::restartCompositor() {
+    const std::string marker = dir_ + "/restarted";
+    std::error_code ignored;
+    fs::remove(marker, ignored);
+    if (::kill(group_, SIGUSR1) != 0) return false;
+    const auto deadline = std::chrono::steady_clock::now() + timeout_;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (fs::exists(marker)) return true;
+        if (fs::exists(dir_ + "/failed")) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     return false;

@@ -56,6 +56,10 @@ class WaylandDesktop {
     // Kills the compositor alone (SIGKILL), as a crash would, and waits
     // (up to five seconds) until it is gone; false when it is not.
     bool killCompositor();
+    // Starts a killed compositor and the portal's backend again, as a
+    // session does, and waits (up to the start's timeout) until the backend
+    // answers; false when it does not.
+    bool restartCompositor();
     // The logs of every part, for a failed test's message.
     std::string logs() const;
     // Runs a sway command (swaymsg) on the compositor; whether it succeeded.
@@ -76,10 +80,11 @@ class WaylandDesktop {
                                        int32_t height = 64, uint32_t rgb = 0) const;
 
   private:
-    WaylandDesktop(pid_t group, std::string dir, std::string bus)
-        : group_(group), dir_(std::move(dir)), bus_(std::move(bus)) {}
+    WaylandDesktop(pid_t group, std::string dir, std::string bus, std::chrono::seconds timeout)
+        : group_(group), dir_(std::move(dir)), bus_(std::move(bus)), timeout_(timeout) {}
     pid_t group_;
     std::string dir_, bus_;
+    std::chrono::seconds timeout_;
 };
 
 }  // namespace sv::testing
