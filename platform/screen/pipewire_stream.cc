@@ -92,6 +92,9 @@ const spa_pod* buildFormat(spa_pod_builder* b, spa_rectangle size, double fps, b
     return static_cast<const spa_pod*>(spa_pod_builder_pop(b, &f));
 }
 
+constexpr pw_stream_flags kConnectFlags =
+    pw_stream_flags(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS);
+
 void initPipeWire() {
     static std::once_flag once;
     std::call_once(once, [] { pw_init(nullptr, nullptr); });
@@ -208,9 +211,8 @@ class Stream final : public PipeWireStream {
             unlock();
             return screenError(kScreenErrorCannotConnect, "PipeWire: cannot describe the format");
         }
-        const int r = pw_stream_connect(
-            s->stream_, PW_DIRECTION_INPUT, node,
-            pw_stream_flags(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS), params, 2);
+        const int r =
+            pw_stream_connect(s->stream_, PW_DIRECTION_INPUT, node, kConnectFlags, params, 2);
         unlock();
         if (r < 0)
             return screenError(
@@ -255,16 +257,16 @@ class Stream final : public PipeWireStream {
         }
     }
 
-    // On the loop thread: the formats again, without DMA-BUFs.
+    // On the loop thread, outside the stream's callbacks: the offer again,
+    // without DMA-BUFs; the producer negotiates anew.
     void offerSharedMemoryOnly() {
         uint8_t buffer[1024];
         spa_pod_builder b = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
         const spa_pod* format = buildFormat(&b, size_, fps_, false);
-        if (!format) {
+        if (!format || pw_stream_update_params(stream_, &format, 1) < 0) {
+            log::error("Screen capture: cannot ask the screen-cast stream for shared memory");
             box_->end({CaptureFailure::Kind::Failed, kScreenCaptureGrabFailed});
-            return;
         }
-        pw_stream_update_params(stream_, &format, 1);
     }
 
     // On the loop thread: DMA-BUFs are no longer offered.
@@ -328,7 +330,9 @@ class Stream final : public PipeWireStream {
     // stream has it; one that cannot be mapped ends DMA-BUFs for the stream.
     void addBuffer(pw_buffer* b) {
         const spa_buffer* buffer = b->buffer;
-        if (!buffer || buffer->n_datas < 1 || buffer->datas[0].type != SPA_DATA_DmaBuf) return;
+        if (!buffer || buffer->n_datas < 1 || buffer->datas[0].type != SPA_DATA_DmaBuf ||
+            sharedMemoryOnly_)
+            return;
         const spa_data& d = buffer->datas[0];
         auto mapping = DmaBufMapping::map(int(d.fd), size_t(d.mapoffset) + d.maxsize);
         if (!mapping) {
