@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <utility>
 
@@ -98,6 +99,82 @@ constexpr pw_stream_flags kConnectFlags =
 void initPipeWire() {
     static std::once_flag once;
     std::call_once(once, [] { pw_init(nullptr, nullptr); });
+}
+
+// A DMA-BUF mapped for the CPU to read. Move-only; the descriptor is
+// borrowed and stays open while read() is used. The stream's loop thread.
+class DmaBufMapping {
+  public:
+    // Maps the first `size` bytes of `fd` read-only; an error
+    // (kScreenErrorDomain) when it is shorter than that (reading past its
+    // end would kill the process) or cannot be mapped.
+    static Result<DmaBufMapping> map(int fd, size_t size);
+    DmaBufMapping(DmaBufMapping&& other) noexcept;
+    DmaBufMapping& operator=(DmaBufMapping&& other) noexcept;
+    ~DmaBufMapping();
+
+    const uint8_t* data() const { return static_cast<const uint8_t*>(data_); }
+    size_t size() const { return size_; }
+    // Calls `reader` between DMA_BUF_IOCTL_SYNC's start and end of a CPU
+    // read, so that it sees what the GPU finished writing; a descriptor
+    // that is no DMA-BUF (a memfd) is read without. An error when the sync
+    // cannot start.
+    Result<void> read(const std::function<void(const uint8_t*, size_t)>& reader) const;
+
+  private:
+    DmaBufMapping(int fd, void* data, size_t size) : fd_(fd), data_(data), size_(size) {}
+    int fd_ = -1;
+    void* data_ = nullptr;
+    size_t size_ = 0;
+};
+
+Result<DmaBufMapping> DmaBufMapping::map(int fd, size_t size) {
+    // A DMA-BUF's size is where seeking to its end lands.
+    const off_t end = fd >= 0 ? ::lseek(fd, 0, SEEK_END) : -1;
+    if (size == 0 || end < 0 || uint64_t(end) < size)
+        return screenError(kScreenErrorUnsupportedServer,
+                           "a screen-cast DMA-BUF is smaller than its picture");
+    void* data = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+    if (data == MAP_FAILED)
+        return screenError(kScreenErrorUnsupportedServer,
+                           std::string("cannot map a screen-cast DMA-BUF: ") + strerror(errno));
+    return DmaBufMapping(fd, data, size);
+}
+
+DmaBufMapping::DmaBufMapping(DmaBufMapping&& other) noexcept
+    : fd_(std::exchange(other.fd_, -1)),
+      data_(std::exchange(other.data_, nullptr)),
+      size_(std::exchange(other.size_, 0)) {}
+
+DmaBufMapping& DmaBufMapping::operator=(DmaBufMapping&& other) noexcept {
+    if (this != &other) {
+        if (data_) ::munmap(data_, size_);
+        fd_ = std::exchange(other.fd_, -1);
+        data_ = std::exchange(other.data_, nullptr);
+        size_ = std::exchange(other.size_, 0);
+    }
+    return *this;
+}
+
+DmaBufMapping::~DmaBufMapping() {
+    if (data_) ::munmap(data_, size_);
+}
+
+Result<void> DmaBufMapping::read(const std::function<void(const uint8_t*, size_t)>& reader) const {
+    auto sync = [this](uint64_t flags) {
+        dma_buf_sync s{flags | DMA_BUF_SYNC_READ};
+        int r;
+        while ((r = ::ioctl(fd_, DMA_BUF_IOCTL_SYNC, &s)) < 0 &&
+               (errno == EINTR || errno == EAGAIN)) {
+        }
+        return r == 0 || errno == ENOTTY ? 0 : errno;
+    };
+    if (const int e = sync(DMA_BUF_SYNC_START))
+        return screenError(kScreenErrorUnsupportedServer,
+                           std::string("cannot read a screen-cast DMA-BUF: ") + strerror(e));
+    reader(data(), size_);
+    sync(DMA_BUF_SYNC_END);
+    return {};
 }
 
 // The stream's thread loop, context, core, registry and stream. Callbacks
@@ -442,55 +519,6 @@ class Stream final : public PipeWireStream {
 };
 
 }  // namespace
-
-Result<DmaBufMapping> DmaBufMapping::map(int fd, size_t size) {
-    // A DMA-BUF's size is where seeking to its end lands.
-    const off_t end = fd >= 0 ? ::lseek(fd, 0, SEEK_END) : -1;
-    if (size == 0 || end < 0 || uint64_t(end) < size)
-        return screenError(kScreenErrorUnsupportedServer,
-                           "a screen-cast DMA-BUF is smaller than its picture");
-    void* data = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
-    if (data == MAP_FAILED)
-        return screenError(kScreenErrorUnsupportedServer,
-                           std::string("cannot map a screen-cast DMA-BUF: ") + strerror(errno));
-    return DmaBufMapping(fd, data, size);
-}
-
-DmaBufMapping::DmaBufMapping(DmaBufMapping&& other) noexcept
-    : fd_(std::exchange(other.fd_, -1)),
-      data_(std::exchange(other.data_, nullptr)),
-      size_(std::exchange(other.size_, 0)) {}
-
-DmaBufMapping& DmaBufMapping::operator=(DmaBufMapping&& other) noexcept {
-    if (this != &other) {
-        if (data_) ::munmap(data_, size_);
-        fd_ = std::exchange(other.fd_, -1);
-        data_ = std::exchange(other.data_, nullptr);
-        size_ = std::exchange(other.size_, 0);
-    }
-    return *this;
-}
-
-DmaBufMapping::~DmaBufMapping() {
-    if (data_) ::munmap(data_, size_);
-}
-
-Result<void> DmaBufMapping::read(const std::function<void(const uint8_t*, size_t)>& reader) const {
-    auto sync = [this](uint64_t flags) {
-        dma_buf_sync s{flags | DMA_BUF_SYNC_READ};
-        int r;
-        while ((r = ::ioctl(fd_, DMA_BUF_IOCTL_SYNC, &s)) < 0 &&
-               (errno == EINTR || errno == EAGAIN)) {
-        }
-        return r == 0 || errno == ENOTTY ? 0 : errno;
-    };
-    if (const int e = sync(DMA_BUF_SYNC_START))
-        return screenError(kScreenErrorUnsupportedServer,
-                           std::string("cannot read a screen-cast DMA-BUF: ") + strerror(e));
-    reader(data(), size_);
-    sync(DMA_BUF_SYNC_END);
-    return {};
-}
 
 Result<std::unique_ptr<PipeWireStream>> PipeWireStream::open(UniqueFd remote, uint32_t node,
                                                              int32_t width, int32_t height,

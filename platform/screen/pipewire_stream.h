@@ -10,15 +10,14 @@
 // shared memory (memfd or plain memory) after them. A producer that has no
 // DMA-BUFs of those layouts gives shared memory; DMA-BUFs that cannot be
 // mapped make the stream renegotiate without them.
-// Untested here: the DMA-BUF path against a real GPU buffer (the test
-// machines have no render node; tests read a memfd in a DMA-BUF's place,
-// and the private desktop's producer offers shared memory only), and
-// whether an implicit layout maps as linear pixels (drivers' scanout buffers
-// usually do; others would record scrambled pictures).
+// Untested here: reading a real GPU's DMA-BUF (the test machines have no
+// render node: a test producer hands memfds through PipeWire as DMA-BUFs,
+// and the private desktop's compositor casts shared memory), and whether an
+// implicit layout maps as linear pixels (drivers' scanout buffers usually
+// do; others would record scrambled pictures).
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -44,33 +43,6 @@ struct FrameBox {
         std::lock_guard lock(mutex);
         if (!ended) ended = failure;
     }
-};
-
-// A DMA-BUF mapped for the CPU to read. Move-only; the descriptor is
-// borrowed and stays open while read() is used. The thread that mapped it.
-class DmaBufMapping {
-  public:
-    // Maps the first `size` bytes of `fd` read-only; an error
-    // (kScreenErrorDomain) when it is shorter than that (reading past its
-    // end would kill the process) or cannot be mapped.
-    static Result<DmaBufMapping> map(int fd, size_t size);
-    DmaBufMapping(DmaBufMapping&& other) noexcept;
-    DmaBufMapping& operator=(DmaBufMapping&& other) noexcept;
-    ~DmaBufMapping();
-
-    const uint8_t* data() const { return static_cast<const uint8_t*>(data_); }
-    size_t size() const { return size_; }
-    // Calls `reader` between DMA_BUF_IOCTL_SYNC's start and end of a CPU
-    // read, so that it sees what the GPU finished writing; a descriptor
-    // that is no DMA-BUF (a memfd) is read without. An error when the sync
-    // cannot start.
-    Result<void> read(const std::function<void(const uint8_t*, size_t)>& reader) const;
-
-  private:
-    DmaBufMapping(int fd, void* data, size_t size) : fd_(fd), data_(data), size_(size) {}
-    int fd_ = -1;
-    void* data_ = nullptr;
-    size_t size_ = 0;
 };
 
 class PipeWireStream {
