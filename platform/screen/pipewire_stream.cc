@@ -113,8 +113,6 @@ class DmaBufMapping {
     DmaBufMapping& operator=(DmaBufMapping&& other) noexcept;
     ~DmaBufMapping();
 
-    const uint8_t* data() const { return static_cast<const uint8_t*>(data_); }
-    size_t size() const { return size_; }
     // Calls `reader` between DMA_BUF_IOCTL_SYNC's start and end of a CPU
     // read, so that it sees what the GPU finished writing; a descriptor
     // that is no DMA-BUF (a memfd) is read without. An error when the sync
@@ -172,7 +170,7 @@ Result<void> DmaBufMapping::read(const std::function<void(const uint8_t*, size_t
     if (const int e = sync(DMA_BUF_SYNC_START))
         return screenError(kScreenErrorUnsupportedServer,
                            std::string("cannot read a screen-cast DMA-BUF: ") + strerror(e));
-    reader(data(), size_);
+    reader(static_cast<const uint8_t*>(data_), size_);
     sync(DMA_BUF_SYNC_END);
     return {};
 }
@@ -373,6 +371,10 @@ class Stream final : public PipeWireStream {
         width_ = int32_t(info.size.width);
         height_ = int32_t(info.size.height);
         const bool dmabuf = modifier != nullptr;
+        if (dmabuf && info.modifier != kModifierLinear && info.modifier != kModifierInvalid) {
+            fallBackToSharedMemory("the screen-cast stream's DMA-BUFs have a layout not asked for");
+            return;
+        }
         log::info("Screen capture: screen-cast stream %@x%@ at %@/%@ fps, %@", width_, height_,
                   info.framerate.num, info.framerate.denom, dmabuf ? "DMA-BUF" : "shared memory");
         uint8_t buffer[512];
