@@ -66,8 +66,9 @@ class WaylandDesktop {
     bool swaymsg(const std::string& command) const;
 
     // A client window of its own connection: one xdg-shell toplevel showing
-    // a solid colour. Destroying it closes the connection, which closes the
-    // window.
+    // a solid colour. It reads nothing once shown (later configures and
+    // pings go unanswered, which sway tolerates). Destroying it closes the
+    // connection, which closes the window.
     class Window {
       public:
         virtual ~Window() = default;
