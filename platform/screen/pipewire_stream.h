@@ -1,8 +1,20 @@
 // The PipeWire side of the portal screen backend: one video stream of a
 // portal session, opened on the descriptor the portal hands out, whose
-// BGRx/BGRA shared-memory pictures are copied once into pooled surfaces and
-// left in a FrameBox for the controller's delivery thread. Internal to
-// platform/screen (platform/screen/portal_screen.h is the service).
+// BGRx/BGRA pictures are copied once into pooled surfaces and left in a
+// FrameBox for the controller's delivery thread. Internal to platform/screen
+// (platform/screen/portal_screen.h is the service).
+//
+// Buffers: the stream offers DMA-BUF pictures of the linear layout or the
+// driver's implicit one (modifiers LINEAR and INVALID; the producer, which
+// allocates them, chooses), which are mapped and read by the CPU, and
+// shared memory (memfd or plain memory) after them. A producer that has no
+// DMA-BUFs of those layouts gives shared memory; DMA-BUFs that cannot be
+// mapped make the stream renegotiate without them.
+// Untested here: reading a real GPU's DMA-BUF (the test machines have no
+// render node: a test producer hands memfds through PipeWire as DMA-BUFs,
+// and the private desktop's compositor casts shared memory), and whether an
+// implicit layout maps as linear pixels (drivers' scanout buffers usually
+// do; others would record scrambled pictures).
 #pragma once
 
 #include <cstdint>

@@ -1,7 +1,6 @@
 #include "platform/screen/portal_screen.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -22,6 +21,7 @@
 #include "platform/screen/paced_capture.h"
 #include "platform/screen/pipewire_stream.h"
 #include "platform/unique_fd.h"
+#include "platform/wayland/wayland_display.h"
 
 namespace sv {
 
@@ -143,49 +143,13 @@ int readStringVariant(sd_bus_message* m, std::string& out) {
 
 // --- The compositor's outputs ---------------------------------------------------------
 
-struct WaylandDisplayClose {
-    void operator()(wl_display* d) const { wl_display_disconnect(d); }
-};
-
-// One wl_display_sync answered within the deadline, events dispatched.
-bool roundtripUntil(wl_display* display, std::chrono::steady_clock::time_point deadline) {
-    bool done = false;
-    wl_callback* sync = wl_display_sync(display);
-    if (!sync) return false;
-    static const wl_callback_listener listener = {
-        [](void* data, wl_callback*, uint32_t) { *static_cast<bool*>(data) = true; }};
-    wl_callback_add_listener(sync, &listener, &done);
-    while (!done) {
-        bool failed = false;
-        while (!failed && wl_display_prepare_read(display) != 0)
-            failed = wl_display_dispatch_pending(display) < 0;
-        if (failed) break;
-        if (done) {  // answered by events already queued: nothing to wait for
-            wl_display_cancel_read(display);
-            break;
-        }
-        wl_display_flush(display);
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                              deadline - std::chrono::steady_clock::now())
-                              .count();
-        pollfd p{wl_display_get_fd(display), POLLIN, 0};
-        if (left <= 0 || ::poll(&p, 1, int(left)) <= 0) {
-            wl_display_cancel_read(display);
-            break;
-        }
-        if (wl_display_read_events(display) < 0 || wl_display_dispatch_pending(display) < 0) break;
-    }
-    wl_callback_destroy(sync);
-    return done;
-}
-
 // The size of the largest output of the Wayland compositor named by
 // $WAYLAND_DISPLAY, as the user sees it (turned outputs turned), within
 // `timeout`; 0x0 when there is none or it does not answer.
 WindowSize largestWaylandOutput(std::chrono::milliseconds timeout) {
     const char* name = std::getenv("WAYLAND_DISPLAY");
     if (!name || !*name) return {};
-    std::unique_ptr<wl_display, WaylandDisplayClose> display(wl_display_connect(name));
+    WaylandDisplay display(wl_display_connect(name));
     if (!display) return {};
     struct Output {
         wl_output* proxy = nullptr;

@@ -19,6 +19,7 @@
 
 #include "platform/log.h"
 #include "platform/unique_fd.h"
+#include "platform/wayland/wayland_display.h"
 #include "wlr-foreign-toplevel-management-unstable-v1-client-protocol.h"
 
 namespace sv {
@@ -47,57 +48,12 @@ struct EventFd {
     }
 };
 
-struct DisplayClose {
-    void operator()(wl_display* d) const { wl_display_disconnect(d); }
-};
-
 // An app_id that can name an application: 1 to 200 letters, digits, '.',
 // '-' and '_' (a desktop file's name).
 bool isAppID(const std::string& id) {
     return !id.empty() && id.size() <= 200 && std::all_of(id.begin(), id.end(), [](char ch) {
         return std::isalnum(static_cast<unsigned char>(ch)) || ch == '.' || ch == '-' || ch == '_';
     });
-}
-
-// One wl_display_sync answered within the deadline, events dispatched; false
-// as well once `stopping` is set (`wake` is signalled then).
-bool roundtripUntil(wl_display* display, std::chrono::steady_clock::time_point deadline,
-                    const EventFd& wake, const std::atomic<bool>& stopping) {
-    bool done = false;
-    wl_callback* sync = wl_display_sync(display);
-    if (!sync) return false;
-    static const wl_callback_listener listener = {
-        [](void* data, wl_callback*, uint32_t) { *static_cast<bool*>(data) = true; }};
-    wl_callback_add_listener(sync, &listener, &done);
-    while (!done) {
-        bool failed = false;
-        while (!failed && wl_display_prepare_read(display) != 0)
-            failed = wl_display_dispatch_pending(display) < 0;
-        if (failed) break;
-        if (done) {  // answered by events already queued
-            wl_display_cancel_read(display);
-            break;
-        }
-        wl_display_flush(display);
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                              deadline - std::chrono::steady_clock::now())
-                              .count();
-        pollfd p[2] = {{wl_display_get_fd(display), POLLIN, 0}, {wake.fd, POLLIN, 0}};
-        if (stopping.load() || left <= 0 || ::poll(p, 2, int(left)) <= 0 ||
-            !(p[0].revents & (POLLIN | POLLERR | POLLHUP))) {
-            wl_display_cancel_read(display);
-            if (!stopping.load() && left > 0 && (p[1].revents & POLLIN)) {
-                // A synchronize() request: the event loop looks at requests
-                // before it waits, so the wake-up is not needed again.
-                wake.drain();
-                continue;
-            }
-            break;
-        }
-        if (wl_display_read_events(display) < 0 || wl_display_dispatch_pending(display) < 0) break;
-    }
-    wl_callback_destroy(sync);
-    return done;
 }
 
 struct Connection;
@@ -118,7 +74,7 @@ struct Toplevel {
 // One connection to the compositor and what it has told; event thread only
 // (or before the thread starts). The proxies go before the display.
 struct Connection {
-    std::unique_ptr<wl_display, DisplayClose> display;
+    WaylandDisplay display;
     wl_registry* registry = nullptr;
     zwlr_foreign_toplevel_manager_v1* manager = nullptr;
     uint32_t managerName = 0;
@@ -358,7 +314,13 @@ Result<void> WaylandWindowSystem::Core::attach() {
     if (!c->registry) return uiError(kUIErrorSetupFailed, "cannot list the compositor's globals");
     wl_registry_add_listener(c->registry, &kRegistryListener, c.get());
     const auto deadline = std::chrono::steady_clock::now() + kAttachTimeout;
-    if (!roundtripUntil(c->display.get(), deadline, wake, stopping))
+    // A synchronize() request is looked at by the event loop before it
+    // waits, so its wake-up is not needed again; stop() cuts the wait short.
+    const RoundtripInterrupt interrupt{wake.fd, [this] {
+                                           wake.drain();
+                                           return !stopping.load();
+                                       }};
+    if (!roundtripUntil(c->display.get(), deadline, interrupt))
         return uiError(kUIErrorCannotConnect,
                        std::string("the Wayland compositor ") + name + " does not answer");
     if (!c->manager)
@@ -366,7 +328,7 @@ Result<void> WaylandWindowSystem::Core::attach() {
                        "the Wayland compositor lists no toplevels to clients "
                        "(no zwlr_foreign_toplevel_manager_v1)");
     // The toplevels that exist and their first `done`.
-    if (!roundtripUntil(c->display.get(), deadline, wake, stopping))
+    if (!roundtripUntil(c->display.get(), deadline, interrupt))
         return uiError(kUIErrorCannotConnect,
                        std::string("the Wayland compositor ") + name + " does not answer");
     c->dirty = false;

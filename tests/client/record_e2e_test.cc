@@ -583,8 +583,9 @@ TEST_F(RecordEndToEndTest, BroadcastsALiveHLSStreamThroughTheUploadExtension) {
 
 #ifdef SV_TEST_HAVE_WAYLAND
 // A Wayland desktop user records their screen through the desktop portal: the
-// movie is the output at its own size in its colour, the portal's restore
-// token is kept, and a compositor that goes away mid-recording ends the next
+// movie is the output at its own size in its colour, with a client's window
+// in the window's colour where it floats; the portal's restore token is
+// kept, and a compositor that goes away mid-recording ends the next
 // recording with its error and the movie recorded so far.
 TEST_F(RecordEndToEndTest, ASystemRecordingOfAWaylandDesktopGoesThroughItsPortal) {
     const char* ci = std::getenv("CI");
@@ -612,6 +613,13 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAWaylandDesktopGoesThroughItsPortal
     // Without X, sway's toplevel list is the window system.
     EXPECT_TRUE(daemon_.logged("UI: using the wayland window system")) << daemon_.log();
 
+    auto window = desktop->showWindow("org.example.Colour", 200, 120, 0xF0F0F0);
+    ASSERT_TRUE(window) << desktop->logs();
+    ASSERT_TRUE(
+        desktop->swaymsg("[app_id=\"org.example.Colour\"] floating enable, border none, move "
+                         "absolute position 100 80"))
+        << desktop->logs();
+
     pid_t p = record({"--system", "--duration", "2"});
     ASSERT_EQ(sv::test::waitForExit(p, 120s), 0) << recordLog() << desktop->logs();
     auto reader = media::MovieReader::open(output()).valueOr(nullptr);
@@ -621,17 +629,25 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAWaylandDesktopGoesThroughItsPortal
     EXPECT_EQ(video.height, 360);
     EXPECT_EQ(video.rotation, 0);
     EXPECT_GT(video.duration, 0.1);  // the compositor's first picture may come late
-    // 0x3080C0 has a luma of about 111.
+    // The last picture (the window may float only after the first ones):
+    // 0x3080C0 has a luma of about 111, the window's 0xF0F0F0 about 222,
+    // inside its rectangle (100,80)-(300,200) and not outside it.
+    struct Point {
+        int x, y, luma;
+    };
+    const Point points[] = {{200, 140, 222}, {104, 84, 222},  {296, 196, 222}, {320, 300, 111},
+                            {96, 140, 111},  {304, 140, 111}, {200, 76, 111},  {200, 204, 111}};
     std::vector<int> lumas;
     (void)reader->decode(
         [&](const media::LumaFrame& f) {
-            lumas.push_back(f.data[180 * f.bytesPerRow + 320]);
-            lumas.push_back(f.data[4 * f.bytesPerRow + 4]);
-            return lumas.size() < 20;
+            lumas.clear();
+            for (const Point& pt : points) lumas.push_back(f.data[pt.y * f.bytesPerRow + pt.x]);
+            return true;
         },
         nullptr);
-    ASSERT_FALSE(lumas.empty());
-    for (int luma : lumas) EXPECT_NEAR(luma, 111, 12);
+    ASSERT_EQ(lumas.size(), std::size(points));
+    for (size_t i = 0; i < lumas.size(); ++i)
+        EXPECT_NEAR(lumas[i], points[i].luma, 12) << points[i].x << "," << points[i].y;
     EXPECT_FALSE(sv::test::readFile(state + "/sorvel/screencast-restore-token").empty());
 
     p = record({"--system", "--duration", "60"});

@@ -11,7 +11,7 @@
 # cancelled). SHIM is preloaded into the portal's wlroots backend
 # (screencopy_shm_shim.cc says why). Prints nothing; writes DIR/ready (the
 # bus address) once the screen-cast portal answers, DIR/failed (the reason)
-# if it does not. The processes share this script's process
+# if it does not; SIGUSR1 restarts a killed compositor. The processes share this script's process
 # group: end them all with kill -- -PGID. Their logs are DIR/*.log.
 #
 # The bus lets any local user connect (the service under test may run as
@@ -105,18 +105,27 @@ wait_for() {  # what, tries of 0.1 s, test...
 
 as_user dbus-daemon --config-file="$dir/bus.conf" --nofork --nopidfile > "$dir/dbus.log" 2>&1 &
 wait_for "the session bus" 100 test -S "$dir/run/bus"
-as_user WLR_BACKENDS=headless WLR_RENDERER=pixman WLR_LIBINPUT_NO_DEVICES=1 \
-  sway -c "$dir/config/sway/config" > "$dir/sway.log" 2>&1 &
-echo $! > "$dir/sway.pid"
-wait_for sway 300 test -S "$dir/run/wayland-1"
+start_compositor() {
+  # A killed compositor leaves its sockets behind.
+  rm -f "$dir/run/wayland-1" "$dir"/run/sway-ipc.*
+  as_user WLR_BACKENDS=headless WLR_RENDERER=pixman WLR_LIBINPUT_NO_DEVICES=1 \
+    sway -c "$dir/config/sway/config" >> "$dir/sway.log" 2>&1 &
+  echo $! > "$dir/sway.pid"
+  wait_for sway 300 test -S "$dir/run/wayland-1"
+}
+has_name() { busctl --address="$bus" status "$1" > /dev/null 2>&1; }
+# The portal's backend leaves with the compositor it served.
+start_backend() {
+  as_user ${shim:+LD_PRELOAD="$shim"} /usr/libexec/xdg-desktop-portal-wlr -l DEBUG >> "$dir/xdpw.log" 2>&1 &
+  wait_for "xdg-desktop-portal-wlr" 300 has_name org.freedesktop.impl.portal.desktop.wlr
+}
+start_compositor
 as_user pipewire > "$dir/pipewire.log" 2>&1 &
 wait_for pipewire 300 test -S "$dir/run/pipewire-0"
 as_user wireplumber > "$dir/wireplumber.log" 2>&1 &
 # The backend first, so that it is the one the portal finds (and with its
 # debug log), then the portal.
-as_user ${shim:+LD_PRELOAD="$shim"} /usr/libexec/xdg-desktop-portal-wlr -l DEBUG > "$dir/xdpw.log" 2>&1 &
-has_name() { busctl --address="$bus" status "$1" > /dev/null 2>&1; }
-wait_for "xdg-desktop-portal-wlr" 300 has_name org.freedesktop.impl.portal.desktop.wlr
+start_backend
 drop=("${portal_drop[@]}")
 as_user /usr/libexec/xdg-desktop-portal -v > "$dir/xdp.log" 2>&1 &
 answers() {
@@ -126,4 +135,7 @@ answers() {
 wait_for "xdg-desktop-portal" 300 has_name org.freedesktop.portal.Desktop
 wait_for "the screen-cast portal" 300 answers
 echo "$bus" > "$dir/ready"
-wait
+# SIGUSR1 starts the compositor and the portal's backend again, as a
+# session does after a compositor crash; DIR/restarted says when.
+trap 'rm -f "$dir/restarted"; start_compositor; start_backend; touch "$dir/restarted"' USR1
+until wait; do :; done

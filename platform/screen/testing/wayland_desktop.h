@@ -1,7 +1,8 @@
 // Test and benchmark support for the portal screen backend: a private
 // Wayland desktop (platform/screen/testing/wayland-desktop.sh) of one
 // headless output filled with a solid colour, with its own session bus,
-// PipeWire and desktop portal. Not part of the daemon.
+// PipeWire and desktop portal, and client windows of a solid colour shown
+// in it. Not part of the daemon.
 //
 // Threads: one object belongs to the thread that made it.
 #pragma once
@@ -55,14 +56,36 @@ class WaylandDesktop {
     // Kills the compositor alone (SIGKILL), as a crash would, and waits
     // (up to five seconds) until it is gone; false when it is not.
     bool killCompositor();
+    // Starts a killed compositor and the portal's backend again, as a
+    // session does, and waits (up to the start's timeout) until the backend
+    // answers; false when it does not.
+    bool restartCompositor();
     // The logs of every part, for a failed test's message.
     std::string logs() const;
+    // Runs a sway command (swaymsg) on the compositor; whether it succeeded.
+    bool swaymsg(const std::string& command) const;
+
+    // A client window of its own connection: one xdg-shell toplevel showing
+    // a solid colour. It reads nothing once shown (later configures and
+    // pings go unanswered, which sway tolerates). Destroying it closes the
+    // connection, which closes the window.
+    class Window {
+      public:
+        virtual ~Window() = default;
+    };
+    // Shows a `width` x `height` toplevel of colour `rgb` (0xRRGGBB) with the
+    // app_id `appID` and returns once the compositor has its picture; sway
+    // tiles it, and may draw it larger than its picture, unless a sway
+    // command floats it. Null when the compositor does not take it.
+    std::unique_ptr<Window> showWindow(const std::string& appID, int32_t width = 64,
+                                       int32_t height = 64, uint32_t rgb = 0) const;
 
   private:
-    WaylandDesktop(pid_t group, std::string dir, std::string bus)
-        : group_(group), dir_(std::move(dir)), bus_(std::move(bus)) {}
+    WaylandDesktop(pid_t group, std::string dir, std::string bus, std::chrono::seconds timeout)
+        : group_(group), dir_(std::move(dir)), bus_(std::move(bus)), timeout_(timeout) {}
     pid_t group_;
     std::string dir_, bus_;
+    std::chrono::seconds timeout_;
 };
 
 }  // namespace sv::testing
