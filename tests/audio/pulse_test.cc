@@ -27,32 +27,25 @@ constexpr AudioStreamFormat kTapFormat = AudioStreamFormat::pcm16(44100.0, 1, tr
 // or two late.
 constexpr double kStaleAfter = 5.0;
 
+// One server for the suite; a test that breaks its server starts its own.
 class PulseTest : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() {
-        auto started = testing::PrivatePulseServer::start({kSineSourceHz});
-        if (started)
-            server_ = started->release();
-        else
-            whyNot_ = new std::string(started.error().message());
-    }
-    static void TearDownTestSuite() {
-        delete server_;
-        server_ = nullptr;
-    }
+    static void SetUpTestSuite() { started_ = testing::PrivatePulseServer::start({kSineSourceHz}); }
+    static void TearDownTestSuite() { started_.reset(); }
     void SetUp() override {
-        if (!server_ && testing::PrivatePulseServer::required())
-            FAIL() << "cannot start a private PulseAudio server: " << *whyNot_;
-        if (!server_) GTEST_SKIP() << "cannot start a private PulseAudio server: " << *whyNot_;
+        if (!*started_ && testing::PrivatePulseServer::required())
+            FAIL() << "cannot start a private PulseAudio server: " << started_->error().message();
+        if (!*started_)
+            GTEST_SKIP() << "cannot start a private PulseAudio server: "
+                         << started_->error().message();
+        server_ = started_->value().get();
         backend_ = std::make_shared<PulseAudioBackend>(server_->address());
     }
 
-    static testing::PrivatePulseServer* server_;
-    static std::string* whyNot_;
+    static inline std::optional<Result<std::unique_ptr<testing::PrivatePulseServer>>> started_;
+    testing::PrivatePulseServer* server_ = nullptr;
     std::shared_ptr<PulseAudioBackend> backend_;
 };
-testing::PrivatePulseServer* PulseTest::server_ = nullptr;
-std::string* PulseTest::whyNot_ = nullptr;
 
 // Microphone samples, with the host time each reached the delegate.
 struct Collector : CaptureDataOutputSampleBufferDelegate,

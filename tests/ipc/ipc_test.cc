@@ -1,6 +1,7 @@
 // The IPC library across real processes: acceptance, identity, ordering,
 // replies, failures of the peer, endpoints, surfaces, and peers that send
-// garbage.
+// garbage; then the message decoder on its own: what it accepts, what it
+// refuses, and that descriptors of refused messages are closed.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -34,7 +35,7 @@ namespace {
 class Server : public ListenerDelegate, public std::enable_shared_from_this<Server> {
   public:
     std::mutex mutex;
-    bool accept = true;
+    std::atomic<bool> accept{true};
     std::vector<pid_t> connectionPids;
     std::vector<int64_t> hellos, counts;
     std::vector<pid_t> pingPids;
@@ -121,6 +122,25 @@ class Server : public ListenerDelegate, public std::enable_shared_from_this<Serv
     }
 };
 
+// `c` speaking the test interface, resumed.
+std::shared_ptr<Connection> resumed(std::shared_ptr<Connection> c) {
+    c->setRemoteObjectInterface(ipctest::testInterface());
+    c->resume();
+    return c;
+}
+
+// Calls `method` on `c`; the code of the error it failed with, 0 while none.
+// Shared: the error handler may run after the test returns.
+std::shared_ptr<std::atomic<int64_t>> callForError(Connection& c, const std::string& method,
+                                                   Arguments args = {},
+                                                   ReplyClosure reply = nullptr) {
+    auto code = std::make_shared<std::atomic<int64_t>>(0);
+    c.remoteObjectProxyWithErrorHandler([code](const Error& e) {
+         *code = e.code;
+     }).call(method, std::move(args), std::move(reply));
+    return code;
+}
+
 class IpcTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -134,11 +154,11 @@ class IpcTest : public ::testing::Test {
         for (auto& c : server_->connections) c->invalidate();
     }
 
-    void listen(ListenerOptions options = {}) {
+    void listen(ListenerOptions options = {}, bool resume = true) {
         listener_ = Listener::named(service_, std::move(options)).valueOr(nullptr);
         ASSERT_TRUE(listener_);
         listener_->setDelegate(server_);
-        listener_->resume();
+        if (resume) listener_->resume();
     }
 
     pid_t peer(std::vector<std::string> args) {
@@ -154,11 +174,10 @@ class IpcTest : public ::testing::Test {
 };
 
 // Nothing is accepted before the listener resumes; then the peer is
-// identified by its process, and only its user may connect.
-TEST_F(IpcTest, AcceptedPeerIsIdentifiedByItsProcess) {
-    listener_ = Listener::named(service_).valueOr(nullptr);
-    ASSERT_TRUE(listener_);
-    listener_->setDelegate(server_);
+// identified by its process, and only its user may connect. A refused
+// connection delivers nothing.
+TEST_F(IpcTest, AcceptedPeerIsIdentifiedByItsProcessARefusedOneDeliversNothing) {
+    listen({}, false);
     pid_t child = peer({"client", service_, "hello"});
     ASSERT_GT(child, 0);
     EXPECT_TRUE(stays([&] { return !server_->snapshot(server_->connectionPids).empty(); }, 200ms));
@@ -169,15 +188,12 @@ TEST_F(IpcTest, AcceptedPeerIsIdentifiedByItsProcess) {
     struct stat st {};
     ASSERT_EQ(stat(listener_->path().c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-}
 
-TEST_F(IpcTest, RefusedConnectionDeliversNothing) {
     server_->accept = false;
-    listen();
-    pid_t child = peer({"client", service_, "hello"});
-    EXPECT_EQ(waitForExit(child), 3);  // the child's call failed through its error handler
-    EXPECT_FALSE(server_->snapshot(server_->connectionPids).empty());
-    EXPECT_TRUE(server_->snapshot(server_->hellos).empty());
+    pid_t refused = peer({"client", service_, "hello"});
+    EXPECT_EQ(waitForExit(refused), 3);  // the child's call failed through its error handler
+    EXPECT_EQ(server_->snapshot(server_->connectionPids), (std::vector<pid_t>{child, refused}));
+    EXPECT_EQ(server_->snapshot(server_->hellos), std::vector<int64_t>{child});
 }
 
 TEST_F(IpcTest, MessagesArriveInOrderAndDroppedRepliesNeverArrive) {
@@ -228,21 +244,16 @@ TEST_F(IpcTest, AcceptedConnectionIsInvalidatedWhenThePeerDiesMidCall) {
     ASSERT_TRUE(eventually([&] { return server_->snapshot(server_->connections).size() == 1; }));
     auto c = server_->snapshot(server_->connections)[0];
     ASSERT_TRUE(eventually([&] { return server_->echoes == 1; }));  // the child's "ready"
-    std::atomic<int64_t> code{0};
-    std::atomic<bool> replied{false};
-    c->remoteObjectProxyWithErrorHandler([&](const Error& e) {
-         code = e.code;
-     }).call("die:withReply:", Arguments().add(0), [&](const Received&) { replied = true; });
+    auto code = callForError(*c, "die:withReply:", Arguments().add(0),
+                             [](const Received&) { ADD_FAILURE() << "a reply from the dead"; });
     EXPECT_EQ(waitForExit(child), 0);
-    ASSERT_TRUE(eventually([&] { return code != 0; }));
-    EXPECT_EQ(code, kErrorConnectionInvalid);
-    EXPECT_FALSE(replied);
+    ASSERT_TRUE(eventually([&] { return *code != 0; }));
+    EXPECT_EQ(*code, kErrorConnectionInvalid);
     ASSERT_TRUE(eventually([&] { return server_->invalidations == 1; }));
     EXPECT_EQ(server_->interruptions, 0);
     // A call on the dead connection fails the same way instead of throwing.
-    std::atomic<int64_t> later{0};
-    c->remoteObjectProxyWithErrorHandler([&](const Error& e) { later = e.code; }).call("ping");
-    EXPECT_TRUE(eventually([&] { return later == kErrorConnectionInvalid; }));
+    auto later = callForError(*c, "ping");
+    EXPECT_TRUE(eventually([&] { return *later == kErrorConnectionInvalid; }));
 }
 
 TEST_F(IpcTest, ServiceConnectionIsInterruptedAndUsedAgain) {
@@ -273,13 +284,11 @@ TEST_F(IpcTest, ServiceConnectionIsInterruptedAndUsedAgain) {
     EXPECT_EQ(echo("one"), 0);
     EXPECT_EQ(c->processIdentifier(), first);
 
-    std::atomic<int64_t> code{0};
-    c->remoteObjectProxyWithErrorHandler([&](const Error& e) {
-         code = e.code;
-     }).call("die:withReply:", Arguments().add(0), [](const Received&) { FAIL(); });
+    auto code = callForError(*c, "die:withReply:", Arguments().add(0),
+                             [](const Received&) { ADD_FAILURE() << "a reply from the dead"; });
     EXPECT_EQ(waitForExit(first), 0);
-    ASSERT_TRUE(eventually([&] { return code != 0 && interrupted == 1; }));
-    EXPECT_EQ(code, kErrorConnectionInterrupted);
+    ASSERT_TRUE(eventually([&] { return *code != 0 && interrupted == 1; }));
+    EXPECT_EQ(*code, kErrorConnectionInterrupted);
     EXPECT_EQ(invalidated, 0);
 
     // While the service is away, calls fail as interruptions.
@@ -318,12 +327,8 @@ TEST_F(IpcTest, EndpointLetsAChildConnectBack) {
     // After invalidation the endpoint no longer connects.
     auto ep = server_->anonymous->endpoint();
     server_->anonymous->invalidate();
-    auto c = Connection::toEndpoint(ep);
-    c->setRemoteObjectInterface(ipctest::testInterface());
-    std::atomic<int64_t> code{0};
-    c->resume();
-    c->remoteObjectProxyWithErrorHandler([&](const Error& e) { code = e.code; }).call("ping");
-    EXPECT_TRUE(eventually([&] { return code == kErrorConnectionInvalid; }));
+    auto code = callForError(*resumed(Connection::toEndpoint(ep)), "ping");
+    EXPECT_TRUE(eventually([&] { return *code == kErrorConnectionInvalid; }));
 }
 
 TEST_F(IpcTest, SurfaceCrossesWithoutCopyingItsPixels) {
@@ -339,9 +344,7 @@ TEST_F(IpcTest, SurfaceCrossesWithoutCopyingItsPixels) {
             sum += row[x];
         }
     }
-    auto c = Connection::toService(service_);
-    c->setRemoteObjectInterface(ipctest::testInterface());
-    c->resume();
+    auto c = resumed(Connection::toService(service_));
     Semaphore done;
     Value info;
     c->remoteObjectProxyWithErrorHandler([&](const Error& e) {
@@ -422,9 +425,7 @@ TEST_F(IpcTest, SendsToAPeerThatDoesNotReadFailInsteadOfGrowing) {
     ASSERT_EQ(bind(lfd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
     ASSERT_EQ(::listen(lfd, 4), 0);
 
-    auto c = Connection::toService(service_);
-    c->setRemoteObjectInterface(ipctest::testInterface());
-    c->resume();
+    auto c = resumed(Connection::toService(service_));
     // Shared, not on the stack: error handlers still queued when the test
     // returns may run after it.
     auto full = std::make_shared<std::atomic<int>>(0);
@@ -543,21 +544,15 @@ TEST_F(IpcTest, APeerThatNeverReadsIsDisconnectedAfterTheStallTimeout) {
 TEST_F(IpcTest, ServiceRunningAsAnotherUserIsNotConnectedTo) {
     listen();
     log::Capture capture;
-    auto impostor = Connection::toService(service_, geteuid() + 1);
-    impostor->setRemoteObjectInterface(ipctest::testInterface());
-    impostor->resume();
-    auto code = std::make_shared<std::atomic<int64_t>>(0);
-    impostor->remoteObjectProxyWithErrorHandler([code](const Error& e) { *code = e.code; })
-        .call("hello:", Arguments().add(1));
+    auto impostor = resumed(Connection::toService(service_, geteuid() + 1));
+    auto code = callForError(*impostor, "hello:", Arguments().add(1));
     EXPECT_TRUE(eventually([&] { return *code != 0; }));
     EXPECT_EQ(*code, kErrorConnectionInterrupted);
     EXPECT_TRUE(server_->snapshot(server_->hellos).empty());
     EXPECT_GE(capture.countContaining("not connecting"), 1u);
     impostor->invalidate();
 
-    auto genuine = Connection::toService(service_, geteuid());
-    genuine->setRemoteObjectInterface(ipctest::testInterface());
-    genuine->resume();
+    auto genuine = resumed(Connection::toService(service_, geteuid()));
     genuine->remoteObjectProxyWithErrorHandler(nullptr).call("hello:", Arguments().add(2));
     EXPECT_TRUE(eventually([&] { return server_->snapshot(server_->hellos).size() == 1; }));
     genuine->invalidate();
@@ -578,16 +573,10 @@ TEST_F(IpcTest, EndpointConnectWaitsForRoomWithoutBlockingOthers) {
     }
     ASSERT_TRUE(errno == EAGAIN || errno == EWOULDBLOCK);
 
-    auto viaEndpoint = Connection::toEndpoint(endpoint);
-    viaEndpoint->setRemoteObjectInterface(ipctest::testInterface());
-    viaEndpoint->resume();
-    auto code = std::make_shared<std::atomic<int64_t>>(0);
-    viaEndpoint->remoteObjectProxyWithErrorHandler([code](const Error& e) { *code = e.code; })
-        .call("hello:", Arguments().add(99));
+    auto viaEndpoint = resumed(Connection::toEndpoint(endpoint));
+    auto code = callForError(*viaEndpoint, "hello:", Arguments().add(99));
 
-    auto other = Connection::toService(service_);
-    other->setRemoteObjectInterface(ipctest::testInterface());
-    other->resume();
+    auto other = resumed(Connection::toService(service_));
     auto proxy = other->remoteObjectProxyWithErrorHandler(nullptr);
     for (int i = 0; i < 3; ++i) proxy.call("hello:", Arguments().add(i));
     ASSERT_TRUE(eventually([&] { return server_->snapshot(server_->hellos).size() == 3; }));
@@ -620,6 +609,145 @@ TEST_F(IpcTest, APythonPeerSpeaksTheDocumentedFormat) {
     ASSERT_GT(child, 0);
     EXPECT_EQ(waitForExit(child, 20s), 0);
     EXPECT_EQ(server_->snapshot(server_->hellos), std::vector<int64_t>{child});
+}
+
+// The message decoder on its own.
+DecodeResult decode(const EncodedMessage& m, const ReplySpecLookup& replies = nullptr) {
+    std::vector<UniqueFd> fds;
+    for (const auto& f : m.fds) fds.emplace_back(fcntl(f.get(), F_DUPFD_CLOEXEC, 0));
+    return decodeMessage(m.bytes, std::move(fds), ipctest::testInterface().get(), replies);
+}
+
+TEST(WireTest, CallsCarryTheReplyIdentifierWhereTheHandlerIs) {
+    const MethodSpec* echo = ipctest::testInterface()->method("echo:withReply:");
+    auto m = encodeCall(*echo, Arguments().add(Value{{"k", 1}}), 77);
+    ASSERT_TRUE(m) << m.error().description();
+    auto r = decode(*m);
+    ASSERT_TRUE(r.message) << r.error;
+    EXPECT_EQ(r.message->method, "echo:withReply:");
+    EXPECT_EQ(r.message->replyId, 77u);
+    EXPECT_EQ(r.message->arguments.at(0), (Value{{"k", 1}}));
+    EXPECT_TRUE(r.message->arguments.at(1).is_null());  // the handler slot
+
+    // The sender checks its own arguments too.
+    EXPECT_FALSE(encodeCall(*echo, Arguments(), 1));
+    EXPECT_FALSE(encodeCall(*ipctest::testInterface()->method("hello:"), Arguments().add("x"), 0));
+}
+
+TEST(WireTest, RepliesAreCheckedAgainstTheOutstandingCall) {
+    std::vector<ArgSpec> signature{{ArgKind::Bytes}};
+    auto good = encodeReply(5, signature, Arguments().add(bytesValue(Bytes{1, 2})));
+    ASSERT_TRUE(good) << good.error().description();
+    auto lookup = [&](uint64_t id) { return id == 5 ? &signature : nullptr; };
+    EXPECT_TRUE(decode(*good, lookup).message);
+    EXPECT_EQ(decode(*good, nullptr).error, "reply to no outstanding call");
+    std::vector<ArgSpec> other{{ArgKind::String}};
+    auto wrong = encodeReply(5, other, Arguments().add("text"));
+    ASSERT_TRUE(wrong);
+    EXPECT_FALSE(decode(*wrong, lookup).message);
+}
+
+TEST(WireTest, ObjectsAreCheckedAndRefusedDescriptorsClosed) {
+    size_t before = sv::test::openDescriptorCount();
+    // A file token must be read-only.
+    int rw = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    auto token = FileToken::adopt(rw);
+    const MethodSpec* read = ipctest::testInterface()->method("readFile:withReply:");
+    auto m = encodeCall(*read, Arguments().add(token), 1);
+    ASSERT_TRUE(m) << m.error().description();
+    auto ok = decode(*m);
+    ASSERT_TRUE(ok.message) << ok.error;
+    EXPECT_TRUE(ok.message->arguments.fileTokenAt(0));
+    EXPECT_FALSE(ok.message->arguments.surfaceAt(0));  // asked as the wrong kind
+
+    int pipeFds[2];
+    ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
+    close(pipeFds[0]);
+    EncodedMessage bad;
+    bad.bytes = m->bytes;
+    bad.fds.emplace_back(pipeFds[1]);  // a pipe posing as a read-only file
+    auto refused = decode(bad);
+    EXPECT_FALSE(refused.message);
+    EXPECT_EQ(refused.error, "file token is not a read-only file");
+
+    // The same descriptor referenced as two kinds.
+    Value a = Value::array(
+        {Value{{"$object", "file"}, {"index", 0}}, Value{{"$object", "endpoint"}, {"index", 0}}});
+    EncodedMessage twice;
+    twice.bytes = encodeCbor(
+        Value{{"v", 1}, {"t", 1}, {"m", "echo:withReply:"}, {"a", Value::array({a, 1})}, {"n", 1}});
+    twice.fds.emplace_back(open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
+    EXPECT_FALSE(decode(twice).message);
+
+    ok.message.reset();
+    token = FileToken();
+    m = EncodedMessage();
+    bad.fds.clear();
+    twice.fds.clear();
+    // Earlier tests may still be closing sockets on the I/O thread: fewer is fine.
+    EXPECT_LE(sv::test::openDescriptorCount(), before);
+}
+
+// Integer kinds admit exactly their range; what does not fit is refused by
+// the receiver (and by a sender that uses this library), never narrowed.
+TEST(WireTest, IntegerKindsHoldOnlyTheirRange) {
+    using K = ArgKind;
+    Interface widths("SVWidths",
+                     {{"int32:uint32:int64:", {{K::Int32}, {K::UInt32}, {K::Int64}}, {}}});
+    auto decodeArgs = [&](Value a, Value b, Value c) {
+        Bytes bytes = encodeCbor(Value{
+            {"v", 1}, {"t", 1}, {"m", "int32:uint32:int64:"}, {"a", Value::array({a, b, c})}});
+        return decodeMessage(bytes, {}, &widths, nullptr);
+    };
+    auto ok = decodeArgs(INT32_MIN, UINT32_MAX, INT64_MIN);
+    ASSERT_TRUE(ok.message) << ok.error;
+    EXPECT_EQ(ok.message->arguments.integerAt<int32_t>(0), INT32_MIN);
+    EXPECT_EQ(ok.message->arguments.integerAt<uint32_t>(1), UINT32_MAX);
+    EXPECT_EQ(ok.message->arguments.integerAt<int64_t>(2), INT64_MIN);
+    EXPECT_FALSE(ok.message->arguments.integerAt<int32_t>(1));  // asked narrower than it is
+
+    const std::string refused = "int32:uint32:int64:: argument ";
+    EXPECT_EQ(decodeArgs(int64_t(INT32_MAX) + 1, 0, 0).error, refused + "0 is not a int32");
+    EXPECT_EQ(decodeArgs(0, -1, 0).error, refused + "1 is not a uint32");
+    EXPECT_EQ(decodeArgs(0, uint64_t(UINT32_MAX) + 1, 0).error, refused + "1 is not a uint32");
+    EXPECT_EQ(decodeArgs(0, 0, uint64_t(INT64_MAX) + 1).error, refused + "2 is not a int64");
+    EXPECT_FALSE(decodeArgs(0.5, 0, 0).message);
+
+    // Outgoing values keep their type and width (a bool once went out as 1).
+    EXPECT_TRUE(Arguments().add(true).values()[0].is_boolean());
+    EXPECT_EQ(Arguments().add(uint64_t(UINT64_MAX)).values()[0], Value(UINT64_MAX));
+    // The sender refuses what does not fit.
+    auto wide = encodeCall(widths.methods()[0],
+                           Arguments().add(int32_t(-1)).add(uint32_t(7)).add(int64_t(1) << 40), 0);
+    ASSERT_TRUE(wide) << wide.error().description();
+    auto back = decodeMessage(wide->bytes, {}, &widths, nullptr);
+    ASSERT_TRUE(back.message) << back.error;
+    EXPECT_EQ(back.message->arguments.integerAt<int64_t>(2), int64_t(1) << 40);
+    auto narrowed =
+        encodeCall(widths.methods()[0], Arguments().add(int64_t(1) << 40).add(0).add(0), 0);
+    ASSERT_FALSE(narrowed);
+    EXPECT_EQ(narrowed.error(), Error::make(kIPCErrorDomain, kErrorMessageRejected,
+                                            "int32:uint32:int64:: argument 0 is not a int32"));
+}
+
+TEST(WireTest, EnvelopesThatLieAreRefused) {
+    auto decodes = [](const Value& v, const Interface* i = ipctest::testInterface().get()) {
+        return decodeMessage(encodeCbor(v), {}, i, nullptr);
+    };
+    const Value ping{{"v", 1}, {"t", 1}, {"m", "ping"}, {"a", Value::array()}};
+    EXPECT_TRUE(decodes(ping).message);
+    EXPECT_EQ(decodes(ping, nullptr).error, "call of ping but no interface is exported");
+    Value deep = 1;
+    for (int i = 0; i < 100; ++i) deep = Value::array({deep});
+    // Not an envelope, another version, an unknown type, descriptors that
+    // are not there, arguments the method does not take, nesting too deep.
+    for (const Value& lie :
+         {Value::array({1, 2}), Value{{"v", 2}, {"t", 1}, {"m", "ping"}, {"a", Value::array()}},
+          Value{{"v", 1}, {"t", 9}, {"a", Value::array()}},
+          Value{{"v", 1}, {"t", 1}, {"m", "ping"}, {"a", Value::array()}, {"n", 3}},
+          Value{{"v", 1}, {"t", 1}, {"m", "ping"}, {"a", Value::array({1})}},
+          Value{{"v", 1}, {"t", 1}, {"m", "echo:withReply:"}, {"a", Value::array({deep, 1})}}})
+        EXPECT_FALSE(decodes(lie).message) << lie.dump();
 }
 
 }  // namespace

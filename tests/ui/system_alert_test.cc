@@ -45,9 +45,8 @@ TEST(SystemAlertTest, AnswersReachTheWaiterAndThePresenterSeesEveryAlertInOrder)
     for (int i = 0; i < 4; ++i) {
         auto created = SystemAlert::create(consentRequest(i % 2 == 0));
         ASSERT_TRUE(created) << created.error().description();
-        auto alert = *created;
-        answers.push_back(alert->waitForResponse());
-        EXPECT_EQ(alert->waitForResponse(), answers.back());  // the same answer every time
+        answers.push_back((*created)->waitForResponse());
+        EXPECT_EQ((*created)->waitForResponse(), answers.back());  // the same answer every time
     }
     EXPECT_EQ(answers,
               (std::vector<AlertResponse>{AlertResponse::Alternate, AlertResponse::Other,
@@ -59,10 +58,9 @@ TEST(SystemAlertTest, AnswersReachTheWaiterAndThePresenterSeesEveryAlertInOrder)
     EXPECT_EQ(shown[1], consentRequest(false));
     // The two-button alert has no alternate button, in its role list and on
     // the wire.
-    auto buttons = shown[1].buttons();
-    ASSERT_EQ(buttons.size(), 2u);
-    EXPECT_EQ(buttons[0].first, AlertResponse::Default);
-    EXPECT_EQ(buttons[1].first, AlertResponse::Other);
+    EXPECT_EQ(shown[1].buttons(), (std::vector<std::pair<AlertResponse, std::string>>{
+                                      {AlertResponse::Default, "Don't Allow"},
+                                      {AlertResponse::Other, "Record Screen"}}));
     EXPECT_TRUE(shown[1].toValue()[kAlertAlternateButtonKey].is_null());
 
     // The convenience form with option flags builds the same request.
