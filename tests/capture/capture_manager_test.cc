@@ -54,9 +54,10 @@ double frequencyOf(const std::shared_ptr<SampleBuffer>& s) {
         44100);
 }
 
-TEST(CaptureManager, MicrophoneDidStartRules) {
+TEST(CaptureManager, MicrophoneDidStartRulesAndRouting) {
     auto m = SVCaptureManager::make(fastBackend());
-    SampleSink first, second;
+    EXPECT_TRUE(m->sessionSampleBufferQueue()->isSerial());  // samples stay in order
+    SampleSink first(m->sessionSampleBufferQueue()), second;
     int firstStarts = 0, secondStarts = 0;
     m->startMicrophoneCaptureWithOutput(first.handler(), [&] { ++firstStarts; });
     EXPECT_EQ(AudioSession::sharedInstance().category(), AudioSessionCategory::Record);
@@ -77,6 +78,10 @@ TEST(CaptureManager, MicrophoneDidStartRules) {
     EXPECT_EQ(m->captureSession(), session);
     ASSERT_TRUE(first.waitFor(3));
     EXPECT_EQ(second.size(), 0u);
+    // The session's samples, passed on whole and in order on the session's
+    // queue (what they hold is the capture session's test).
+    const auto samples = first.all();
+    testing::expectContiguous(samples, 1024.0 / 44100, 1e-6);
 
     // Detaching the microphone keeps the session running and the handler.
     m->stopMicrophoneCapture();
@@ -92,6 +97,20 @@ TEST(CaptureManager, MicrophoneDidStartRules) {
     size_t before = first.size();
     EXPECT_TRUE(first.waitFor(before + 2));
     m->stopAllCapture();
+    EXPECT_FALSE(first.wrongQueue);
+
+    // A camera output routes to the camera handler; a foreign output is dropped.
+    SampleSink mic, camera;
+    m->setMicrophoneOutputHandler(mic.handler());
+    m->setCameraOutputHandler(camera.handler());
+    auto video = VideoDataOutput::make();
+    m->setCaptureSessionVideoDataOutput(video);
+    auto sample = samples.front();
+    m->captureOutputDidOutputSampleBuffer(video, sample, nullptr);
+    m->captureOutputDidOutputSampleBuffer(AudioDataOutput::make(), sample, nullptr);
+    m->captureOutputDidOutputSampleBuffer(nullptr, sample, nullptr);
+    EXPECT_EQ(mic.size(), 0u);
+    EXPECT_EQ(camera.all(), std::vector{sample});  // passed on unchanged
 }
 
 TEST(CaptureManager, DidStartFollowsTheSessionNotTheDevice) {
@@ -144,35 +163,6 @@ TEST(CaptureManager, CaptureSessionStartStopAndLogs) {
     EXPECT_EQ(logs.count("SVCaptureManager: setAudioCaptureEnabled: YES"), 1u);
     EXPECT_EQ(logs.count("SVCaptureManager: setAudioCaptureEnabled: NO"), 1u);
     m->stopAllCapture();
-}
-
-TEST(CaptureManager, RoutesSamplesByOutput) {
-    auto m = SVCaptureManager::make(std::make_shared<SyntheticAudioBackend>());
-    EXPECT_TRUE(m->sessionSampleBufferQueue()->isSerial());  // samples stay in order
-    SampleSink mic(m->sessionSampleBufferQueue());
-    SampleSink camera;
-    m->startMicrophoneCaptureWithOutput(mic.handler(), nullptr);
-    ASSERT_TRUE(mic.waitFor(6));
-    m->stopAllCapture();
-    EXPECT_FALSE(mic.wrongQueue);
-    // The session's samples, passed on whole and in order (what they hold is
-    // the capture session's test).
-    auto samples = mic.all();
-    testing::expectContiguous(samples, 1024.0 / 44100, 1e-6);
-
-    // A camera output routes to the camera handler; a foreign output is dropped.
-    SampleSink mic2;
-    m->setMicrophoneOutputHandler(mic2.handler());
-    m->setCameraOutputHandler(camera.handler());
-    auto video = VideoDataOutput::make();
-    m->setCaptureSessionVideoDataOutput(video);
-    auto sample = samples.front();
-    m->captureOutputDidOutputSampleBuffer(video, sample, nullptr);
-    m->captureOutputDidOutputSampleBuffer(AudioDataOutput::make(), sample, nullptr);
-    m->captureOutputDidOutputSampleBuffer(nullptr, sample, nullptr);
-    EXPECT_EQ(camera.size(), 1u);
-    EXPECT_EQ(mic2.size(), 0u);
-    EXPECT_EQ(camera.all().front(), sample);  // passed on unchanged
 }
 
 TEST(CaptureManager, StopAllCaptureReturnsToIdle) {
@@ -290,10 +280,14 @@ struct FakeClock {
     }
 };
 
-TEST(CaptureManager, ResumeFillsTheGapWithSilence) {
+// A resume after a gap fills it with silence; one without a gap, or after
+// stopAllCapture, adds none.
+TEST(CaptureManager, ResumeFillsOnlyAGapWithSilence) {
     FakeClock clock;
-    auto m = SVCaptureManager::make(fastBackend(), clock.source());
+    auto counting = std::make_shared<testing::CountingBackend>(fastBackend());
+    auto m = SVCaptureManager::make(counting, clock.source());
     log::Capture logs;
+    const char* const gapLine = "gap since last audio tap, filling with empty sample buffer";
     m->setCaptureStartTime(MediaTime::make(1, 1));
     m->setLastAudioDate(clock.now - 500ms);
     SampleSink sink;
@@ -302,7 +296,7 @@ TEST(CaptureManager, ResumeFillsTheGapWithSilence) {
     ASSERT_TRUE(sink.waitFor(3));
     m->stopAppAudioCapture();
     EXPECT_FALSE(m->resumed());
-    EXPECT_EQ(logs.count("gap since last audio tap, filling with empty sample buffer"), 1u);
+    EXPECT_EQ(logs.count(gapLine), 1u);
 
     auto samples = sink.all();
     const auto& silence = samples[0];
@@ -319,21 +313,14 @@ TEST(CaptureManager, ResumeFillsTheGapWithSilence) {
     EXPECT_EQ(m->lastAudioDate(),
               clock.now + std::chrono::duration_cast<Date::duration>(
                               std::chrono::duration<double>(28672.0 / 44100.0)));
-}
 
-TEST(CaptureManager, ResumeWithoutAGapOrAfterStopAllAddsNoSilence) {
-    FakeClock clock;
-    auto counting = std::make_shared<testing::CountingBackend>(fastBackend());
-    auto m = SVCaptureManager::make(counting, clock.source());
-    log::Capture logs;
-    m->setCaptureStartTime(MediaTime::make(1, 1));
     m->setLastAudioDate(clock.now + 1s);  // the first buffer arrives early: gap <= 0
-    SampleSink sink;
-    m->resumeAppAudioCaptureForProcessID(56, sink.handler());
-    ASSERT_TRUE(sink.waitFor(2));
+    SampleSink noGap;
+    m->resumeAppAudioCaptureForProcessID(56, noGap.handler());
+    ASSERT_TRUE(noGap.waitFor(2));
     m->stopAppAudioCapture();
     EXPECT_FALSE(m->resumed());
-    for (auto& s : sink.all()) EXPECT_EQ(s->numSamples(), 28672);
+    for (auto& s : noGap.all()) EXPECT_EQ(s->numSamples(), 28672);
 
     // stopAllCapture clears lastAudioDate and the start time: no silence, and
     // nothing until a new start time.
@@ -348,7 +335,7 @@ TEST(CaptureManager, ResumeWithoutAGapOrAfterStopAllAddsNoSilence) {
     ASSERT_TRUE(after.waitFor(2));
     m->stopAllCapture();
     for (auto& s : after.all()) EXPECT_EQ(s->numSamples(), 28672);
-    EXPECT_EQ(logs.count("gap since last audio tap, filling with empty sample buffer"), 0u);
+    EXPECT_EQ(logs.count(gapLine), 1u);  // the first resume's
 }
 
 // A refused stop is logged and the tap dropped all the same (torn down once
