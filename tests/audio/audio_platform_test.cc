@@ -9,7 +9,6 @@
 #include <future>
 #include <mutex>
 #include <set>
-#include <thread>
 
 #include "platform/audio/audio_tap_queue.h"
 #include "platform/audio/capture_session.h"

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <thread>
 
 #include "platform/audio/audio_tap_queue.h"
 #include "platform/audio/capture_session.h"

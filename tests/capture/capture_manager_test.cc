@@ -7,9 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <mutex>
-#include <thread>
 
 #include "capture/capture_manager.h"
 #include "platform/audio/synthetic_audio.h"

@@ -5,10 +5,9 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
+#include <thread>
 
 #include "platform/dispatch.h"
 #include "platform/log.h"
