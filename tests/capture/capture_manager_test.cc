@@ -94,8 +94,25 @@ TEST(CaptureManager, MicrophoneDidStartRulesAndRouting) {
     EXPECT_TRUE(calledInside);
     size_t before = first.size();
     EXPECT_TRUE(first.waitFor(before + 2));
+
+    // stopAllCapture returns everything to idle, a running tap included.
+    m->setCaptureStartTime(MediaTime::make(5, 1));
+    m->setLastAudioDate(std::chrono::system_clock::now());
+    m->setCameraOutputHandler(second.handler());
+    Semaphore started;
+    m->startAppAudioCaptureForProcessID(77, second.handler(), [&] { started.signal(); });
+    ASSERT_TRUE(started.waitFor(3s));
     m->stopAllCapture();
     EXPECT_FALSE(first.wrongQueue);
+    // {session, microphone, its handler, camera handler, tap handler, start time, last audio}
+    EXPECT_EQ((std::vector<bool>{m->sessionInProgress(), m->isRecordingMicrophone(),
+                                 bool(m->microphoneOutputHandler()), bool(m->cameraOutputHandler()),
+                                 bool(m->appAudioOutputHandler()), m->captureStartTime().isValid(),
+                                 bool(m->lastAudioDate())}),
+              std::vector<bool>(7, false));
+    EXPECT_EQ(m->captureSession(), session);
+    EXPECT_FALSE(session->isRunning());
+    SVCaptureManager::audioDispatchQueue()->sync([&] { EXPECT_FALSE(m->audioRecorderQueue()); });
 
     // A camera output routes to the camera handler; a foreign output is dropped.
     SampleSink mic, camera;
@@ -161,29 +178,6 @@ TEST(CaptureManager, CaptureSessionStartStopAndLogs) {
     EXPECT_EQ(logs.count("SVCaptureManager: setAudioCaptureEnabled: YES"), 1u);
     EXPECT_EQ(logs.count("SVCaptureManager: setAudioCaptureEnabled: NO"), 1u);
     m->stopAllCapture();
-}
-
-TEST(CaptureManager, StopAllCaptureReturnsToIdle) {
-    auto m = SVCaptureManager::make(fastBackend());
-    m->setCaptureStartTime(MediaTime::make(5, 1));
-    m->setLastAudioDate(std::chrono::system_clock::now());
-    SampleSink sink;
-    m->startMicrophoneCaptureWithOutput(sink.handler(), nullptr);
-    m->setCameraOutputHandler(sink.handler());
-    Semaphore started;
-    m->startAppAudioCaptureForProcessID(77, sink.handler(), [&] { started.signal(); });
-    ASSERT_TRUE(started.waitFor(3s));
-    auto session = m->captureSession();
-    m->stopAllCapture();
-    // {session, microphone, its handler, camera handler, tap handler, start time, last audio}
-    EXPECT_EQ((std::vector<bool>{m->sessionInProgress(), m->isRecordingMicrophone(),
-                                 bool(m->microphoneOutputHandler()), bool(m->cameraOutputHandler()),
-                                 bool(m->appAudioOutputHandler()), m->captureStartTime().isValid(),
-                                 bool(m->lastAudioDate())}),
-              std::vector<bool>(7, false));
-    EXPECT_EQ(m->captureSession(), session);
-    EXPECT_FALSE(session->isRunning());
-    SVCaptureManager::audioDispatchQueue()->sync([&] { EXPECT_FALSE(m->audioRecorderQueue()); });
 }
 
 TEST(CaptureManager, TapBufferSize) {  // 44.1 kHz: in the tap test
