@@ -85,6 +85,12 @@ class X11WindowSystemTest : public ::testing::Test {
         options.states = std::move(states);
         return client_->createWindow(options);
     }
+    // The frontmost application once `window` is the active window.
+    std::optional<std::string> frontmostWith(uint32_t window) {
+        client_->setActiveWindow(window);
+        EXPECT_TRUE(system_->synchronize());
+        return system_->frontmostApplicationBundleIdentifier();
+    }
     DisplayLayout layoutNow() {
         EXPECT_TRUE(system_->synchronize());
         return system_->currentLayout();
@@ -105,10 +111,7 @@ TEST_F(X11WindowSystemTest, FrontmostAndForegroundFollowTheActiveWindowAndMapped
     uint32_t a = window(alpha_->pid());
     uint32_t b = window(beta_->pid());
     uint32_t stranger = window(getpid());  // a process outside any bundle
-    client_->setActiveWindow(a);
-    ASSERT_TRUE(system_->synchronize());
-
-    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.alpha");
+    EXPECT_EQ(frontmostWith(a), "org.example.alpha");
     constexpr uint32_t kShown = kApplicationStateRunning | kApplicationStateForeground;
     static_assert(kApplicationStateForeground == 8u);
     EXPECT_EQ(monitor->applicationStateForApplication("org.example.alpha"),
@@ -121,10 +124,8 @@ TEST_F(X11WindowSystemTest, FrontmostAndForegroundFollowTheActiveWindowAndMapped
     EXPECT_EQ(summary(requestInfo(*monitor, "org.example.unknown")),
               S("org.example.unknown", false, -1));
 
-    client_->setActiveWindow(b);
     client_->unmap(a);
-    ASSERT_TRUE(system_->synchronize());
-    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.beta");
+    EXPECT_EQ(frontmostWith(b), "org.example.beta");
     EXPECT_EQ(monitor->applicationStateForApplication("org.example.alpha"), 0u);
     EXPECT_TRUE(monitor->applicationStateForApplication("org.example.beta") &
                 kApplicationStateFrontmost);
@@ -132,24 +133,16 @@ TEST_F(X11WindowSystemTest, FrontmostAndForegroundFollowTheActiveWindowAndMapped
     // A frontmost window of a process outside any bundle is no application,
     // unless it names its application (WM_CLASS, a desktop application id):
     // then it is that application, with the process the X server names.
-    client_->setActiveWindow(stranger);
-    ASSERT_TRUE(system_->synchronize());
-    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
+    EXPECT_EQ(frontmostWith(stranger), std::nullopt);
     TestWindowOptions terminal;
     terminal.wmClass = "Sv-Term";
     uint32_t term = client_->createWindow(terminal);
-    client_->setActiveWindow(term);
-    ASSERT_TRUE(system_->synchronize());
-    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "x11:Sv-Term");
+    EXPECT_EQ(frontmostWith(term), "x11:Sv-Term");
     EXPECT_EQ(intAt(requestInfo(*monitor, "x11:Sv-Term"), kApplicationInfoPIDKey), getpid());
     terminal.wmClass = "bad/class";
-    client_->setActiveWindow(client_->createWindow(terminal));
-    ASSERT_TRUE(system_->synchronize());
-    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
+    EXPECT_EQ(frontmostWith(client_->createWindow(terminal)), std::nullopt);
     client_->destroy(term);
-    client_->setActiveWindow(0);
-    ASSERT_TRUE(system_->synchronize());
-    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
+    EXPECT_EQ(frontmostWith(0), std::nullopt);
 
     // After invalidation nothing is known any more.
     monitor->invalidate();
@@ -159,9 +152,7 @@ TEST_F(X11WindowSystemTest, FrontmostAndForegroundFollowTheActiveWindowAndMapped
 TEST_F(X11WindowSystemTest, ChangeHandlerHearsActivationsOnItsQueueLosersFirst) {
     uint32_t a = window(alpha_->pid());
     uint32_t b = window(beta_->pid());
-    client_->setActiveWindow(a);
-    ASSERT_TRUE(system_->synchronize());
-
+    EXPECT_EQ(frontmostWith(a), "org.example.alpha");
     auto monitor = system_->makeApplicationStateMonitor();
     InfoRecorder recorder;
     monitor->setChangeHandler(recorder.handler(monitor));
@@ -183,8 +174,7 @@ TEST_F(X11WindowSystemTest, ChangeHandlerHearsActivationsOnItsQueueLosersFirst) 
     // Removed: later changes reach nobody; a new handler hears only what
     // happens after it was set.
     monitor->setChangeHandler(nullptr);
-    client_->setActiveWindow(0);
-    ASSERT_TRUE(system_->synchronize());
+    frontmostWith(0);
     InfoRecorder second;
     monitor->setChangeHandler(second.handler(monitor));
     client_->setActiveWindow(a);
