@@ -593,7 +593,9 @@ DecodeResult decode(const EncodedMessage& m, const ReplySpecLookup& replies = nu
     return decodeMessage(m.bytes, std::move(fds), ipctest::testInterface().get(), replies);
 }
 
-TEST(WireTest, CallsCarryTheReplyIdentifierWhereTheHandlerIs) {
+// Calls carry the reply identifier where the handler is; replies are
+// checked against the outstanding call.
+TEST(WireTest, CallsCarryTheReplyIdentifierAndRepliesMatchTheirCall) {
     const MethodSpec* echo = ipctest::testInterface()->method("echo:withReply:");
     auto m = encodeCall(*echo, Arguments().add(Value{{"k", 1}}), 77);
     ASSERT_TRUE(m) << m.error().description();
@@ -607,9 +609,7 @@ TEST(WireTest, CallsCarryTheReplyIdentifierWhereTheHandlerIs) {
     // The sender checks its own arguments too.
     EXPECT_FALSE(encodeCall(*echo, Arguments(), 1));
     EXPECT_FALSE(encodeCall(*ipctest::testInterface()->method("hello:"), Arguments().add("x"), 0));
-}
 
-TEST(WireTest, RepliesAreCheckedAgainstTheOutstandingCall) {
     std::vector<ArgSpec> signature{{ArgKind::Bytes}};
     auto good = encodeReply(5, signature, Arguments().add(bytesValue(Bytes{1, 2})));
     ASSERT_TRUE(good) << good.error().description();

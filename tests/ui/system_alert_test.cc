@@ -107,32 +107,7 @@ TEST(SystemAlertTest, CreationFailsWithoutAPresenterForUnshowableAlertsAndForBad
     EXPECT_EQ(installed.presenter->shownAlerts().size(), 0u);
 }
 
-TEST(SystemAlertTest, AWaitEndsCancelledWhenThePresenterGoesAwayOrDropsTheAlert) {
-    {
-        auto presenter = std::make_shared<ScriptedAlertPresenter>();  // never answers by itself
-        auto alert = SystemAlert::create(consentRequest(true), presenter).valueOr(nullptr);
-        ASSERT_TRUE(alert);
-        auto waiter = std::async(std::launch::async, [&] { return alert->waitForResponse(); });
-        ASSERT_TRUE(presenter->waitForPending(1, kGenerous));
-        presenter.reset();  // the agent went away
-        ASSERT_EQ(waiter.wait_for(kGenerous), std::future_status::ready);
-        EXPECT_EQ(waiter.get(), AlertResponse::Cancelled);
-    }
-    {
-        // A presenter that accepts the alert and forgets its reply.
-        struct Forgetful : AlertPresenter {
-            Result<void> presentAlert(uint64_t, const AlertRequest&, AlertReply) override {
-                return {};
-            }
-        };
-        auto alert = SystemAlert::create(consentRequest(false), std::make_shared<Forgetful>())
-                         .valueOr(nullptr);
-        ASSERT_TRUE(alert);
-        EXPECT_EQ(alert->waitForResponseFor(kGenerous), AlertResponse::Cancelled);
-    }
-}
-
-TEST(SystemAlertTest, TheFirstAnswerFromAnyThreadCountsAndUnwantedAlertsAreWithdrawn) {
+TEST(SystemAlertTest, TheFirstAnswerCountsUnwantedAlertsAreWithdrawnAndLostOnesCancelled) {
     auto presenter = std::make_shared<ScriptedAlertPresenter>();
 
     // Answered from another thread while the caller waits; later answers are
@@ -172,6 +147,23 @@ TEST(SystemAlertTest, TheFirstAnswerFromAnyThreadCountsAndUnwantedAlertsAreWithd
     EXPECT_LT(at(cancelled->identifier()), at(releasedID));
     EXPECT_NE(at(releasedID), withdrawn.end());
     EXPECT_EQ(presenter->pendingCount(), 0u);
+
+    // A wait ends Cancelled when the presenter goes away (the agent) or
+    // accepts the alert and forgets its reply.
+    auto orphan = SystemAlert::create(consentRequest(true), presenter).valueOr(nullptr);
+    ASSERT_TRUE(orphan);
+    auto waiter = std::async(std::launch::async, [&] { return orphan->waitForResponse(); });
+    ASSERT_TRUE(presenter->waitForPending(1, kGenerous));
+    presenter.reset();
+    ASSERT_EQ(waiter.wait_for(kGenerous), std::future_status::ready);
+    EXPECT_EQ(waiter.get(), AlertResponse::Cancelled);
+    struct Forgetful : AlertPresenter {
+        Result<void> presentAlert(uint64_t, const AlertRequest&, AlertReply) override { return {}; }
+    };
+    auto forgotten =
+        SystemAlert::create(consentRequest(false), std::make_shared<Forgetful>()).valueOr(nullptr);
+    ASSERT_TRUE(forgotten);
+    EXPECT_EQ(forgotten->waitForResponseFor(kGenerous), AlertResponse::Cancelled);
 }
 
 TEST(SystemAlertTest, ManyCallersBlockedAtOnceAllGetTheirOwnAnswer) {
