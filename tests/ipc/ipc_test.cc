@@ -221,13 +221,13 @@ TEST_F(IpcTest, BlockedHandlerHoldsUpOnlyItsOwnConnectionAndNothingIsLostOrLeake
         eventually([&] { return capture.countContaining("ipc: reading paused") >= 1; }, 30s));
     server_->release.signal();
     EXPECT_EQ(waitForExit(blocked), 0);
-    log::setDebugEnabled(false);
     auto counts = server_->snapshot(server_->counts);
     ASSERT_EQ(counts.size(), 1000u);
     for (int64_t i = 0; i < 1000; ++i) ASSERT_EQ(counts[i], i);
     EXPECT_TRUE(eventually([&] { return server_->invalidations == 3; }));
     server_->connections.clear();
     EXPECT_TRUE(eventually([&] { return sv::test::openDescriptorCount() <= descriptors; }));
+    log::setDebugEnabled(false);
 }
 
 TEST_F(IpcTest, AcceptedConnectionIsInvalidatedWhenThePeerDiesMidCall) {
