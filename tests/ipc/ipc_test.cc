@@ -164,6 +164,7 @@ class IpcTest : public ::testing::Test {
     size_t descriptorsAfterAFirstConnection() {
         test::RawPeer::connect(servicePath(service_));
         EXPECT_TRUE(eventually([&] { return server_->invalidations == 1; }));
+        std::lock_guard lock(server_->mutex);  // the listener adds the next ones
         server_->connections.clear();
         return sv::test::openDescriptorCount();
     }
