@@ -180,15 +180,6 @@ TEST(CaptureManager, CaptureSessionStartStopAndLogs) {
     m->stopAllCapture();
 }
 
-TEST(CaptureManager, TapBufferSize) {  // 44.1 kHz: in the tap test
-    EXPECT_EQ(SVCaptureManager::_tapBufferByteSize(AudioStreamFormat::pcm16(8000, 1, true), 0),
-              16000u);
-    AudioStreamFormat vbr = AudioStreamFormat::pcm16(8000, 1, true);
-    vbr.bytesPerPacket = 0;
-    EXPECT_EQ(SVCaptureManager::_tapBufferByteSize(vbr, 3), 24000u);
-    EXPECT_EQ(SVCaptureManager::_tapBufferByteSize(vbr, 0), 0u);
-}
-
 TEST(CaptureManager, TapWaitsForTheStartTimeThenDelivers) {
     log::Capture logs;
     auto counting = std::make_shared<testing::CountingBackend>(fastBackend());
@@ -228,6 +219,13 @@ TEST(CaptureManager, TapWaitsForTheStartTimeThenDelivers) {
         EXPECT_GE(state->currentPacket, 4 * 28672);
         EXPECT_TRUE(state->running);
     });
+    // A second of packets up to that cap: at 8 kHz, and for a format without a
+    // fixed packet size (its largest packet, none known: no buffer).
+    AudioStreamFormat vbr = AudioStreamFormat::pcm16(8000, 1, true);
+    EXPECT_EQ(SVCaptureManager::_tapBufferByteSize(vbr, 0), 16000u);
+    vbr.bytesPerPacket = 0;
+    EXPECT_EQ(SVCaptureManager::_tapBufferByteSize(vbr, 3), 24000u);
+    EXPECT_EQ(SVCaptureManager::_tapBufferByteSize(vbr, 0), 0u);
     m->stopAppAudioCapture();
     EXPECT_EQ(
         (std::vector<size_t>{
