@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <set>
 
 #include <gtest/gtest.h>
 
@@ -200,7 +201,9 @@ TEST_F(IpcTest, AcceptedPeerIsIdentifiedByItsProcessARefusedOneDeliversNothing) 
     server_->accept = false;
     pid_t refused = peer({"client", service_, "hello"});
     EXPECT_EQ(waitForExit(refused), 3);  // the child's call failed through its error handler
-    EXPECT_EQ(server_->snapshot(server_->connectionPids), (std::vector<pid_t>{child, refused}));
+    // Offered (once or more: the child's second call connects again), never served.
+    auto offered = server_->snapshot(server_->connectionPids);
+    EXPECT_EQ(std::set<pid_t>(offered.begin(), offered.end()), (std::set<pid_t>{child, refused}));
     EXPECT_EQ(server_->snapshot(server_->hellos), std::vector<int64_t>{child});
 }
 
