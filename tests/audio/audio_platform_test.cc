@@ -9,7 +9,6 @@
 #include <future>
 #include <mutex>
 #include <set>
-#include <thread>
 
 #include "platform/audio/audio_tap_queue.h"
 #include "platform/audio/capture_session.h"
@@ -303,7 +302,7 @@ TEST(AudioTapQueue, FillsBuffersWithTheProcessToneStampedOnTheHostClock) {
     EXPECT_EQ(backend->openSources(), 0);
 }
 
-TEST(AudioTapQueue, RejectsBadArgumentsAndDropsAudioWithoutBuffers) {
+TEST(AudioTapQueue, RejectsBadArgumentsDropsAudioWithoutBuffersAndDisposesFromItsCallback) {
     auto backend =
         std::make_shared<SyntheticAudioBackend>(SyntheticAudioBackend::Options{.speed = 20});
     TapRecorder rec;
@@ -338,11 +337,8 @@ TEST(AudioTapQueue, RejectsBadArgumentsAndDropsAudioWithoutBuffers) {
     EXPECT_EQ(rec.queue->dispose(true), 0);
     rec.queue.reset();
     EXPECT_EQ(backend->openSources(), 0);
-}
 
-TEST(AudioTapQueue, DisposeFromItsOwnCallbackIsSafe) {
-    auto backend =
-        std::make_shared<SyntheticAudioBackend>(SyntheticAudioBackend::Options{.speed = 20});
+    // Disposing of a queue from its own callback is safe.
     std::shared_ptr<AudioTapQueue> queue;
     std::atomic<int> calls{0};
     std::promise<void> done;
@@ -367,11 +363,10 @@ TEST(AudioTapQueue, DisposeFromItsOwnCallbackIsSafe) {
               0);
     released.reset();
     queue->setProcessID(9);
-    AudioTapQueueBuffer* b;
-    queue->allocateBuffer(882, &b);
-    queue->enqueueBuffer(b);
-    queue->allocateBuffer(882, &b);
-    queue->enqueueBuffer(b);
+    for (int i = 0; i < 2; ++i) {
+        queue->allocateBuffer(882, &b);
+        queue->enqueueBuffer(b);
+    }
     ASSERT_EQ(queue->start(), 0);
     ASSERT_EQ(done.get_future().wait_for(3s), std::future_status::ready);
     queue.reset();

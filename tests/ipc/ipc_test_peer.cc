@@ -5,10 +5,9 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
+#include <thread>
 
 #include "platform/dispatch.h"
 #include "platform/log.h"
@@ -69,19 +68,12 @@ std::shared_ptr<Connection> connect(const std::string& service,
     return c;
 }
 
-int runClient(const std::string& service, const std::string& mode, int argc, char** argv) {
+int runClient(const std::string& service, const std::string& mode) {
     if (mode == "hello") {
         auto c = connect(service);
         c->remoteObjectProxyWithErrorHandler(nullptr).call("hello:",
                                                            Arguments().add(int64_t(getpid())));
         return echo(c, "hi") ? 0 : 3;
-    }
-    if (mode == "count") {
-        auto c = connect(service);
-        int n = argc > 0 ? std::atoi(argv[0]) : 100;
-        auto proxy = c->remoteObjectProxyWithErrorHandler(nullptr);
-        for (int i = 0; i < n; ++i) proxy.call("count:", Arguments().add(i));
-        return echo(c, "done") ? 0 : 3;
     }
     if (mode == "dropped") {
         auto c = connect(service);
@@ -157,6 +149,6 @@ int main(int argc, char** argv) {
     if (argc < 3) return 2;
     std::string role = argv[1], service = argv[2];
     if (role == "serve") return runServer(service);
-    if (role == "client" && argc >= 4) return runClient(service, argv[3], argc - 4, argv + 4);
+    if (role == "client" && argc >= 4) return runClient(service, argv[3]);
     return 2;
 }

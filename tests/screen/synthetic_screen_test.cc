@@ -51,8 +51,8 @@ TEST(ScreenCaptureController, PixelSizesAndIntervals) {
     SyntheticScreenBackend backend;
     auto controller = backend.makeCaptureController({1199.41f, 751.0f}, MediaTime::make(1, 60));
     EXPECT_EQ(controller->frameSize(), (WindowSize{1199.41f, 751.0f}));
-    EXPECT_EQ(controller->pixelWidth(), 1200);
-    EXPECT_EQ(controller->pixelHeight(), 752);
+    EXPECT_EQ(std::make_pair(controller->pixelWidth(), controller->pixelHeight()),
+              std::make_pair(1200, 752));
 
     // Intervals a peer could send that would spin or stall the thread.
     const std::pair<MediaTime, MediaTime> intervals[] = {
@@ -97,7 +97,8 @@ TEST(ScreenCaptureController, FramesArePacedByDeadlinesOnOneDeliveryThreadAndRes
         [](const auto& all) { return all.back().transformFlags == 7u; }, test::kWait));
     controller->stopCapture();
     auto frames = rig.recorder->frames();
-    EXPECT_EQ(frames[0].transformFlags, uint32_t(kScreenTransformRotate));
+    EXPECT_EQ(std::make_tuple(frames[0].width, frames[0].height, frames[0].transformFlags),
+              std::make_tuple(320, 180, uint32_t(kScreenTransformRotate)));
     EXPECT_GE(frames[10].presentationTime - frames[9].presentationTime,
               3 * uint64_t(HostClock::kTicksPerSecond) / 60);
     const MediaTime interval = MediaTime::make(1, 60);
@@ -105,10 +106,8 @@ TEST(ScreenCaptureController, FramesArePacedByDeadlinesOnOneDeliveryThreadAndRes
     uint64_t n = 0;
     for (size_t i = 0; i < frames.size(); ++i) {
         SCOPED_TRACE(i);
-        EXPECT_EQ(frames[i].width, 320);
-        EXPECT_EQ(frames[i].height, 180);
-        EXPECT_EQ(frames[i].duration, interval);
-        EXPECT_EQ(frames[i].thread, frames[0].thread);
+        EXPECT_EQ(std::tie(frames[i].width, frames[i].height, frames[i].duration, frames[i].thread),
+                  std::tie(frames[0].width, frames[0].height, interval, frames[0].thread));
         EXPECT_NE(frames[i].thread, std::this_thread::get_id());
         if (i == 0) continue;
         // Every frame sits on a deadline of the run (a skipped deadline only
@@ -247,7 +246,7 @@ TEST(ScreenCaptureController, NoFramesWhileMirroringIsEnded) {
     EXPECT_LE(inGap, 1u);
 }
 
-TEST(ScreenCaptureController, StopGuarantees) {
+TEST(ScreenCaptureController, StopGuaranteesAndLifetimesOfDelegateAndController) {
     Rig rig({.width = 320, .height = 180});
     Ticker ticker;
 
@@ -300,17 +299,13 @@ TEST(ScreenCaptureController, StopGuarantees) {
         EXPECT_FALSE(controller->isCapturing());
         controller->stopCapture();  // stopping twice is harmless
     }
-}
 
-TEST(ScreenCaptureController, DelegateAndControllerLifetimes) {
-    Rig rig({.width = 320, .height = 180});
     // The delegate goes away while capturing: frames are dropped, nothing
     // crashes, and a new delegate picks up.
     auto controller = rig.start({160, 90});
     ASSERT_TRUE(rig.recorder->waitForFrames(2));
     std::weak_ptr<Recorder> weak = rig.recorder;
     rig.recorder.reset();
-    Ticker ticker;
     ASSERT_TRUE(ticker.pass(4));
     EXPECT_TRUE(weak.expired());  // the controller held it only during a call
     auto next = std::make_shared<Recorder>();
@@ -347,10 +342,14 @@ TEST(ScreenCaptureController, FailuresAreDeliveredOnceOnTheDeliveryThread) {
     struct Case {
         SyntheticScreenFailure failure;
         int32_t status;
+        // What the delegate heard: {failed statuses, preemptions, resets}.
+        std::tuple<std::vector<int32_t>, int, int> heard;
     };
-    for (Case c : {Case{SyntheticScreenFailure::Failed, kScreenCaptureSourceGone},
-                   Case{SyntheticScreenFailure::Preempted, 0},
-                   Case{SyntheticScreenFailure::MediaServicesReset, 0}}) {
+    for (Case c : {Case{SyntheticScreenFailure::Failed,
+                        kScreenCaptureSourceGone,
+                        {{kScreenCaptureSourceGone}, 0, 0}},
+                   Case{SyntheticScreenFailure::Preempted, 0, {{}, 1, 0}},
+                   Case{SyntheticScreenFailure::MediaServicesReset, 0, {{}, 0, 1}}}) {
         SCOPED_TRACE(int(c.failure));
         auto controller = rig.make({160, 90});
         // The session stops the controller from inside the failure callback.
@@ -365,17 +364,9 @@ TEST(ScreenCaptureController, FailuresAreDeliveredOnceOnTheDeliveryThread) {
         ASSERT_TRUE(ticker.pass(6));
         EXPECT_EQ(rig.recorder->failureCount(), 1u);
         EXPECT_EQ(rig.recorder->frameCount(), frames);
-        switch (c.failure) {
-            case SyntheticScreenFailure::Failed:
-                EXPECT_EQ(rig.recorder->failedStatuses(), std::vector<int32_t>{c.status});
-                break;
-            case SyntheticScreenFailure::Preempted:
-                EXPECT_EQ(rig.recorder->preempted(), 1);
-                break;
-            case SyntheticScreenFailure::MediaServicesReset:
-                EXPECT_EQ(rig.recorder->resets(), 1);
-                break;
-        }
+        EXPECT_EQ(std::make_tuple(rig.recorder->failedStatuses(), rig.recorder->preempted(),
+                                  rig.recorder->resets()),
+                  c.heard);
         // A stopped controller ignores failures; a restarted one delivers.
         rig.display->injectFailure(c.failure, c.status);
         controller->startCapture();
@@ -407,8 +398,6 @@ TEST(ScreenCaptureController, ConsumersThatHoldFramesCannotGrowThePool) {
 
 TEST(SyntheticDisplay, LayersObserversAndLimits) {
     SyntheticDisplay display;
-    EXPECT_EQ(display.width(), 1600);
-    EXPECT_EQ(display.height(), 900);
     EXPECT_FALSE(display.setSize(0, 10));
     EXPECT_FALSE(display.setSize(10, 20000));
     EXPECT_TRUE(display.setSize(1334, 750));

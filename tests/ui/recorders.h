@@ -5,6 +5,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include "platform/system/application_state.h"
@@ -18,6 +19,14 @@ inline std::vector<int32_t> levelsOf(const DisplayLayout& layout) {
     for (const auto& e : layout.elements) levels.push_back(e.level);
     return levels;
 }
+
+// {bundle, frontmost, pid} of an application information dictionary.
+inline std::tuple<std::string, bool, int64_t> summary(const Value& info) {
+    return {stringAt(info, kApplicationInfoBundleIDKey).value_or("?"),
+            boolAt(info, kApplicationInfoFrontmostKey).value_or(false),
+            intAt(info, kApplicationInfoPIDKey).value_or(0)};
+}
+using Summary = std::tuple<std::string, bool, int64_t>;
 
 struct LayoutRecorder : DisplayLayoutObserver, Collected<DisplayLayout> {
     std::atomic<bool> offQueue{false};

@@ -19,13 +19,8 @@ namespace {
 using test::InfoRecorder;
 using test::LayoutRecorder;
 using test::levelsOf;
-
-// {bundle, frontmost, pid} of a change dictionary.
-std::tuple<std::string, bool, int64_t> summary(const Value& info) {
-    return {stringAt(info, kApplicationInfoBundleIDKey).value_or("?"),
-            boolAt(info, kApplicationInfoFrontmostKey).value_or(false),
-            intAt(info, kApplicationInfoPIDKey).value_or(0)};
-}
+using test::summary;
+using S = test::Summary;
 
 class SyntheticWindowSystemTest : public ::testing::Test {
   protected:
@@ -35,17 +30,16 @@ class SyntheticWindowSystemTest : public ::testing::Test {
 };
 
 TEST_F(SyntheticWindowSystemTest,
-       LaunchedApplicationsAreForegroundWithALayerAndTheLastIsFrontmost) {
+       LaunchedApplicationsAreForegroundWithALayerTheLastIsFrontmostTheBackgroundHasNone) {
     auto alpha = system_->launchApplication("org.example.alpha", 100);
     ASSERT_EQ(alpha.size(), 1u);
     auto layers = display_->layers();
     ASSERT_EQ(layers.size(), 1u);
-    EXPECT_EQ(layers[0].contextID, alpha[0]);
-    EXPECT_EQ(layers[0].ownerPID, 100);
-    EXPECT_EQ(layers[0].ownerBundleID, "org.example.alpha");
-    EXPECT_EQ(layers[0].level, kDisplayLayoutLevelNormal);
-    EXPECT_EQ(std::tie(layers[0].x, layers[0].y, layers[0].width, layers[0].height),
-              std::make_tuple(0, 0, 1600, 900));
+    const auto& l = layers[0];
+    EXPECT_EQ(
+        std::tie(l.contextID, l.ownerPID, l.ownerBundleID, l.level, l.x, l.y, l.width, l.height),
+        std::make_tuple(alpha[0], 100, "org.example.alpha", kDisplayLayoutLevelNormal, 0, 0, 1600,
+                        900));
     auto monitor = system_->makeApplicationStateMonitor();
     EXPECT_EQ(monitor->applicationStateForApplication("org.example.alpha"),
               kApplicationStateRunning | kApplicationStateForeground | kApplicationStateFrontmost);
@@ -60,9 +54,8 @@ TEST_F(SyntheticWindowSystemTest,
     ASSERT_EQ(beta.size(), 1u);
     EXPECT_NE(beta, alpha);
     EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.beta");
-    uint32_t alphaState = monitor->applicationStateForApplication("org.example.alpha");
-    EXPECT_TRUE(alphaState & 8u);
-    EXPECT_FALSE(alphaState & kApplicationStateFrontmost);
+    EXPECT_EQ(monitor->applicationStateForApplication("org.example.alpha"),
+              kApplicationStateRunning | kApplicationStateForeground);
     layers = display_->layers();
     ASSERT_EQ(layers.size(), 2u);
     EXPECT_EQ(layers[1].contextID, beta[0]);
@@ -81,18 +74,13 @@ TEST_F(SyntheticWindowSystemTest,
     EXPECT_TRUE(system_->launchApplication("org.example.gamma", 0).empty());
     EXPECT_TRUE(system_->launchApplication(std::string(300, 'x'), 5).empty());
     EXPECT_EQ(system_->applications().size(), 2u);
-}
 
-TEST_F(SyntheticWindowSystemTest, BackgroundClearsTheForegroundBitAndTakesTheLayersOff) {
-    auto alpha = system_->launchApplication("org.example.alpha", 100);
-    auto beta = system_->launchApplication("org.example.beta", 200);
-    auto monitor = system_->makeApplicationStateMonitor();
-
+    // The background clears the foreground bit and takes the layers off.
     ASSERT_TRUE(system_->setForeground("org.example.beta", false, 200));
     EXPECT_EQ(monitor->applicationStateForApplication("org.example.beta") & 8u, 0u);
     EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.alpha");
     ASSERT_EQ(display_->layers().size(), 1u);
-    EXPECT_EQ(display_->layers()[0].contextID, alpha[0]);
+    EXPECT_EQ(display_->layers()[0].contextID, relaunched[0]);
     EXPECT_EQ(system_->layerContextIDs("org.example.beta"), beta);  // remembered
 
     // Back to the foreground with the same layer, on top, frontmost.
@@ -128,16 +116,16 @@ TEST_F(SyntheticWindowSystemTest, ChangeHandlerAndInformationComeOnTheMonitorsQu
     system_->terminate("org.example.beta");
     ASSERT_TRUE(recorder.waitFor(5));
     auto infos = recorder.all();
-    ASSERT_EQ(infos.size(), 5u);
-    using S = std::tuple<std::string, bool, int64_t>;
+    std::vector<S> summaries;
+    for (const auto& info : infos) summaries.push_back(summary(info));
     // Losers first: alpha gives up frontmost before beta takes it, and beta
     // goes (with its last pid) before alpha is frontmost again.
-    EXPECT_EQ(summary(infos[0]), S("org.example.alpha", true, 100));
-    EXPECT_EQ(summary(infos[1]), S("org.example.alpha", false, 100));
-    EXPECT_EQ(summary(infos[2]), S("org.example.beta", true, 200));
-    EXPECT_EQ(summary(infos[3]), S("org.example.beta", false, 200));
+    EXPECT_EQ(summaries, (std::vector<S>{{"org.example.alpha", true, 100},
+                                         {"org.example.alpha", false, 100},
+                                         {"org.example.beta", true, 200},
+                                         {"org.example.beta", false, 200},
+                                         {"org.example.alpha", true, 100}}));
     EXPECT_EQ(intAt(infos[3], kApplicationInfoStateKey), 0);
-    EXPECT_EQ(summary(infos[4]), S("org.example.alpha", true, 100));
 
     Value info = sv::test::awaitOnce<Value>([&](std::function<void(Value)> done) {
         monitor->applicationInfoForApplication("org.example.alpha", [monitor, done](Value v) {
@@ -170,11 +158,8 @@ TEST_F(SyntheticWindowSystemTest, LayoutFollowsTheDisplaysLayersUnlessOverridden
 
     auto alpha = system_->launchApplication("org.example.alpha", 100);
     // Synchronously current, and delivered to observers on the queue.
-    auto now = monitor->currentLayout();
-    ASSERT_EQ(now.elementCount(), 1u);
-    EXPECT_EQ(now.elements[0].identifier, alpha[0]);
-    EXPECT_EQ(now.elements[0].pid, 100);
-    EXPECT_EQ(now.elements[0].bundleIdentifier, "org.example.alpha");
+    EXPECT_EQ(monitor->currentLayout().elements,
+              (std::vector<DisplayLayoutElement>{{1, alpha[0], 100, "org.example.alpha"}}));
     ASSERT_TRUE(recorder->waitForLevels({1}));
 
     // Any layer of the display is an element with its own level.
@@ -233,23 +218,11 @@ TEST_F(SyntheticWindowSystemTest, ConcurrentDriversLeaveAConsistentStateAndLastL
         threads.emplace_back([this, t] {
             std::string bundle = "org.example.app" + std::to_string(t);
             for (int i = 0; i < kRounds; ++i) {
-                switch (i % 5) {
-                    case 0:
-                        system_->launchApplication(bundle, 1000 + t);
-                        break;
-                    case 1:
-                        system_->setForeground(bundle, false, 0);
-                        break;
-                    case 2:
-                        system_->setForeground(bundle, true, 0);
-                        break;
-                    case 3:
-                        system_->setLayoutLevels(std::vector<int32_t>{i % 3});
-                        break;
-                    case 4:
-                        system_->setLayoutLevels(std::nullopt);
-                        break;
-                }
+                // Launch, background, foreground, override the layout, end the override.
+                if (i % 5 == 0) system_->launchApplication(bundle, 1000 + t);
+                if (i % 5 == 1 || i % 5 == 2) system_->setForeground(bundle, i % 5 == 2, 0);
+                if (i % 5 == 3) system_->setLayoutLevels(std::vector<int32_t>{i % 3});
+                if (i % 5 == 4) system_->setLayoutLevels(std::nullopt);
                 if (i == kRounds - 1 && t % 2) system_->terminate(bundle);
             }
         });

@@ -35,6 +35,8 @@ std::vector<std::string> ownersOf(const DisplayLayout& layout) {
 using sv::test::InfoRecorder;
 using sv::test::LayoutRecorder;
 using sv::test::levelsOf;
+using sv::test::summary;
+using S = sv::test::Summary;
 
 Value requestInfo(ApplicationStateMonitor& monitor, const std::string& bundleID) {
     return sv::test::awaitOnce<Value>([&](std::function<void(Value)> done) {
@@ -83,6 +85,12 @@ class X11WindowSystemTest : public ::testing::Test {
         options.states = std::move(states);
         return client_->createWindow(options);
     }
+    // The frontmost application once `window` is the active window.
+    std::optional<std::string> frontmostWith(uint32_t window) {
+        client_->setActiveWindow(window);
+        EXPECT_TRUE(system_->synchronize());
+        return system_->frontmostApplicationBundleIdentifier();
+    }
     DisplayLayout layoutNow() {
         EXPECT_TRUE(system_->synchronize());
         return system_->currentLayout();
@@ -103,30 +111,21 @@ TEST_F(X11WindowSystemTest, FrontmostAndForegroundFollowTheActiveWindowAndMapped
     uint32_t a = window(alpha_->pid());
     uint32_t b = window(beta_->pid());
     uint32_t stranger = window(getpid());  // a process outside any bundle
-    client_->setActiveWindow(a);
-    ASSERT_TRUE(system_->synchronize());
-
-    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.alpha");
-    uint32_t alpha = monitor->applicationStateForApplication("org.example.alpha");
-    uint32_t beta = monitor->applicationStateForApplication("org.example.beta");
-    EXPECT_TRUE(alpha & kApplicationStateForeground);
-    EXPECT_EQ(alpha & 8u, 8u);
-    EXPECT_TRUE(alpha & kApplicationStateFrontmost);
-    EXPECT_TRUE(beta & kApplicationStateForeground);
-    EXPECT_FALSE(beta & kApplicationStateFrontmost);
+    EXPECT_EQ(frontmostWith(a), "org.example.alpha");
+    constexpr uint32_t kShown = kApplicationStateRunning | kApplicationStateForeground;
+    static_assert(kApplicationStateForeground == 8u);
+    EXPECT_EQ(monitor->applicationStateForApplication("org.example.alpha"),
+              kShown | kApplicationStateFrontmost);
+    EXPECT_EQ(monitor->applicationStateForApplication("org.example.beta"), kShown);
     EXPECT_EQ(monitor->applicationStateForApplication("org.example.unknown"), 0u);
 
-    Value info = requestInfo(*monitor, "org.example.alpha");
-    EXPECT_EQ(intAt(info, kApplicationInfoPIDKey), alpha_->pid());
-    EXPECT_EQ(boolAt(info, kApplicationInfoFrontmostKey), true);
-    info = requestInfo(*monitor, "org.example.unknown");
-    EXPECT_EQ(intAt(info, kApplicationInfoPIDKey), -1);
-    EXPECT_EQ(boolAt(info, kApplicationInfoFrontmostKey), false);
+    EXPECT_EQ(summary(requestInfo(*monitor, "org.example.alpha")),
+              S("org.example.alpha", true, alpha_->pid()));
+    EXPECT_EQ(summary(requestInfo(*monitor, "org.example.unknown")),
+              S("org.example.unknown", false, -1));
 
-    client_->setActiveWindow(b);
     client_->unmap(a);
-    ASSERT_TRUE(system_->synchronize());
-    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.beta");
+    EXPECT_EQ(frontmostWith(b), "org.example.beta");
     EXPECT_EQ(monitor->applicationStateForApplication("org.example.alpha"), 0u);
     EXPECT_TRUE(monitor->applicationStateForApplication("org.example.beta") &
                 kApplicationStateFrontmost);
@@ -134,24 +133,16 @@ TEST_F(X11WindowSystemTest, FrontmostAndForegroundFollowTheActiveWindowAndMapped
     // A frontmost window of a process outside any bundle is no application,
     // unless it names its application (WM_CLASS, a desktop application id):
     // then it is that application, with the process the X server names.
-    client_->setActiveWindow(stranger);
-    ASSERT_TRUE(system_->synchronize());
-    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
+    EXPECT_EQ(frontmostWith(stranger), std::nullopt);
     TestWindowOptions terminal;
     terminal.wmClass = "Sv-Term";
     uint32_t term = client_->createWindow(terminal);
-    client_->setActiveWindow(term);
-    ASSERT_TRUE(system_->synchronize());
-    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "x11:Sv-Term");
+    EXPECT_EQ(frontmostWith(term), "x11:Sv-Term");
     EXPECT_EQ(intAt(requestInfo(*monitor, "x11:Sv-Term"), kApplicationInfoPIDKey), getpid());
     terminal.wmClass = "bad/class";
-    client_->setActiveWindow(client_->createWindow(terminal));
-    ASSERT_TRUE(system_->synchronize());
-    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
+    EXPECT_EQ(frontmostWith(client_->createWindow(terminal)), std::nullopt);
     client_->destroy(term);
-    client_->setActiveWindow(0);
-    ASSERT_TRUE(system_->synchronize());
-    EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), std::nullopt);
+    EXPECT_EQ(frontmostWith(0), std::nullopt);
 
     // After invalidation nothing is known any more.
     monitor->invalidate();
@@ -161,39 +152,29 @@ TEST_F(X11WindowSystemTest, FrontmostAndForegroundFollowTheActiveWindowAndMapped
 TEST_F(X11WindowSystemTest, ChangeHandlerHearsActivationsOnItsQueueLosersFirst) {
     uint32_t a = window(alpha_->pid());
     uint32_t b = window(beta_->pid());
-    client_->setActiveWindow(a);
-    ASSERT_TRUE(system_->synchronize());
-
+    EXPECT_EQ(frontmostWith(a), "org.example.alpha");
     auto monitor = system_->makeApplicationStateMonitor();
     InfoRecorder recorder;
     monitor->setChangeHandler(recorder.handler(monitor));
 
     client_->setActiveWindow(b);
-    ASSERT_TRUE(recorder.waitFor(2));
-    auto infos = recorder.all();
-    ASSERT_EQ(infos.size(), 2u);
-    EXPECT_EQ(stringAt(infos[0], kApplicationInfoBundleIDKey), "org.example.alpha");
-    EXPECT_EQ(boolAt(infos[0], kApplicationInfoFrontmostKey), false);
-    EXPECT_EQ(intAt(infos[0], kApplicationInfoPIDKey), alpha_->pid());
-    EXPECT_EQ(stringAt(infos[1], kApplicationInfoBundleIDKey), "org.example.beta");
-    EXPECT_EQ(boolAt(infos[1], kApplicationInfoFrontmostKey), true);
-    EXPECT_EQ(intAt(infos[1], kApplicationInfoPIDKey), beta_->pid());
-
-    // The frontmost application's window goes away: it is reported, not
+    // Then the frontmost application's window goes away: it is reported, not
     // frontmost, with its last process, so a follower can let go of it.
+    ASSERT_TRUE(recorder.waitFor(2));
     client_->destroy(b);
     ASSERT_TRUE(recorder.waitFor(3));
-    infos = recorder.all();
-    EXPECT_EQ(stringAt(infos[2], kApplicationInfoBundleIDKey), "org.example.beta");
-    EXPECT_EQ(boolAt(infos[2], kApplicationInfoFrontmostKey), false);
-    EXPECT_EQ(intAt(infos[2], kApplicationInfoPIDKey), beta_->pid());
+    auto infos = recorder.all();
+    std::vector<S> summaries;
+    for (const auto& info : infos) summaries.push_back(summary(info));
+    EXPECT_EQ(summaries, (std::vector<S>{{"org.example.alpha", false, alpha_->pid()},
+                                         {"org.example.beta", true, beta_->pid()},
+                                         {"org.example.beta", false, beta_->pid()}}));
     EXPECT_EQ(intAt(infos[2], kApplicationInfoStateKey), 0);
 
     // Removed: later changes reach nobody; a new handler hears only what
     // happens after it was set.
     monitor->setChangeHandler(nullptr);
-    client_->setActiveWindow(0);
-    ASSERT_TRUE(system_->synchronize());
+    frontmostWith(0);
     InfoRecorder second;
     monitor->setChangeHandler(second.handler(monitor));
     client_->setActiveWindow(a);
@@ -309,10 +290,8 @@ TEST_F(X11WindowSystemTest, ClientsInsideWindowManagerFramesAndUntrustedOwners) 
     client_->map(frame);
     client_->setActiveWindow(inner);
 
-    auto layout = layoutNow();
-    ASSERT_EQ(layout.elementCount(), 1u);
-    EXPECT_EQ(layout.elements[0].identifier, inner);
-    EXPECT_EQ(layout.elements[0].bundleIdentifier, "org.example.alpha");
+    const DisplayLayoutElement alpha{1, inner, alpha_->pid(), "org.example.alpha"};
+    EXPECT_EQ(layoutNow().elements, std::vector{alpha});
     EXPECT_EQ(system_->frontmostApplicationBundleIdentifier(), "org.example.alpha");
 
     // Iconified by the window manager (frame still mapped): not shown.
@@ -326,11 +305,8 @@ TEST_F(X11WindowSystemTest, ClientsInsideWindowManagerFramesAndUntrustedOwners) 
     TestWindowOptions remote;
     remote.pid = uint32_t(beta_->pid());
     remote.clientMachine = "elsewhere.example.org";
-    client_->createWindow(remote);
-    layout = layoutNow();
-    ASSERT_EQ(layout.elementCount(), 2u);
-    EXPECT_EQ(layout.elements[1].pid, -1);
-    EXPECT_EQ(layout.elements[1].bundleIdentifier, "");
+    const DisplayLayoutElement stranger{1, client_->createWindow(remote), -1, ""};
+    EXPECT_EQ(layoutNow().elements, (std::vector{alpha, stranger}));
     EXPECT_FALSE(system_->applicationState("org.example.beta").isForeground());
 }
 
