@@ -13,9 +13,25 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "tests/process/process_helpers.h"
 
 namespace sv::test {
+
+// Whether `text` (a log, a command's output) holds `part`; a failure shows
+// the whole text.
+inline ::testing::AssertionResult has(const std::string& text, const std::string& part) {
+    if (contains(text, part)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
+}
+
+// How often `part` occurs in `text`.
+inline size_t countOf(const std::string& text, const std::string& part) {
+    size_t n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+    return n;
+}
 
 // spawnProcess with the arguments in the order some callers give them:
 // standard input from `inputFile` (/dev/null when empty), output to

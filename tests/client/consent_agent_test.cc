@@ -1,7 +1,7 @@
 // The consent agent: which button each answer policy picks, registration
-// with the daemon's shell channel (and again after the daemon restarts),
-// and `sorvel consent-agent` answering real alerts from the terminal, from a
-// dialog and by policy.
+// with the daemon's shell channel (again after the daemon restarts: end to
+// end in record_e2e_test.cc), and `sorvel consent-agent` answering real
+// alerts from the terminal, from a dialog and by policy.
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -18,6 +18,7 @@
 using namespace sv;
 using namespace std::chrono_literals;
 using sv::test::FakeService;
+using sv::test::has;
 
 namespace {
 
@@ -143,27 +144,6 @@ TEST_F(ConsentAgentTest, RegistersWithItsLanguagesAndAnswersThroughThePresenter)
     EXPECT_EQ(agent_->alertsAnswered(), 2u);
 }
 
-TEST_F(ConsentAgentTest, RegistersAgainWhenTheDaemonComesBack) {
-    std::atomic<int> registered{0}, waiting{0};
-    ConsentAgent::Options o;
-    o.presenter = [](const ConsentAlert&, ConsentAgent::Answer a) { a(ConsentResponse::Other); };
-    o.retryMin = 10ms;
-    o.retryMax = 50ms;
-    o.events = [&](ConsentAgent::Event e, const std::string&) {
-        if (e == ConsentAgent::Event::Registered) registered++;
-        if (e == ConsentAgent::Event::WaitingForService) waiting++;
-    };
-    agent_ = ConsentAgent::create(o);
-    agent_->start();  // no daemon yet
-    ASSERT_TRUE(sv::test::eventually([&] { return waiting > 0; }, 20s));
-    startShell();
-    ASSERT_TRUE(sv::test::eventually([&] { return registered == 1; }, 20s));
-    shell_->die();
-    startShell();
-    ASSERT_TRUE(sv::test::eventually([&] { return registered == 2; }, 20s));
-    EXPECT_EQ(ask(twoButtons().toValue()), "other");
-}
-
 TEST_F(ConsentAgentTest, AFloodOfAlertsIsCancelledBeyondTheOpenOnes) {
     startShell();
     ConsentAgent::Options o;
@@ -187,8 +167,7 @@ TEST_F(ConsentAgentTest, CommandAnswersByPolicyFromInputAndFromADialog) {
     ASSERT_TRUE(shell_->waitForCall(kRegister));
     EXPECT_EQ(ask(threeButtons().toValue()), "other");
     EXPECT_EQ(sv::test::waitForExit(child_, 20s), 0);
-    EXPECT_NE(sv::test::readFile(out).find("Allow screen recording in “Notes”?\": other"),
-              std::string::npos);
+    EXPECT_TRUE(has(sv::test::readFile(out), "Allow screen recording in “Notes”?\": other"));
 
     // Terminal: numbered buttons, accept buttons first; a wrong number asks
     // again; end of input declines.
@@ -202,11 +181,9 @@ TEST_F(ConsentAgentTest, CommandAnswersByPolicyFromInputAndFromADialog) {
         EXPECT_EQ(ask(threeButtons().toValue()), typed[i].answer) << typed[i].input;
         EXPECT_EQ(sv::test::waitForExit(child_, 20s), 0);
     }
-    std::string shown = sv::test::readFile(out);
-    EXPECT_NE(shown.find("  1) Record Screen and Microphone\n  2) Record Screen Only\n"
-                         "  3) Don’t Allow\nDeine Wahl [1-3]: "),
-              std::string::npos)
-        << shown;
+    EXPECT_TRUE(has(sv::test::readFile(out),
+                    "  1) Record Screen and Microphone\n  2) Record Screen Only\n"
+                    "  3) Don’t Allow\nDeine Wahl [1-3]: "));
 
     // A dialog: a stand-in zenity that prints the extra button, as zenity
     // does when it is clicked, and records how it was asked.
@@ -220,23 +197,21 @@ TEST_F(ConsentAgentTest, CommandAnswersByPolicyFromInputAndFromADialog) {
     ASSERT_TRUE(shell_->waitForCall(kRegister, 4));
     EXPECT_EQ(ask(threeButtons().toValue()), "other");
     EXPECT_EQ(sv::test::waitForExit(child_, 20s), 0);
-    std::string args = sv::test::readFile(dir_ + "/zenity-args");
-    EXPECT_NE(args.find("--ok-label=Record Screen and Microphone\n"
-                        "--cancel-label=Don’t Allow\n--extra-button=Record Screen Only\n"),
-              std::string::npos)
-        << args;
+    EXPECT_TRUE(has(sv::test::readFile(dir_ + "/zenity-args"),
+                    "--ok-label=Record Screen and Microphone\n"
+                    "--cancel-label=Don’t Allow\n--extra-button=Record Screen Only\n"));
 
     // Without zenity, --gui says so and ends.
     out = sorvel({"--gui"}, "", {"PATH=/nonexistent", "DISPLAY=:99"});
     EXPECT_EQ(sv::test::waitForExit(child_, 20s), 1);
-    EXPECT_NE(sv::test::readFile(out).find("needs zenity"), std::string::npos);
+    EXPECT_TRUE(has(sv::test::readFile(out), "needs zenity"));
 }
 
 TEST_F(ConsentAgentTest, CommandEndsWhenTheDaemonRefusesIt) {
     startShell(/*refuse=*/true);
     std::string out = sorvel({"--answer", "accept"}, "");
     EXPECT_EQ(sv::test::waitForExit(child_, 20s), 1);
-    EXPECT_NE(sv::test::readFile(out).find("the service refused: no agents"), std::string::npos);
+    EXPECT_TRUE(has(sv::test::readFile(out), "the service refused: no agents"));
     // And one that is told to stop ends cleanly.
     shell_->die();
     startShell();

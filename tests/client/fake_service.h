@@ -14,9 +14,17 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/error.h"
 #include "platform/ipc/ipc.h"
 
 namespace sv::test {
+
+// A recording error as the daemon sends it, `message` its description.
+inline Error recordingError(int64_t code, std::optional<std::string> message = std::nullopt) {
+    Value info = Value::object();
+    if (message) info[kLocalizedDescriptionKey] = *message;
+    return Error{"org.sorvel.SVRecordingErrorDomain", code, info};
+}
 
 // Same methods and arguments, replies of any shape: lets a script answer
 // with malformed values.
@@ -126,10 +134,6 @@ class FakeService : public ipc::ListenerDelegate, public std::enable_shared_from
         if (!failed) failed = [](const Error&) {};
         c->remoteObjectProxyWithErrorHandler(std::move(failed))
             .call(method, args, std::move(reply));
-    }
-    size_t connectionCount() {
-        std::lock_guard lock(mutex_);
-        return connections_.size();
     }
 
   private:

@@ -36,11 +36,6 @@ class PythonPeerTest : public ::testing::Test {
     std::shared_ptr<FakeService> service_;
 };
 
-Value error(int64_t code, const char* message) {
-    return Error{"org.sorvel.SVRecordingErrorDomain", code, {{"SVLocalizedDescription", message}}}
-        .toValue();
-}
-
 TEST_F(PythonPeerTest, AnApplicationStartsIsInterruptedAndStops) {
     service_ = FakeService::start(
         kDaemonServiceName, daemonProtocolInterface(), clientProtocolInterface(),
@@ -48,7 +43,8 @@ TEST_F(PythonPeerTest, AnApplicationStartsIsInterruptedAndStops) {
             if (c.method.rfind("startRecording", 0) == 0)
                 c.reply(ipc::Arguments().addNull().add(Value(true)).add(Value(false)));
             if (c.method.rfind("stopRecordingWithStartClipDuration", 0) == 0)
-                c.reply(ipc::Arguments().addNull().add(error(-5804, "Failed during recording")));
+                c.reply(ipc::Arguments().addNull().add(
+                    sv::test::recordingError(-5804, "Failed during recording").toValue()));
         });
     ASSERT_TRUE(service_);
     pid_t child = peer("client", kDaemonServiceName);
@@ -61,9 +57,9 @@ TEST_F(PythonPeerTest, AnApplicationStartsIsInterruptedAndStops) {
     service_->callBack(
         "stopRecordingWithError:movieURL:",
         ipc::Arguments()
-            .add(error(-5807,
-                       "Recording interrupted by multitasking and content "
-                       "resizing"))
+            .add(sv::test::recordingError(
+                     -5807, "Recording interrupted by multitasking and content resizing")
+                     .toValue())
             .add(Value(URL::fileURLWithPath("/tmp/interrupted movie.mp4").absoluteString())));
     EXPECT_EQ(sv::test::waitForExit(child, 20s), 0);
     EXPECT_EQ(service_->methods().front(), "clientDidBecomeActiveWithBundleID:");

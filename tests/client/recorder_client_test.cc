@@ -18,6 +18,7 @@
 using namespace sv;
 using namespace std::chrono_literals;
 using sv::test::FakeService;
+using sv::test::recordingError;
 
 namespace {
 
@@ -28,12 +29,6 @@ constexpr const char* kSetup = method::kSetupBroadcast;
 constexpr const char* kDiscard = method::kDiscardRecording;
 constexpr const char* kBecomeActive = method::kClientDidBecomeActive;
 constexpr const char* kResignActive = method::kClientDidResignActive;
-
-Value recordingError(int64_t code, std::optional<std::string> message) {
-    Value info = Value::object();
-    if (message) info[kLocalizedDescriptionKey] = *message;
-    return Error{"org.sorvel.SVRecordingErrorDomain", code, info}.toValue();
-}
 
 // The application's executor: a serial queue that marks the tasks it runs.
 thread_local bool tInExecutor = false;
@@ -53,10 +48,13 @@ struct Executor {
     }
 };
 
+// A stop report: the error's code (0 for none) and the movie.
+using Stops = std::vector<std::pair<int64_t, std::optional<std::string>>>;
+
 // Records delegate callbacks (and whether they ran on the executor).
 struct Delegate : SVRecorderClientDelegate {
     std::mutex mutex;
-    std::vector<std::pair<std::optional<SVRecorderError>, std::optional<std::string>>> stops;
+    Stops stops;
     std::vector<std::string> serviceInfos;
     std::atomic<int> offExecutor{0};
     Semaphore called;
@@ -65,9 +63,13 @@ struct Delegate : SVRecorderClientDelegate {
         if (!tInExecutor) offExecutor++;
         {
             std::lock_guard lock(mutex);
-            stops.emplace_back(error, movie);
+            stops.emplace_back(error ? error->code : 0, movie);
         }
         called.signal();
+    }
+    Stops stopped() {
+        std::lock_guard lock(mutex);
+        return stops;
     }
     void updateBroadcastServiceInfo(const std::string& json) override {
         if (!tInExecutor) offExecutor++;
@@ -156,8 +158,8 @@ TEST_F(RecorderClientTest, RequestsReachTheDaemonAndAnswersDecode) {
         if (c.method == kStopClip)
             c.reply(ipc::Arguments()
                         .add(Value("file:///tmp/t.mp4"))
-                        .add(recordingError(-5804, "Failed during recording")));
-        if (c.method == kSetup) c.reply(ipc::Arguments().add(recordingError(-5808, std::nullopt)));
+                        .add(recordingError(-5804, "Failed during recording").toValue()));
+        if (c.method == kSetup) c.reply(ipc::Arguments().add(recordingError(-5808).toValue()));
         if (c.method == kDiscard) c.reply();
     });
     client().clientDidBecomeActiveWithBundleID("com.example.notes");
@@ -197,29 +199,26 @@ TEST_F(RecorderClientTest, RequestsReachTheDaemonAndAnswersDecode) {
     EXPECT_FALSE(discard());
     client().clientDidResignActiveWithBundleID("com.example.notes");
     ASSERT_TRUE(daemon_->waitFor([](auto& calls) { return calls.size() == 10; }));
-
-    auto calls = daemon_->calls();
-    std::vector<std::string> order;
-    for (auto& c : calls) order.push_back(c.method);
-    EXPECT_EQ(order, (std::vector<std::string>{
-                         kBecomeActive, kStart, "pauseRecording",
-                         "resumeRecordingWithWindowLayerContextID:", "setMicrophoneEnabled:", kStop,
-                         kStopClip, kSetup, kDiscard, kResignActive}));
-    EXPECT_EQ(calls[0].args[0], "com.example.notes");
-    // Start: ids, size, then four real booleans (not numbers).
-    EXPECT_EQ(calls[1].args[0], Value::array({5, 4000000000u}));
-    EXPECT_EQ(calls[1].args[1], Value({{"width", 1334.0}, {"height", 750.5}}));
-    for (int i = 2; i <= 5; ++i) EXPECT_TRUE(calls[1].args[i].is_boolean()) << i;
-    EXPECT_EQ(calls[1].args[2], true);
-    EXPECT_EQ(calls[1].args[5], false);
-    EXPECT_EQ(calls[3].args[0], 4000000000u);
-    EXPECT_EQ(calls[4].args[0], false);
-    EXPECT_EQ(calls[6].args[0], 1.5);
-    EXPECT_EQ(calls[6].args[1], 2.0);
-    ASSERT_TRUE(calls[7].args[2].is_binary());
-    EXPECT_EQ(*bytesOf(calls[7].args[2]), (Bytes{1, 2, 3}));
-    EXPECT_EQ(calls[7].args[3], Value({{"quality", "high"}, {"n", 2}}));
-    EXPECT_EQ(calls[9].args[0], "com.example.notes");
+    // Booleans are real ones (a JSON true is not equal to 1), bytes binary,
+    // and a handler's place is null.
+    const std::vector<std::pair<std::string, Value>> expected{
+        {kBecomeActive, Value::array({"com.example.notes"})},
+        {kStart, Value::array({Value::array({5, 4000000000u}),
+                               Value({{"width", 1334.0}, {"height", 750.5}}), true, false, false,
+                               false, nullptr})},
+        {"pauseRecording", Value::array()},
+        {"resumeRecordingWithWindowLayerContextID:", Value::array({4000000000u})},
+        {"setMicrophoneEnabled:", Value::array({false})},
+        {kStop, Value::array({nullptr})},
+        {kStopClip, Value::array({1.5, 2.0, nullptr})},
+        {kSetup,
+         Value::array({"com.example.notes", "com.example.notes.upload", bytesValue(Bytes{1, 2, 3}),
+                       Value({{"quality", "high"}, {"n", 2}}), nullptr})},
+        {kDiscard, Value::array({nullptr})},
+        {kResignActive, Value::array({"com.example.notes"})}};
+    std::vector<std::pair<std::string, Value>> calls;
+    for (const auto& c : daemon_->calls()) calls.emplace_back(c.method, Value(c.args));
+    EXPECT_EQ(calls, expected);
 }
 
 // Handlers and callbacks run on the application's executor, in the order
@@ -243,7 +242,8 @@ TEST_F(RecorderClientTest, CallbacksRunOnTheChosenExecutorInOrder) {
                       ipc::Arguments()
                           .add(recordingError(-5807,
                                               "Recording interrupted by multitasking and "
-                                              "content resizing"))
+                                              "content resizing")
+                                   .toValue())
                           .add(Value("file:///tmp/interrupted.mp4")));
     daemon_->callBack("updateBroadcastServiceInfo:", ipc::Arguments().add(Value::object()));
     for (int i = 0; i < 3; ++i) ASSERT_TRUE(delegate_->called.waitFor(20s));
@@ -253,9 +253,7 @@ TEST_F(RecorderClientTest, CallbacksRunOnTheChosenExecutorInOrder) {
     EXPECT_EQ(Value::parse(delegate_->serviceInfos[0]),
               Value({{"viewers", 3}, {"token", "aGk="}}));  // bytes as base64
     EXPECT_EQ(delegate_->serviceInfos[1], "{}");
-    ASSERT_EQ(delegate_->stops.size(), 1u);
-    EXPECT_EQ(delegate_->stops[0].first->code, -5807);
-    EXPECT_EQ(delegate_->stops[0].second, "/tmp/interrupted.mp4");
+    EXPECT_EQ(delegate_->stops, (Stops{{-5807, "/tmp/interrupted.mp4"}}));
 }
 
 // The library's own errors: no daemon, arguments it cannot send; messages in
@@ -302,34 +300,20 @@ TEST_F(RecorderClientTest, PendingHandlersCompleteOnceWhenTheDaemonDies) {
         // Stop and discard are never answered.
     });
     EXPECT_FALSE(std::get<0>(start()));
-    auto stopped = std::make_shared<std::atomic<int>>(0);
-    auto lastStop = std::make_shared<std::optional<SVRecorderError>>();
-    Semaphore both;
-    client().stopRecordingWithHandler([=, &both](auto movie, auto error) {
-        EXPECT_FALSE(movie);
-        *lastStop = error;
-        (*stopped)++;
-        both.signal();
-    });
-    client().discardRecordingWithHandler([=, &both](auto error) {
-        EXPECT_EQ(error->code, SVRecorderError::kClientConnectionInterrupted);
-        (*stopped)++;
-        both.signal();
-    });
+    // The codes the handlers get (-1 for a movie).
+    auto codes = std::make_shared<sv::test::Collected<int64_t>>();
+    client().stopRecordingWithHandler(
+        [codes](auto movie, auto error) { codes->add(movie || !error ? -1 : error->code); });
+    client().discardRecordingWithHandler(
+        [codes](auto error) { codes->add(error ? error->code : -1); });
     ASSERT_TRUE(daemon_->waitFor([](auto& calls) { return calls.size() == 3; }));
     daemon_->die();
-    ASSERT_TRUE(both.waitFor(20s));
-    ASSERT_TRUE(both.waitFor(20s));
+    ASSERT_TRUE(codes->waitFor(2));
     ASSERT_TRUE(delegate_->called.waitFor(20s));
-    EXPECT_EQ((*lastStop)->code, SVRecorderError::kClientConnectionInterrupted);
-    {
-        std::lock_guard lock(delegate_->mutex);
-        ASSERT_EQ(delegate_->stops.size(), 1u);
-        EXPECT_EQ(delegate_->stops[0].first->code, SVRecorderError::kClientConnectionInterrupted);
-        EXPECT_FALSE(delegate_->stops[0].second);
-    }
+    const int64_t interrupted = SVRecorderError::kClientConnectionInterrupted;
+    EXPECT_EQ(delegate_->stopped(), (Stops{{interrupted, std::nullopt}}));
     EXPECT_EQ(stop().second->code, SVRecorderError::kClientServiceNotRunning);
-    EXPECT_EQ(*stopped, 2);
+    EXPECT_EQ(codes->all(), (std::vector<int64_t>{interrupted, interrupted}));  // once each
 }
 
 // After the daemon comes back, the request that reconnects is preceded by
@@ -413,9 +397,7 @@ TEST_F(RecorderClientTest, MalformedAnswersCompleteWithAnError) {
     daemon_->callBack("stopRecordingWithError:movieURL:",
                       ipc::Arguments().add(Value({{"code", "x"}})).add(Value("movie.mp4")));
     ASSERT_TRUE(delegate_->called.waitFor(20s));
-    std::lock_guard lock(delegate_->mutex);
-    EXPECT_EQ(delegate_->stops.at(0).first->code, SVRecorderError::kClientInvalidReply);
-    EXPECT_FALSE(delegate_->stops.at(0).second);
+    EXPECT_EQ(delegate_->stopped(), (Stops{{SVRecorderError::kClientInvalidReply, std::nullopt}}));
 }
 
 // invalidate() and destruction complete what waits, once, and silence the
@@ -447,8 +429,7 @@ TEST_F(RecorderClientTest, InvalidatingCompletesPendingHandlers) {
     ASSERT_TRUE(done->waitFor(20s));
     sv::test::awaitOnce<>([&](auto flushed) { executor_.queue->async(flushed); });
     EXPECT_EQ(*calls, 3);
-    std::lock_guard lock(delegate_->mutex);
-    EXPECT_TRUE(delegate_->stops.empty());
+    EXPECT_TRUE(delegate_->stopped().empty());
 }
 
 // A daemon that floods callbacks while the application's executor is stuck

@@ -1,14 +1,9 @@
 // Installed extensions and extension requests through real extension
 // processes (tests/extension/test_extension.cc), and the broadcast lookup
 // of the recording manager on top of them.
-#include <dirent.h>
 #include <signal.h>
-#include <sys/stat.h>
 
-#include <algorithm>
-#include <condition_variable>
 #include <filesystem>
-#include <mutex>
 
 #include <gtest/gtest.h>
 
@@ -24,45 +19,43 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// What the handlers of one extension handle received, under a lock.
+// What the handlers of one extension handle received, in order: each
+// request's identifier and error as it began, and how each ended (its items,
+// or the error that broke it).
 struct Outcome {
-    std::mutex mutex;
-    std::condition_variable cv;
-    std::vector<std::string> begun;
-    std::map<std::string, std::vector<ExtensionItem>> completed;
-    std::map<std::string, Error> broken;
-    OptionalError beginError;
+    struct Ended {
+        std::string id;
+        std::vector<ExtensionItem> items;
+        OptionalError error;
+    };
+    test::Collected<std::pair<std::string, OptionalError>> begun;
+    test::Collected<Ended> ended;
 
     void watch(AppExtension& extension) {
         extension.setRequestCompletionBlock(
             [this](const std::string& id, std::vector<ExtensionItem> items) {
-                std::lock_guard lock(mutex);
-                EXPECT_FALSE(completed.count(id) || broken.count(id)) << "finished twice: " << id;
-                completed[id] = std::move(items);
-                cv.notify_all();
+                end({id, std::move(items), std::nullopt});
             });
         extension.setRequestCancellationBlock([this](const std::string& id, const Error& error) {
-            std::lock_guard lock(mutex);
-            EXPECT_FALSE(completed.count(id) || broken.count(id)) << "finished twice: " << id;
-            broken.emplace(id, error);
-            cv.notify_all();
+            end({id, {}, error});
         });
     }
     AppExtension::BeginCompletion onBegin() {
-        return [this](std::string id, OptionalError error) {
-            std::lock_guard lock(mutex);
-            begun.push_back(id);
-            beginError = error;
-            cv.notify_all();
-        };
+        return [this](std::string id, OptionalError error) { begun.add({id, error}); };
     }
-    // Waits (bounded) until the request `index` has begun and ended.
-    bool ended(size_t index, std::chrono::milliseconds timeout = 20s) {
-        std::unique_lock lock(mutex);
-        return cv.wait_for(lock, timeout, [&] {
-            return begun.size() > index &&
-                   (completed.count(begun[index]) || broken.count(begun[index]));
-        });
+    // How request `index` ended, once it began and ended (bounded wait).
+    std::optional<Ended> ending(size_t index, std::chrono::milliseconds timeout = 20s) {
+        if (!begun.waitFor(index + 1, timeout) || !ended.waitFor(index + 1, timeout))
+            return std::nullopt;
+        Ended e = ended.all()[index];
+        EXPECT_EQ(e.id, begun.all()[index].first);
+        return e;
+    }
+
+  private:
+    void end(Ended e) {
+        for (const auto& seen : ended.all()) EXPECT_NE(seen.id, e.id) << "finished twice";
+        ended.add(std::move(e));
     }
 };
 
@@ -127,31 +120,20 @@ TEST_F(ExtensionTest, LookupSkipsMainInterfacesAndTakesTheFirstListed) {
         {"nodot", "", 0},  // empty base: nothing
     };
     for (const auto& c : cases) {
-        std::mutex mutex;
-        std::condition_variable cv;
-        bool done = false;
-        std::string found;
-        int32_t mode = -1;
-        SVRecordingManager::loadBroadcastUploadExtensionWithBaseIdentifier(
-            SVRecordingManager::broadcastBaseIdentifier(c.named),
-            [&](std::shared_ptr<AppExtension> e, int32_t m) {
-                std::lock_guard lock(mutex);
-                found = e->identifier();
-                mode = m;
-                done = true;
-                cv.notify_all();
-            },
-            [&] {
-                std::lock_guard lock(mutex);
-                done = true;
-                cv.notify_all();
-            });
-        std::unique_lock lock(mutex);
-        ASSERT_TRUE(cv.wait_for(lock, 10s, [&] { return done; })) << c.named;
-        EXPECT_EQ(found, c.found) << c.named;
+        SCOPED_TRACE(c.named);
+        const auto found = test::awaitOnce<std::pair<std::string, int32_t>>([&](auto done) {
+            SVRecordingManager::loadBroadcastUploadExtensionWithBaseIdentifier(
+                SVRecordingManager::broadcastBaseIdentifier(c.named),
+                [done](std::shared_ptr<AppExtension> e, int32_t m) {
+                    done({e->identifier(), m});
+                },
+                [done] {
+                    done({"", 0});
+                });
+        });
+        EXPECT_EQ(found, std::make_pair(c.found, c.mode));
         if (!c.found.empty()) {
-            EXPECT_EQ(mode, c.mode) << c.named;
-            EXPECT_EQ(fs::path(extension(found)->bundlePath()).parent_path(),
+            EXPECT_EQ(fs::path(extension(c.found)->bundlePath()).parent_path(),
                       fs::path(first_.path()))
                 << "the first bundle of an identifier wins";
         }
@@ -187,29 +169,32 @@ TEST_F(ExtensionTest, RequestHandsOverItemsAndExactlyTheGrantedFileReadOnly) {
                      ExtensionItem::itemWithTitle("probe", store_ / "other.mp4"),
                      ExtensionItem::itemWithTitle("probe", first_ / "echo/bundle.json")},
                     {token}, outcome.onBegin());
-                ASSERT_TRUE(outcome.ended(size_t(i)));
+                auto ended = outcome.ending(size_t(i));
+                ASSERT_TRUE(ended);
                 if (i == 0) pid = echo->pidForRunningProcess();
                 EXPECT_EQ(echo->pidForRunningProcess(), pid) << "the running process is reused";
-                std::lock_guard lock(outcome.mutex);
-                ASSERT_FALSE(outcome.beginError);
-                const auto& items = outcome.completed[outcome.begun[size_t(i)]];
-                auto titles = itemTitled(items, "titles");
-                ASSERT_TRUE(titles);
-                EXPECT_EQ(titles->attachment, Value({"flag", "token", "probe", "probe", "probe"}));
-                if (fileSystemSandboxVersion() > 0) {
-                    EXPECT_EQ(itemTitled(items, "opened")->attachment, Value({false, false, true}));
-                }
-                EXPECT_EQ(itemTitled(items, "flag")->attachment, "0");
-                EXPECT_EQ(std::count_if(items.begin(), items.end(),
-                                        [](const auto& item) { return item.title == "content"; }),
-                          1)
-                    << "one file granted, one file readable";
-                ASSERT_TRUE(itemTitled(items, "content"));
-                EXPECT_EQ(itemTitled(items, "token")->attachment, token->string());
-                const Bytes* content = bytesOf(itemTitled(items, "content")->attachment);
-                ASSERT_TRUE(content);
-                EXPECT_EQ(std::string(content->begin(), content->end()), "fragment bytes");
-                EXPECT_EQ(itemTitled(items, "writable")->attachment, false);
+                ASSERT_FALSE(outcome.begun.all()[size_t(i)].second);
+                ASSERT_FALSE(ended->error);
+                // What the extension got, then the one granted file's token,
+                // content (one file readable) and writability, then which of
+                // the probes it could open.
+                Value got = Value::array();
+                for (const auto& item : ended->items)
+                    got.push_back(Value::array({item.title, item.attachment}));
+                const std::string bytes = "fragment bytes";
+                const bool sandboxed = fileSystemSandboxVersion() > 0;
+                EXPECT_EQ(got, Value::array({
+                                   {"titles", {"flag", "token", "probe", "probe", "probe"}},
+                                   {"flag", "0"},
+                                   {"token", token->string()},
+                                   {"probe", fragment},
+                                   {"probe", store_ / "other.mp4"},
+                                   {"probe", first_ / "echo/bundle.json"},
+                                   {"token", token->string()},
+                                   {"content", bytesValue(Bytes(bytes.begin(), bytes.end()))},
+                                   {"writable", false},
+                                   {"opened", {!sandboxed, !sandboxed, true}},
+                               }));
             }
             EXPECT_TRUE(fs::exists(fragment));
             echo->_kill(SIGKILL);
@@ -241,11 +226,9 @@ TEST_F(ExtensionTest, ExtensionThatDiesOrNeverConnectsBreaksItsRequestAndIsReape
             e->beginExtensionRequestWithInputItems({ExtensionItem::itemWithTitle("x", 1)}, {},
                                                    outcome.onBegin());
             pids.push_back(e->pidForRunningProcess());
-            ASSERT_TRUE(outcome.ended(i, kExtensionConnectTimeout + 10s)) << c.identifier;
-            std::lock_guard lock(outcome.mutex);
-            EXPECT_TRUE(outcome.completed.empty());
-            ASSERT_EQ(outcome.broken.count(outcome.begun[i]), 1u);
-            EXPECT_EQ(outcome.broken.at(outcome.begun[i]).code, c.code) << c.identifier;
+            auto ended = outcome.ending(i, kExtensionConnectTimeout + 10s);
+            ASSERT_TRUE(ended && ended->error) << c.identifier;
+            EXPECT_EQ(ended->error->code, c.code) << c.identifier;
         }
         EXPECT_NE(pids[0], pids[1]) << "a broken extension is started again";
         for (pid_t pid : pids) EXPECT_TRUE(test::eventually([&] { return reaped(pid); }, 10s));
@@ -256,11 +239,11 @@ TEST_F(ExtensionTest, ExtensionThatDiesOrNeverConnectsBreaksItsRequestAndIsReape
     Outcome outcome;
     outcome.watch(*gone);
     gone->beginExtensionRequestWithInputItems({}, {}, outcome.onBegin());
-    std::unique_lock lock(outcome.mutex);
-    ASSERT_TRUE(outcome.cv.wait_for(lock, 10s, [&] { return !outcome.begun.empty(); }));
-    ASSERT_TRUE(outcome.beginError);
-    EXPECT_EQ(outcome.beginError->code, kExtensionErrorCannotStart);
-    EXPECT_EQ(outcome.begun[0], "");
+    ASSERT_TRUE(outcome.begun.waitFor(1, 10s));
+    const auto [id, error] = outcome.begun.all()[0];
+    EXPECT_EQ(id, "");
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code, kExtensionErrorCannotStart);
 }
 
 }  // namespace
