@@ -40,17 +40,15 @@ TEST_F(PythonPeerTest, AnApplicationStartsIsInterruptedAndStops) {
     service_ = FakeService::start(
         kDaemonServiceName, daemonProtocolInterface(), clientProtocolInterface(),
         [](const FakeService::Call& c) {
-            if (c.method.rfind("startRecording", 0) == 0)
+            if (c.method == method::kStartRecording)
                 c.reply(ipc::Arguments().addNull().add(Value(true)).add(Value(false)));
-            if (c.method.rfind("stopRecordingWithStartClipDuration", 0) == 0)
+            if (c.method == method::kStopRecordingWithClip)
                 c.reply(ipc::Arguments().addNull().add(
                     sv::test::recordingError(-5804, "Failed during recording").toValue()));
         });
     ASSERT_TRUE(service_);
     pid_t child = peer("client", kDaemonServiceName);
-    auto start = service_->waitForCall(
-        "startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:"
-        "broadcast:systemRecording:withHandler:");
+    auto start = service_->waitForCall(method::kStartRecording);
     ASSERT_TRUE(start);
     EXPECT_EQ(start->pid, child);
     EXPECT_EQ(start->args[0], Value::array({3, 4}));
@@ -62,7 +60,7 @@ TEST_F(PythonPeerTest, AnApplicationStartsIsInterruptedAndStops) {
                      .toValue())
             .add(Value(URL::fileURLWithPath("/tmp/interrupted movie.mp4").absoluteString())));
     EXPECT_EQ(sv::test::waitForExit(child, 20s), 0);
-    EXPECT_EQ(service_->methods().front(), "clientDidBecomeActiveWithBundleID:");
+    EXPECT_EQ(service_->methods().front(), method::kClientDidBecomeActive);
 }
 
 TEST_F(PythonPeerTest, AConsentAgentRegistersAndAnswers) {

@@ -26,11 +26,9 @@ using sv::test::has;
 
 namespace {
 
-constexpr const char* kStart =
-    "startRecordingWindowLayerContextIDs:windowSize:microphoneEnabled:cameraEnabled:"
-    "broadcast:systemRecording:withHandler:";
-constexpr const char* kStop = "stopRecordingWithHandler:";
-constexpr const char* kStopClip = "stopRecordingWithStartClipDuration:endClipDuration:handler:";
+constexpr const char* kStart = method::kStartRecording;
+constexpr const char* kStop = method::kStopRecording;
+constexpr const char* kStopClip = method::kStopRecordingWithClip;
 constexpr const char* kLayers = "layerContextIDsForCallerWithHandler:";
 constexpr const char* kStatus = "recordingStatusForCallerWithHandler:";
 
