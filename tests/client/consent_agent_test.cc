@@ -1,7 +1,7 @@
 // The consent agent: which button each answer policy picks, registration
-// with the daemon's shell channel (again after the daemon restarts: end to
-// end in record_e2e_test.cc), and `sorvel consent-agent` answering real
-// alerts from the terminal, from a dialog and by policy.
+// with the daemon's shell channel (and again after the daemon restarts),
+// and `sorvel consent-agent` answering real alerts from the terminal, from a
+// dialog and by policy.
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -142,6 +142,27 @@ TEST_F(ConsentAgentTest, RegistersWithItsLanguagesAndAnswersThroughThePresenter)
     EXPECT_EQ(ask(twoButtons().toValue()), "default");
     EXPECT_EQ(ask(Value({{"title", "no buttons"}})), "cancel");  // unreadable alert
     EXPECT_EQ(agent_->alertsAnswered(), 2u);
+}
+
+TEST_F(ConsentAgentTest, RegistersAgainWhenTheDaemonComesBack) {
+    std::atomic<int> registered{0}, waiting{0};
+    ConsentAgent::Options o;
+    o.presenter = [](const ConsentAlert&, ConsentAgent::Answer a) { a(ConsentResponse::Other); };
+    o.retryMin = 10ms;
+    o.retryMax = 50ms;
+    o.events = [&](ConsentAgent::Event e, const std::string&) {
+        if (e == ConsentAgent::Event::Registered) registered++;
+        if (e == ConsentAgent::Event::WaitingForService) waiting++;
+    };
+    agent_ = ConsentAgent::create(o);
+    agent_->start();  // no daemon yet
+    ASSERT_TRUE(sv::test::eventually([&] { return waiting > 0; }, 20s));
+    startShell();
+    ASSERT_TRUE(sv::test::eventually([&] { return registered == 1; }, 20s));
+    shell_->die();
+    startShell();
+    ASSERT_TRUE(sv::test::eventually([&] { return registered == 2; }, 20s));
+    EXPECT_EQ(ask(twoButtons().toValue()), "other");
 }
 
 TEST_F(ConsentAgentTest, AFloodOfAlertsIsCancelledBeyondTheOpenOnes) {

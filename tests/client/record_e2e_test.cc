@@ -831,10 +831,11 @@ TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
     std::sscanf(sv::test::readFile(appLog).c_str(), "x11-recorder: asking to record window 0x%x",
                 &window);
     ASSERT_NE(window, 0u);
-    xcb_set_input_focus(c.get(), XCB_INPUT_FOCUS_POINTER_ROOT, window, XCB_CURRENT_TIME);
-    xcb_set_input_focus(c.get(), XCB_INPUT_FOCUS_POINTER_ROOT, XCB_NONE, XCB_CURRENT_TIME);
-    xcb_unmap_window(c.get(), window);
-    xcb_flush(c.get());
+    xcb_connection_t* const x11 = cover->connection();
+    xcb_set_input_focus(x11, XCB_INPUT_FOCUS_POINTER_ROOT, window, XCB_CURRENT_TIME);
+    xcb_set_input_focus(x11, XCB_INPUT_FOCUS_POINTER_ROOT, XCB_NONE, XCB_CURRENT_TIME);
+    xcb_unmap_window(x11, window);
+    xcb_flush(x11);
     EXPECT_TRUE(daemon_.logged("SVRecordingManager:clientDidResignActiveWithBundleID:"));
     EXPECT_TRUE(sv::test::stays([&] { return contains(sv::test::readFile(appLog), movie); }, 3s))
         << sv::test::readFile(appLog);
@@ -842,11 +843,10 @@ TEST_F(RecordEndToEndTest, AnX11ApplicationRecordsItsOwnWindowAtItsOwnSize) {
     close.response_type = XCB_CLIENT_MESSAGE;
     close.format = 32;
     close.window = window;
-    close.type = atom(c.get(), "WM_PROTOCOLS");
-    close.data.data32[0] = atom(c.get(), "WM_DELETE_WINDOW");
-    xcb_send_event(c.get(), 0, window, XCB_EVENT_MASK_NO_EVENT,
-                   reinterpret_cast<const char*>(&close));
-    xcb_flush(c.get());
+    close.type = atom(x11, "WM_PROTOCOLS");
+    close.data.data32[0] = atom(x11, "WM_DELETE_WINDOW");
+    xcb_send_event(x11, 0, window, XCB_EVENT_MASK_NO_EVENT, reinterpret_cast<const char*>(&close));
+    xcb_flush(x11);
     EXPECT_EQ(sv::test::waitForExit(app, 120s), 0) << sv::test::readFile(appLog) << daemon_.log();
     EXPECT_TRUE(has(sv::test::readFile(appLog), movie));
     EXPECT_FALSE(contains(daemon_.log(), "not its own")) << daemon_.log();

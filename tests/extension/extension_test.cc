@@ -195,6 +195,8 @@ TEST_F(ExtensionTest, RequestHandsOverItemsAndExactlyTheGrantedFileReadOnly) {
                                    {"writable", false},
                                    {"opened", {!sandboxed, !sandboxed, true}},
                                }));
+                EXPECT_EQ(itemTitled(ended->items, "probe"), ended->items.data() + 3)
+                    << "the first";
             }
             EXPECT_TRUE(fs::exists(fragment));
             echo->_kill(SIGKILL);
