@@ -12,7 +12,7 @@
 
 #include "movie/movie_inspector.h"
 #include "support/movie_store.h"
-#include "tests/movie/stamped_movie.h"
+#include "tests/movie/movie_test_util.h"
 
 namespace sv {
 namespace {
@@ -146,7 +146,8 @@ TEST_F(MovieInspectorTest, RotatedScaledAndUnstampedMovies) {
     for (const auto& a : in.audioSync) EXPECT_EQ(a.clicks, 0);  // silent tracks
 
     // Plain colour frames: the summary only.
-    url = writeStampedMovie(path("plain.mp4"), steadyFrames(30), {.stamps = false});
+    url = writeStampedMovie(path("plain.mp4"), steadyFrames(30),
+                            {.picture = StampedMovieOptions::Picture::Plain});
     ASSERT_TRUE(url);
     in = inspect(url->path);
     EXPECT_EQ(in.movie.tracks.size(), 3u);

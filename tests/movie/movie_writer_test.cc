@@ -37,12 +37,21 @@ class MovieWriterTest : public ::testing::Test {
     SurfacePool pool{64, 64};
 };
 
+// Frames at 30 fps with their index drawn.
+std::vector<ScriptedFrame> indexedFrames(int count) {
+    return steadyFrames(count, kSecond / 30);
+}
+
 TEST_F(MovieWriterTest, WritesThreeTracksWithMetadataTransformAndSync) {
-    FeedOptions o;
-    o.seconds = 0.5;
-    o.audioLead = 0.3;  // audio before the first frame is cut
-    o.firstTransform = AffineTransform::rotation(float(M_PI / 2));
-    auto url = record(path("a.mp4"), {751, 1333}, storeInfo(), o);
+    auto url = writeStampedMovie(path("a.mp4"), indexedFrames(15),
+                                 {.width = 752,
+                                  .height = 1334,
+                                  .window = WindowSize{751, 1333},
+                                  .picture = StampedMovieOptions::Picture::Indexed,
+                                  .audioLead = 0.3,  // audio before the first frame is cut
+                                  .transform = AffineTransform::rotation(float(M_PI / 2)),
+                                  .frameInterval = kSecond / 30,
+                                  .info = storeInfo()});
     ASSERT_TRUE(url);
     EXPECT_EQ(url->path, path("a.mp4"));
     auto info = probeMovie(url->path);
@@ -84,10 +93,12 @@ TEST_F(MovieWriterTest, WritesThreeTracksWithMetadataTransformAndSync) {
 
 TEST_F(MovieWriterTest, WithoutStoreInfoOrAudioTheTracksStillExistInOrder) {
     EXPECT_FALSE(small("b.mp4")->assetMetadata());
-    FeedOptions o;
-    o.seconds = 0.2;
-    o.audio = false;
-    auto url = record(path("b.mp4"), {64, 64}, nullptr, o);
+    auto url = writeStampedMovie(path("b.mp4"), indexedFrames(6),
+                                 {.width = 64,
+                                  .height = 64,
+                                  .picture = StampedMovieOptions::Picture::Indexed,
+                                  .audio = false,
+                                  .frameInterval = kSecond / 30});
     ASSERT_TRUE(url);
     auto info = probeMovie(url->path);
     ASSERT_EQ(info.tracks.size(), 3u);

@@ -21,13 +21,15 @@ class TrimTest : public ::testing::Test {
     static void SetUpTestSuite() {
         dir = new TempDir;
         source = *dir / "source.mp4";
-        FeedOptions o;
-        o.seconds = 60;
-        o.fps = 10;
-        o.firstTransform = AffineTransform::scale(-1, 1);
         auto info = std::make_shared<SVStoreInfo>();
         info->bundleID = "com.example.x";
-        ASSERT_TRUE(record(source, {64, 64}, info, o));
+        ASSERT_TRUE(writeStampedMovie(source, steadyFrames(600, kSecond / 10),
+                                      {.width = 64,
+                                       .height = 64,
+                                       .picture = StampedMovieOptions::Picture::Indexed,
+                                       .transform = AffineTransform::scale(-1, 1),
+                                       .frameInterval = kSecond / 10,
+                                       .info = info}));
     }
     static void TearDownTestSuite() { delete dir; }
 
