@@ -23,17 +23,22 @@
 namespace sv {
 namespace {
 
-// An extension handle of a bundle made for the test (never started here).
-std::shared_ptr<AppExtension> uploadExtension() {
-    static test::TempDir root;  // removed at exit
-    const std::string dir = root.path();
-    std::filesystem::create_directories(dir + "/upload");
-    std::ofstream(dir + "/upload/bundle.json")
-        << R"({"identifier": "com.example.upload", "extension": {"point": )"
-        << R"("org.sorvel.broadcast-services", "executable": "upload"}})";
-    auto extension = AppExtension::extensionWithBundlePath(dir + "/upload");
-    EXPECT_TRUE(extension);
-    return extension;
+// An extension of the test program in a bundle of its own under `root`; its
+// role is the last component of its identifier (tests/extension). Without
+// `sampleBuffer` it asks for movie fragments.
+std::shared_ptr<AppExtension> testExtension(const test::TempDir& root, const std::string& role,
+                                            bool sampleBuffer = true) {
+    std::filesystem::create_directories(root / role);
+    std::filesystem::create_symlink(TEST_EXTENSION, root / (role + "/extension"));
+    std::ofstream(root / (role + "/bundle.json"))
+        << R"({"identifier": "com.example.test.)" << role
+        << R"(", "extension": {"point": "org.sorvel.broadcast-services", "executable": )"
+        << R"("extension")"
+        << (sampleBuffer ? R"(, "attributes": {"SVBroadcastProcessMode": )"
+                           R"("SVBroadcastProcessModeSampleBuffer"})"
+                         : "")
+        << "}}";
+    return AppExtension::extensionWithBundlePath(root / role);
 }
 
 using namespace std::chrono_literals;
@@ -147,7 +152,7 @@ TEST_F(RecordingSessionTest, MovieNamesStayInsideTheStore) {
         EXPECT_EQ(session->trimmedOutputURL().path, store + "/" + name + "_trimmed.mp4");
     }
     auto session = SVRecordingSession::initWithBundleID("com.example/a");
-    session->enableBroadcastWithExtension(uploadExtension(), 0, {});
+    session->enableBroadcastWithExtension(testExtension(apps, "upload", false), 0, {});
     EXPECT_TRUE(
         std::regex_match(session->outputPath(),
                          std::regex(store + "/SVMovie_com\\.example_a_[0-9]+\\.[0-9]{6}_1\\.mp4")));
@@ -440,41 +445,24 @@ TEST_F(RecordingSessionTest, OrientationSizesAndHostileSizes) {
     EXPECT_EQ(s->windowSize(), (WindowSize{1600, 2}));
 }
 
-// An extension of the test program in a bundle of its own under `root`; its
-// role is the last component of its identifier (tests/extension).
-std::shared_ptr<AppExtension> testExtension(const test::TempDir& root, const std::string& role) {
-    std::filesystem::create_directories(root / role);
-    std::filesystem::create_symlink(TEST_EXTENSION, root / (role + "/extension"));
-    std::ofstream(root / (role + "/bundle.json"))
-        << R"({"identifier": "com.example.test.)" << role
-        << R"(", "extension": {"point": "org.sorvel.broadcast-services", "executable": )"
-        << R"("extension", "attributes": {"SVBroadcastProcessMode": )"
-        << R"("SVBroadcastProcessModeSampleBuffer"}}})";
-    return AppExtension::extensionWithBundlePath(root / role);
-}
-
-// Service information over the live link, as the session's delegate gets it.
-struct LinkInfos : Errors {
-    void broadcastSessionLinkDidUpdateServiceInfo(const Value& info) override {
-        std::lock_guard lock(infoMutex);
-        infos.push_back(info);
-        cv.notify_all();
-    }
+// Service information as the session's delegate gets it: over the live link
+// (sample-buffer mode) or with each fragment's answer (upload mode).
+struct Infos : Errors {
+    void broadcastSessionLinkDidUpdateServiceInfo(const Value& info) override { infos.add(info); }
+    void broadcastSessionDidUpdateServiceInfo(const Value& info) override { infos.add(info); }
     // The reports holding `key`, once `n` of them came (within 30 s).
     std::vector<Value> reports(const char* key, size_t n) {
-        std::unique_lock lock(infoMutex);
-        std::vector<Value> found;
-        cv.wait_for(lock, 30s, [&] {
-            found.clear();
-            for (const auto& i : infos)
-                if (i.contains(key)) found.push_back(i);
-            return found.size() >= n;
-        });
-        return found;
+        auto holding = [key](const std::vector<Value>& all) {
+            std::vector<Value> found;
+            std::copy_if(all.begin(), all.end(), std::back_inserter(found),
+                         [key](const Value& i) { return i.contains(key); });
+            return found;
+        };
+        infos.waitForItems([&](const std::vector<Value>& all) { return holding(all).size() >= n; },
+                           30s);
+        return holding(infos.all());
     }
-    std::mutex infoMutex;
-    std::condition_variable cv;
-    std::vector<Value> infos;
+    test::Collected<Value> infos;
 };
 
 // Sample-buffer mode through a real processing extension: the actions in
@@ -484,7 +472,7 @@ struct LinkInfos : Errors {
 // buffer skipped; the extension's service information reaches the delegate;
 // no movie is written and the finish ends the extension.
 TEST_F(RecordingSessionTest, SampleBufferBroadcastsHandOverEveryPayloadWithItsOriginalTimes) {
-    auto delegate = std::make_shared<LinkInfos>();
+    auto delegate = std::make_shared<Infos>();
     s->setDelegate(delegate);
     test::TempDir bundles;
     auto extension = testExtension(bundles, "sample");
@@ -576,19 +564,10 @@ TEST_F(RecordingSessionTest, ALinkThatFailsOrLagsOrBreaksNeverHoldsUpTheSession)
 // once, service information reaches the delegate, and every fragment file
 // is removed once its request completed.
 TEST_F(RecordingSessionTest, UploadBroadcastsRotateFragmentsAndTakeTheExtensionsAnswers) {
-    struct Delegate : Errors {
-        void broadcastSessionDidUpdateServiceInfo(const Value& info) override { infos.add(info); }
-        test::Collected<Value> infos;
-    };
-    auto delegate = std::make_shared<Delegate>();
+    auto delegate = std::make_shared<Infos>();
     s->setDelegate(delegate);
     test::TempDir bundles;
-    std::filesystem::create_directories(bundles / "config");
-    std::filesystem::create_symlink(TEST_EXTENSION, bundles / "config/extension");
-    std::ofstream(bundles / "config/bundle.json")
-        << R"({"identifier": "com.example.test.config", "extension": {"point": )"
-        << R"("org.sorvel.broadcast-services", "executable": "extension"}})";
-    auto extension = AppExtension::extensionWithBundlePath(bundles / "config");
+    auto extension = testExtension(bundles, "config", false);
     ASSERT_TRUE(extension);
     auto configuration = std::make_shared<SVBroadcastConfiguration>();
     configuration->setClipDuration(1.0);
