@@ -47,6 +47,19 @@ class MovieInspectorTest : public ::testing::Test {
 };
 TempDir* MovieInspectorTest::dir_ = nullptr;
 
+// The report's counts as one comparable value: frames, stamped, unreadable,
+// dropped, duplicates, out of order, late.
+std::vector<int64_t> counts(const FrameStampReport& r) {
+    return {r.frames, r.stamped, r.unreadable, r.dropped, r.duplicates, r.outOfOrder, r.late};
+}
+
+// The host seconds the matched clicks mark.
+std::vector<uint64_t> seconds(const AudioSyncReport& a) {
+    std::vector<uint64_t> out;
+    for (const auto& m : a.matches) out.push_back(m.second);
+    return out;
+}
+
 MovieInspection inspect(const std::string& path) {
     auto inspection = inspectMovie(path);
     EXPECT_TRUE(inspection) << inspection.error().message();
@@ -86,16 +99,12 @@ TEST_F(MovieInspectorTest, FindsDropsDuplicatesLateFramesPausesAndAudioOffsets) 
     // Movie times count from the movie's start, which the reordered frames
     // of a fragmented movie move past zero.
     const double start = in.movie.tracks[0].startTime;
-    EXPECT_EQ(s.frames, 259);  // 260, one lost, one twice, one dropped by the writer
-    EXPECT_EQ(s.unreadable, 0);
-    EXPECT_EQ(s.dropped, 1);
+    // 260, one lost, one twice, one dropped by the writer.
+    EXPECT_EQ(counts(s), (std::vector<int64_t>{259, 259, 0, 1, 1, 0, 1}));
     ASSERT_EQ(s.drops.size(), 1u);
     EXPECT_EQ(s.drops[0].firstIndex, 30u);
     EXPECT_EQ(s.drops[0].count, 1u);
     EXPECT_NEAR(s.drops[0].time - start, 31 * kT, 1e-3);
-    EXPECT_EQ(s.duplicates, 1);
-    EXPECT_EQ(s.outOfOrder, 0);
-    EXPECT_EQ(s.late, 1);
     ASSERT_EQ(s.pauses.size(), 1u);
     EXPECT_NEAR(s.pauses[0].duration, 3.3, 1e-3);
     EXPECT_EQ(s.pauses[0].framesSkipped, 1u);
@@ -114,9 +123,7 @@ TEST_F(MovieInspectorTest, FindsDropsDuplicatesLateFramesPausesAndAudioOffsets) 
         EXPECT_EQ(a.clicks, a.matched) << a.track;
         EXPECT_NEAR(a.meanOffset, expected[i], 0.002) << a.track;
         EXPECT_NEAR(a.maxOffset, expected[i], 0.003) << a.track;
-        std::vector<uint64_t> seconds;
-        for (const auto& m : a.matches) seconds.push_back(m.second);
-        EXPECT_EQ(seconds, expectedSeconds[i]) << a.track;
+        EXPECT_EQ(seconds(a), expectedSeconds[i]) << a.track;
     }
 }
 
@@ -140,9 +147,8 @@ TEST_F(MovieInspectorTest, RotatedScaledAndUnstampedMovies) {
     EXPECT_DOUBLE_EQ(v.rotation, -90);
     EXPECT_FALSE(v.mirrored);
     ASSERT_TRUE(in.stamps);
-    EXPECT_EQ(in.stamps->stamped, 20);
+    EXPECT_EQ(counts(*in.stamps), (std::vector<int64_t>{20, 20, 0, 0, 0, 0, 0}));
     EXPECT_EQ(in.stamps->lastIndex, 19u);
-    EXPECT_EQ(in.stamps->dropped + in.stamps->duplicates + in.stamps->late, 0);
     for (const auto& a : in.audioSync) EXPECT_EQ(a.clicks, 0);  // silent tracks
 
     // Plain colour frames: the summary only.
@@ -167,19 +173,16 @@ TEST_F(MovieInspectorTest, BrokenFilesGiveAnError) {
         std::string content;
     } cases[] = {{"truncated.mp4", bytes.substr(0, bytes.size() / 2)},
                  {"empty.mp4", ""},
-                 {"garbage.mp4", std::string(100000, '\x5a')}};
+                 {"garbage.mp4", std::string(100000, '\x5a')},
+                 {"missing.mp4", ""}};
     for (const auto& c : cases) {
-        test::writeFile(path(c.name), c.content);
+        if (std::string(c.name) != "missing.mp4") test::writeFile(path(c.name), c.content);
         auto refused = inspectMovie(path(c.name));
         ASSERT_FALSE(refused) << c.name;
         EXPECT_EQ(refused.error().domain, media::kMovieWriterErrorDomain);
         EXPECT_NE(refused.error().message().find(c.name), std::string::npos)
             << refused.error().message();
     }
-    auto missing = inspectMovie(path("missing.mp4"));
-    ASSERT_FALSE(missing);
-    EXPECT_NE(missing.error().message().find("missing.mp4"), std::string::npos)
-        << missing.error().message();
 
     // The movie box in front (as a streaming copy has it), the media cut
     // short: the index promises samples the file does not hold.
@@ -205,18 +208,11 @@ TEST(FrameStampAnalysis, OrderDuplicatesAndGapsFilledLater) {
                                                 frame(3, 4), frame(4, 3),    frame(5, 5),
                                                 frame(6, 5), {6.5 * kT, {}}, frame(8, 8)};
     auto r = analyzeFrameStamps(frames);
-    EXPECT_EQ(r.frames, 9);
-    EXPECT_EQ(r.stamped, 8);
-    EXPECT_EQ(r.unreadable, 1);
-    EXPECT_EQ(r.outOfOrder, 1);
-    EXPECT_EQ(r.duplicates, 1);
-    EXPECT_EQ(r.dropped, 2);
+    EXPECT_EQ(counts(r), (std::vector<int64_t>{9, 8, 1, 2, 1, 1, 0}));
     ASSERT_EQ(r.drops.size(), 1u);
     EXPECT_EQ(r.drops[0].firstIndex, 6u);
-    EXPECT_EQ(r.late, 0);
     EXPECT_TRUE(r.pauses.empty());
-    EXPECT_EQ(r.firstIndex, 0u);
-    EXPECT_EQ(r.lastIndex, 8u);
+    EXPECT_EQ(std::pair(r.firstIndex, r.lastIndex), std::pair(uint64_t(0), uint64_t(8)));
 
     EXPECT_EQ(analyzeFrameStamps({}).stamped, 0);
     // Stamps a hostile file made up: counts saturate, nothing overflows.
@@ -251,9 +247,7 @@ TEST(FrameStampAnalysis, AudioThatRunsOnThroughAPauseShowsTheWholePause) {
     auto inSync = matchClicks(1, {1.0, 2.0, 2.5, 3.5}, frames);
     EXPECT_EQ(inSync.matched, 4);
     EXPECT_NEAR(inSync.maxOffset, 0, 1e-6);
-    std::vector<uint64_t> seconds;
-    for (const auto& m : inSync.matches) seconds.push_back(m.second);
-    EXPECT_EQ(seconds, (std::vector<uint64_t>{101, 102, 105, 106}));
+    EXPECT_EQ(seconds(inSync), (std::vector<uint64_t>{101, 102, 105, 106}));
     // A click no frame covers (past the end) is counted, not matched.
     auto beyond = matchClicks(1, {20.0}, frames);
     EXPECT_EQ(beyond.clicks, 1);

@@ -56,10 +56,9 @@ TEST_F(MovieWriterTest, WritesThreeTracksWithMetadataTransformAndSync) {
     EXPECT_EQ(url->path, path("a.mp4"));
     auto info = probeMovie(url->path);
     ASSERT_EQ(info.tracks.size(), 3u);
-    EXPECT_EQ(info.tracks[0].codec, "h264");
-    EXPECT_EQ(info.tracks[0].profile, "Main");
-    EXPECT_EQ(info.tracks[0].width, 752);
-    EXPECT_EQ(info.tracks[0].height, 1334);
+    const auto& v = info.tracks[0];
+    EXPECT_EQ(std::tuple(v.codec, v.profile, v.width, v.height),
+              std::tuple("h264", "Main", 752, 1334));
     // The first frame's transform (a quarter turn), not the later ones.
     ASSERT_TRUE(info.tracks[0].displayMatrix);
     const auto& m = *info.tracks[0].displayMatrix;
@@ -70,10 +69,9 @@ TEST_F(MovieWriterTest, WritesThreeTracksWithMetadataTransformAndSync) {
     // cut.
     const double start = info.tracks[0].startTime;
     for (int i : {1, 2}) {
-        EXPECT_EQ(info.tracks[i].codec, "aac");
-        EXPECT_EQ(info.tracks[i].profile, "LC");
-        EXPECT_EQ(info.tracks[i].sampleRate, 44100);
-        EXPECT_EQ(info.tracks[i].channels, 2);
+        const auto& a = info.tracks[i];
+        EXPECT_EQ(std::tuple(a.codec, a.profile, a.sampleRate, a.channels),
+                  std::tuple("aac", "LC", 44100, 2));
         EXPECT_LE(info.tracks[i].startTime, start + 1e-3);
         EXPECT_NEAR(info.tracks[i].startTime + info.tracks[i].duration - start, 0.5, 0.05);
     }
@@ -101,10 +99,10 @@ TEST_F(MovieWriterTest, WithoutStoreInfoOrAudioTheTracksStillExistInOrder) {
                                   .frameInterval = kSecond / 30});
     ASSERT_TRUE(url);
     auto info = probeMovie(url->path);
-    ASSERT_EQ(info.tracks.size(), 3u);
-    EXPECT_EQ(info.tracks[0].kind, media::TrackKind::Video);
-    EXPECT_EQ(info.tracks[1].kind, media::TrackKind::Audio);
-    EXPECT_EQ(info.tracks[2].kind, media::TrackKind::Audio);
+    std::vector<media::TrackKind> kinds;
+    for (const auto& t : info.tracks) kinds.push_back(t.kind);
+    EXPECT_EQ(kinds, (std::vector{media::TrackKind::Video, media::TrackKind::Audio,
+                                  media::TrackKind::Audio}));
     for (const char* tag : {"title", "genre", "org.sorvel.content-identifier"})
         EXPECT_FALSE(info.tags.count(tag)) << tag;
 }
