@@ -8,15 +8,19 @@
 #pragma once
 
 #include <libyuv.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "movie/movie_inspector.h"
 #include "movie/movie_writer.h"
 #include "platform/screen/frame_stamp.h"
 #include "tests/media/media_test_util.h"
@@ -200,5 +204,28 @@ inline std::optional<URL> writeStampedMovie(const std::string& path,
     }
     return finishWriter(writer);
 }
+
+// The movie as the inspector reads it; an empty inspection, failing the
+// test, when it cannot be read.
+inline MovieInspection inspect(const std::string& path) {
+    auto inspection = inspectMovie(path);
+    EXPECT_TRUE(inspection) << path << ": " << inspection.error().message();
+    return inspection.valueOr(MovieInspection{});
+}
+
+#ifdef SV_SORVEL_PATH
+// Runs `sorvel ARGS`: its exit status, standard output and standard error.
+inline std::tuple<int, std::string, std::string> runSorvel(const std::string& args) {
+    TempDir out;
+    const std::string cmd = std::string(SV_SORVEL_PATH) + " " + args + " >" + (out / "stdout") +
+                            " 2>" + (out / "stderr");
+    const int status = std::system(cmd.c_str());
+    auto read = [&](const char* name) {
+        std::ifstream f(out / name);
+        return std::string((std::istreambuf_iterator<char>(f)), {});
+    };
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read("stdout"), read("stderr")};
+}
+#endif
 
 }  // namespace sv::testing
