@@ -351,6 +351,11 @@ TEST_F(MovieExporterTest, ExactCutBetweenKeyFramesAndAmidReorderedFrames) {
     EXPECT_NEAR(video.times.front(), 0.0, 1e-3);
     for (size_t i = 0; i < video.indices.size(); ++i) EXPECT_EQ(video.indices[i], int(40 + i));
     EXPECT_NEAR(probeMovie(*dir / "out.mp4").duration, 1.0, 0.002);
+    // An end in a frame's second half leaves that frame out.
+    e = exporter("src.mp4");
+    e->setTimeRange(MediaTime::make(40, 30), MediaTime::make(294, 300));
+    EXPECT_EQ(run(e), MovieExporter::Status::Completed);
+    EXPECT_EQ(decodeVideo(*dir / "out.mp4").indices.back(), 68);
 }
 
 TEST_F(MovieExporterTest, FailureAndCancellation) {

@@ -76,6 +76,9 @@ TEST_F(MovieInspectorTest, FindsDropsDuplicatesLateFramesPausesAndAudioOffsets) 
     const int64_t t149 = at(149)->time;
     for (auto it = at(150); it != script.end(); ++it) it->stamp.hostTime += uint64_t(gap);
     at(150)->time = t149;
+    // Frame 99 again half a millisecond later: the first, shown for under a
+    // millisecond, is left out, and nothing counts as shown twice.
+    script.insert(at(100), ScriptedFrame{at(99)->stamp, at(99)->time + 500'000});
     // Frame 39 shown twice, frame 30 lost.
     script.insert(at(40), ScriptedFrame{at(39)->stamp, at(39)->time + kFrameInterval / 2});
     script.erase(at(30));

@@ -19,15 +19,6 @@ class MovieWriterTest : public ::testing::Test {
   protected:
     void SetUp() override { MovieStore::shared().setHomeDirectory(dir.path()); }
 
-    static std::shared_ptr<SVStoreInfo> storeInfo() {
-        auto info = std::make_shared<SVStoreInfo>();
-        info->bundleID = "com.example.game";
-        info->appName = "Example Game";
-        info->author = "Example Studio";
-        info->itemURL = "https://store.example.com/app/1";
-        info->categories = std::vector<std::string>{"A", "B"};
-        return info;
-    }
     std::string path(const char* name) { return dir / name; }
     std::shared_ptr<SVMovieWriter> small(const char* name) {
         return SVMovieWriter::initWithWindowSize({64, 64}, path(name), nullptr);
@@ -46,7 +37,12 @@ TEST_F(MovieWriterTest, WritesThreeTracksWithMetadataTransformAndSync) {
                                   .audioLead = 0.3,  // audio before the first frame is cut
                                   .transform = AffineTransform::rotation(float(M_PI / 2)),
                                   .frameInterval = kSecond / 30,
-                                  .info = storeInfo()});
+                                  .info = std::make_shared<SVStoreInfo>(
+                                      SVStoreInfo{.bundleID = "com.example.game",
+                                                  .appName = "Example Game",
+                                                  .author = "Example Studio",
+                                                  .itemURL = "https://store.example.com/app/1",
+                                                  .categories = {{"A", "B"}}})});
     ASSERT_TRUE(url);
     EXPECT_EQ(url->path, path("a.mp4"));
     auto info = probeMovie(url->path);
@@ -262,15 +258,14 @@ class TrimTest : public ::testing::Test {
     static void SetUpTestSuite() {
         dir = new TempDir;
         source = *dir / "source.mp4";
-        auto info = std::make_shared<SVStoreInfo>();
-        info->bundleID = "com.example.x";
-        ASSERT_TRUE(writeStampedMovie(source, steadyFrames(600, kSecond / 10),
-                                      {.width = 64,
-                                       .height = 64,
-                                       .picture = StampedMovieOptions::Picture::Indexed,
-                                       .transform = AffineTransform::scale(-1, 1),
-                                       .frameInterval = kSecond / 10,
-                                       .info = info}));
+        ASSERT_TRUE(writeStampedMovie(
+            source, steadyFrames(600, kSecond / 10),
+            {.width = 64,
+             .height = 64,
+             .picture = StampedMovieOptions::Picture::Indexed,
+             .transform = AffineTransform::scale(-1, 1),
+             .frameInterval = kSecond / 10,
+             .info = std::make_shared<SVStoreInfo>(SVStoreInfo{.bundleID = "com.example.x"})}));
     }
     static void TearDownTestSuite() { delete dir; }
 

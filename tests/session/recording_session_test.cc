@@ -281,7 +281,9 @@ TEST_F(RecordingSessionTest, MovieNamesStayInsideTheStore) {
         EXPECT_EQ(session->trimmedOutputURL().path, store + "/" + name + "_trimmed.mp4");
     }
     auto session = SVRecordingSession::initWithBundleID("com.example/a");
-    session->enableBroadcastWithExtension(testExtension(apps, "upload", false), 0, {});
+    auto upload = testExtension(apps, "upload", false);
+    std::filesystem::remove(apps / "upload/extension");  // it ends before answering
+    session->enableBroadcastWithExtension(upload, 0, {});
     EXPECT_TRUE(
         std::regex_match(session->outputPath(),
                          std::regex(store + "/SVMovie_com\\.example_a_[0-9]+\\.[0-9]{6}_1\\.mp4")));
@@ -299,6 +301,7 @@ TEST_F(RecordingSessionTest, StartCompletesOnTheFirstFrameOnItsThread) {
     EXPECT_EQ(c->frameSize(), (WindowSize{64, 64}));
     EXPECT_EQ(c->minimumFrameInterval(), MediaTime::make(1, 60));
     EXPECT_EQ(calls, 0);
+    EXPECT_EQ(s->progress().recordedSeconds, 0.0);  // nothing written yet
     std::thread delivery([&] { c->deliver(frame(1.0)); });
     const auto deliveryThread = delivery.get_id();
     delivery.join();

@@ -44,6 +44,7 @@ class StoreManagerTest : public ::testing::Test {
                 });
         }).join();
         MainRunLoop::runFor(std::chrono::seconds(10));
+        EXPECT_FALSE(MainRunLoop::isRunning());
         EXPECT_EQ(calls, 1);
         return result;
     }
