@@ -137,8 +137,11 @@ TEST_F(DaemonTest, SocketActivatedDaemonEndsWhenIdle) {
     const std::string agentLog = daemon.root + "/agent.log";
     pid_t agent = spawnProcess(
         {SORVEL, "consent-agent", "--answer", "decline", "--runtime-dir", run_}, {}, agentLog);
-    EXPECT_TRUE(eventually([&] { return contains(sv::test::readFile(agentLog), "registered"); }));
+    EXPECT_TRUE(eventually([&] { return contains(readFile(agentLog), "registered"); }));
     EXPECT_EQ(waitForExit(activator, 15s), 255);
+    // The agent outlives the service and waits for it to come back.
+    EXPECT_TRUE(
+        eventually([&] { return contains(readFile(agentLog), "waiting for the service"); }));
     kill(agent, SIGTERM);
     waitForExit(agent);
     EXPECT_EQ(daemon.logCount("idle with no open transaction; ending"), 1u);

@@ -27,10 +27,7 @@ class MovieInspectorTest : public ::testing::Test {
         dir_ = new TempDir;
         MovieStore::shared().setHomeDirectory(dir_->path());
     }
-    static void TearDownTestSuite() {
-        delete dir_;
-        dir_ = nullptr;
-    }
+    static void TearDownTestSuite() { delete dir_; }
     static std::string path(const std::string& name) { return *dir_ / name; }
 
     static const std::string& cleanMovie() {
