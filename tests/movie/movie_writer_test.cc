@@ -155,6 +155,8 @@ TEST_F(MovieWriterTest, InvalidFirstTimeStartsWritingWithoutSession) {
     w->appendVideoSampleBuffer(makeFrame(pool, 0, MediaTime::invalid()), {});
     EXPECT_EQ(w->fileWriterStatus(), 1);
     EXPECT_FALSE(w->lastVideoPresentationTime().isValid());
+    // Without a session the frame is dropped, never written.
+    EXPECT_TRUE(test::eventually([&] { return w->videoInput()->droppedSampleCount() == 1; }));
     w->fileWriter()->cancelWriting();
     EXPECT_EQ(w->fileWriterStatus(), 4);
     EXPECT_FALSE(fs::exists(path("i.mp4")));
