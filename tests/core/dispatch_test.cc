@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -67,23 +66,6 @@ TEST(DispatchQueue, ConcurrentQueuesRunTasksInParallel) {
         b.signal();
     });
     EXPECT_TRUE(b.waitFor(5s));
-    Semaphore bg;
-    DispatchQueue::global(QueuePriority::Background)->async([&] { bg.signal(); });
-    EXPECT_TRUE(bg.waitFor(5s));
-}
-
-TEST(MainRunLoop, RunsMainQueueUntilStopped) {
-    std::thread::id mainThread = std::this_thread::get_id(), ranOn;
-    DispatchQueue::global()->async([&] {
-        DispatchQueue::main()->async([&] {
-            ranOn = std::this_thread::get_id();
-            EXPECT_TRUE(DispatchQueue::main()->isCurrent());
-            MainRunLoop::stop();
-        });
-    });
-    MainRunLoop::run();
-    EXPECT_EQ(ranOn, mainThread);
-    EXPECT_FALSE(MainRunLoop::isRunning());
 }
 
 TEST(Timer, OneShotRepeatingAndCancel) {

@@ -5,7 +5,6 @@
 // tests and by bench/ipc/daemon_hostile_bench.
 #pragma once
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -17,6 +16,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <sstream>
@@ -58,14 +58,9 @@ inline double cpuSeconds(pid_t pid) {
 
 // Descriptors open in `pid`.
 inline size_t descriptorCount(pid_t pid) {
-    size_t n = 0;
-    std::string dir = "/proc/" + std::to_string(pid) + "/fd";
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d))
-            if (e->d_name[0] != '.') ++n;
-        closedir(d);
-    }
-    return n;
+    std::error_code ec;
+    std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd", ec);
+    return ec ? 0 : size_t(std::distance(fds, {}));
 }
 
 // ---- hand-made messages ----
@@ -203,23 +198,18 @@ class RawPeer {
     // `timeout` without reading anything (what waits to be read stays).
     bool hungUp(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
         auto end = std::chrono::steady_clock::now() + timeout;
-        while (true) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                end - std::chrono::steady_clock::now());
-            if (left.count() <= 0) return false;
-            pollfd p{fd_, POLLRDHUP, 0};
-            if (::poll(&p, 1, int(left.count())) > 0 && (p.revents & (POLLHUP | POLLRDHUP)))
-                return true;
-        }
+        while (short revents = waitFor(POLLRDHUP, end))
+            if (revents & (POLLHUP | POLLRDHUP)) return true;
+        return false;
     }
 
   private:
-    bool waitFor(short events, std::chrono::steady_clock::time_point end) {
+    // The events seen before `end`; 0 for none.
+    short waitFor(short events, std::chrono::steady_clock::time_point end) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             end - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
         pollfd p{fd_, events, 0};
-        return ::poll(&p, 1, int(left.count())) > 0;
+        return left.count() > 0 && ::poll(&p, 1, int(left.count())) > 0 ? p.revents : 0;
     }
 
     std::vector<uint8_t>& buffer() {
@@ -231,11 +221,6 @@ class RawPeer {
     std::vector<uint8_t> buffer_;
 };
 
-// Sends `call`, whose reply identifier is `replyId`, and waits for that
-// reply (skipping others); false on timeout or when the peer closes.
-inline bool callAndWait(RawPeer& p, const Bytes& call, uint64_t replyId,
-                        std::chrono::milliseconds timeout = std::chrono::seconds(5));
-
 // The reply identifier of a decoded reply, or 0.
 inline uint64_t replyIdOf(const std::optional<Value>& m) {
     if (!m || !m->is_object() || m->value("t", 0) != 2) return 0;
@@ -243,8 +228,10 @@ inline uint64_t replyIdOf(const std::optional<Value>& m) {
     return it != m->end() && it->is_number_unsigned() ? it->get<uint64_t>() : 0;
 }
 
+// Sends `call`, whose reply identifier is `replyId`, and waits for that
+// reply (skipping others); false on timeout or when the peer closes.
 inline bool callAndWait(RawPeer& p, const Bytes& call, uint64_t replyId,
-                        std::chrono::milliseconds timeout) {
+                        std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
     using Clock = std::chrono::steady_clock;
     auto end = Clock::now() + timeout;
     if (!p.send(call, {}, timeout)) return false;

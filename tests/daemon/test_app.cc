@@ -9,7 +9,7 @@
 //                                     the layers the shell channel lists for
 //                                     this process; no ID: none)
 //   stop | stopclip START END | pause | resume (own | ID) | mic 0|1
-//   discard | active | resign | active-as BUNDLE | layers | status | quit
+//   discard | active | resign | active-as BUNDLE | layers | status
 // Output lines:
 //   started CODE MIC CAMERA      CODE 0 for no error
 //   stopped CODE PATH            PATH "-" for none
@@ -86,6 +86,17 @@ int main() {
     client.setDelegate(delegate);
     sv::ShellClient shell;
     const std::string bundleID = sv::SVRecorderClient::mainBundleIdentifier();
+    // The layer identifiers of the rest of a command, "own" standing for this
+    // process's layers.
+    auto layerIDs = [&shell](std::istringstream& in) {
+        std::vector<uint32_t> ids;
+        for (std::string word; in >> word;) {
+            auto more = word == "own" ? ownLayers(shell)
+                                      : std::vector<uint32_t>{uint32_t(std::stoul(word))};
+            ids.insert(ids.end(), more.begin(), more.end());
+        }
+        return ids;
+    };
 
     std::string line;
     while (std::getline(std::cin, line)) {
@@ -95,18 +106,8 @@ int main() {
         if (command == "start") {
             int mic = 0, camera = 0, broadcast = 0, system = 0;
             in >> mic >> camera >> broadcast >> system;
-            std::vector<uint32_t> ids;
-            std::string word;
-            while (in >> word) {
-                if (word == "own") {
-                    auto own = ownLayers(shell);
-                    ids.insert(ids.end(), own.begin(), own.end());
-                } else {
-                    ids.push_back(uint32_t(std::stoul(word)));
-                }
-            }
             client.startRecordingWindowLayerContextIDs(
-                ids, {640, 360}, mic != 0, camera != 0, broadcast != 0, system != 0,
+                layerIDs(in), {640, 360}, mic != 0, camera != 0, broadcast != 0, system != 0,
                 [](std::optional<sv::SVRecorderError> e, bool m, bool c) {
                     emit("started " + code(e) + " " + std::to_string(m) + " " + std::to_string(c));
                 });
@@ -124,16 +125,8 @@ int main() {
         } else if (command == "pause") {
             client.pauseRecording();
         } else if (command == "resume") {
-            std::string word;
-            in >> word;
-            uint32_t id = 0;
-            if (word == "own") {
-                auto own = ownLayers(shell);
-                id = own.empty() ? 0 : own.front();
-            } else {
-                id = uint32_t(std::stoul(word));
-            }
-            client.resumeRecordingWithWindowLayerContextID(id);
+            const auto ids = layerIDs(in);
+            client.resumeRecordingWithWindowLayerContextID(ids.empty() ? 0 : ids.front());
         } else if (command == "mic") {
             int on = 0;
             in >> on;
@@ -164,8 +157,6 @@ int main() {
                            done.signal();
                        });
             done.wait();
-        } else if (command == "quit") {
-            break;
         }
     }
     client.invalidate();

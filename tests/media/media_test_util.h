@@ -32,17 +32,20 @@ inline MediaTime hostTime(double seconds) {
 }
 
 // 16 cells (2 rows of 8 columns), black or white by the bits of `index`.
-inline std::shared_ptr<SampleBuffer> makeFrame(SurfacePool& pool, int index, MediaTime pts) {
-    auto s = pool.acquire().value();
-    const int w = s->width(), h = s->height();
+inline void drawIndex(SharedSurface& s, int index) {
+    const int w = s.width(), h = s.height();
     for (int y = 0; y < h; ++y) {
-        uint8_t* row = s->mutableRow(y);
+        uint8_t* row = s.mutableRow(y);
         for (int x = 0; x < w; ++x) {
             uint8_t v = (index >> ((y * 2 / h) * 8 + x * 8 / w)) & 1 ? 235 : 16;
             std::memset(row + 4 * x, v, 3);
             row[4 * x + 3] = 255;
         }
     }
+}
+inline std::shared_ptr<SampleBuffer> makeFrame(SurfacePool& pool, int index, MediaTime pts) {
+    auto s = pool.acquire().value();
+    drawIndex(*s, index);
     return SampleBuffer::makeVideo(s, pts);
 }
 

@@ -5,6 +5,7 @@
 #include "platform/system/bundle.h"
 #include "platform/system/languages.h"
 #include "support/localization.h"
+#include "support/recording_errors.h"
 #include "tests/support/test_util.h"
 
 namespace sv {
@@ -50,7 +51,6 @@ class FrameworkEnvironment : public ::testing::Environment {
         writeFile(*dir_ / "it.lproj/Localizable.strings", R"(["not", "a", "table"])");
         setenv("SORVEL_FRAMEWORK_DIR", dir_->path().c_str(), 1);
     }
-    void TearDown() override { dir_.reset(); }
 
   private:
     std::unique_ptr<test::TempDir> dir_;
@@ -184,6 +184,55 @@ TEST_F(AppNames, SearchPathAndEnclosingBundle) {
     EXPECT_FALSE(Bundle::bundleForExecutablePath("relative/app"));
     EXPECT_FALSE(Bundle::bundleWithPath(apps / "missing"));
     EXPECT_TRUE(Bundle::bundleWithPath(apps / "broken")->infoDictionary().empty());
+}
+
+TEST(RecordingErrors, MessagesByCode) {
+    const std::pair<int64_t, const char*> table[] = {
+        {-5800, "Uknown recording error"},
+        {-5801, "The user declined application recording"},
+        {-5802, "Recording has been restricted in settings"},
+        {-5803, "Recording failed to start"},
+        {-5804, "Failed during recording"},
+        {-5805, "Insufficient storage for recording"},
+        {-5806, "Recording interrupted by another application"},
+        {-5807, "Recording interrupted by multitasking and content resizing"},
+        {-5808, "Unknown recording error"},
+        {-5809, "Unknown recording error"},
+        {-5799, "Unknown recording error"},
+        {0, "Unknown recording error"},
+        {INT64_MIN, "Unknown recording error"},
+    };
+    for (const auto& [code, message] : table) {
+        Error e = _svUserErrorForCode(code);
+        EXPECT_EQ(e.domain, "org.sorvel.SVRecordingErrorDomain");
+        EXPECT_EQ(e.code, code);  // kept even without a row of its own (-5809)
+        EXPECT_EQ(e.localizedDescription(), message) << code;
+        EXPECT_EQ(e.userInfo.size(), 1u);
+    }
+}
+
+TEST(RecordingErrors, CallerDictionaryIsCopiedNotModified) {
+    Value caller = {{kLocalizedDescriptionKey, "caller text"}, {"movie", "/tmp/a.mp4"}, {"n", 3}};
+    const Value before = caller;
+    Error e = _svUserErrorForCode(-5807, &caller);
+    EXPECT_EQ(caller, before);
+    EXPECT_EQ(e.userInfo, (Value{{kLocalizedDescriptionKey,
+                                  "Recording interrupted by multitasking and content resizing"},
+                                 {"movie", "/tmp/a.mp4"},
+                                 {"n", 3}}));
+
+    Value notADictionary = Value::array({1, 2});
+    EXPECT_EQ(_svUserErrorForCode(-5801, &notADictionary).userInfo.size(), 1u);
+}
+
+TEST(RecordingErrors, WireFormRoundTripAndHostileInput) {
+    Error e = _svUserErrorForCode(-5805);
+    EXPECT_EQ(Error::fromValue(e.toValue()), e);
+    EXPECT_FALSE(Error::fromValue(Value{{"domain", 5}, {"code", -5805}}));
+    EXPECT_FALSE(Error::fromValue(Value::array()));
+    auto noInfo = Error::fromValue(Value{{"domain", "d"}, {"code", 1}, {"userInfo", "x"}});
+    ASSERT_TRUE(noInfo);
+    EXPECT_TRUE(noInfo->userInfo.is_object());
 }
 
 }  // namespace

@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <ctime>
-
 #include "platform/log.h"
 #include "support/movie_store.h"
 #include "tests/support/test_util.h"
@@ -29,12 +27,28 @@ class MovieStoreTest : public ::testing::Test {
     std::string entry(const std::string& name) { return store._srTempPath() + name; }
     // A file of `size` bytes whose modification time is `age` seconds ago.
     void makeFile(const std::string& name, off_t size, time_t age) {
-        const std::string path = entry(name);
-        test::writeFile(path, "");
-        ASSERT_EQ(truncate(path.c_str(), size), 0);
-        timespec times[2] = {{0, UTIME_OMIT}, {std::time(nullptr) - age, 0}};
-        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+        test::writeFile(entry(name), "");
+        fs::resize_file(entry(name), uintmax_t(size));
+        fs::last_write_time(entry(name),
+                            fs::file_time_type::clock::now() - std::chrono::seconds(age));
     }
+    URL url(const std::string& name) { return URL::fileURLWithPath(entry(name)); }
+
+    // Waits for the single completion of `start` and returns its error; it
+    // must come on the global queue of `priority`.
+    template <typename Start>
+    OptionalError await(Start start, QueuePriority priority) {
+        const DispatchQueue* queue = nullptr;
+        auto error = test::awaitOnce<OptionalError>([&](std::function<void(OptionalError)> done) {
+            start([&queue, done](OptionalError e) {
+                queue = DispatchQueue::current();
+                done(std::move(e));
+            });
+        });
+        EXPECT_EQ(queue, DispatchQueue::global(priority).get());
+        return error;
+    }
+
     static off_t sizeOf(const std::string& path) {
         struct stat st {};
         EXPECT_EQ(stat(path.c_str(), &st), 0) << path;
@@ -229,6 +243,54 @@ TEST_F(MovieStoreTest, CreationDate) {
     ASSERT_TRUE(date);
     EXPECT_LT(std::chrono::abs(MovieStore::Clock::now() - *date), std::chrono::minutes(1));
     EXPECT_FALSE(store._srGetCreationDateForFile(URL::fileURLWithPath(entry("none.mp4"))));
+}
+
+TEST_F(MovieStoreTest, RemoveFileOnTheBackgroundQueue) {
+    store._srSetupTempDirectory();
+    test::writeFile(entry("a.mp4"), "data");
+    const auto bg = QueuePriority::Background;
+    EXPECT_FALSE(await([&](auto c) { store._srRemoveFile(url("a.mp4"), c); }, bg));
+    EXPECT_FALSE(fs::exists(entry("a.mp4")));
+
+    capture.clear();
+    EXPECT_FALSE(await([&](auto c) { store._srRemoveFile(url("missing.mp4"), c); }, bg));
+    EXPECT_TRUE(capture.lines().empty());
+    store._srRemoveFile(url("missing.mp4"));  // no completion: nothing to call
+}
+
+TEST_F(MovieStoreTest, MoveReplacesTheDestination) {
+    store._srSetupTempDirectory();
+    test::writeFile(entry("from.mp4"), "new");
+    test::writeFile(entry("to.mp4"), "old");
+    const auto def = QueuePriority::Default;
+    EXPECT_FALSE(
+        await([&](auto c) { store._srMoveFileFromURL(url("from.mp4"), url("to.mp4"), c); }, def));
+    std::ifstream in(entry("to.mp4"));
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "new");
+
+    capture.clear();
+    auto error = await([&](auto c) { store._srMoveFileFromURL(url("gone"), url("x"), c); }, def);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code, ENOENT);
+    EXPECT_TRUE(capture.contains("_svMoveFileFromURL error: 2", log::Level::Error));
+}
+
+TEST_F(MovieStoreTest, DeleteByPrefixIgnoresCaseAndDiacritics) {
+    store._srSetupTempDirectory();
+    const std::vector<std::string> removed = {"svmovie_a.mp4", "SVMovie_b.mp4", "SVMövie_c.mp4"},
+                                   kept = {"a_SVMovie.mp4", "SVMov.mp4"};
+    for (const auto& name : removed) test::writeFile(entry(name), "x");
+    for (const auto& name : kept) test::writeFile(entry(name), "x");
+    const DispatchQueue* queue = nullptr;
+    test::awaitOnce<>([&](std::function<void()> done) {
+        store._srDeleteFilesWithPrefix("SVMovie", [&queue, done] {
+            queue = DispatchQueue::current();
+            done();
+        });
+    });
+    EXPECT_EQ(queue, DispatchQueue::global(QueuePriority::Default).get());
+    for (const auto& name : removed) EXPECT_FALSE(fs::exists(entry(name))) << name;
+    for (const auto& name : kept) EXPECT_TRUE(fs::exists(entry(name))) << name;
 }
 
 }  // namespace

@@ -44,6 +44,7 @@ class StoreManagerTest : public ::testing::Test {
                 });
         }).join();
         MainRunLoop::runFor(std::chrono::seconds(10));
+        EXPECT_FALSE(MainRunLoop::isRunning());
         EXPECT_EQ(calls, 1);
         return result;
     }
@@ -106,21 +107,6 @@ TEST_F(StoreManagerTest, LookupServiceAnswersOffTheCallersThread) {
         });
     });
     EXPECT_NE(answerThread, std::this_thread::get_id());
-
-    // An unreadable catalog answers with no items and an error that says so.
-    test::writeFile(apps / "broken.json", "{ not json");
-    StoreLookupRequest::setCatalogPath(apps / "broken.json");
-    OptionalError failure;
-    test::awaitOnce<>([&](std::function<void()> done) {
-        request.start([&, done](const StoreLookupResponse& response, OptionalError error) {
-            EXPECT_TRUE(response.results.empty());
-            failure = std::move(error);
-            done();
-        });
-    });
-    ASSERT_TRUE(failure);
-    EXPECT_EQ(failure->domain, kStoreLookupErrorDomain);
-    EXPECT_EQ(failure->code, kStoreLookupErrorCatalogUnreadable);
 }
 
 TEST(ReachabilityProbe, ResolvesAndChecksTheRouteWithoutTraffic) {
@@ -140,6 +126,31 @@ TEST(ReachabilityProbe, ResolvesAndChecksTheRouteWithoutTraffic) {
     SVReachability::setHostName("no-such-host.invalid");
     EXPECT_FALSE(SVReachability::isNetworkAvailable());
     SVReachability::setHostName(std::nullopt);
+}
+
+TEST(Reachability, FlagRuleAndInjectedProbe) {
+    for (uint32_t flags : {2u, 2u | 8u | 0x10000u})
+        EXPECT_TRUE(SVReachability::isNetworkAvailableWithFlags(flags)) << flags;
+    for (auto flags : {std::optional<uint32_t>(2 | 4), std::optional<uint32_t>(4),
+                       std::optional<uint32_t>(0), std::optional<uint32_t>()})
+        EXPECT_FALSE(SVReachability::isNetworkAvailableWithFlags(flags));
+
+    std::string probed;
+    std::optional<uint32_t> flags = 2;
+    SVReachability::setHostName("probe.example");
+    SVReachability::setFlagsProvider([&](const std::string& host) {
+        probed = host;
+        return flags;
+    });
+    EXPECT_TRUE(SVReachability::isNetworkAvailable());
+    EXPECT_EQ(probed, "probe.example");
+    flags = 6;
+    EXPECT_FALSE(SVReachability::isNetworkAvailable());
+    flags = std::nullopt;
+    EXPECT_FALSE(SVReachability::isNetworkAvailable());
+    SVReachability::setFlagsProvider(nullptr);
+    SVReachability::setHostName(std::nullopt);
+    EXPECT_EQ(SVReachability::hostName(), SVReachability::kDefaultHostName);
 }
 
 }  // namespace
