@@ -23,16 +23,6 @@ using namespace std::chrono_literals;
 namespace sv {
 namespace {
 
-TEST(HostClock, TicksAreNanoseconds) {
-    const uint64_t now = HostClock::now();
-    MediaTime t = HostClock::toMediaTime(now);
-    EXPECT_EQ(t.timescale, 1'000'000'000);
-    EXPECT_EQ(HostClock::fromMediaTime(t), now);
-    EXPECT_EQ(HostClock::fromMediaTime(MediaTime::make(3, 2)), 1'500'000'000u);
-    EXPECT_EQ(HostClock::fromMediaTime(MediaTime::invalid()), 0u);
-    EXPECT_EQ(HostClock::ticksForFrames(44100, 44100.0), 1'000'000'000u);
-}
-
 struct RecordingObserver : KeyValueObserver {
     std::vector<std::pair<std::string, KeyValueChange>> changes;
     bool removeSelf = false;

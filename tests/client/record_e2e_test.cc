@@ -13,6 +13,7 @@
 #include <functional>
 #include <sstream>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "movie/movie_inspector.h"
@@ -27,7 +28,7 @@
 #include "tests/support/test_util.h"
 
 #ifdef SV_TEST_HAVE_WAYLAND
-#include "platform/screen/testing/wayland_desktop.h"
+#include "tests/screen/wayland_test_desktop.h"
 #endif
 #ifdef SV_TEST_HAVE_XVFB
 #include <xcb/xcb.h>
@@ -43,6 +44,7 @@ using namespace std::chrono_literals;
 using sv::test::contains;
 using sv::test::countOf;
 using sv::test::has;
+using ::testing::ElementsAre, ::testing::Gt, ::testing::Lt;
 
 namespace {
 
@@ -346,7 +348,7 @@ double rmsOf(const std::vector<float>& x, size_t from, size_t to) {
     return to > from ? std::sqrt(sum / double(to - from)) : 0;
 }
 
-// The lumas at `points` ({x, y}) of the first video frame of `path` (-1 for
+// The lumas at `points` ({x, y}) of the last video frame of `path` (-1 for
 // a point outside it).
 std::vector<int> lumasAt(const std::string& path, std::vector<std::pair<int32_t, int32_t>> points) {
     std::vector<int> lumas;
@@ -354,11 +356,12 @@ std::vector<int> lumasAt(const std::string& path, std::vector<std::pair<int32_t,
     if (!reader) return lumas;
     (void)reader->decode(
         [&](const media::LumaFrame& f) {
+            lumas.clear();
             for (auto [x, y] : points)
                 lumas.push_back(x < f.width && y < f.height
                                     ? f.data[size_t(y) * f.bytesPerRow + size_t(x)]
                                     : -1);
-            return false;
+            return true;
         },
         nullptr);
     return lumas;
@@ -463,10 +466,9 @@ TEST_F(RecordEndToEndTest, BroadcastsALiveHLSStreamThroughTheUploadExtension) {
             EXPECT_LE(segments[i], 2.6) << "segment " << i << " of a 2 s clip duration";
         auto stream = inspectMovie(playlist);
         ASSERT_TRUE(stream) << stream.error().message();
-        ASSERT_EQ(stream->movie.tracks.size(), 3u);
-        EXPECT_EQ(stream->movie.tracks[0].codec, "h264");
-        EXPECT_EQ(stream->movie.tracks[1].codec, "aac");
-        EXPECT_EQ(stream->movie.tracks[2].codec, "aac");
+        std::vector<std::string> codecs;
+        for (const auto& t : stream->movie.tracks) codecs.push_back(t.codec);
+        ASSERT_EQ(codecs, (std::vector<std::string>{"h264", "aac", "aac"}));
         ASSERT_TRUE(stream->stamps);
         EXPECT_GT(stream->stamps->stamped, 100);  // of 300 at 30 fps on a quiet machine
         EXPECT_EQ(stream->stamps->duplicates + stream->stamps->outOfOrder, 0);
@@ -585,17 +587,9 @@ TEST_F(RecordEndToEndTest, BroadcastsALiveHLSStreamThroughTheUploadExtension) {
 // kept, and a compositor that goes away mid-recording ends the next
 // recording with its error and the movie recorded so far.
 TEST_F(RecordEndToEndTest, ASystemRecordingOfAWaylandDesktopGoesThroughItsPortal) {
-    const char* ci = std::getenv("CI");
-    const bool inCI = ci && std::string(ci) == "true";
-    if (!sv::testing::WaylandDesktop::available()) {
-        if (inCI) FAIL() << "sway or the desktop portal is missing (scripts/install-deps.sh)";
-        GTEST_SKIP() << "sway or the desktop portal is not installed";
-    }
-    auto started = sv::testing::WaylandDesktop::start({.width = 640, .height = 360});
-    if (!started && !inCI)
-        GTEST_SKIP() << "no private Wayland desktop here: " << started.error().message();
-    ASSERT_TRUE(started) << started.error().message();
-    auto desktop = std::move(*started);
+    std::unique_ptr<sv::testing::WaylandDesktop> desktop;
+    ASSERT_NO_FATAL_FAILURE(sv::test::startWaylandDesktop(desktop, {.width = 640, .height = 360}));
+    if (IsSkipped()) return;
     const std::string state = dir_ + "/state";
     env_.insert(env_.end(),
                 {"DBUS_SESSION_BUS_ADDRESS=" + desktop->busAddress(),
@@ -623,23 +617,15 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAWaylandDesktopGoesThroughItsPortal
     EXPECT_GT(video.duration, 0.1);  // the compositor's first picture may come late
     // The last picture (the window may float only after the first ones):
     // 0x3080C0 has a luma of about 111, the window's 0xF0F0F0 about 222,
-    // inside its rectangle (100,80)-(300,200) and not outside it.
-    struct Point {
-        int x, y, luma;
-    };
-    const Point points[] = {{200, 140, 222}, {104, 84, 222},  {296, 196, 222}, {320, 300, 111},
-                            {96, 140, 111},  {304, 140, 111}, {200, 76, 111},  {200, 204, 111}};
-    std::vector<int> lumas;
-    (void)reader->decode(
-        [&](const media::LumaFrame& f) {
-            lumas.clear();
-            for (const Point& pt : points) lumas.push_back(f.data[pt.y * f.bytesPerRow + pt.x]);
-            return true;
-        },
-        nullptr);
-    ASSERT_EQ(lumas.size(), std::size(points));
+    // inside its rectangle (100,80)-(300,200) (the first three points) and not
+    // outside it.
+    const std::vector<std::pair<int32_t, int32_t>> points = {{200, 140}, {104, 84}, {296, 196},
+                                                             {320, 300}, {96, 140}, {304, 140},
+                                                             {200, 76},  {200, 204}};
+    auto lumas = lumasAt(output(), points);
+    ASSERT_EQ(lumas.size(), points.size());
     for (size_t i = 0; i < lumas.size(); ++i)
-        EXPECT_NEAR(lumas[i], points[i].luma, 12) << points[i].x << "," << points[i].y;
+        EXPECT_NEAR(lumas[i], i < 3 ? 222 : 111, 12) << points[i].first << "," << points[i].second;
     EXPECT_FALSE(sv::test::readFile(state + "/sorvel/screencast-restore-token").empty());
 
     pid_t p = record({"--system", "--duration", "60"});
@@ -751,10 +737,7 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
         EXPECT_NEAR(reader->info().tracks[t].duration, video.duration, 1024.0 / 44100.0)
             << "audio track " << t;
     // Inside the white window, and the black root beside it.
-    auto lumas = lumasAt(output(), {{480, 120}, {100, 300}});
-    ASSERT_EQ(lumas.size(), 2u);
-    EXPECT_GT(lumas[0], 200);
-    EXPECT_LT(lumas[1], 60);
+    EXPECT_THAT(lumasAt(output(), {{480, 120}, {100, 300}}), ElementsAre(Gt(200), Lt(60)));
 
     // One monitor of the display (the right half), named as `sorvel
     // monitors` lists it: the movie is that monitor at its own size.
@@ -771,10 +754,8 @@ TEST_F(RecordEndToEndTest, ASystemRecordingOfAnX11DesktopIsTheScreenAsShown) {
     ASSERT_TRUE(reader);
     EXPECT_EQ(reader->info().tracks.at(0).width, 320);
     EXPECT_EQ(reader->info().tracks.at(0).height, 360);
-    lumas = lumasAt(output(), {{160, 120}, {20, 300}});  // the white window, moved left
-    ASSERT_EQ(lumas.size(), 2u);
-    EXPECT_GT(lumas[0], 200);
-    EXPECT_LT(lumas[1], 60);
+    // The white window, moved left.
+    EXPECT_THAT(lumasAt(output(), {{160, 120}, {20, 300}}), ElementsAre(Gt(200), Lt(60)));
 }
 
 #ifdef X11_RECORDER

@@ -56,15 +56,6 @@ TEST(MediaTime, SubtractAtCommonTimescale) {
     EXPECT_EQ(clamped.value, std::numeric_limits<int64_t>::max());
 }
 
-TEST(MediaTime, ConvertScaleAndFlagsCarried) {
-    MediaTime t = MediaTime::make(1001, 30000);
-    t.flags |= 0x100;
-    MediaTime c = convertScale(t, 600);
-    EXPECT_EQ(c.value, 20);
-    EXPECT_EQ(c.flags & 0x100, 0x100u);
-    EXPECT_FALSE(convertScale(MediaTime::invalid(), 600).isValid());
-}
-
 TEST(SampleBuffer, TimingCopySharesTheMedia) {
     auto surface = SharedSurface::create(64, 32).value();
     auto frame =

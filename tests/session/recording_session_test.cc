@@ -775,12 +775,7 @@ TEST(SampleTiming, TransformFlagsGiveTheTableExactly) {
         SCOPED_TRACE(r.flags);
         const AffineTransform t = _affineTransformFromTransformFlags(r.flags);
         // Exact float equality: the movie stores these values as computed.
-        EXPECT_EQ(t.a, r.a);
-        EXPECT_EQ(t.b, r.b);
-        EXPECT_EQ(t.c, r.c);
-        EXPECT_EQ(t.d, r.d);
-        EXPECT_EQ(t.tx, 0.0f);
-        EXPECT_EQ(t.ty, 0.0f);
+        EXPECT_EQ(t, (AffineTransform{r.a, r.b, r.c, r.d, 0, 0}));
         // Bits other than the three are ignored.
         EXPECT_EQ(_affineTransformFromTransformFlags(r.flags | 0xfffffff8u), t);
     }

@@ -236,18 +236,16 @@ TEST_F(MovieStoreTest, FreeSpaceThreshold) {
     EXPECT_GT(store._srDeviceFreeDiskSpace(), 0u);
 }
 
-TEST_F(MovieStoreTest, CreationDate) {
+// A file's creation date, removal on the background queue, a move that
+// replaces its destination.
+TEST_F(MovieStoreTest, CreationDateRemovalAndMove) {
     store._srSetupTempDirectory();
     makeFile("a.mp4", 1, 0);
     auto date = store._srGetCreationDateForFile(URL::fileURLWithPath(entry("a.mp4")));
     ASSERT_TRUE(date);
     EXPECT_LT(std::chrono::abs(MovieStore::Clock::now() - *date), std::chrono::minutes(1));
     EXPECT_FALSE(store._srGetCreationDateForFile(URL::fileURLWithPath(entry("none.mp4"))));
-}
 
-TEST_F(MovieStoreTest, RemoveFileOnTheBackgroundQueue) {
-    store._srSetupTempDirectory();
-    test::writeFile(entry("a.mp4"), "data");
     const auto bg = QueuePriority::Background;
     EXPECT_FALSE(await([&](auto c) { store._srRemoveFile(url("a.mp4"), c); }, bg));
     EXPECT_FALSE(fs::exists(entry("a.mp4")));
@@ -256,10 +254,7 @@ TEST_F(MovieStoreTest, RemoveFileOnTheBackgroundQueue) {
     EXPECT_FALSE(await([&](auto c) { store._srRemoveFile(url("missing.mp4"), c); }, bg));
     EXPECT_TRUE(capture.lines().empty());
     store._srRemoveFile(url("missing.mp4"));  // no completion: nothing to call
-}
 
-TEST_F(MovieStoreTest, MoveReplacesTheDestination) {
-    store._srSetupTempDirectory();
     test::writeFile(entry("from.mp4"), "new");
     test::writeFile(entry("to.mp4"), "old");
     const auto def = QueuePriority::Default;

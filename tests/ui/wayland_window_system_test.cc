@@ -12,6 +12,7 @@
 #include "platform/screen/testing/wayland_desktop.h"
 #include "platform/ui/wayland_window_system.h"
 #include "tests/process/process_helpers.h"
+#include "tests/screen/wayland_test_desktop.h"
 #include "tests/ui/recorders.h"
 
 namespace sv {
@@ -26,17 +27,9 @@ using testing::WaylandDesktop;
 // leaves nothing. What the window system reports and what a monitor
 // is told agree.
 TEST(WaylandWindowSystemTest, TheActivatedToplevelsAppIDIsFrontmostAsFocusMoves) {
-    const char* ci = std::getenv("CI");
-    const bool inCI = ci && std::string(ci) == "true";
-    if (!WaylandDesktop::available()) {
-        if (inCI) FAIL() << "sway or the desktop portal is missing (scripts/install-deps.sh)";
-        GTEST_SKIP() << "sway is not installed (scripts/install-deps.sh installs it)";
-    }
-    auto started = WaylandDesktop::start({});
-    if (!started && !inCI)
-        GTEST_SKIP() << "no private Wayland desktop here: " << started.error().message();
-    ASSERT_TRUE(started) << started.error().message();
-    auto& desktop = *started;
+    std::unique_ptr<WaylandDesktop> desktop;
+    ASSERT_NO_FATAL_FAILURE(test::startWaylandDesktop(desktop));
+    if (IsSkipped()) return;
     test::InfoRecorder infos;  // outlives the monitor's deliveries
     auto connected = WaylandWindowSystem::connect(desktop->waylandDisplay());
     ASSERT_TRUE(connected) << connected.error().message() << desktop->logs();
