@@ -694,7 +694,11 @@ class X11FrameSource final : public FrameSource {
     // bounding box of the windows, wherever they are (partly off the screen
     // included: a redirected window's pixmap holds all of it), so an
     // application's recording shows its windows at their own size and
-    // follows them as they move. False when there is nothing to draw.
+    // follows them as they move. Drawn into the spare buffer, which becomes
+    // the picture only when every window was read: a window unmapped between
+    // placing and reading leaves the last whole picture (repeated as for a
+    // hidden window), never one with a black hole. False when there is
+    // nothing to draw or a window could not be read.
     bool composePlaced(const std::vector<Placed>& placed) {
         xcb_connection_t* c = conn_.get();
         int32_t bx0 = INT32_MAX, by0 = INT32_MAX, bx1 = INT32_MIN, by1 = INT32_MIN;
@@ -710,8 +714,8 @@ class X11FrameSource final : public FrameSource {
         const int32_t bh = std::min(by1 - by0, kMaxComposedSide);
         if (bw <= 0 || bh <= 0) return false;
         const size_t composeBytes = size_t(bw) * size_t(bh) * 4;
-        if (composeBuffer_.size() != composeBytes) composeBuffer_.assign(composeBytes, 0);
-        uint8_t* out = composeBuffer_.data();
+        if (composeSpare_.size() != composeBytes) composeSpare_.assign(composeBytes, 0);
+        uint8_t* out = composeSpare_.data();
         std::fill(reinterpret_cast<uint32_t*>(out),
                   reinterpret_cast<uint32_t*>(out) + size_t(bw) * size_t(bh), 0xFF000000u);
         for (const Placed& p : placed) {
@@ -725,12 +729,13 @@ class X11FrameSource final : public FrameSource {
             bool ok = readImage(pixmap, int16_t(x0 - (p.x - bx0)), int16_t(y0 - (p.y - by0)),
                                 uint16_t(x1 - x0), uint16_t(y1 - y0), &pixels, holder);
             xcb_free_pixmap(c, pixmap);
-            if (!ok) continue;  // unmapped in between: paused from the next frame
+            if (!ok) return false;  // unmapped in between: paused from this frame
             libyuv::ARGBCopy(pixels, (x1 - x0) * 4,
                              out + (size_t(y0) * size_t(bw) + size_t(x0)) * 4, bw * 4, x1 - x0,
                              y1 - y0);
         }
-        composed_ = out;
+        composeBuffer_.swap(composeSpare_);
+        composed_ = composeBuffer_.data();
         composedStride_ = bw * 4;
         composedWidth_ = bw;
         composedHeight_ = bh;
@@ -747,18 +752,18 @@ class X11FrameSource final : public FrameSource {
         Placement placement = placeCloned();
         if (xcb_connection_has_error(conn_.get())) return {};
         if (placement.gone) return failed(CaptureFailure::Kind::Failed, kScreenCaptureSourceGone);
-        if (placement.placed.empty()) {
-            // Nothing on screen: the last picture is repeated, so the movie
-            // keeps its frame rate and shows where the windows were.
+        if (!placement.placed.empty() &&
+            (!placement.tree || !stackPlaced(placement.placed, *placement.tree)))
+            return {};
+        if (placement.placed.empty() || !composePlaced(placement.placed)) {
+            // Nothing on screen (or a window left it while being read): the
+            // last picture is repeated, so the movie keeps its frame rate and
+            // shows where the windows were.
             if (haveClonedPicture_) {
                 composed_ = composeBuffer_.data();
                 composedValid_ = true;
             }
-            return result;
         }
-        if (!placement.tree || !stackPlaced(placement.placed, *placement.tree) ||
-            !composePlaced(placement.placed))
-            return {};
         return result;
     }
 
@@ -777,6 +782,7 @@ class X11FrameSource final : public FrameSource {
     std::vector<ClonedWindow> cloned_;
     uint64_t cloneVersion_ = ~uint64_t(0);
     std::vector<uint8_t> composeBuffer_;
+    std::vector<uint8_t> composeSpare_;  // the next picture while it is drawn
     bool warnedNoComposite_ = false;
     // composeBuffer_ holds the last picture of the clone set (repeated
     // while none of its windows is on screen).
