@@ -308,6 +308,12 @@ int main(int argc, char** argv) {
     // keep it within about 15 MB of its idle size after any number of
     // recordings (bench/soak), before any thread starts.
     mallopt(M_ARENA_MAX, kMallocArenas);
+    // A write to a peer that has gone (an X server that exits during a
+    // frame) fails with EPIPE instead of ending the service without a line
+    // in its log: not every library asks the kernel for that per write (xcb
+    // does not). Before any thread starts; the extension sandbox resets it
+    // for its children.
+    std::signal(SIGPIPE, SIG_IGN);
     Options options;
     if (int rc = parse(argc, argv, options)) return rc == -2 ? 0 : rc;
     applySettings(options);

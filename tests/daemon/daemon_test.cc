@@ -110,6 +110,11 @@ TEST_F(DaemonTest, AnIdleDaemonAnswersTheShellAndEndsOnSigterm) {
     EXPECT_TRUE(std::filesystem::is_empty(store_));
     EXPECT_TRUE(daemon.logged("SVRecordingManager: cache delete purge callback"));
 
+    // A write to a peer that went away (an X server's socket shut down
+    // during a frame) fails that write; it once ended the daemon silently.
+    ASSERT_EQ(kill(daemon.pid(), SIGPIPE), 0);
+    ASSERT_TRUE(daemon.answers(10s));
+
     EXPECT_EQ(daemon.stop(SIGTERM), 255);  // the entry point returns -1 when its run loop ends
     EXPECT_EQ(daemon.logCount("sorveld Starting!"), 1u);
     EXPECT_FALSE(exists(ipc::servicePath(kShellServiceName)));
