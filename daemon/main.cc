@@ -314,6 +314,8 @@ int main(int argc, char** argv) {
     // does not). Before any thread starts; the extension sandbox resets it
     // for its children.
     std::signal(SIGPIPE, SIG_IGN);
+    // A crash leaves a line in the log, where the queued lines stop.
+    sv::log::writeLineOnFatalSignals();
     Options options;
     if (int rc = parse(argc, argv, options)) return rc == -2 ? 0 : rc;
     applySettings(options);

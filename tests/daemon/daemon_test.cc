@@ -222,6 +222,13 @@ TEST_F(DaemonTest, OutOfRangeIntegersAreRejectedNotClamped) {
     EXPECT_TRUE(
         callAndWait(peer, rawCall(kPurge, {cborInt(0), cborInt(3), cborInt(int64_t(id))}), id));
     EXPECT_NE(access(movie.c_str(), F_OK), 0);
+
+    // Ended by abort() (as an uncaught exception ends it), the daemon's log
+    // says so instead of simply stopping.
+    rlimit noCore{0, 0};
+    ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_CORE, &noCore, nullptr), 0);
+    EXPECT_EQ(daemon.stop(SIGABRT), 128 + SIGABRT);
+    EXPECT_TRUE(daemon.logged("<critical> ended by signal 6 (SIGABRT)")) << daemon.log();
 }
 
 }  // namespace
