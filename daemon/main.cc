@@ -86,7 +86,9 @@ void usage(FILE* out) {
         "directory; sockets passed by systemd (sorveld.socket) are used when present.\n\n"
         "Exit status: 255 ended by SIGTERM, SIGINT or the idle exit (the service's\n"
         "normal end); 1 it cannot start (no home directory, a backend that cannot be\n"
-        "used, another instance listening); 2 usage.\n\n"
+        "used, another instance listening); 2 usage. Ended by a crash or another\n"
+        "signal (short of SIGKILL), its last log line names the signal:\n"
+        "\"<critical> ended by signal 11 (SIGSEGV)\".\n\n"
         "Environment: SORVEL_RUNTIME_DIR, XDG_RUNTIME_DIR (the runtime directory);\n"
         "HOME (the movie store); SORVEL_LOG_LEVEL; SORVEL_AUDIO_BACKEND,\n"
         "SORVEL_SCREEN_BACKEND, DISPLAY (capture); SORVEL_BUNDLE_PATH, XDG_DATA_HOME\n"
@@ -308,6 +310,14 @@ int main(int argc, char** argv) {
     // keep it within about 15 MB of its idle size after any number of
     // recordings (bench/soak), before any thread starts.
     mallopt(M_ARENA_MAX, kMallocArenas);
+    // A write to a peer that has gone (an X server that exits during a
+    // frame) fails with EPIPE instead of ending the service without a line
+    // in its log: not every library asks the kernel for that per write (xcb
+    // does not). Before any thread starts; the extension sandbox resets it
+    // for its children.
+    std::signal(SIGPIPE, SIG_IGN);
+    // A crash leaves a line in the log, where the queued lines stop.
+    sv::log::writeLineOnFatalSignals();
     Options options;
     if (int rc = parse(argc, argv, options)) return rc == -2 ? 0 : rc;
     applySettings(options);

@@ -1,8 +1,12 @@
 #include "platform/log.h"
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -224,6 +228,85 @@ void setIdentifier(const std::string& identifier) {
     std::lock_guard lock(s.mutex);
     s.identifier = identifier;
     s.logger.reset();
+}
+
+namespace {
+
+struct FatalSignal {
+    int number;
+    const char* name;
+};
+// Signals whose default action ends the process, short of SIGKILL and
+// SIGTERM/SIGINT (which services handle), SIGPIPE and SIGXFSZ (which they
+// ignore) and SIGTRAP (a debugger's).
+constexpr FatalSignal kFatalSignals[] = {
+    {SIGHUP, "SIGHUP"},   {SIGQUIT, "SIGQUIT"}, {SIGILL, "SIGILL"},   {SIGABRT, "SIGABRT"},
+    {SIGBUS, "SIGBUS"},   {SIGFPE, "SIGFPE"},   {SIGUSR1, "SIGUSR1"}, {SIGSEGV, "SIGSEGV"},
+    {SIGUSR2, "SIGUSR2"}, {SIGALRM, "SIGALRM"}, {SIGSYS, "SIGSYS"},   {SIGXCPU, "SIGXCPU"}};
+
+// The identifier as of writeLineOnFatalSignals(), for the handler (which
+// may take no lock).
+char fatalIdentifier[64];
+
+// In whatever thread the signal hit: async-signal-safe calls only, no
+// allocation and no lock.
+void onFatalSignal(int number, siginfo_t* info, void*) {
+    const int savedErrno = errno;
+    char line[160];
+    size_t n = 0;
+    auto put = [&](const char* text) {
+        while (*text && n < sizeof line - 1) line[n++] = *text++;
+    };
+    auto putNumber = [&](unsigned long v) {
+        char digits[24];
+        size_t d = 0;
+        do digits[d++] = char('0' + v % 10);
+        while ((v /= 10) != 0);
+        while (d > 0 && n < sizeof line - 1) line[n++] = digits[--d];
+    };
+    const char* name = "?";
+    for (const FatalSignal& s : kFatalSignals)
+        if (s.number == number) name = s.name;
+    put(fatalIdentifier);
+    put("[");
+    putNumber(unsigned(::gettid()));
+    put("] <critical> ended by signal ");
+    putNumber(unsigned(number));
+    put(" (");
+    put(name);
+    put(")\n");
+    (void)!::write(STDERR_FILENO, line, n);
+    struct sigaction dfl {};
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    sigaction(number, &dfl, nullptr);
+    // A fault comes back when the handler returns (the instruction runs
+    // again) and then takes its default course; a signal that a process or
+    // abort() sent is sent again, delivered once the handler returns.
+    const bool fault =
+        info && info->si_code > 0 &&
+        (number == SIGSEGV || number == SIGBUS || number == SIGILL || number == SIGFPE);
+    if (!fault) raise(number);
+    errno = savedErrno;
+}
+
+}  // namespace
+
+void writeLineOnFatalSignals() {
+    {
+        std::lock_guard lock(state().mutex);
+        std::snprintf(fatalIdentifier, sizeof fatalIdentifier, "%s", state().identifier.c_str());
+    }
+    for (const FatalSignal& s : kFatalSignals) {
+        struct sigaction current {};
+        if (sigaction(s.number, nullptr, &current) != 0) continue;
+        if ((current.sa_flags & SA_SIGINFO) || current.sa_handler != SIG_DFL) continue;
+        struct sigaction action {};
+        action.sa_sigaction = onFatalSignal;
+        action.sa_flags = SA_SIGINFO;
+        sigemptyset(&action.sa_mask);
+        sigaction(s.number, &action, nullptr);
+    }
 }
 
 void flush() {

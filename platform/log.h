@@ -103,6 +103,15 @@ void setIdentifier(const std::string& identifier);
 void setOutputEnabled(bool enabled);
 // Waits until queued lines have been written.
 void flush();
+// Makes a signal that ends the process (a crash, abort(), a stray signal
+// nobody handles) first write one line to stderr, which journald keeps
+// under systemd: "<identifier>[<thread>] <critical> ended by signal 6
+// (SIGABRT)". Queued lines die with the process, so without it a crash
+// leaves a log that simply stops. Signals whose action is not the default
+// (a sanitizer's handler, an ignored signal) are left alone, and each
+// signal still takes its default course afterwards (core dump, exit
+// status). Call once, on the main thread, before other threads start.
+void writeLineOnFatalSignals();
 
 template <typename... A>
 void info(std::string_view fmt, const A&... args) {

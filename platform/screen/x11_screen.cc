@@ -331,7 +331,12 @@ class X11FrameSource final : public FrameSource {
     void interrupt() override {
         interrupted_ = true;
         std::lock_guard lock(connMutex_);
-        if (conn_) shutdown(xcb_get_file_descriptor(conn_.get()), SHUT_RDWR);
+        // The receiving side only: a grab waits for replies, never for room
+        // to write (xcb polls for input whenever it waits, and sees the end
+        // at once). Shutting the sending side as well made a request the
+        // delivery thread was about to write raise SIGPIPE, which ends any
+        // process that does not ignore it.
+        if (conn_) shutdown(xcb_get_file_descriptor(conn_.get()), SHUT_RD);
     }
 
   private:

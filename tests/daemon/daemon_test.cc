@@ -110,6 +110,11 @@ TEST_F(DaemonTest, AnIdleDaemonAnswersTheShellAndEndsOnSigterm) {
     EXPECT_TRUE(std::filesystem::is_empty(store_));
     EXPECT_TRUE(daemon.logged("SVRecordingManager: cache delete purge callback"));
 
+    // A write to a peer that went away (an X server's socket shut down
+    // during a frame) fails that write; it once ended the daemon silently.
+    ASSERT_EQ(kill(daemon.pid(), SIGPIPE), 0);
+    ASSERT_TRUE(daemon.answers(10s));
+
     EXPECT_EQ(daemon.stop(SIGTERM), 255);  // the entry point returns -1 when its run loop ends
     EXPECT_EQ(daemon.logCount("sorveld Starting!"), 1u);
     EXPECT_FALSE(exists(ipc::servicePath(kShellServiceName)));
@@ -217,6 +222,13 @@ TEST_F(DaemonTest, OutOfRangeIntegersAreRejectedNotClamped) {
     EXPECT_TRUE(
         callAndWait(peer, rawCall(kPurge, {cborInt(0), cborInt(3), cborInt(int64_t(id))}), id));
     EXPECT_NE(access(movie.c_str(), F_OK), 0);
+
+    // Ended by abort() (as an uncaught exception ends it), the daemon's log
+    // says so instead of simply stopping.
+    rlimit noCore{0, 0};
+    ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_CORE, &noCore, nullptr), 0);
+    EXPECT_EQ(daemon.stop(SIGABRT), 128 + SIGABRT);
+    EXPECT_TRUE(daemon.logged("<critical> ended by signal 6 (SIGABRT)")) << daemon.log();
 }
 
 }  // namespace

@@ -40,7 +40,10 @@ inline std::vector<std::string> environmentWith(const std::vector<std::string>& 
 
 // Starts `argv[0]` with `argv` and the environment with `extraEnv`, standard
 // input from `inputFile`, standard output and error to `outputFile` when
-// given (emptied first unless `append`). Returns the pid or -1.
+// given (emptied first unless `append`), every signal at its default and
+// unblocked, as a login shell or the service manager starts it: a process
+// must not pass only because the test ignores a signal. Returns the pid or
+// -1.
 inline pid_t spawnProcess(const std::vector<std::string>& argv,
                           const std::vector<std::string>& extraEnv = {},
                           const std::string& outputFile = {},
@@ -59,8 +62,17 @@ inline pid_t spawnProcess(const std::vector<std::string>& argv,
                                          O_WRONLY | O_CREAT | (append ? O_APPEND : O_TRUNC), 0600);
         posix_spawn_file_actions_adddup2(&fa, 1, 2);
     }
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t all, none;
+    sigfillset(&all);
+    sigemptyset(&none);
+    posix_spawnattr_setsigdefault(&attr, &all);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
     pid_t pid = -1;
-    int rc = posix_spawn(&pid, a[0], &fa, nullptr, a.data(), en.data());
+    int rc = posix_spawn(&pid, a[0], &fa, &attr, a.data(), en.data());
+    posix_spawnattr_destroy(&attr);
     posix_spawn_file_actions_destroy(&fa);
     return rc == 0 ? pid : -1;
 }
