@@ -102,14 +102,7 @@ bool SVBroadcastExtensionProxy::listenerShouldAcceptNewConnection(
     connection->setRemoteObjectInterface(broadcastExtensionProtocolInterface());
     connection->setInvalidationHandler([weak] {
         log::error("connection to broadcast extension invalidated");
-        auto self = weak.lock();
-        if (!self) return;
-        ErrorHandler handler;
-        {
-            std::lock_guard lock(self->mutex_);
-            handler = self->errorHandler_;
-        }
-        if (handler) handler(_svUserErrorForCode(kSVRecordingErrorBroadcast));
+        if (auto self = weak.lock()) self->reportBroadcastError();
     });
     connection->setInterruptionHandler(
         [] { log::error("connection to broadcast extension interrupted"); });
@@ -137,19 +130,21 @@ void SVBroadcastExtensionProxy::updateServiceInfo(const Value& serviceInfo) {
     if (handler) handler(serviceInfo);
 }
 
+void SVBroadcastExtensionProxy::reportBroadcastError() const {
+    ErrorHandler handler;
+    {
+        std::lock_guard lock(mutex_);
+        handler = errorHandler_;
+    }
+    if (handler) handler(_svUserErrorForCode(kSVRecordingErrorBroadcast));
+}
+
 ipc::ErrorHandler SVBroadcastExtensionProxy::remoteErrorHandler() const {
     std::weak_ptr<const SVBroadcastExtensionProxy> weak = weak_from_this();
     return [weak](const Error& error) {
         static log::RateLimit limit;
         log::error(limit, "error getting remote proxy to extension: %i", int32_t(error.code));
-        auto self = weak.lock();
-        if (!self) return;
-        ErrorHandler handler;
-        {
-            std::lock_guard lock(self->mutex_);
-            handler = self->errorHandler_;
-        }
-        if (handler) handler(_svUserErrorForCode(kSVRecordingErrorBroadcast));
+        if (auto self = weak.lock()) self->reportBroadcastError();
     };
 }
 

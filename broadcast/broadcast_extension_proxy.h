@@ -102,6 +102,8 @@ class SVBroadcastExtensionProxy : public ipc::ListenerDelegate,
         : extension_(std::move(extension)) {}
     std::shared_ptr<ipc::Connection> connection() const;
     ipc::ErrorHandler remoteErrorHandler() const;
+    // Tells the error handler that the broadcast failed; on the calling thread.
+    void reportBroadcastError() const;
 
     const std::shared_ptr<AppExtension> extension_;
     mutable std::mutex mutex_;
